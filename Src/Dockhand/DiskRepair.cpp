@@ -1,0 +1,82 @@
+// Repairing a recording disk: XFS only, and only while it is not open.
+
+#include <sys/mount.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "DockhandClient.h"
+#include "FailureJudges.h"
+#include "ModuleLog.h"
+
+namespace Dockhand {
+
+bool DockhandClient::RunDiskRepair(std::int16_t deviceId) {
+  usbClientLog.write(2, 1187, "RunDiskRepair(", deviceId, ")");
+  PartitionInfo partition;
+  bool repaired = false;
+  if (!GetPartitionInfo(deviceId, partition)) {
+    usbClientLog.write(5, 1194, "RunDiskRepair(", deviceId, ") - Unknown device!");
+  } else if (partition.deviceOpen) {
+    usbClientLog.write(5, 1260, "RunDiskRepair(", deviceId, ") - device open!");
+  } else if (partition.fsType != "xfs") {
+    usbClientLog.write(4, 1255, "repair not supported for: ", partition.fsType);
+  } else if (!beginRepair(deviceId)) {
+    usbClientLog.write(5, 1201, "RunDiskRepair(", deviceId, ") - repair already running!");
+  } else {
+    replayJournal(partition.mountDevice);
+    forceUnmount(partition.mountDevice, 1237, "");
+    repaired = executeShellCommand("xfs_repair " + partition.mountDevice, 1241, true) == 0;
+    if (!repaired) {
+      // Zeroes a log that cannot be replayed.
+      repaired = executeShellCommand("xfs_repair -L " + partition.mountDevice, 1248, true) == 0;
+    }
+    endRepair();
+  }
+  usbClientLog.write(3, 1263, "xfs_repair ", repaired ? "PASSED" : "FAILED");
+  return repaired;
+}
+
+void DockhandClient::replayJournal(const std::string& mountDevice) {
+  const std::string mountPoint = "/media/disk_tmp";
+  if (platform_.mkdir(mountPoint, 0775) != 0 && !acceptMkdirError(errno)) {
+    return;
+  }
+  if (platform_.mount(mountDevice, mountPoint, "xfs", MS_NOSUID | MS_NOEXEC | MS_NOATIME, "prjquota") != 0) {
+    const int error = errno;
+    usbClientLog.write(4, 1220, "mount(", mountDevice, ",", mountPoint, ") failed, errno=", error, "=",
+                       std::strerror(error));
+  }
+  if (platform_.umount(mountPoint) != 0) {
+    const int error = errno;
+    usbClientLog.write(4, 1225, "umount(", mountPoint, ") failed, errno=", error, "=", std::strerror(error));
+  }
+  if (platform_.rmdir(mountPoint) != 0) {
+    const int error = errno;
+    usbClientLog.write(4, 1229, "rmdir(", mountPoint, ") failed, errno=", error, "=", std::strerror(error));
+  }
+}
+
+// Plain members, set and read without the handler's lock: opening looks at them, and nothing waits for them.
+// The exchange makes sure of a single repair: two would share the one mount point and end each other's
+// announcement.
+
+bool DockhandClient::beginRepair(std::int16_t deviceId) {
+  if (__atomic_exchange_n(&diskRepairRunning, true, __ATOMIC_ACQ_REL)) {
+    return false;
+  }
+  __atomic_store_n(&diskRepairDeviceId, deviceId, __ATOMIC_RELEASE);
+  return true;
+}
+
+void DockhandClient::endRepair() {
+  __atomic_store_n(&diskRepairDeviceId, std::int16_t{0}, __ATOMIC_RELEASE);
+  __atomic_store_n(&diskRepairRunning, false, __ATOMIC_RELEASE);
+}
+
+bool DockhandClient::isUnderRepair(std::int16_t deviceId) const {
+  return __atomic_load_n(&diskRepairRunning, __ATOMIC_ACQUIRE) &&
+         __atomic_load_n(&diskRepairDeviceId, __ATOMIC_ACQUIRE) == deviceId;
+}
+
+}  // namespace Dockhand

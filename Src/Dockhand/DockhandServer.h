@@ -1,0 +1,25 @@
+#ifndef DOCKHAND_DOCKHANDSERVER_H
+#define DOCKHAND_DOCKHANDSERVER_H
+
+#include <boost/shared_ptr.hpp>
+
+#include "DockhandClient.h"
+#include "Platform.h"
+
+namespace Dockhand {
+
+/// The service: one handler, served on local socket 9020 by a listener thread and ten workers.
+class DockhandServer {
+ public:
+  /// Makes the handler and starts to serve. Throws when the socket cannot be had (another daemon serves it,
+  /// for instance) or a thread cannot be made. `platform` must live as long as the process: the threads,
+  /// which are detached, go on when the server object has gone.
+  explicit DockhandServer(Platform& platform);
+
+ private:
+  boost::shared_ptr<DockhandClient> handler;
+};
+
+}  // namespace Dockhand
+
+#endif  // DOCKHAND_DOCKHANDSERVER_H

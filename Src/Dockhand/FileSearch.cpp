@@ -1,0 +1,62 @@
+// File search: the files of one directory that have a given extension.
+
+#include <algorithm>
+#include <cctype>
+
+#include "DockhandClient.h"
+#include "ModuleLog.h"
+
+namespace Dockhand {
+
+namespace {
+
+std::string toUpperCase(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+  return text;
+}
+
+/// Everything behind the last dot; the whole name where there is none.
+std::string extensionOf(const std::string& name) {
+  return name.substr(name.rfind('.') + 1);
+}
+
+/// Closes a directory also when the list of its files outgrows the memory.
+struct DirectoryCloser {
+  Platform& platform;
+  DIR* directory;
+
+  DirectoryCloser(Platform& closingPlatform, DIR* openDirectory)
+      : platform(closingPlatform), directory(openDirectory) {}
+  DirectoryCloser(const DirectoryCloser&) = delete;
+  DirectoryCloser& operator=(const DirectoryCloser&) = delete;
+  ~DirectoryCloser() { platform.closedir(directory); }
+};
+
+}  // namespace
+
+void DockhandClient::GetFilesByExtension(std::vector<std::string>& _return, std::int16_t deviceId,
+                                         const std::string& directory, const std::string& extension) {
+  usbClientLog.write(2, 1402, "GetFilesByExtension(", deviceId, ")");
+  const Lock lock(*this);
+  const UsbDeviceEntry* device = findDevice(deviceId);
+  const std::string mountPoint = device != nullptr ? device->mountPoint : std::string();
+
+  DIR* const opened = platform_.opendir(mountPoint + '/' + directory);
+  if (opened == nullptr) {
+    return;
+  }
+  const DirectoryCloser closer(platform_, opened);
+  while (const dirent* file = platform_.readdir(opened)) {
+    const std::string name = file->d_name;
+    if (name == "." || name == "..") {
+      continue;
+    }
+    const std::string found = extensionOf(name);
+    if (found == extension || found == toUpperCase(extension)) {
+      _return.push_back(name);
+    }
+  }
+}
+
+}  // namespace Dockhand

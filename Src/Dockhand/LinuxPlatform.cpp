@@ -1,0 +1,114 @@
+#include "LinuxPlatform.h"
+
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+namespace Dockhand {
+
+namespace {
+
+/// True, with errno set, for a text that the kernel would cut short and so take for another path.
+bool namesNoFile(const std::string& path) {
+  if (path.find('\0') == std::string::npos) {
+    return false;
+  }
+  errno = ENOENT;
+  return true;
+}
+
+}  // namespace
+
+int LinuxPlatform::mount(const std::string& source, const std::string& target, const char* fileSystemType,
+                         unsigned long flags, const char* options) {
+  if (namesNoFile(source) || namesNoFile(target)) {
+    return -1;
+  }
+  return ::mount(source.c_str(), target.c_str(), fileSystemType, flags, options);
+}
+
+int LinuxPlatform::umount(const std::string& target) {
+  return namesNoFile(target) ? -1 : ::umount(target.c_str());
+}
+
+int LinuxPlatform::umount2(const std::string& target, int flags) {
+  return namesNoFile(target) ? -1 : ::umount2(target.c_str(), flags);
+}
+
+int LinuxPlatform::mkdir(const std::string& path, mode_t mode) {
+  return namesNoFile(path) ? -1 : ::mkdir(path.c_str(), mode);
+}
+
+int LinuxPlatform::rmdir(const std::string& path) {
+  return namesNoFile(path) ? -1 : ::rmdir(path.c_str());
+}
+
+int LinuxPlatform::access(const std::string& path, int mode) {
+  return namesNoFile(path) ? -1 : ::access(path.c_str(), mode);
+}
+
+int LinuxPlatform::scandir(const std::string& path, dirent*** entries, int (*filter)(const dirent*),
+                           int (*compare)(const dirent**, const dirent**)) {
+  return namesNoFile(path) ? -1 : ::scandir(path.c_str(), entries, filter, compare);
+}
+
+DIR* LinuxPlatform::opendir(const std::string& path) {
+  return namesNoFile(path) ? nullptr : ::opendir(path.c_str());
+}
+
+dirent* LinuxPlatform::readdir(DIR* directory) {
+  return ::readdir(directory);
+}
+
+int LinuxPlatform::closedir(DIR* directory) {
+  return ::closedir(directory);
+}
+
+int LinuxPlatform::open(const std::string& path, int flags) {
+  return namesNoFile(path) ? -1 : ::open(path.c_str(), flags | O_CLOEXEC);
+}
+
+ssize_t LinuxPlatform::read(int descriptor, void* buffer, size_t size) {
+  return ::read(descriptor, buffer, size);
+}
+
+int LinuxPlatform::close(int descriptor) {
+  return ::close(descriptor);
+}
+
+int LinuxPlatform::system(const std::string& command) {
+  return std::system(command.c_str());
+}
+
+void LinuxPlatform::sleep(unsigned int seconds) {
+  // A signal cuts a sleep short.
+  while (seconds > 0) {
+    seconds = ::sleep(seconds);
+  }
+}
+
+blkid_probe LinuxPlatform::blkid_new_probe_from_filename(const std::string& path) {
+  return namesNoFile(path) ? nullptr : ::blkid_new_probe_from_filename(path.c_str());
+}
+
+int LinuxPlatform::blkid_do_probe(blkid_probe probe) {
+  return ::blkid_do_probe(probe);
+}
+
+int LinuxPlatform::blkid_probe_lookup_value(blkid_probe probe, const char* name, const char** value) {
+  return ::blkid_probe_lookup_value(probe, name, value, nullptr);
+}
+
+void LinuxPlatform::blkid_free_probe(blkid_probe probe) {
+  ::blkid_free_probe(probe);
+}
+
+blkid_loff_t LinuxPlatform::blkid_get_dev_size(int descriptor) {
+  return ::blkid_get_dev_size(descriptor);
+}
+
+}  // namespace Dockhand

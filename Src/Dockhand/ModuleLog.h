@@ -1,0 +1,55 @@
+#ifndef DOCKHAND_MODULELOG_H
+#define DOCKHAND_MODULELOG_H
+
+#include <cstdint>
+#include <sstream>
+#include <type_traits>
+
+#include "Tlog.h"
+
+namespace Dockhand {
+
+/// Writes the log lines of one source module.
+///
+/// A module is a name that log readers filter by, not a file: all sources of the handler are one module.
+/// Every call site has a line number of its own in its module, fixed for good: log readers and support notes
+/// refer to it.
+///
+/// Threads: any number at once.
+struct ModuleLog {
+  /// Where the lines go and what is wanted of them. Null lets every line through.
+  TlogContext* context;
+  /// Path of the module, as it stands in the lines.
+  const char* sourceFile;
+
+  bool isWanted(std::int32_t level) const { return context == nullptr || context->threshold() <= level; }
+
+  /// Writes the pieces, put together without separators, as one line. Nothing is composed for a line that is
+  /// not wanted. A bool is written as 0 or 1; an 8-bit number has to be widened by the caller, lest it be
+  /// written as a character.
+  template <typename... Pieces>
+  void write(std::int32_t level, int sourceLine, const Pieces&... pieces) const {
+    static_assert((!std::is_same_v<Pieces, std::int8_t> && ...), "widen an 8-bit number to int");
+    if (!isWanted(level)) {
+      return;
+    }
+    std::ostringstream text;
+    (text << ... << pieces);
+    TlogPrintf(context, level, sourceFile, sourceLine, "%s", text.str().c_str());
+  }
+
+  /// Dumps the calling thread's stack at level 1. Without a context there is no dump: it is for those who
+  /// asked.
+  void writeStackTrace() const {
+    if (context != nullptr && context->threshold() <= 1) {
+      TlogStackTrace();
+    }
+  }
+};
+
+/// The handler's module: everything that DockhandClient does.
+extern ModuleLog usbClientLog;
+
+}  // namespace Dockhand
+
+#endif  // DOCKHAND_MODULELOG_H

@@ -1,0 +1,129 @@
+// Opening: clears away what stands where a device is to be mounted, and mounts it.
+
+#include <cerrno>
+#include <string>
+
+#include "DockhandClient.h"
+#include "FailureJudges.h"
+#include "ModuleLog.h"
+#include "MountTable.h"
+
+namespace Dockhand {
+
+namespace {
+
+/// A label or UUID is text from a disk that anybody may have made: a dot name, or one with a slash, would
+/// lead out of the one directory that automounters use.
+bool namesDirectoryUnderMedia(const std::string& name) {
+  return name != "." && name != ".." && name.find('/') == std::string::npos;
+}
+
+}  // namespace
+
+bool DockhandClient::OpenDevice(std::int16_t deviceId) {
+  return OpenDeviceAt(deviceId, "/media/disk_" + std::to_string(deviceId), false);
+}
+
+bool DockhandClient::OpenDeviceAt(std::int16_t deviceId, const std::string& mountPoint, bool isPvrDevice) {
+  usbClientLog.write(3, 640, "OpenDeviceAt(", deviceId, ", ", mountPoint, ", isPvrDevice=", isPvrDevice, ")");
+  const Lock lock(*this);
+  if (isUnderRepair(deviceId)) {
+    usbClientLog.write(5, 646, "Disk repair is running, cannot open dev ", deviceId);
+    return false;
+  }
+
+  CheckForAndUpdateNewDevices();
+  usbClientLog.write(2, 652, "Number of devices in map ", deviceMap.size());
+  for (const auto& [key, known] : deviceMap) {
+    usbClientLog.write(3, 656, "OpenDeviceAt: found device[", key, "] deviceName=\"", known.deviceName,
+                       "\" partitionCount=", known.partitionCount, ", deviceOpen=", known.deviceOpen,
+                       ", lastUsbOperation=", known.lastUsbOperation);
+  }
+  UsbDeviceEntry* entry = findDevice(deviceId);
+  if (entry == nullptr || !isPluggedIn(*entry)) {
+    usbClientLog.write(2, 669, "No such device available or device not plugged in");
+    return false;
+  }
+  if (entry->safelyRemoved) {
+    usbClientLog.write(4, 676, "USB device has been safely removed - remove/insert to enable further usage");
+    return false;
+  }
+
+  const std::string node = GetUsbMountDevice(deviceId, false);
+  usbClientLog.write(2, 684, "usb device to open is ", node);
+  entry->deviceOpen = false;
+  entry->mountPoint = mountPoint;
+  entry->hidden = isPvrDevice;
+
+  clearAutomounts(deviceId);
+  usbClientLog.write(2, 724, "mountPoint Name is ", mountPoint);
+  CheckForAndRemoveMount(mountPoint, false);
+  usbClientLog.write(2, 728, "mountPoint Name is ", mountPoint);
+
+  const int mkdirStatus = platform_.mkdir(mountPoint, 0775);
+  const int mkdirError = errno;
+  // Says ok whatever the status, which is on the next line: log readers look for this text.
+  usbClientLog.write(2, 733, "mkdir ok usbMountDevice.c_str() ", node);
+  usbClientLog.write(2, 734, "mkdir status is ", mkdirStatus);
+
+  bool mounted = false;
+  if (mkdirStatus == 0 || acceptMkdirError(mkdirError)) {
+    const std::string fsType = getBlkidLookupValue(static_cast<std::uint32_t>(deviceId), "TYPE");
+    // A type that is probed wrong, or is no row's, must not keep out a disk that some row can mount. The
+    // judge reads the errno that the last row left.
+    mounted =
+        mountByTable(node, mountPoint, fsType) || mountByTable(node, mountPoint, "") || acceptMountError();
+  }
+  if (!mounted) {
+    usbClientLog.write(2, 778, "Performing rmdir for ", mountPoint);
+    platform_.rmdir(mountPoint);
+    return false;
+  }
+  usbClientLog.write(2, 770, "mount ok");
+  entry->deviceOpen = true;
+  return true;
+}
+
+void DockhandClient::clearAutomounts(std::int16_t deviceId) {
+  requireLock();
+  ravel::rpc::ReturnValueWithString label;
+  GetDeviceLabel(label, deviceId);
+  if (label.success) {
+    usbClientLog.write(2, 697, "automount - label is  ", label.text);
+    if (namesDirectoryUnderMedia(label.text)) {
+      CheckForAndRemoveMount("/media/" + label.text, false);
+    } else {
+      usbClientLog.write(4, 701, "automount - label names no directory under /media: ", label.text);
+    }
+  }
+
+  usbClientLog.write(2, 706, "will do a get device UUID  ");
+  ravel::rpc::ReturnValueWithString uuid;
+  GetDeviceUuid(uuid, deviceId);
+  if (uuid.success) {
+    usbClientLog.write(2, 711, "automount - uuid is  ", uuid.text);
+    if (namesDirectoryUnderMedia(uuid.text)) {
+      CheckForAndRemoveMount("/media/" + uuid.text, false);
+    } else {
+      usbClientLog.write(4, 715, "automount - uuid names no directory under /media: ", uuid.text);
+    }
+  }
+
+  CheckForAndRemoveMount("/media/disk", false);
+}
+
+bool DockhandClient::mountByTable(const std::string& node, const std::string& mountPoint,
+                                  const std::string& fsType) {
+  requireLock();
+  for (const MountTableRow& row : mountTable) {
+    if (!fsType.empty() && fsType != row.probedType) {
+      continue;
+    }
+    if (platform_.mount(node, mountPoint, row.fileSystemType, row.flags, row.options) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace Dockhand

@@ -1,0 +1,114 @@
+// Preparing a recording disk: one partition over the whole disk, formatted with XFS.
+
+#include <string>
+#include <string_view>
+
+#include "DockhandClient.h"
+#include "ModuleLog.h"
+
+namespace Dockhand {
+
+namespace {
+
+constexpr std::string_view defaultPvrLabel = "PVR_DISK";
+
+/// The first 11 bytes of a label, or a few less: a UTF-8 character is not cut in two.
+std::string cutLabel(const std::string& label) {
+  constexpr std::size_t longest = 11;
+  constexpr std::size_t longestCharacter = 4;
+  if (label.size() <= longest) {
+    return label;
+  }
+  std::size_t end = longest;
+  while (longest - end < longestCharacter && (static_cast<unsigned char>(label[end]) & 0xC0) == 0x80) {
+    --end;
+  }
+  // So many continuation bytes make no character: such a label is just bytes.
+  return label.substr(0, longest - end < longestCharacter ? end : longest);
+}
+
+/// A label as it can stand between double quotes in a command of the shell. The label comes from a disk that
+/// anybody may have made, and root's shell reads the command.
+std::string escapeForShell(const std::string& label) {
+  std::string escaped;
+  for (const char c : label) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte == 0x7F) {
+      continue;
+    }
+    if (c == '"' || c == '\\' || c == '$' || c == '`') {
+      escaped += '\\';
+    }
+    escaped += c;
+  }
+  return escaped;
+}
+
+}  // namespace
+
+bool DockhandClient::PrepareDeviceForPvr(std::int16_t deviceId) {
+  const Lock lock(*this);
+  usbClientLog.write(2, 860, "PrepareDeviceForPvr(", deviceId, ")");
+  setPvrPreparationRunning(true);
+  const UsbDeviceEntry* entry = findDevice(deviceId);
+  if (entry == nullptr) {
+    // The flag stays set: plug events are ignored from here to the end of the next preparation of a known
+    // device.
+    usbClientLog.write(4, 866, "PrepareDeviceForPvr() - Unknown device: ", deviceId);
+    return false;
+  }
+  if (entry->deviceOpen) {
+    usbClientLog.write(4, 872, "PrepareDeviceForPvr() - Device is Open!");
+  }
+
+  const std::string disk = "/dev/usb_storage_" + entry->deviceName;
+  const std::string partition = disk + '1';
+  const std::string label = pvrLabel(deviceId, entry->deviceOpen);
+
+  forceUnmount(partition, 903, "");
+  // The old table, for the system log only.
+  executeShellCommand("sfdisk -l " + disk, 908, true);
+  executeShellCommand("dd if=/dev/zero of=" + disk + " bs=512 count=1", 913, false);
+  bool prepared = executeShellCommand("echo -e 'n\\np\\n1\\n\\n\\nw' | fdisk " + disk, 917, true) == 0;
+  if (prepared) {
+    // The kernel and udev take the old partition away and make the new one.
+    platform_.sleep(4);
+    forceUnmount(partition, 930, " (after partition (re)created)");
+    prepared =
+        executeShellCommand("mkfs.xfs -f -l lazy-count=0 -L \"" + label + "\" " + partition, 934, false) == 0;
+    platform_.sleep(2);
+  }
+
+  setPvrPreparationRunning(false);
+  CheckForAndUpdateNewDevices();
+  return prepared;
+}
+
+std::string DockhandClient::pvrLabel(std::int16_t deviceId, bool deviceOpen) {
+  requireLock();
+  if (deviceOpen) {
+    return std::string(defaultPvrLabel);
+  }
+  ravel::rpc::ReturnValueWithString current;
+  GetDeviceLabel(current, deviceId);
+  if (!current.success || current.text == "NONAME" || current.text == "New Volume" ||
+      current.text == "KRX_LOGS") {
+    return std::string(defaultPvrLabel);
+  }
+  const std::string label = escapeForShell(cutLabel(current.text));
+  return label.empty() ? std::string(defaultPvrLabel) : label;
+}
+
+// A plain flag, read without the lock by notifications that must not wait out a preparation. These two keep
+// the compiler from splitting or caching the access.
+
+void DockhandClient::setPvrPreparationRunning(bool running) {
+  requireLock();
+  __atomic_store_n(&pvrPreparationRunning, running, __ATOMIC_RELAXED);
+}
+
+bool DockhandClient::isPvrPreparationRunning() const {
+  return __atomic_load_n(&pvrPreparationRunning, __ATOMIC_RELAXED);
+}
+
+}  // namespace Dockhand

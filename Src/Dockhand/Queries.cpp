@@ -1,0 +1,144 @@
+// Questions about a device that are answered without reading its file system.
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+
+#include "DockhandClient.h"
+#include "ModuleLog.h"
+
+namespace Dockhand {
+
+namespace {
+
+/// The first line of a file, without its newline; empty when the file cannot be read.
+std::string firstLine(Platform& platform, const std::string& path) {
+  std::string line;
+  const int file = platform.open(path, O_RDONLY);
+  if (file < 0) {
+    return line;
+  }
+  std::array<char, 256> block;
+  ssize_t size = 0;
+  bool complete = false;
+  while (!complete && (size = platform.read(file, block.data(), block.size())) > 0) {
+    const auto end = block.begin() + size;
+    const auto newline = std::find(block.begin(), end, '\n');
+    line.append(block.begin(), newline);
+    complete = newline != end;
+  }
+  platform.close(file);
+  return line;
+}
+
+}  // namespace
+
+std::int32_t DockhandClient::GetDeviceType(std::int16_t deviceId) {
+  usbClientLog.write(2, 1068, "GetDeviceType");
+  const Lock lock(*this);
+  std::int32_t type = 0;
+  const UsbDeviceEntry* entry = findDevice(deviceId);
+  if (entry == nullptr) {
+    usbClientLog.write(5, 1072, "GetDeviceType(", deviceId, ") - Unknown device!");
+  } else {
+    const std::string path = "/sys/block/" + entry->deviceName + "/removable";
+    const int file = platform_.open(path, O_RDONLY);
+    if (file < 0) {
+      usbClientLog.write(5, 1078, "Failed to read file: ", path);
+    } else {
+      char removable = 0;
+      if (platform_.read(file, &removable, 1) != 1) {
+        usbClientLog.write(5, 1083, "Failed to read file: ", path);
+      } else {
+        type = removable == '0' ? 1 : 2;
+      }
+      platform_.close(file);
+    }
+  }
+  // The name is that of another operation: log readers know this line by it.
+  usbClientLog.write(2, 1090, "GetDeviceUsbVersion(", deviceId, ")=", type);
+  return type;
+}
+
+void DockhandClient::GetUsbMountPoint(ravel::rpc::ReturnValueWithString& _return, std::int16_t deviceId) {
+  usbClientLog.write(2, 1103, "GetUsbMountPoint");
+  const Lock lock(*this);
+  for (const auto& [key, entry] : deviceMap) {
+    usbClientLog.write(2, 1117, "GetUsbMountPoint(", deviceId, "): deviceMap[", key,
+                       "]:", " name=", entry.deviceName, " partCnt=", entry.partitionCount,
+                       " deviceOpen=", entry.deviceOpen, " mountPoint=", entry.mountPoint,
+                       " lastOpr=", entry.lastUsbOperation);
+  }
+  const UsbDeviceEntry* device = findDevice(deviceId);
+  _return.text.clear();
+  if (device != nullptr) {
+    _return.text = device->mountPoint;
+  }
+  if (_return.text.empty()) {
+    usbClientLog.write(4, 1126, "GetUsbMountPoint(deviceId=", deviceId,
+                       ") failed, found=", device != nullptr);
+  }
+  // Also for an unknown device: callers tell failure by the empty text.
+  _return.success = true;
+}
+
+void DockhandClient::GetUsbPhysicalDevice(ravel::rpc::ReturnValueWithString& _return, std::int16_t deviceId) {
+  usbClientLog.write(2, 1136, "GetUsbPhysicalDevice");
+  const Lock lock(*this);
+  const UsbDeviceEntry* entry = findDevice(deviceId);
+  _return.success = entry != nullptr;
+  _return.text = entry != nullptr ? kernelName(*entry) : std::string();
+}
+
+void DockhandClient::GetDeviceUsbVersion(ravel::rpc::ReturnValueWithString& _return, std::int16_t deviceId) {
+  usbClientLog.write(2, 1276, "GetDeviceUsbVersion");
+  const Lock lock(*this);
+  _return.success = false;
+  _return.text.clear();
+  const UsbDeviceEntry* entry = findDevice(deviceId);
+  if (entry == nullptr) {
+    usbClientLog.write(5, 1282, "GetDeviceUsbVersion(", deviceId, ") - Unknown device!");
+  } else {
+    const std::string versionFile = "/tmp/" + entry->deviceName + "_bcdUSB.txt";
+    const std::string readVersion = "readUsbVersion.sh " + entry->deviceName + " > " + versionFile;
+    const int readStatus = platform_.system(readVersion);
+    if (readStatus != 0) {
+      usbClientLog.write(5, 1290, "system(", readVersion, ") failed with: ", readStatus);
+    } else {
+      _return.text = firstLine(platform_, versionFile);
+      _return.success = true;
+    }
+    const std::string removeFile = "rm " + versionFile;
+    const int removeStatus = platform_.system(removeFile);
+    if (removeStatus != 0) {
+      usbClientLog.write(5, 1303, "system(", removeFile, ") failed with: ", removeStatus);
+    }
+  }
+  usbClientLog.write(2, 1309, "GetDeviceUsbVersion(", deviceId, ")=", _return.text);
+}
+
+std::int32_t DockhandClient::GetDeviceCapacity(std::int16_t deviceId) {
+  usbClientLog.write(2, 1318, "GetDeviceCapacity");
+  const Lock lock(*this);
+  const std::string path = GetUsbMountDevice(deviceId, true);
+  std::int32_t capacity = 0;
+  const int disk = platform_.open(path, O_RDONLY);
+  if (disk < 0) {
+    const int error = errno;
+    usbClientLog.write(5, 1325, "open(", path, ") failed! errno=", error);
+  } else {
+    constexpr blkid_loff_t bytesPerMebibyte = 1 << 20;
+    capacity = static_cast<std::int32_t>(platform_.blkid_get_dev_size(disk) / bytesPerMebibyte);
+  }
+  // Also after a failed open: log readers expect both lines.
+  if (platform_.close(disk) != 0) {
+    const int error = errno;
+    usbClientLog.write(5, 1334, "close(", disk, ") failed! errno=", error);
+  }
+  usbClientLog.write(2, 1339, "GetDeviceCapacity(", deviceId, ")=", capacity);
+  return capacity;
+}
+
+}  // namespace Dockhand

@@ -1,0 +1,61 @@
+#ifndef DOCKHAND_USBDEVICEENTRY_H
+#define DOCKHAND_USBDEVICEENTRY_H
+
+#include <cstdint>
+#include <string>
+
+namespace Dockhand {
+
+/// The last hot-plug notification that a device has seen.
+enum UsbOperation : std::int32_t {
+  UsbOperationNone = 0,     ///< none since the record was made
+  UsbOperationAdded = 1,    ///< announced as added
+  UsbOperationRemoved = 2,  ///< announced as removed: the hardware is gone, so a later unmount is forced
+};
+
+/// What Dockhand knows of one USB mass-storage device: the value of the device map, under its device number.
+///
+/// The life of a record, and who moves it:
+///
+///     found      a scan of /dev sees a node of a device that no record has           (Discovery.cpp)
+///     announced  lastUsbOperation becomes Added; its observers are called            (HotPlug.cpp)
+///     open       deviceOpen and mountPoint are set: mounted, any number of times     (Opening.cpp)
+///     released   deviceOpen and mountPoint are cleared together: unmounted           (Closing.cpp)
+///     hidden     safelyRemoved is set with a release on the user's behalf: neither
+///                listed nor opened until it is announced again                       (Closing.cpp)
+///     removed    lastUsbOperation becomes Removed; unmounted by force, then erased   (HotPlug.cpp)
+///     erased     a scan no longer sees its node; whatever is mounted stays mounted   (Discovery.cpp)
+///
+/// A device number is free again, and given to the next new device, once its record is erased.
+struct UsbDeviceEntry {
+  /// Kernel name of the whole disk: its letters only (sdb for the node usb_storage_sdb1).
+  std::string deviceName;
+  /// 1 when the last scan saw a node with digits after the letters, else 0. Never a real count.
+  std::uint32_t partitionCount = 0;
+  /// Mounted by this service.
+  bool deviceOpen = false;
+  /// The running scan, or else the last one, saw a node of this device.
+  bool foundInScan = false;
+  /// Closed for safe removal.
+  bool safelyRemoved = false;
+  /// Where it is mounted, or where a failed opening was to mount it. Empty: nowhere.
+  std::string mountPoint;
+  UsbOperation lastUsbOperation = UsbOperationNone;
+  /// Last opened as a recording disk, and so listed only on request.
+  bool hidden = false;
+};
+
+/// The kernel's name of the block device that is mounted and announced: the first partition (sdb1) where
+/// there is one, else the whole disk (sdb).
+inline std::string kernelName(const UsbDeviceEntry& entry) {
+  return entry.partitionCount != 0 ? entry.deviceName + '1' : entry.deviceName;
+}
+
+/// A device that was not announced as removed may be listed and opened.
+inline bool isPluggedIn(const UsbDeviceEntry& entry) {
+  return entry.lastUsbOperation == UsbOperationNone || entry.lastUsbOperation == UsbOperationAdded;
+}
+
+}  // namespace Dockhand
+
+#endif  // DOCKHAND_USBDEVICEENTRY_H

@@ -1,0 +1,211 @@
+#include "TUnixServerSocket.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <thrift/TOutput.h>
+#include <thrift/transport/TSocket.h>
+#include <thrift/transport/TTransportException.h>
+
+#include <cerrno>
+#include <cstdint>
+
+#include "LocalSocketPath.h"
+
+using apache::thrift::GlobalOutput;
+using apache::thrift::transport::TSocket;
+using apache::thrift::transport::TTransport;
+using apache::thrift::transport::TTransportException;
+
+namespace ravel::rpc {
+namespace {
+
+constexpr int backlog = 128;
+constexpr int shortagePauseMilliseconds = 100;
+
+}  // namespace
+
+TUnixServerSocket::TUnixServerSocket(int number) : path_(localSocketPath(number)) {
+  interrupt_.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!interrupt_.valid()) {
+    fail("eventfd", errno);
+  }
+  makeDirectory();
+  takeLock(number);
+  removeStaleSocket();
+  try {
+    bindAndListen();
+  } catch (...) {
+    close();
+    throw;
+  }
+}
+
+TUnixServerSocket::~TUnixServerSocket() {
+  TUnixServerSocket::close();
+}
+
+void TUnixServerSocket::makeDirectory() const {
+  const std::string directory = localSocketDirectory();
+  if (::mkdir(directory.c_str(), 0755) == 0) {
+    if (::chmod(directory.c_str(), 0755) != 0) {
+      fail("chmod of the directory", errno);
+    }
+  } else if (errno != EEXIST) {
+    fail("mkdir of the directory", errno);
+  }
+}
+
+void TUnixServerSocket::takeLock(int number) {
+  const std::string lockPath = localSocketDirectory() + "/" + std::to_string(number) + ".lock";
+  lock_.reset(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+  if (!lock_.valid()) {
+    fail("open of the lock file " + lockPath, errno);
+  }
+  if (::flock(lock_.get(), LOCK_EX | LOCK_NB) != 0) {
+    if (errno == EWOULDBLOCK) {
+      throw TTransportException(TTransportException::NOT_OPEN, path_ + ": another process serves it");
+    }
+    fail("flock of " + lockPath, errno);
+  }
+}
+
+void TUnixServerSocket::removeStaleSocket() const {
+  struct stat status {};
+  if (::lstat(path_.c_str(), &status) != 0) {
+    if (errno == ENOENT) {
+      return;
+    }
+    fail("lstat", errno);
+  }
+  if (!S_ISSOCK(status.st_mode)) {
+    throw TTransportException(TTransportException::NOT_OPEN, path_ + ": not a socket, left alone");
+  }
+
+  // The lock says nothing about a server that does not take it, so ask the socket itself.
+  const FileDescriptor probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!probe.valid()) {
+    fail("socket", errno);
+  }
+  const sockaddr_un address = localSocketAddress(path_);
+  const bool connected =
+      ::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+  const int error = connected ? 0 : errno;
+  if (connected || error == EAGAIN) {  // EAGAIN: its backlog is full
+    throw TTransportException(TTransportException::NOT_OPEN, path_ + ": another process serves it");
+  }
+  if (error == ENOENT) {
+    return;
+  }
+  if (error != ECONNREFUSED) {
+    fail("cannot tell whether another process serves it, left alone", error);
+  }
+  if (::unlink(path_.c_str()) != 0 && errno != ENOENT) {
+    fail("unlink of the stale socket", errno);
+  }
+}
+
+void TUnixServerSocket::bindAndListen() {
+  listening_.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!listening_.valid()) {
+    fail("socket", errno);
+  }
+  const sockaddr_un address = localSocketAddress(path_);
+  if (::bind(listening_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    fail("bind", errno);
+  }
+  struct stat status {};
+  if (::lstat(path_.c_str(), &status) != 0) {
+    fail("lstat", errno);
+  }
+  device_ = status.st_dev;
+  inode_ = status.st_ino;
+  // Nobody can connect before listen, so nobody slips in under the mode that the umask left.
+  if (::chmod(path_.c_str(), 0660) != 0) {
+    fail("chmod", errno);
+  }
+  if (::listen(listening_.get(), backlog) != 0) {
+    fail("listen", errno);
+  }
+}
+
+void TUnixServerSocket::interrupt() {
+  const std::uint64_t one = 1;
+  if (::write(interrupt_.get(), &one, sizeof(one)) < 0 && errno != EAGAIN) {  // EAGAIN: it is raised already
+    GlobalOutput.perror(path_ + ": cannot interrupt accept", errno);
+  }
+}
+
+void TUnixServerSocket::close() {
+  // The lock goes last: whoever gets it next must not find our socket, nor lose its own to our unlink.
+  struct stat status {};
+  if (inode_ != 0 && ::lstat(path_.c_str(), &status) == 0 && status.st_dev == device_ &&
+      status.st_ino == inode_ && ::unlink(path_.c_str()) != 0) {
+    GlobalOutput.perror(path_ + ": cannot remove the socket", errno);
+  }
+  inode_ = 0;
+  listening_.reset();
+  lock_.reset();
+}
+
+std::shared_ptr<TTransport> TUnixServerSocket::acceptImpl() {
+  if (!isOpen()) {
+    throw TTransportException(TTransportException::NOT_OPEN, path_ + ": not listening");
+  }
+  while (true) {
+    if (!waitForConnection()) {
+      throw TTransportException(TTransportException::INTERRUPTED, path_ + ": interrupted");
+    }
+    FileDescriptor accepted(::accept4(listening_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (accepted.valid()) {
+      shortageReported_ = false;
+      auto connection = std::make_shared<TSocket>(accepted.get());
+      accepted.release();
+      return connection;
+    }
+    switch (errno) {
+      case EINTR:
+      case EAGAIN:
+      case ECONNABORTED:
+        break;
+      case EMFILE:
+      case ENFILE:
+      case ENOBUFS:
+      case ENOMEM:
+        // The server framework takes any exception for the end of the listener, and the process would live on
+        // deaf; a shortage passes.
+        waitOutShortage(errno);
+        break;
+      default:
+        throw TTransportException(TTransportException::UNKNOWN, path_ + ": accept", errno);
+    }
+  }
+}
+
+/// False when interrupted. Also returns true when there may be no connection after all.
+bool TUnixServerSocket::waitForConnection() const {
+  pollfd waiting[] = {{listening_.get(), POLLIN, 0}, {interrupt_.get(), POLLIN, 0}};
+  if (::poll(waiting, 2, -1) < 0 && errno != EINTR) {
+    throw TTransportException(TTransportException::UNKNOWN, path_ + ": poll", errno);
+  }
+  return waiting[1].revents == 0;
+}
+
+void TUnixServerSocket::waitOutShortage(int error) {
+  if (!shortageReported_) {
+    GlobalOutput.perror(path_ + ": cannot accept connections, trying on", error);
+    shortageReported_ = true;
+  }
+  pollfd interrupted{interrupt_.get(), POLLIN, 0};
+  ::poll(&interrupted, 1, shortagePauseMilliseconds);
+}
+
+void TUnixServerSocket::fail(const std::string& what, int error) const {
+  throw TTransportException(TTransportException::NOT_OPEN, path_ + ": " + what, error);
+}
+
+}  // namespace ravel::rpc

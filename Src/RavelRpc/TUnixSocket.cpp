@@ -1,0 +1,75 @@
+#include "TUnixSocket.h"
+
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <thrift/transport/TTransportException.h>
+
+#include <cerrno>
+#include <chrono>
+
+#include "FileDescriptor.h"
+#include "LocalSocketPath.h"
+
+using apache::thrift::transport::TSocket;
+using apache::thrift::transport::TTransportException;
+
+namespace ravel::rpc {
+
+TUnixSocket::TUnixSocket(const std::string& host, int number) : TSocket(localSocketPath(number)) {
+  if (host != "localhost") {
+    throw TTransportException(TTransportException::BAD_ARGS,
+                              "local sockets are on localhost only, not on \"" + host + "\"");
+  }
+  localSocketAddress(path_);
+}
+
+void TUnixSocket::open() {
+  if (isOpen()) {
+    return;
+  }
+  FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!socket.valid()) {
+    throw TTransportException(TTransportException::NOT_OPEN, path_ + ": socket", errno);
+  }
+  connectTo(socket.get());
+  setSocketFD(socket.release());
+  // The base class remembers the timeouts, but applies them only to a socket it opened itself.
+  setRecvTimeout(recvTimeout_);
+  setSendTimeout(sendTimeout_);
+}
+
+void TUnixSocket::connectTo(int socket) const {
+  using std::chrono::duration_cast;
+  using std::chrono::microseconds;
+  using std::chrono::steady_clock;
+
+  const sockaddr_un address = localSocketAddress(path_);
+  const auto deadline = steady_clock::now() + std::chrono::milliseconds(connTimeout_);
+  while (true) {
+    if (connTimeout_ > 0) {
+      // The send timeout is what bounds the wait of a local connect for room in the backlog.
+      const auto left = duration_cast<microseconds>(deadline - steady_clock::now()).count();
+      if (left <= 0) {
+        throw TTransportException(TTransportException::TIMED_OUT, path_ + ": connect timed out");
+      }
+      timeval timeout{};
+      timeout.tv_sec = static_cast<time_t>(left / 1000000);
+      timeout.tv_usec = static_cast<suseconds_t>(left % 1000000);
+      if (::setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout)) != 0) {
+        throw TTransportException(TTransportException::NOT_OPEN, path_ + ": setsockopt", errno);
+      }
+    }
+    if (::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+      return;
+    }
+    if (errno == EAGAIN) {
+      throw TTransportException(TTransportException::TIMED_OUT, path_ + ": connect timed out");
+    }
+    if (errno != EINTR) {
+      throw TTransportException(TTransportException::NOT_OPEN, path_ + ": connect", errno);
+    }
+  }
+}
+
+}  // namespace ravel::rpc

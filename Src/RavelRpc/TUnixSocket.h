@@ -1,0 +1,37 @@
+#ifndef RAVELRPC_TUNIXSOCKET_H
+#define RAVELRPC_TUNIXSOCKET_H
+
+#include <thrift/transport/TSocket.h>
+
+#include <string>
+
+namespace ravel::rpc {
+
+/// A client's end of a connection to a service on its local socket (see LocalSocketPath.h).
+///
+/// Differs from Thrift's TSocket in open(): the descriptor is close-on-exec from the beginning, the connect
+/// timeout also holds where the service does not accept, and after a failure the socket is closed and can be
+/// opened again.
+///
+/// Threads: one at a time, as TSocket. No locks.
+class TUnixSocket : public apache::thrift::transport::TSocket {
+ public:
+  /// Does not connect yet. `host` is "localhost", the only host that has local sockets, `number` the number
+  /// of the service. Throws TTransportException (BAD_ARGS) for another host and for a path that is too long.
+  TUnixSocket(const std::string& host, int number);
+
+  /// Connects; does nothing when the socket is open. Waits for the service to accept earlier connections no
+  /// longer than setConnTimeout said (milliseconds; 0, the default: without end). What setRecvTimeout and
+  /// setSendTimeout said holds from then on for each read and write.
+  ///
+  /// Throws TTransportException, with the path and the system's reason in its text: TIMED_OUT when the time
+  /// is over, NOT_OPEN otherwise.
+  void open() override;
+
+ private:
+  void connectTo(int socket) const;
+};
+
+}  // namespace ravel::rpc
+
+#endif  // RAVELRPC_TUNIXSOCKET_H

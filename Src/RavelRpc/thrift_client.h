@@ -1,0 +1,103 @@
+#ifndef RAVELRPC_THRIFT_CLIENT_H
+#define RAVELRPC_THRIFT_CLIENT_H
+
+#include <thrift/TApplicationException.h>
+#include <thrift/protocol/TBinaryProtocol.h>
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+#include "LimitedBufferedTransport.h"
+
+namespace ravel::rpc {
+
+/// The client of a service, shared by all threads of the process.
+///
+/// `Client` is the service's generated class, `Port` the number of its socket and `Socket` the class that
+/// connects to it, made from "localhost" and the number. Binary protocol over buffered connections (see
+/// LimitedBufferedTransport.h).
+///
+/// A connection carries one call at a time. A call takes the idle connection or makes one of its own, so a
+/// call never waits for another's reply: not a second thread's, and not one that is made from inside another
+/// call, while that one waits for its reply. One idle connection at most is kept, so as not to hold the
+/// service's workers; further ones are closed after their call.
+///
+/// Threads: call() may be called from any thread, also from inside a call. No lock is held while connecting
+/// or calling.
+template <class Client, int Port, class Socket>
+class thrift_client {
+ public:
+  /// Makes no connection yet. `timeout` bounds the connecting, each read and each write.
+  explicit thrift_client(std::chrono::milliseconds timeout = std::chrono::seconds(10)) : timeout_(timeout) {}
+
+  thrift_client(const thrift_client&) = delete;
+  thrift_client& operator=(const thrift_client&) = delete;
+
+  /// Runs `operation`, which is given a Client& for one call and must not keep it, on a connection.
+  ///
+  /// Throws what the connecting and the operation throw. After a TApplicationException, by which the service
+  /// answered, the connection is kept; after anything else it is closed. Nothing is tried again: a kept
+  /// connection that turns out dead, since the service has been restarted, fails this one call, and the next
+  /// one connects anew.
+  template <class Call>
+  void call(Call&& operation) {
+    std::unique_ptr<Connection> connection = take();
+    try {
+      if (!connection->transport->isOpen()) {
+        connection->transport->open();
+      }
+      std::forward<Call>(operation)(connection->client);
+    } catch (const apache::thrift::TApplicationException&) {
+      giveBack(std::move(connection));
+      throw;
+    }
+    // Any other exception closes the connection on its way out. It drops the socket rather than close the
+    // transport, which would first flush what is left of the failed call.
+    giveBack(std::move(connection));
+  }
+
+ private:
+  struct Connection {
+    explicit Connection(const std::shared_ptr<Socket>& socket)
+        : transport(std::make_shared<LimitedBufferedTransport>(socket, bufferSize, bufferSize)),
+          client(std::make_shared<apache::thrift::protocol::TBinaryProtocol>(transport)) {}
+
+    const std::shared_ptr<LimitedBufferedTransport> transport;
+    Client client;
+  };
+
+  static constexpr std::uint32_t bufferSize = 512;
+
+  std::unique_ptr<Connection> take() {
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      if (idle_) {
+        return std::move(idle_);
+      }
+    }
+    const auto socket = std::make_shared<Socket>("localhost", Port);
+    const int milliseconds = static_cast<int>(timeout_.count());
+    socket->setConnTimeout(milliseconds);
+    socket->setRecvTimeout(milliseconds);
+    socket->setSendTimeout(milliseconds);
+    return std::make_unique<Connection>(socket);
+  }
+
+  void giveBack(std::unique_ptr<Connection> connection) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (!idle_) {
+      idle_ = std::move(connection);
+    }
+  }
+
+  const std::chrono::milliseconds timeout_;
+  std::mutex mutex_;
+  std::unique_ptr<Connection> idle_;
+};
+
+}  // namespace ravel::rpc
+
+#endif  // RAVELRPC_THRIFT_CLIENT_H

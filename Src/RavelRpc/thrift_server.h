@@ -1,0 +1,88 @@
+#ifndef RAVELRPC_THRIFT_SERVER_H
+#define RAVELRPC_THRIFT_SERVER_H
+
+#include <thrift/concurrency/Thread.h>
+#include <thrift/concurrency/ThreadManager.h>
+#include <thrift/protocol/TBinaryProtocol.h>
+#include <thrift/server/TThreadPoolServer.h>
+
+#include <boost/shared_ptr.hpp>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <vector>
+
+#include "LimitedBufferedTransport.h"
+#include "PosixThreadFactory.h"
+
+namespace ravel::rpc {
+
+/// Keeps a thread manager as long as the process. Its destructor is no good with detached threads: it waits
+/// for workers that were never made (when the system refused one), and it frees the mutex that the last
+/// worker is about to let go of.
+inline void keepThreadManager(
+    const std::shared_ptr<apache::thrift::concurrency::ThreadManager>& threadManager) {
+  static std::mutex mutex;
+  static auto& kept = *new std::vector<std::shared_ptr<apache::thrift::concurrency::ThreadManager>>;
+  const std::lock_guard<std::mutex> lock(mutex);
+  kept.push_back(threadManager);
+}
+
+/// The server of a service: a thread that accepts connections, and `Workers` threads each of which serves one
+/// connection at a time, from its first call to its end. Connections beyond those wait until one ends. Binary
+/// protocol over buffered connections (see LimitedBufferedTransport.h).
+///
+/// `If` and `Processor` are the service's generated classes, `Port` is the number of its socket and
+/// `ServerSocket` the class that listens on it, made from the number.
+///
+/// Threads: one thread makes and starts the server; the workers call the handler, several at a time. No locks
+/// are held while they do. An exception of the handler becomes the caller's TApplicationException.
+template <class If, class Processor, int Port, int Workers, class ServerSocket>
+class thrift_server {
+ public:
+  /// Listens on the socket and makes the workers; nobody is served before start(). `handler` is kept as long
+  /// as the threads need it. Throws what `ServerSocket` throws when the socket cannot be had, and
+  /// SystemResourceException when a worker cannot be made.
+  explicit thrift_server(const boost::shared_ptr<If>& handler) {
+    using apache::thrift::concurrency::ThreadManager;
+    using apache::thrift::protocol::TBinaryProtocolFactory;
+    using apache::thrift::server::TThreadPoolServer;
+
+    const auto protocolFactory = std::make_shared<TBinaryProtocolFactory>();
+    const auto serverSocket = std::make_shared<ServerSocket>(Port);
+    const auto transportFactory = std::make_shared<LimitedBufferedTransportFactory>();
+    // The lambda does nothing but hold the Boost pointer for as long as Thrift holds its own.
+    const auto processor = std::make_shared<Processor>(std::shared_ptr<If>(handler.get(), [handler](If*) {}));
+    const auto threadManager = ThreadManager::newSimpleThreadManager(Workers, 0);
+    keepThreadManager(threadManager);
+    const auto threadFactory = std::make_shared<PosixThreadFactory>(PosixThreadFactory::ROUND_ROBIN,
+                                                                    PosixThreadFactory::NORMAL, 1, true);
+    threadManager->threadFactory(threadFactory);
+    threadManager->start();
+    const auto server = std::make_shared<TThreadPoolServer>(processor, serverSocket, transportFactory,
+                                                            protocolFactory, threadManager);
+    thread = threadFactory->newThread(server);
+  }
+
+  /// Lets go of the thread only: a server that was started goes on.
+  virtual ~thrift_server() = default;
+
+  thrift_server(const thrift_server&) = delete;
+  thrift_server& operator=(const thrift_server&) = delete;
+
+  /// Starts to serve, and returns. Does nothing the second time. Throws SystemResourceException when the
+  /// thread cannot be made, std::runtime_error when there is none to start.
+  void start() {
+    if (!thread) {
+      throw std::runtime_error("Thrift thread could not start");
+    }
+    thread->start();
+  }
+
+ protected:
+  std::shared_ptr<apache::thrift::concurrency::Thread> thread;
+};
+
+}  // namespace ravel::rpc
+
+#endif  // RAVELRPC_THRIFT_SERVER_H

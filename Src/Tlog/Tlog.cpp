@@ -1,0 +1,207 @@
+#include "Tlog.h"
+
+#include <poll.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <boost/stacktrace.hpp>
+#include <cerrno>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdlib>
+#include <ctime>
+#include <map>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "TlogLine.h"
+#include "TlogSettings.h"
+
+namespace {
+
+constexpr const char* thisFile = "Src/Tlog/Tlog";
+
+struct Registry {
+  std::mutex mutex;
+  std::map<std::string, TlogContext> contexts;
+  tlog::Thresholds thresholds;
+};
+
+// Constructors of static objects ask for contexts before main, destructors still log after it: made at the
+// first use and never destroyed.
+Registry& registry() {
+  static auto* const instance = new Registry;
+  return *instance;
+}
+
+// systemd names the journal's socket this way. The variable is inherited by children whose standard error was
+// redirected since, so only a match counts.
+bool standardErrorIsJournal() {
+  const char* const journal = std::getenv("JOURNAL_STREAM");
+  struct stat status {};
+  if (journal == nullptr || fstat(STDERR_FILENO, &status) != 0) {
+    return false;
+  }
+  return std::to_string(status.st_dev) + ':' + std::to_string(status.st_ino) == journal;
+}
+
+struct Output {
+  std::mutex mutex;
+  tlog::Target target = tlog::Target::standardError;
+  bool journal = standardErrorIsJournal();
+};
+
+Output& output() {
+  static auto* const instance = new Output;
+  return *instance;
+}
+
+// The callers log between a failed call and their look at errno.
+class ErrnoKeeper {
+ public:
+  ErrnoKeeper() = default;
+  ~ErrnoKeeper() { errno = saved_; }
+  ErrnoKeeper(const ErrnoKeeper&) = delete;
+  ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
+
+ private:
+  const int saved_ = errno;
+};
+
+void writeAll(std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t written = write(STDERR_FILENO, bytes.data(), bytes.size());
+    if (written >= 0) {
+      bytes.remove_prefix(static_cast<std::size_t>(written));
+    } else if (errno == EAGAIN) {
+      // Somebody who shares our standard error made it non-blocking; half a line would spoil the next one.
+      pollfd writable{STDERR_FILENO, POLLOUT, 0};
+      poll(&writable, 1, -1);
+    } else if (errno != EINTR) {
+      // A log that cannot be written has no place left to report that.
+      return;
+    }
+  }
+}
+
+// The functions below that take an Output are called with its mutex held.
+
+void writeToStandardError(const Output& out, int level, const std::string& line) {
+  std::string prefix;
+  if (out.journal) {
+    prefix = '<' + std::to_string(tlog::syslogPriority(level)) + '>';
+  } else {
+    std::timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    prefix = tlog::formatTimestamp(now) + ' ';
+  }
+  writeAll(prefix + line + '\n');
+}
+
+void writeLine(const Output& out, int level, const std::string& line) {
+  if (out.target == tlog::Target::syslog) {
+    syslog(tlog::syslogPriority(level), "%s", line.c_str());
+  } else {
+    writeToStandardError(out, level, line);
+  }
+}
+
+// Goes to standard error whatever the target: a wrong setting is for the person who starts the program.
+void reportBadValue(const Output& out, const char* variable, const char* value, const char* used) {
+  constexpr int warning = 4;
+  const std::string text =
+      std::string(variable) + ": bad value \"" + value + "\", using the default, " + used;
+  writeToStandardError(out, warning, tlog::composeLine(gettid(), warning, nullptr, thisFile, __LINE__, text));
+}
+
+const char* valueOf(const char* variable) {
+  const char* const value = std::getenv(variable);
+  return value != nullptr ? value : "";
+}
+
+void initTarget(Output& out) {
+  const char* const value = valueOf("TLOG_TARGET");
+  const auto target = tlog::parseTarget(value);
+  out.target = target.value_or(tlog::Target::standardError);
+  if (!target && *value != '\0') {
+    reportBadValue(out, "TLOG_TARGET", value, "stderr");
+  }
+  if (out.target == tlog::Target::syslog) {
+    openlog("Dockhand", LOG_PID, LOG_DAEMON);
+  }
+}
+
+tlog::Thresholds readThresholds(const Output& out) {
+  const char* const value = valueOf("TLOG_LEVEL");
+  const auto thresholds = tlog::parseThresholds(value);
+  if (!thresholds && *value != '\0') {
+    const std::string used = std::to_string(TlogContext::defaultThreshold);
+    reportBadValue(out, "TLOG_LEVEL", value, used.c_str());
+  }
+  return thresholds.value_or(tlog::Thresholds());
+}
+
+void applyThresholds(tlog::Thresholds thresholds) {
+  Registry& known = registry();
+  const std::lock_guard<std::mutex> lock(known.mutex);
+  known.thresholds = std::move(thresholds);
+  for (auto& [name, context] : known.contexts) {
+    context.setThreshold(known.thresholds.of(name));
+  }
+}
+
+}  // namespace
+
+TlogContext* TlogContext::GetLogContext(const char* name, const char* /*file*/, int /*line*/) {
+  Registry& known = registry();
+  const std::lock_guard<std::mutex> lock(known.mutex);
+  const auto [entry, isNew] = known.contexts.try_emplace(name, name);
+  TlogContext& context = entry->second;
+  if (isNew) {
+    context.setThreshold(known.thresholds.of(context.name()));
+  }
+  return &context;
+}
+
+void TlogInit() {
+  Output& out = output();
+  const std::lock_guard<std::mutex> lock(out.mutex);
+  out.journal = standardErrorIsJournal();
+  initTarget(out);
+  applyThresholds(readThresholds(out));
+}
+
+void TlogPrintf(const TlogContext* context, int level, const char* file, int line, const char* format, ...) {
+  const ErrnoKeeper keeper;
+  va_list arguments;
+  va_start(arguments, format);
+  const std::string text = tlog::formatText(format, arguments);
+  va_end(arguments);
+  const char* const contextName = context != nullptr ? context->name().c_str() : nullptr;
+  const std::string composed = tlog::composeLine(gettid(), level, contextName, file, line, text);
+
+  Output& out = output();
+  const std::lock_guard<std::mutex> lock(out.mutex);
+  writeLine(out, level, composed);
+}
+
+void TlogStackTrace() {
+  const ErrnoKeeper keeper;
+  constexpr int stackDump = 1;
+  // Names are looked up before the lock is taken: that is slow, and other threads want to log.
+  std::vector<std::string> lines;
+  for (const auto& frame : boost::stacktrace::stacktrace()) {
+    const std::string text = std::to_string(lines.size()) + "# " + boost::stacktrace::to_string(frame);
+    lines.push_back(tlog::composeLine(gettid(), stackDump, nullptr, thisFile, __LINE__, text));
+  }
+
+  Output& out = output();
+  const std::lock_guard<std::mutex> lock(out.mutex);
+  for (const std::string& line : lines) {
+    writeLine(out, stackDump, line);
+  }
+}

@@ -1,0 +1,232 @@
+/**
+ * The USB service of Dockhand: 25 operations on local socket 9020 (/run/ravel/9020.sock).
+ *
+ * Protocol: Thrift binary protocol over an unframed, buffered transport. Ten connections are served at a time;
+ * further ones wait, unanswered, until one of the ten closes. A connection may carry any number of calls, one
+ * after the other. A text of a request that is longer than 1 MiB ends the connection.
+ *
+ * Device numbers are small numbers of 1 or more that Dockhand gives to a device when it first sees it and gives
+ * again after the device has gone. A number that no device has, negative ones included, is an unknown device.
+ *
+ * Failures: unless an operation says otherwise it reports failure through its result and the log, and raises
+ * nothing. Any call may end with a TApplicationException when something unforeseen fails inside the daemon
+ * (memory, for instance); the connection and the daemon go on.
+ *
+ * Waiting: nearly every operation runs under the one lock of the service and so waits for those before it; the
+ * slow ones are PrepareDeviceForPvr (many seconds), OpenDevice and the queries of a slow disk.
+ *
+ * Texts that come from a disk (labels, file names) are bytes as the disk has them and need not be valid UTF-8.
+ */
+namespace cpp ravel.rpc
+namespace py ravel.usb_rpc
+namespace js ravel.usb_rpc
+
+/** A flag and a text. What the flag means differs from operation to operation and is said there. */
+struct ReturnValueWithString {
+  1: bool success
+  2: string text
+}
+
+/** What all services of the device have in common: nothing that this one uses. */
+service common_service_rpc_gen_ {
+}
+
+service usb_rpc_gen_ extends common_service_rpc_gen_ {
+  /**
+   * Announces that the kernel has added a USB block device; meant for the device manager's plug event.
+   *
+   * Rescans /dev, marks the device as added, lifts an earlier safe removal, and calls every observer of added
+   * devices except number 7. Does nothing further, and reports nothing, when: a disk is being prepared for
+   * recording; /proc/partitions cannot be read; its first 1023 bytes do not hold the name exactly once (a whole
+   * disk whose partition is listed too appears twice); no device has that name; the device is already announced.
+   *
+   * Raises a TApplicationException when the media service cannot be reached or answers with a failure. The
+   * device stays announced; the observers after the failing one are not called.
+   */
+  void NotifyUsbAdded(
+    /** Kernel name, without a path: sdb1 for a stick with partitions, sdb for one without. */
+    1: string usbDevice)
+
+  /**
+   * Announces that a USB block device has gone; meant for the device manager's unplug event.
+   *
+   * Detaches the device's file system where it is still mounted, forgets the device, and calls every observer of
+   * removed devices except number 7. An unknown name does nothing, and so does every call while a disk is being
+   * prepared for recording.
+   *
+   * Raises as NotifyUsbAdded does; the device is forgotten all the same.
+   */
+  void NotifyUsbRemoved(
+    /** Kernel name as for NotifyUsbAdded. */
+    1: string usbDevice)
+
+  /** Announces an Xrite device: calls observer 7 of added devices with device number -1. Raises as NotifyUsbAdded. */
+  void NotifyUsbXriteAdded()
+
+  /** Announces that the Xrite device has gone: calls observer 7 of removed devices with -1. Raises as NotifyUsbAdded. */
+  void NotifyUsbXriteRemoved()
+
+  /**
+   * Rescans /dev and returns the numbers of the devices that a client may use, ascending. Devices that were safely
+   * removed, or reported removed, are left out. An empty list also when /dev cannot be read and nothing is known.
+   */
+  list<i16> GetListOfInsertedDevices(
+    /** True also lists devices that were opened as recording disks (OpenDeviceAt with isPvrDevice). */
+    1: bool includeHidden)
+
+  /** OpenDeviceAt at /media/disk_ followed by the device number, not as a recording disk. */
+  bool OpenDevice(
+    /** Device number. */
+    1: i16 deviceId)
+
+  /**
+   * Mounts the file system of a device at a directory, which is created where it is missing.
+   *
+   * Whatever is mounted at /media/ plus the label, /media/ plus the UUID, /media/disk and at the directory itself
+   * is unmounted first. File systems: vfat, ntfs, ext3, hfs, hfsplus, xfs; the one that the disk names is tried
+   * first, then all of them. A read-only mount counts as success. Opening an open device mounts it anew.
+   *
+   * True when the device is mounted, or when the kernel's last answer was "busy" or "invalid superblock" (kept for
+   * the services that rely on it: check with IsDeviceOpen and a look at the directory). False for an unknown
+   * or removed device, one under repair, one safely removed, a directory that cannot be created, a failed mount.
+   */
+  bool OpenDeviceAt(
+    /** Device number. */
+    1: i16 deviceId,
+    /** Absolute path of the directory. */
+    2: string mountPoint,
+    /** True hides the device from GetListOfInsertedDevices(false) from now on, also when the opening fails. */
+    3: bool isPvrDevice)
+
+  /**
+   * Unmounts a device and removes its directory. False for an unknown device, one that is not mounted, and when
+   * the unmounting fails (a file is in use, for instance): the device then stays open.
+   */
+  bool CloseDevice(
+    /** Device number. */
+    1: i16 deviceId)
+
+  /**
+   * CloseDevice for a user who is about to pull the device out: after success it is neither listed nor opened until
+   * it is announced again or plugged in anew. On a device that is not open: false, and nothing changes.
+   */
+  bool CloseDeviceSafeRemoval(
+    /** Device number. */
+    1: i16 deviceId)
+
+  /** True when the device is mounted by this service. False also for an unknown device. */
+  bool IsDeviceOpen(
+    /** Device number. */
+    1: i16 deviceId)
+
+  /**
+   * Volume label, read from the disk. success says that the device is known; the text is "NONAME" for an unknown
+   * device, an unreadable one, and one whose label is missing or has a single character.
+   */
+  ReturnValueWithString GetDeviceLabel(
+    /** Device number. */
+    1: i16 deviceId)
+
+  /**
+   * UUID of the file system, read from the disk. success says that one was found; otherwise the text is
+   * "0000-0000".
+   */
+  ReturnValueWithString GetDeviceUuid(
+    /** Device number. */
+    1: i16 deviceId)
+
+  /**
+   * USB version of the device, as the device image's script readUsbVersion.sh prints it (its first line). success is
+   * false, and the text empty, for an unknown device and when the script fails.
+   */
+  ReturnValueWithString GetDeviceUsbVersion(
+    /** Device number. */
+    1: i16 deviceId)
+
+  /** 0: unknown device, or the kernel does not say; 1: fixed disk; 2: removable medium. */
+  i32 GetDeviceType(
+    /** Device number. */
+    1: i16 deviceId)
+
+  /** Size of the whole device in MiB (2^20 bytes), rounded down; 0 for an unknown or unreadable device. */
+  i32 GetDeviceCapacity(
+    /** Device number. */
+    1: i16 deviceId)
+
+  /**
+   * Repairs the XFS file system of a device that is not open. Runs for as long as the repair takes; other calls are
+   * served meanwhile, opening this device is refused. False for an unknown or open device, another file system,
+   * and a failed repair.
+   */
+  bool RunDiskRepair(
+    /** Device number. */
+    1: i16 deviceId)
+
+  /**
+   * The directory where the device is mounted, or where the last, failed opening was to mount it. success is always
+   * true; an empty text means unknown or not mounted.
+   */
+  ReturnValueWithString GetUsbMountPoint(
+    /** Device number. */
+    1: i16 deviceId)
+
+  /** Kernel name of the device (sdb1, or sdb for a stick without partitions). success says that it is known. */
+  ReturnValueWithString GetUsbPhysicalDevice(
+    /** Device number. */
+    1: i16 deviceId)
+
+  /**
+   * The names (not paths) in one directory of a mounted device that end in an extension, in the directory's order.
+   * Directories whose name matches are among them. An unreadable directory gives an empty list. For a device
+   * that is unknown or not mounted the directory is looked up from the root of the file system.
+   */
+  list<string> GetFilesByExtension(
+    /** Device number. */
+    1: i16 deviceId,
+    /** Path below the mount point; empty for the mount point itself. */
+    2: string directory,
+    /** Without the dot. Matched as given and in upper case: mp3 finds a.mp3 and a.MP3, not a.Mp3. */
+    3: string extension)
+
+  /** Registers an observer of added devices, in place of the one that had this number. Not kept over a restart. */
+  void RegisterUsbAddedCallBack(
+    /** Observer number; 7 is the Xrite consumer, which gets Xrite events only. */
+    1: i8 observerId,
+    /** Passed through to the media service unread. */
+    2: i32 observer)
+
+  /** Registers an observer of removed devices, in place of the one that had this number. Not kept over a restart. */
+  void RegisterUsbRemovedCallBack(
+    /** Observer number; 7 is the Xrite consumer, which gets Xrite events only. */
+    1: i8 observerId,
+    /** Passed through to the media service unread. */
+    2: i32 observer)
+
+  /** Removes an observer of added devices. An unknown number is ignored. */
+  void DeregisterUsbAddedCallBack(
+    /** Observer number. */
+    1: i8 observerId,
+    /** Logged, not compared. */
+    2: i32 observer)
+
+  /** Removes an observer of removed devices. An unknown number is ignored. */
+  void DeregisterUsbRemovedCallBack(
+    /** Observer number. */
+    1: i8 observerId,
+    /** Logged, not compared. */
+    2: i32 observer)
+
+  /** Rescans /dev: new devices get a number, those whose node has gone are forgotten (nothing is unmounted). */
+  void CheckForAndUpdateNewDevices()
+
+  /**
+   * Turns a disk into a recording disk. DESTROYS ITS CONTENTS: one partition over the whole disk, formatted with XFS.
+   * The label is carried over, cut to 11 characters; without one it becomes "PVR_DISK". An open device is unmounted
+   * by force. Takes six seconds at least, during which the other operations wait and plug events are ignored.
+   * False for an unknown device (plug events are then ignored until a preparation of a known one ends), and when
+   * partitioning or formatting fails.
+   */
+  bool PrepareDeviceForPvr(
+    /** Device number. */
+    1: i16 deviceId)
+}
