@@ -1,7 +1,7 @@
 #include "PosixThreadFactory.h"
 
 #include <sched.h>
-#include <thrift/TOutput.h>
+#include <thrift/Thrift.h>
 #include <thrift/concurrency/Exception.h>
 
 #include <atomic>

@@ -6,8 +6,7 @@
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
-#include <thrift/TOutput.h>
+#include <thrift/Thrift.h>
 #include <thrift/transport/TSocket.h>
 #include <thrift/transport/TTransportException.h>
 
@@ -29,7 +28,8 @@ constexpr int shortagePauseMilliseconds = 100;
 
 }  // namespace
 
-TUnixServerSocket::TUnixServerSocket(int number) : path_(localSocketPath(number)) {
+TUnixServerSocket::TUnixServerSocket(int number)
+    : path_(localSocketPath(number)), address_(localSocketAddress(path_)) {
   interrupt_.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (!interrupt_.valid()) {
     fail("eventfd", errno);
@@ -91,9 +91,8 @@ void TUnixServerSocket::removeStaleSocket() const {
   if (!probe.valid()) {
     fail("socket", errno);
   }
-  const sockaddr_un address = localSocketAddress(path_);
   const bool connected =
-      ::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+      ::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address_), sizeof(address_)) == 0;
   const int error = connected ? 0 : errno;
   if (connected || error == EAGAIN) {  // EAGAIN: its backlog is full
     throw TTransportException(TTransportException::NOT_OPEN, path_ + ": another process serves it");
@@ -114,8 +113,7 @@ void TUnixServerSocket::bindAndListen() {
   if (!listening_.valid()) {
     fail("socket", errno);
   }
-  const sockaddr_un address = localSocketAddress(path_);
-  if (::bind(listening_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+  if (::bind(listening_.get(), reinterpret_cast<const sockaddr*>(&address_), sizeof(address_)) != 0) {
     fail("bind", errno);
   }
   struct stat status {};

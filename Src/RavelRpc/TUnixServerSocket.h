@@ -2,6 +2,7 @@
 #define RAVELRPC_TUNIXSERVERSOCKET_H
 
 #include <sys/types.h>
+#include <sys/un.h>
 #include <thrift/transport/TServerTransport.h>
 
 #include <memory>
@@ -73,6 +74,7 @@ class TUnixServerSocket : public apache::thrift::transport::TServerTransport {
   [[noreturn]] void fail(const std::string& what, int error) const;
 
   const std::string path_;
+  const sockaddr_un address_;
   FileDescriptor lock_;
   FileDescriptor listening_;
   // Lives as long as the object, so that interrupt() need not know whether close() was called.

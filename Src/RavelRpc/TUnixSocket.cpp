@@ -2,7 +2,6 @@
 
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/un.h>
 #include <thrift/transport/TTransportException.h>
 
 #include <cerrno>
@@ -16,12 +15,12 @@ using apache::thrift::transport::TTransportException;
 
 namespace ravel::rpc {
 
-TUnixSocket::TUnixSocket(const std::string& host, int number) : TSocket(localSocketPath(number)) {
+TUnixSocket::TUnixSocket(const std::string& host, int number)
+    : TSocket(localSocketPath(number)), address_(localSocketAddress(path_)) {
   if (host != "localhost") {
     throw TTransportException(TTransportException::BAD_ARGS,
                               "local sockets are on localhost only, not on \"" + host + "\"");
   }
-  localSocketAddress(path_);
 }
 
 void TUnixSocket::open() {
@@ -32,19 +31,18 @@ void TUnixSocket::open() {
   if (!socket.valid()) {
     throw TTransportException(TTransportException::NOT_OPEN, path_ + ": socket", errno);
   }
-  connectTo(socket.get());
+  connect(socket.get());
   setSocketFD(socket.release());
   // The base class remembers the timeouts, but applies them only to a socket it opened itself.
   setRecvTimeout(recvTimeout_);
   setSendTimeout(sendTimeout_);
 }
 
-void TUnixSocket::connectTo(int socket) const {
+void TUnixSocket::connect(int socket) const {
   using std::chrono::duration_cast;
   using std::chrono::microseconds;
   using std::chrono::steady_clock;
 
-  const sockaddr_un address = localSocketAddress(path_);
   const auto deadline = steady_clock::now() + std::chrono::milliseconds(connTimeout_);
   while (true) {
     if (connTimeout_ > 0) {
@@ -60,7 +58,7 @@ void TUnixSocket::connectTo(int socket) const {
         throw TTransportException(TTransportException::NOT_OPEN, path_ + ": setsockopt", errno);
       }
     }
-    if (::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+    if (::connect(socket, reinterpret_cast<const sockaddr*>(&address_), sizeof(address_)) == 0) {
       return;
     }
     if (errno == EAGAIN) {

@@ -1,6 +1,7 @@
 #ifndef RAVELRPC_TUNIXSOCKET_H
 #define RAVELRPC_TUNIXSOCKET_H
 
+#include <sys/un.h>
 #include <thrift/transport/TSocket.h>
 
 #include <string>
@@ -29,7 +30,9 @@ class TUnixSocket : public apache::thrift::transport::TSocket {
   void open() override;
 
  private:
-  void connectTo(int socket) const;
+  void connect(int socket) const;
+
+  const sockaddr_un address_;
 };
 
 }  // namespace ravel::rpc

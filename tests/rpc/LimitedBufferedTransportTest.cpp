@@ -1,0 +1,140 @@
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <thrift/protocol/TBinaryProtocol.h>
+#include <thrift/protocol/TProtocolException.h>
+#include <usb_rpc_gen_.h>
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+
+#include "LimitedBufferedTransport.h"
+#include "TransportTestSupport.h"
+
+using apache::thrift::TException;
+using apache::thrift::protocol::T_CALL;
+using apache::thrift::protocol::T_LIST;
+using apache::thrift::protocol::T_MAP;
+using apache::thrift::protocol::T_SET;
+using apache::thrift::protocol::T_STOP;
+using apache::thrift::protocol::T_STRING;
+using apache::thrift::protocol::T_STRUCT;
+using apache::thrift::protocol::T_VOID;
+using apache::thrift::protocol::TBinaryProtocol;
+using apache::thrift::protocol::TProtocolException;
+using apache::thrift::protocol::TType;
+using apache::thrift::transport::TMemoryBuffer;
+using apache::thrift::transport::TTransportException;
+using apache::thrift::transport::TVirtualTransport;
+
+namespace ravel::rpc {
+namespace {
+
+constexpr std::uint32_t twoBillion = 2000000000;
+
+long peakMegabytes() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_maxrss / 1024;
+}
+
+/// What a reader on the other end of a connection makes of a text with this announced and this real length.
+std::string readText(std::uint32_t announced, std::uint32_t real) {
+  const auto wire = std::make_shared<TMemoryBuffer>();
+  TBinaryProtocol writer(wire);
+  writer.writeI32(static_cast<std::int32_t>(announced));
+  const std::string content(real, 'x');
+  wire->write(reinterpret_cast<const std::uint8_t*>(content.data()), real);
+
+  TBinaryProtocol reader(LimitedBufferedTransportFactory().getTransport(wire));
+  std::string text;
+  reader.readString(text);
+  return text;
+}
+
+TEST(LimitedBufferedTransport, CarriesATextOfExactlyTheLimit) {
+  const std::uint32_t limit = LimitedBufferedTransport::maxFieldSize;
+  EXPECT_EQ(limit, 1048576U);
+  EXPECT_EQ(readText(limit, limit).size(), limit);
+}
+
+TEST(LimitedBufferedTransport, RefusesATextOfMoreThanTheLimit) {
+  const std::uint32_t tooMuch = LimitedBufferedTransport::maxFieldSize + 1;
+  TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
+  const std::string text = transport_test::transportError([&] { readText(tooMuch, tooMuch); }, &type);
+  EXPECT_EQ(type, TTransportException::CORRUPTED_DATA);
+  EXPECT_EQ(text, "a text of 1048577 bytes is announced, 1048576 are the limit");
+}
+
+TEST(LimitedBufferedTransport, ReservesNothingForATextThatIsOnlyAnnounced) {
+  const long before = peakMegabytes();
+  EXPECT_THROW(readText(twoBillion, 10), TTransportException);
+  EXPECT_LT(peakMegabytes() - before, 100);
+}
+
+/// Lets the USB service read a call that has an unknown field: a container of that many elements without a
+/// single byte for them.
+void processCallWithContainer(TType container, TType element, std::uint32_t count) {
+  const auto wire = std::make_shared<TMemoryBuffer>();
+  TBinaryProtocol writer(wire);
+  writer.writeMessageBegin("OpenDevice", T_CALL, 0);
+  writer.writeFieldBegin("", container, 99);
+  if (container == T_MAP) {
+    writer.writeMapBegin(element, element, count);
+  } else {
+    writer.writeListBegin(element, count);
+  }
+
+  const auto in = std::make_shared<TBinaryProtocol>(LimitedBufferedTransportFactory().getTransport(wire));
+  const auto out = std::make_shared<TBinaryProtocol>(std::make_shared<TMemoryBuffer>());
+  usb_rpc_gen_Processor(std::make_shared<usb_rpc_gen_Null>()).process(in, out, nullptr);
+}
+
+TEST(LimitedBufferedTransport, EndsAtOnceAtAHugeContainerOfElementsThatTakeNoBytes) {
+  const long before = peakMegabytes();
+  for (const TType container : {T_LIST, T_SET, T_MAP}) {
+    for (const TType element : {T_STOP, T_VOID}) {
+      EXPECT_THROW(processCallWithContainer(container, element, twoBillion), TProtocolException);
+    }
+    EXPECT_THROW(processCallWithContainer(container, T_STRUCT, twoBillion), TTransportException);
+    EXPECT_THROW(processCallWithContainer(container, T_STRING, twoBillion / 8), TTransportException);
+  }
+  EXPECT_LT(peakMegabytes() - before, 100);
+}
+
+/// Delivers one message over and over, one copy at each read.
+class RepeatingTransport : public TVirtualTransport<RepeatingTransport> {
+ public:
+  explicit RepeatingTransport(std::string message) : message_(std::move(message)) {}
+
+  std::uint32_t read(std::uint8_t* buffer, std::uint32_t length) {
+    EXPECT_GE(length, message_.size());
+    std::memcpy(buffer, message_.data(), message_.size());
+    return static_cast<std::uint32_t>(message_.size());
+  }
+
+ private:
+  std::string message_;
+};
+
+TEST(LimitedBufferedTransport, ReadsMessagesWithoutEndOnOneConnection) {
+  const auto wire = std::make_shared<TMemoryBuffer>();
+  usb_rpc_gen_Client writer(std::make_shared<TBinaryProtocol>(wire));
+  writer.send_OpenDeviceAt(1, std::string(440, 'm'), false);
+  const std::string message = wire->getBufferAsString();
+  ASSERT_LE(message.size(), 512U);
+
+  const auto in = std::make_shared<TBinaryProtocol>(
+      LimitedBufferedTransportFactory().getTransport(std::make_shared<RepeatingTransport>(message)));
+  const auto replies = std::make_shared<TMemoryBuffer>();
+  const auto out = std::make_shared<TBinaryProtocol>(replies);
+  usb_rpc_gen_Processor processor(std::make_shared<usb_rpc_gen_Null>());
+  const std::size_t limit = 100UL * 1024 * 1024;
+  for (std::size_t consumed = 0; consumed < limit + limit / 4; consumed += message.size()) {
+    processor.process(in, out, nullptr);
+    replies->resetBuffer();
+  }
+}
+
+}  // namespace
+}  // namespace ravel::rpc

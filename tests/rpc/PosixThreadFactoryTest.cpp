@@ -1,0 +1,211 @@
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sched.h>
+#include <thrift/concurrency/Exception.h>
+#include <thrift/concurrency/FunctionRunner.h>
+
+#include <climits>
+#include <filesystem>
+#include <functional>
+#include <future>
+#include <iterator>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "PosixThreadFactory.h"
+
+using apache::thrift::concurrency::FunctionRunner;
+using apache::thrift::concurrency::Runnable;
+using apache::thrift::concurrency::SystemResourceException;
+using apache::thrift::concurrency::Thread;
+
+namespace ravel::rpc {
+namespace {
+
+std::shared_ptr<Runnable> runnable(const std::function<void()>& function) {
+  return std::make_shared<FunctionRunner>(function);
+}
+
+/// What `look` sees in a thread that the factory made.
+template <class Result>
+Result inThread(const PosixThreadFactory& factory, const std::function<Result()>& look) {
+  std::promise<Result> seen;
+  factory.newThread(runnable([&seen, &look] { seen.set_value(look()); }))->start();
+  return seen.get_future().get();
+}
+
+class Attributes {
+ public:
+  Attributes() { pthread_attr_init(&value); }
+  ~Attributes() { pthread_attr_destroy(&value); }
+  Attributes(const Attributes&) = delete;
+  Attributes& operator=(const Attributes&) = delete;
+
+  int detachState() const {
+    int state = -1;
+    pthread_attr_getdetachstate(&value, &state);
+    return state;
+  }
+  std::size_t stackSize() const {
+    std::size_t size = 0;
+    pthread_attr_getstacksize(&value, &size);
+    return size;
+  }
+  std::size_t guardSize() const {
+    std::size_t size = 0;
+    pthread_attr_getguardsize(&value, &size);
+    return size;
+  }
+  int policy() const {
+    int policy = -1;
+    pthread_attr_getschedpolicy(&value, &policy);
+    return policy;
+  }
+  int priority() const {
+    sched_param parameters{};
+    pthread_attr_getschedparam(&value, &parameters);
+    return parameters.sched_priority;
+  }
+  int inheritance() const {
+    int inheritance = -1;
+    pthread_attr_getinheritsched(&value, &inheritance);
+    return inheritance;
+  }
+
+  pthread_attr_t value{};
+};
+
+TEST(PosixThreadFactory, GivesThreadsTheStackItWasTold) {
+  const std::size_t megabyte = std::size_t{1024} * 1024;
+  for (const int megabytes : {1, 3}) {
+    const PosixThreadFactory factory(PosixThreadFactory::ROUND_ROBIN, PosixThreadFactory::NORMAL, megabytes);
+    Attributes attributes;
+    inThread<int>(factory, [&attributes] {
+      pthread_attr_destroy(&attributes.value);
+      return pthread_getattr_np(pthread_self(), &attributes.value);
+    });
+    const std::size_t wanted = static_cast<std::size_t>(megabytes) * megabyte;
+    // The guard may be part of the stack or on top of it.
+    EXPECT_GE(attributes.stackSize() + attributes.guardSize(), wanted);
+    EXPECT_LT(attributes.stackSize(), wanted + megabyte);
+  }
+}
+
+TEST(PosixThreadFactory, DetachesThreads) {
+  Attributes attributes;
+  inThread<int>(PosixThreadFactory(), [&attributes] {
+    pthread_attr_destroy(&attributes.value);
+    return pthread_getattr_np(pthread_self(), &attributes.value);
+  });
+  EXPECT_EQ(attributes.detachState(), PTHREAD_CREATE_DETACHED);
+}
+
+TEST(PosixThreadFactory, RequestsRoundRobinOfNormalPriorityByDefault) {
+  Attributes attributes;
+  PosixThreadFactory().apply(attributes.value);
+  EXPECT_EQ(attributes.detachState(), PTHREAD_CREATE_DETACHED);
+  EXPECT_EQ(attributes.stackSize(), std::size_t{1024} * 1024);
+  EXPECT_EQ(attributes.policy(), SCHED_RR);
+  EXPECT_EQ(attributes.priority(), 43);  // 3/7 of 1..99
+}
+
+TEST(PosixThreadFactory, SpreadsThePrioritiesOverTheRangeOfThePolicy) {
+  Attributes attributes;
+  PosixThreadFactory(PosixThreadFactory::FIFO, PosixThreadFactory::LOWEST).apply(attributes.value);
+  EXPECT_EQ(attributes.policy(), SCHED_FIFO);
+  EXPECT_EQ(attributes.priority(), sched_get_priority_min(SCHED_FIFO));
+  PosixThreadFactory(PosixThreadFactory::FIFO, PosixThreadFactory::HIGHEST).apply(attributes.value);
+  EXPECT_EQ(attributes.priority(), 85);  // 6/7 of 1..99
+  PosixThreadFactory(PosixThreadFactory::OTHER, PosixThreadFactory::HIGHEST).apply(attributes.value);
+  EXPECT_EQ(attributes.policy(), SCHED_OTHER);
+  EXPECT_EQ(attributes.priority(), 0);
+}
+
+TEST(PosixThreadFactory, NeedsNoPrivilegesForItsPolicy) {
+  Attributes attributes;
+  PosixThreadFactory().apply(attributes.value);
+  EXPECT_EQ(attributes.inheritance(), PTHREAD_INHERIT_SCHED);
+  EXPECT_EQ(inThread<int>(PosixThreadFactory(), [] { return sched_getscheduler(0); }), sched_getscheduler(0));
+}
+
+TEST(PosixThreadFactory, StartsAThreadOnce) {
+  const auto threads = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"),
+                         std::filesystem::directory_iterator());
+  };
+  std::promise<void> started;
+  std::promise<void> finish;
+  std::promise<void> finished;
+  auto thread = PosixThreadFactory().newThread(runnable([&] {
+    started.set_value();
+    finish.get_future().wait();
+    finished.set_value();
+  }));
+  EXPECT_EQ(thread->getState(), Thread::uninitialized);
+  thread->start();
+  started.get_future().wait();
+  EXPECT_EQ(thread->getState(), Thread::started);
+  const auto before = threads();
+  thread->start();
+  EXPECT_EQ(threads(), before);
+  finish.set_value();
+  finished.get_future().wait();
+}
+
+TEST(PosixThreadFactory, KeepsARunningThreadAlive) {
+  std::promise<void> go;
+  std::promise<void> done;
+  auto task = runnable([&] {
+    go.get_future().wait();
+    done.set_value();
+  });
+  PosixThreadFactory().newThread(task)->start();
+  EXPECT_NE(task->thread(), nullptr);
+  go.set_value();
+  done.get_future().wait();
+}
+
+TEST(PosixThreadFactory, DropsAThreadThatWasNeverStarted) {
+  auto task = runnable([] {});
+  PosixThreadFactory().newThread(task).reset();
+  EXPECT_EQ(task->thread(), nullptr);
+}
+
+TEST(PosixThreadFactory, ReportsAThreadThatCannotBeMade) {
+  const PosixThreadFactory factory(PosixThreadFactory::OTHER, PosixThreadFactory::NORMAL, INT_MAX);
+  auto thread = factory.newThread(runnable([] {}));
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    try {
+      thread->start();
+      FAIL() << "no exception";
+    } catch (const SystemResourceException& error) {
+      EXPECT_EQ(std::string(error.what()).rfind("pthread_create: ", 0), 0U) << error.what();
+    }
+    EXPECT_EQ(thread->getState(), Thread::uninitialized);
+  }
+}
+
+TEST(PosixThreadFactory, RefusesWhatItDoesNotSupport) {
+  using Factory = PosixThreadFactory;
+  EXPECT_THROW(Factory(Factory::ROUND_ROBIN, Factory::NORMAL, 1, false), std::invalid_argument);
+  EXPECT_THROW(Factory(Factory::ROUND_ROBIN, Factory::NORMAL, 0), std::invalid_argument);
+  EXPECT_THROW(Factory(Factory::ROUND_ROBIN, Factory::INCREMENT), std::invalid_argument);
+  EXPECT_THROW(Factory(Factory::ROUND_ROBIN, Factory::DECREMENT), std::invalid_argument);
+  Factory factory;
+  factory.setDetached(false);
+  EXPECT_THROW(factory.newThread(runnable([] {})), std::invalid_argument);
+}
+
+TEST(PosixThreadFactoryDeathTest, EndsTheProcessWithAReportWhenAnExceptionLeavesAThread) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  EXPECT_DEATH(
+      {
+        PosixThreadFactory().newThread(runnable([] { throw std::runtime_error("out of luck"); }))->start();
+        std::promise<void>().get_future().wait();
+      },
+      "A thread ends the process by an exception: out of luck");
+}
+
+}  // namespace
+}  // namespace ravel::rpc

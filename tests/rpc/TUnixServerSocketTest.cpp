@@ -1,0 +1,363 @@
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <thrift/Thrift.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <exception>
+#include <fstream>
+#include <future>
+#include <optional>
+
+#include "TUnixServerSocket.h"
+#include "TUnixSocket.h"
+#include "TransportTestSupport.h"
+
+using apache::thrift::GlobalOutput;
+using apache::thrift::TOutput;
+using apache::thrift::transport::TSocket;
+using apache::thrift::transport::TTransport;
+using apache::thrift::transport::TTransportException;
+
+namespace ravel::rpc {
+namespace {
+
+using transport_test::fillBacklog;
+using transport_test::openDescriptors;
+using transport_test::plainListener;
+using transport_test::transportError;
+
+class TUnixServerSocketTest : public transport_test::SocketDirectoryTest {
+ protected:
+  std::string path() const { return (directory_ / "9020.sock").string(); }
+  std::string lockPath() const { return (directory_ / "9020.lock").string(); }
+
+  static mode_t modeOf(const std::string& file) {
+    struct stat status {};
+    EXPECT_EQ(lstat(file.c_str(), &status), 0) << file;
+    return status.st_mode & 07777U;
+  }
+
+  static std::string constructionError() {
+    return transportError([] { TUnixServerSocket server(9020); });
+  }
+
+  /// One byte from a client to a connection accepted meanwhile.
+  static void expectServes(TUnixServerSocket& server) {
+    TUnixSocket client("localhost", 9020);
+    client.open();
+    const std::shared_ptr<TTransport> connection = server.accept();
+    const std::uint8_t sent = 42;
+    client.write(&sent, 1);
+    std::uint8_t received = 0;
+    ASSERT_EQ(connection->read(&received, 1), 1U);
+    EXPECT_EQ(received, sent);
+  }
+};
+
+TEST_F(TUnixServerSocketTest, CarriesBytesBetweenAClientAndAnAcceptedConnection) {
+  TUnixServerSocket server(9020);
+  expectServes(server);
+}
+
+TEST_F(TUnixServerSocketTest, TakesConnectionsBeforeAnybodyAccepts) {
+  TUnixServerSocket server(9020);
+  TUnixSocket client("localhost", 9020);
+  client.open();
+  EXPECT_TRUE(client.isOpen());
+}
+
+TEST_F(TUnixServerSocketTest, SetsTheModesWhateverTheUmask) {
+  for (const mode_t mask : {0U, 077U, 0777U}) {
+    std::filesystem::remove_all(directory_);
+    const mode_t before = umask(mask);
+    {
+      TUnixServerSocket server(9020);
+      umask(before);
+      EXPECT_EQ(modeOf(directory_), 0755U) << mask;
+      EXPECT_EQ(modeOf(path()), 0660U) << mask;
+      EXPECT_EQ(modeOf(lockPath()) & 077U, 0U) << mask;
+    }
+    umask(before);
+  }
+}
+
+TEST_F(TUnixServerSocketTest, LeavesTheModeOfAnExistingDirectory) {
+  ASSERT_EQ(chmod(directory_.c_str(), 0710), 0);
+  TUnixServerSocket server(9020);
+  EXPECT_EQ(modeOf(directory_), 0710U);
+}
+
+TEST_F(TUnixServerSocketTest, ReplacesASocketThatNobodyServes) {
+  plainListener(path(), 1).reset();
+  ASSERT_TRUE(std::filesystem::is_socket(path()));
+  TUnixServerSocket server(9020);
+  expectServes(server);
+}
+
+TEST_F(TUnixServerSocketTest, RefusesASecondServer) {
+  TUnixServerSocket first(9020);
+  EXPECT_EQ(constructionError(), path() + ": another process serves it");
+  expectServes(first);
+}
+
+TEST_F(TUnixServerSocketTest, RefusesASecondServerEvenWhenTheSocketWasRemoved) {
+  TUnixServerSocket first(9020);
+  std::filesystem::remove(path());
+  EXPECT_EQ(constructionError(), path() + ": another process serves it");
+}
+
+TEST_F(TUnixServerSocketTest, ServesTwoNumbersSideBySide) {
+  TUnixServerSocket other(9014);
+  TUnixServerSocket server(9020);
+  expectServes(server);
+}
+
+TEST_F(TUnixServerSocketTest, LeavesAListenerWithoutALockAlone) {
+  const FileDescriptor listener = plainListener(path(), 1);
+  EXPECT_EQ(constructionError(), path() + ": another process serves it");
+  TUnixSocket client("localhost", 9020);
+  EXPECT_NO_THROW(client.open());
+}
+
+TEST_F(TUnixServerSocketTest, LeavesAListenerWithAFullBacklogAlone) {
+  const FileDescriptor listener = plainListener(path(), 0);
+  const auto waiting = fillBacklog(path());
+  EXPECT_EQ(constructionError(), path() + ": another process serves it");
+  EXPECT_TRUE(std::filesystem::is_socket(path()));
+}
+
+TEST_F(TUnixServerSocketTest, LeavesADatagramSocketAlone) {
+  const FileDescriptor datagrams(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const sockaddr_un address = localSocketAddress(path());
+  ASSERT_EQ(bind(datagrams.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+  EXPECT_EQ(constructionError().rfind(path() + ": cannot tell whether another process serves it", 0), 0U);
+  EXPECT_TRUE(std::filesystem::is_socket(path()));
+}
+
+TEST_F(TUnixServerSocketTest, LeavesAFileAlone) {
+  std::ofstream(path()) << "precious";
+  EXPECT_EQ(constructionError(), path() + ": not a socket, left alone");
+  std::string content;
+  std::ifstream(path()) >> content;
+  EXPECT_EQ(content, "precious");
+}
+
+TEST_F(TUnixServerSocketTest, LeavesADirectoryAlone) {
+  std::filesystem::create_directory(path());
+  EXPECT_EQ(constructionError(), path() + ": not a socket, left alone");
+  EXPECT_TRUE(std::filesystem::is_directory(path()));
+}
+
+TEST_F(TUnixServerSocketTest, LeavesASymbolicLinkAndItsTargetAlone) {
+  const std::string target = (directory_ / "stale").string();
+  plainListener(target, 1).reset();
+  std::filesystem::create_symlink(target, path());
+  EXPECT_EQ(constructionError(), path() + ": not a socket, left alone");
+  EXPECT_TRUE(std::filesystem::is_symlink(path()));
+  EXPECT_TRUE(std::filesystem::is_socket(target));
+}
+
+TEST_F(TUnixServerSocketTest, DoesNotFollowASymbolicLinkInPlaceOfTheLock) {
+  const std::string target = (directory_ / "elsewhere").string();
+  std::filesystem::create_symlink(target, lockPath());
+  EXPECT_EQ(constructionError().rfind(path() + ": open of the lock file " + lockPath() + ": ", 0), 0U);
+  EXPECT_FALSE(std::filesystem::exists(target));
+}
+
+TEST_F(TUnixServerSocketTest, NamesPathAndReasonWhenTheDirectoryCannotBeMade) {
+  setenv("RAVEL_SOCKET_DIR", (directory_ / "no/such").c_str(), 1);
+  const std::string expected = (directory_ / "no/such/9020.sock").string() + ": mkdir of the directory: ";
+  EXPECT_EQ(constructionError(), expected + TOutput::strerror_s(ENOENT));
+}
+
+TEST_F(TUnixServerSocketTest, RefusesATooLongPathBeforeItTouchesAnything) {
+  const std::filesystem::path deep = directory_ / std::string(100, 'd');
+  setenv("RAVEL_SOCKET_DIR", deep.c_str(), 1);
+  EXPECT_NE(constructionError().find("too long for a local socket"), std::string::npos);
+  EXPECT_FALSE(std::filesystem::exists(deep));
+}
+
+TEST_F(TUnixServerSocketTest, LetsGoOfTheLockWhenItsConstructionFails) {
+  std::ofstream(path()) << "in the way";
+  constructionError();
+  std::filesystem::remove(path());
+  EXPECT_NO_THROW(TUnixServerSocket(9020));
+}
+
+TEST_F(TUnixServerSocketTest, RemovesItsSocketAtTheEndAndMakesRoomForTheNext) {
+  {
+    TUnixServerSocket server(9020);
+    server.close();
+    EXPECT_FALSE(server.isOpen());
+    EXPECT_FALSE(std::filesystem::exists(path()));
+    TUnixServerSocket next(9020);
+    server.close();
+    expectServes(next);
+  }
+  EXPECT_FALSE(std::filesystem::exists(path()));
+}
+
+TEST_F(TUnixServerSocketTest, LeavesASocketThatTookItsPlace) {
+  TUnixServerSocket server(9020);
+  std::filesystem::remove(path());
+  const FileDescriptor usurper = plainListener(path(), 1);
+  server.close();
+  EXPECT_TRUE(std::filesystem::is_socket(path()));
+}
+
+TEST_F(TUnixServerSocketTest, OpensEveryDescriptorCloseOnExec) {
+  const std::vector<int> before = openDescriptors();
+  TUnixServerSocket server(9020);
+  TUnixSocket client("localhost", 9020);
+  client.open();
+  const std::shared_ptr<TTransport> connection = server.accept();
+  int ours = 0;
+  for (const int descriptor : openDescriptors()) {
+    if (std::find(before.begin(), before.end(), descriptor) == before.end()) {
+      ++ours;
+      EXPECT_NE(fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0) << descriptor;
+    }
+  }
+  EXPECT_EQ(ours, 5);  // lock, listener, interrupt, accepted, client
+}
+
+TEST_F(TUnixServerSocketTest, AcceptsBlockingConnectionsOnANonBlockingListener) {
+  TUnixServerSocket server(9020);
+  TUnixSocket client("localhost", 9020);
+  client.open();
+  const std::shared_ptr<TTransport> connection = server.accept();
+  const int accepted = dynamic_cast<TSocket&>(*connection).getSocketFD();
+  EXPECT_EQ(fcntl(accepted, F_GETFL) & O_NONBLOCK, 0);
+  EXPECT_NE(fcntl(server.getSocketFD(), F_GETFL) & O_NONBLOCK, 0);
+}
+
+TEST_F(TUnixServerSocketTest, EndsAWaitingAcceptWhenInterrupted) {
+  TUnixServerSocket server(9020);
+  auto waiting = std::async(std::launch::async, [&server] {
+    TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
+    transportError([&server] { server.accept(); }, &type);
+    return type;
+  });
+  server.interrupt();
+  EXPECT_EQ(waiting.get(), TTransportException::INTERRUPTED);
+}
+
+TEST_F(TUnixServerSocketTest, EndsEveryLaterAcceptOnceInterrupted) {
+  TUnixServerSocket server(9020);
+  TUnixSocket client("localhost", 9020);
+  client.open();
+  server.interrupt();
+  for (int round = 0; round < 2; ++round) {
+    TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
+    transportError([&server] { server.accept(); }, &type);
+    EXPECT_EQ(type, TTransportException::INTERRUPTED);
+  }
+}
+
+TEST_F(TUnixServerSocketTest, AcceptsNothingAfterItsEnd) {
+  TUnixServerSocket server(9020);
+  server.close();
+  server.interrupt();
+  TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
+  transportError([&server] { server.accept(); }, &type);
+  EXPECT_EQ(type, TTransportException::NOT_OPEN);
+}
+
+/// Uses up all descriptors while it lives.
+class DescriptorShortage {
+ public:
+  DescriptorShortage() {
+    getrlimit(RLIMIT_NOFILE, &before_);
+    const FileDescriptor lowestFree(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    rlimit limit = before_;
+    limit.rlim_cur = static_cast<rlim_t>(lowestFree.get());
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  }
+  ~DescriptorShortage() { setrlimit(RLIMIT_NOFILE, &before_); }
+  DescriptorShortage(const DescriptorShortage&) = delete;
+  DescriptorShortage& operator=(const DescriptorShortage&) = delete;
+
+ private:
+  rlimit before_{};
+};
+
+std::atomic<int> shortageReports{0};
+
+/// A server on which a thread accepts one connection, and the shortage reports of which are counted.
+class Shortage : public TUnixServerSocketTest {
+ protected:
+  void SetUp() override {
+    TUnixServerSocketTest::SetUp();
+    shortageReports = 0;
+    GlobalOutput.setOutputFunction([](const char* message) {
+      const char* const report = "9020.sock: cannot accept connections, trying on: ";
+      shortageReports += std::strstr(message, report) != nullptr ? 1 : 0;
+    });
+    server_.emplace(9020);
+    expectServes(*server_);
+    client_.emplace("localhost", 9020);
+    client_->open();
+  }
+  void TearDown() override {
+    server_.reset();
+    GlobalOutput.setOutputFunction(TOutput::errorTimeWrapper);
+    TUnixServerSocketTest::TearDown();
+  }
+
+  /// Calls `during` while accept finds no descriptor left. The thread is made before that, since the
+  /// sanitizers need descriptors, too.
+  void acceptWithoutDescriptors(const std::function<void()>& during) {
+    accepted_.reset();
+    failure_ = nullptr;
+    std::atomic<bool> go{false};
+    std::thread thread([this, &go] {
+      while (!go) {
+        std::this_thread::yield();
+      }
+      try {
+        accepted_ = server_->accept();
+      } catch (...) {
+        failure_ = std::current_exception();
+      }
+    });
+    const int reports = shortageReports;
+    {
+      const DescriptorShortage shortage;
+      go = true;
+      EXPECT_TRUE(transport_test::eventually([reports] { return shortageReports > reports; }));
+      during();
+    }
+    thread.join();
+  }
+
+  std::optional<TUnixServerSocket> server_;
+  std::optional<TUnixSocket> client_;
+  std::shared_ptr<TTransport> accepted_;
+  std::exception_ptr failure_;
+};
+
+TEST_F(Shortage, OfDescriptorsIsOutlivedAndReportedOnceEachTime) {
+  for (int episode = 1; episode <= 2; ++episode) {
+    // Long enough for several tries, each of which might wrongly be reported.
+    acceptWithoutDescriptors([] { std::this_thread::sleep_for(std::chrono::milliseconds(250)); });
+    ASSERT_NE(accepted_, nullptr);
+    EXPECT_TRUE(accepted_->isOpen());
+    EXPECT_EQ(shortageReports, episode);
+    client_->close();
+    client_->open();
+  }
+}
+
+TEST_F(Shortage, OfDescriptorsCanBeInterrupted) {
+  acceptWithoutDescriptors([this] { server_->interrupt(); });
+  ASSERT_NE(failure_, nullptr);
+  TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
+  transportError([this] { std::rethrow_exception(failure_); }, &type);
+  EXPECT_EQ(type, TTransportException::INTERRUPTED);
+}
+
+}  // namespace
+}  // namespace ravel::rpc

@@ -1,0 +1,175 @@
+#include <pthread.h>
+#include <signal.h>
+#include <sys/time.h>
+#include <thrift/Thrift.h>
+
+#include <future>
+#include <vector>
+
+#include "TUnixSocket.h"
+#include "TransportTestSupport.h"
+
+using apache::thrift::TOutput;
+using apache::thrift::transport::TTransport;
+using apache::thrift::transport::TTransportException;
+
+namespace ravel::rpc {
+namespace {
+
+using transport_test::fillBacklog;
+using transport_test::plainListener;
+using transport_test::transportError;
+
+class TUnixSocketTest : public transport_test::SocketDirectoryTest {
+ protected:
+  std::string path() const { return (directory_ / "9014.sock").string(); }
+
+  static std::chrono::microseconds timeoutOf(TUnixSocket& socket, int option) {
+    timeval value{};
+    socklen_t size = sizeof(value);
+    EXPECT_EQ(getsockopt(socket.getSocketFD(), SOL_SOCKET, option, &value, &size), 0);
+    return std::chrono::seconds(value.tv_sec) + std::chrono::microseconds(value.tv_usec);
+  }
+};
+
+TEST_F(TUnixSocketTest, KnowsNoHostButLocalhost) {
+  TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
+  const std::string text = transportError([] { TUnixSocket("127.0.0.1", 9014); }, &type);
+  EXPECT_EQ(type, TTransportException::BAD_ARGS);
+  EXPECT_EQ(text, "local sockets are on localhost only, not on \"127.0.0.1\"");
+}
+
+TEST_F(TUnixSocketTest, RefusesATooLongPath) {
+  setenv("RAVEL_SOCKET_DIR", ("/tmp/" + std::string(100, 'd')).c_str(), 1);
+  TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
+  transportError([] { TUnixSocket("localhost", 9014); }, &type);
+  EXPECT_EQ(type, TTransportException::BAD_ARGS);
+}
+
+TEST_F(TUnixSocketTest, IsClosedAfterAFailureAndOpensLater) {
+  TUnixSocket client("localhost", 9014);
+  TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
+  const std::string text = transportError([&client] { client.open(); }, &type);
+  EXPECT_EQ(type, TTransportException::NOT_OPEN);
+  EXPECT_EQ(text, path() + ": connect: " + TOutput::strerror_s(ENOENT));
+  EXPECT_FALSE(client.isOpen());
+
+  TUnixServerSocket server(9014);
+  client.open();
+  EXPECT_TRUE(client.isOpen());
+}
+
+TEST_F(TUnixSocketTest, SaysThatNobodyServesAStaleSocket) {
+  plainListener(path(), 1).reset();
+  TUnixSocket client("localhost", 9014);
+  EXPECT_EQ(transportError([&client] { client.open(); }),
+            path() + ": connect: " + TOutput::strerror_s(ECONNREFUSED));
+}
+
+TEST_F(TUnixSocketTest, LeavesAnOpenConnectionAsItIs) {
+  TUnixServerSocket server(9014);
+  TUnixSocket client("localhost", 9014);
+  client.open();
+  const int descriptor = client.getSocketFD();
+  client.open();
+  EXPECT_EQ(client.getSocketFD(), descriptor);
+}
+
+TEST_F(TUnixSocketTest, OpensAgainAfterItWasClosed) {
+  TUnixServerSocket server(9014);
+  TUnixSocket client("localhost", 9014);
+  client.open();
+  client.close();
+  client.open();
+  EXPECT_TRUE(client.isOpen());
+}
+
+TEST_F(TUnixSocketTest, AppliesEachTimeoutWhereItBelongs) {
+  using std::chrono::milliseconds;
+  TUnixServerSocket server(9014);
+  TUnixSocket client("localhost", 9014);
+  client.setConnTimeout(30000);
+  client.setRecvTimeout(20000);
+  client.setSendTimeout(10000);
+  client.open();
+  EXPECT_EQ(timeoutOf(client, SO_RCVTIMEO), milliseconds(20000));
+  EXPECT_EQ(timeoutOf(client, SO_SNDTIMEO), milliseconds(10000));
+
+  TUnixSocket patient("localhost", 9014);
+  patient.setConnTimeout(30000);
+  patient.open();
+  EXPECT_EQ(timeoutOf(patient, SO_RCVTIMEO), milliseconds(0));
+  EXPECT_EQ(timeoutOf(patient, SO_SNDTIMEO), milliseconds(0));
+}
+
+TEST_F(TUnixSocketTest, StopsWaitingForASilentService) {
+  TUnixServerSocket server(9014);
+  TUnixSocket client("localhost", 9014);
+  client.setRecvTimeout(50);
+  client.open();
+  const std::shared_ptr<TTransport> connection = server.accept();
+  std::uint8_t byte = 0;
+  TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
+  transportError([&] { client.read(&byte, 1); }, &type);
+  EXPECT_EQ(type, TTransportException::TIMED_OUT);
+}
+
+TEST_F(TUnixSocketTest, StopsWaitingForAServiceThatDoesNotRead) {
+  TUnixServerSocket server(9014);
+  TUnixSocket client("localhost", 9014);
+  client.setSendTimeout(50);
+  client.open();
+  const std::shared_ptr<TTransport> connection = server.accept();
+  const std::vector<std::uint8_t> much(64UL * 1024 * 1024);
+  TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
+  transportError([&] { client.write(much.data(), static_cast<std::uint32_t>(much.size())); }, &type);
+  EXPECT_EQ(type, TTransportException::TIMED_OUT);
+}
+
+TEST_F(TUnixSocketTest, StopsWaitingForRoomInTheBacklogAndOpensLater) {
+  FileDescriptor listener = plainListener(path(), 0);
+  auto waiting = fillBacklog(path());
+  TUnixSocket client("localhost", 9014);
+  client.setConnTimeout(50);
+  TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
+  EXPECT_EQ(transportError([&client] { client.open(); }, &type), path() + ": connect timed out");
+  EXPECT_EQ(type, TTransportException::TIMED_OUT);
+  EXPECT_FALSE(client.isOpen());
+
+  for (std::size_t accepted = 0; accepted < waiting.size(); ++accepted) {
+    FileDescriptor(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC)).reset();
+  }
+  EXPECT_NO_THROW(client.open());
+}
+
+TEST_F(TUnixSocketTest, GoesOnConnectingAfterASignal) {
+  struct sigaction ignore {};
+  ignore.sa_handler = [](int) {};
+  struct sigaction before {};
+  ASSERT_EQ(sigaction(SIGUSR1, &ignore, &before), 0);
+
+  FileDescriptor listener = plainListener(path(), 0);
+  auto waiting = fillBacklog(path());
+  std::promise<void> connected;
+  std::thread connecting([&connected] {
+    TUnixSocket client("localhost", 9014);
+    client.setConnTimeout(60000);
+    try {
+      client.open();
+      connected.set_value();
+    } catch (...) {
+      connected.set_exception(std::current_exception());
+    }
+  });
+  for (int signal = 0; signal < 50; ++signal) {
+    pthread_kill(connecting.native_handle(), SIGUSR1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  FileDescriptor(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC)).reset();
+  EXPECT_NO_THROW(connected.get_future().get());
+  connecting.join();
+  sigaction(SIGUSR1, &before, nullptr);
+}
+
+}  // namespace
+}  // namespace ravel::rpc

@@ -1,0 +1,245 @@
+#include <atomic>
+#include <boost/make_shared.hpp>
+#include <future>
+#include <optional>
+#include <stdexcept>
+
+#include "TUnixSocket.h"
+#include "TransportTestSupport.h"
+#include "thrift_client.h"
+
+using apache::thrift::TApplicationException;
+using apache::thrift::TException;
+using apache::thrift::protocol::TBinaryProtocol;
+using apache::thrift::transport::TTransport;
+using apache::thrift::transport::TTransportException;
+
+namespace ravel::rpc {
+namespace {
+
+using transport_test::eventually;
+using transport_test::MediaHandler;
+using transport_test::MediaServer;
+using transport_test::RawService;
+
+using Stub = corvane_rpc_gen_Client;
+
+/// Counts the connections that the client makes.
+class CountingSocket : public TUnixSocket {
+ public:
+  using TUnixSocket::TUnixSocket;
+  void open() override {
+    TUnixSocket::open();
+    ++opened;
+  }
+  static inline std::atomic<int> opened{0};
+};
+
+using MediaClient = thrift_client<Stub, 9014, CountingSocket>;
+
+void add(MediaClient& client, std::int16_t device = 1) {
+  client.call([device](Stub& stub) { stub.SendUsbAddedCallback(device, 2, 3); });
+}
+
+class ThriftClient : public transport_test::SocketDirectoryTest {
+ protected:
+  void SetUp() override {
+    SocketDirectoryTest::SetUp();
+    CountingSocket::opened = 0;
+  }
+
+  const boost::shared_ptr<MediaHandler> handler_ = boost::make_shared<MediaHandler>();
+};
+
+TEST_F(ThriftClient, ConnectsAtItsFirstCallAndKeepsTheConnection) {
+  std::vector<std::int16_t> devices;
+  handler_->added = [&devices](std::int16_t device) { devices.push_back(device); };
+  MediaServer server(handler_);
+  server.start();
+  MediaClient client;
+  EXPECT_EQ(CountingSocket::opened, 0);
+  add(client, 1);
+  add(client, 2);
+  EXPECT_EQ(CountingSocket::opened, 1);
+  EXPECT_EQ(devices, (std::vector<std::int16_t>{1, 2}));
+}
+
+TEST_F(ThriftClient, FailsWithoutAServiceAndConnectsWhenThereIsOne) {
+  // The server waits for its clients at its end, so it is to be destroyed after them.
+  std::optional<MediaServer> server;
+  MediaClient client;
+  EXPECT_THROW(add(client), TTransportException);
+  server.emplace(handler_);
+  server->start();
+  EXPECT_NO_THROW(add(client));
+}
+
+TEST_F(ThriftClient, BoundsConnectingReadingAndWriting) {
+  MediaServer server(handler_);
+  server.start();
+  struct Probe : TUnixSocket {
+    using TUnixSocket::TUnixSocket;
+    void open() override {
+      EXPECT_EQ(connTimeout_, 10000);
+      EXPECT_EQ(recvTimeout_, 10000);
+      EXPECT_EQ(sendTimeout_, 10000);
+      TUnixSocket::open();
+    }
+  };
+  thrift_client<Stub, 9014, Probe> client;
+  client.call([](Stub& stub) { stub.SendUsbAddedCallback(1, 2, 3); });
+}
+
+TEST_F(ThriftClient, MakesCallsOfSeveralThreadsSideBySideAndKeepsOneConnection) {
+  std::atomic<int> inside{0};
+  std::promise<void> gate;
+  const std::shared_future<void> open = gate.get_future().share();
+  handler_->added = [&inside, open](std::int16_t) {
+    ++inside;
+    open.wait();
+  };
+  MediaServer server(handler_);
+  server.start();
+  MediaClient client;
+  std::vector<std::future<void>> calls;
+  for (int thread = 0; thread < 4; ++thread) {
+    calls.push_back(std::async(std::launch::async, [&client] { add(client); }));
+  }
+  // Each has to get through while the others wait for their reply.
+  EXPECT_TRUE(eventually([&inside] { return inside == 4; }));
+  gate.set_value();
+  for (auto& call : calls) {
+    call.get();
+  }
+  EXPECT_EQ(CountingSocket::opened, 4);
+  EXPECT_TRUE(eventually([&server] { return server.server().getConcurrentClientCount() == 1; }));
+  add(client);
+  EXPECT_EQ(CountingSocket::opened, 4);
+}
+
+TEST_F(ThriftClient, MakesACallWhileTheServiceHasAnotherUnderWayThatCausedIt) {
+  MediaServer server(handler_);
+  MediaClient client;
+  std::vector<std::int16_t> removed;
+  handler_->removed = [&removed](std::int16_t device) { removed.push_back(device); };
+  handler_->added = [&client](std::int16_t device) {
+    client.call([device](Stub& stub) { stub.SendUsbRemovedCallback(device, 2, 3); });
+  };
+  server.start();
+  add(client, 5);
+  add(client, 6);
+  EXPECT_EQ(removed, (std::vector<std::int16_t>{5, 6}));
+}
+
+TEST_F(ThriftClient, MakesACallFromInsideACall) {
+  MediaServer server(handler_);
+  server.start();
+  MediaClient client;
+  client.call([&client](Stub& stub) {
+    stub.send_SendUsbAddedCallback(1, 2, 3);
+    client.call([](Stub& nested) { nested.SendUsbRemovedCallback(1, 2, 3); });
+    stub.recv_SendUsbAddedCallback();
+  });
+  EXPECT_EQ(CountingSocket::opened, 2);
+}
+
+TEST_F(ThriftClient, KeepsTheConnectionWhenTheServiceAnswersWithAFailure) {
+  handler_->added = [](std::int16_t device) {
+    if (device == 13) {
+      throw std::runtime_error("thirteen");
+    }
+  };
+  MediaServer server(handler_);
+  server.start();
+  MediaClient client;
+  for (int round = 0; round < 3; ++round) {
+    try {
+      add(client, 13);
+      FAIL() << "no exception";
+    } catch (const TApplicationException& error) {
+      EXPECT_STREQ(error.what(), "thirteen");
+    }
+    EXPECT_NO_THROW(add(client, 1));
+  }
+  EXPECT_EQ(CountingSocket::opened, 1);
+  EXPECT_EQ(server.server().getConcurrentClientCountHWM(), 1);
+}
+
+TEST_F(ThriftClient, DropsTheConnectionAfterAnyOtherException) {
+  MediaServer server(handler_);
+  server.start();
+  MediaClient client;
+  EXPECT_THROW(client.call([](Stub& stub) {
+    stub.send_SendUsbAddedCallback(1, 2, 3);
+    throw 13;
+  }),
+               int);
+  add(client);
+  EXPECT_EQ(CountingSocket::opened, 2);
+}
+
+TEST_F(ThriftClient, FailsOneCallWhenTheServiceWasRestarted) {
+  corvane_rpc_gen_Processor processor(std::make_shared<MediaHandler>());
+  // Answers one call and closes the connection, as a service does that ends.
+  RawService service(9014, [&processor](const std::shared_ptr<TTransport>& connection) {
+    const auto protocol = std::make_shared<TBinaryProtocol>(
+        std::make_shared<apache::thrift::transport::TBufferedTransport>(connection));
+    processor.process(protocol, protocol, nullptr);
+    connection->close();
+  });
+  MediaClient client;
+  for (int round = 0; round < 3; ++round) {
+    EXPECT_NO_THROW(add(client));
+    EXPECT_THROW(add(client), TTransportException);
+  }
+  EXPECT_EQ(CountingSocket::opened, 3);
+}
+
+TEST_F(ThriftClient, TakesRubbishForAFailureAndConnectsAnew) {
+  const std::string tooLong{"\x80\x01\x00\x02\x7f\xff\xff\xff", 8};
+  const std::vector<std::string> rubbish{"HTTP/1.0 400 Bad Request\r\n\r\n", std::string(600, '\xff'), "x",
+                                         tooLong};
+  std::atomic<std::size_t> connections{0};
+  RawService service(9014, [&](const std::shared_ptr<TTransport>& connection) {
+    const std::string& answer = rubbish.at(connections++);
+    connection->write(reinterpret_cast<const std::uint8_t*>(answer.data()),
+                      static_cast<std::uint32_t>(answer.size()));
+    // Reads the request before closing, or the client could not send it.
+    std::array<std::uint8_t, 512> request{};
+    connection->read(request.data(), static_cast<std::uint32_t>(request.size()));
+    connection->close();
+  });
+  MediaClient client;
+  for (std::size_t call = 0; call < rubbish.size(); ++call) {
+    EXPECT_THROW(add(client), TException);
+    EXPECT_EQ(CountingSocket::opened, static_cast<int>(call) + 1);
+  }
+}
+
+TEST_F(ThriftClient, StopsWaitingForASilentService) {
+  RawService service(9014, [](const std::shared_ptr<TTransport>& connection) {
+    std::array<std::uint8_t, 512> request{};
+    while (connection->read(request.data(), static_cast<std::uint32_t>(request.size())) > 0) {
+    }
+  });
+  MediaClient client(std::chrono::milliseconds(50));
+  for (int round = 0; round < 2; ++round) {
+    TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
+    transport_test::transportError([&client] { add(client); }, &type);
+    EXPECT_EQ(type, TTransportException::TIMED_OUT);
+  }
+  EXPECT_EQ(CountingSocket::opened, 2);
+}
+
+TEST_F(ThriftClient, StopsWaitingForAServiceThatDoesNotAccept) {
+  const std::string path = localSocketPath(9014);
+  const FileDescriptor listener = transport_test::plainListener(path, 0);
+  const auto waiting = transport_test::fillBacklog(path);
+  MediaClient client(std::chrono::milliseconds(50));
+  TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
+  transport_test::transportError([&client] { add(client); }, &type);
+  EXPECT_EQ(type, TTransportException::TIMED_OUT);
+}
+
+}  // namespace
+}  // namespace ravel::rpc

@@ -1,0 +1,269 @@
+#include <sys/resource.h>
+#include <thrift/TApplicationException.h>
+#include <thrift/concurrency/Exception.h>
+#include <thrift/protocol/TBinaryProtocol.h>
+
+#include <atomic>
+#include <boost/make_shared.hpp>
+#include <future>
+#include <stdexcept>
+
+#include "TUnixSocket.h"
+#include "TransportTestSupport.h"
+#include "thrift_server.h"
+
+using apache::thrift::TApplicationException;
+using apache::thrift::concurrency::SystemResourceException;
+using apache::thrift::protocol::T_CALL;
+using apache::thrift::protocol::T_EXCEPTION;
+using apache::thrift::protocol::T_STRING;
+using apache::thrift::protocol::TBinaryProtocol;
+using apache::thrift::protocol::TMessageType;
+using apache::thrift::transport::TBufferedTransport;
+using apache::thrift::transport::TTransportException;
+
+namespace ravel::rpc {
+namespace {
+
+using transport_test::eventually;
+using transport_test::UsbHandler;
+using transport_test::UsbServer;
+
+class ThriftServer : public transport_test::SocketDirectoryTest {
+ protected:
+  /// A connection to the server, as any program would make it.
+  struct Client {
+    Client()
+        : socket(std::make_shared<TUnixSocket>("localhost", 9020)),
+          protocol(std::make_shared<TBinaryProtocol>(std::make_shared<TBufferedTransport>(socket))),
+          stub(protocol) {
+      socket->open();
+    }
+    std::shared_ptr<TUnixSocket> socket;
+    std::shared_ptr<TBinaryProtocol> protocol;
+    usb_rpc_gen_Client stub;
+  };
+
+  const boost::shared_ptr<UsbHandler> handler_ = boost::make_shared<UsbHandler>();
+};
+
+TEST_F(ThriftServer, ServesOnceStarted) {
+  UsbServer server(handler_);
+  server.start();
+  server.start();
+  Client client;
+  EXPECT_TRUE(client.stub.OpenDevice(1));
+}
+
+TEST_F(ThriftServer, LetsClientsWaitForItsStart) {
+  UsbServer server(handler_);
+  Client client;
+  client.stub.send_OpenDevice(1);
+  server.start();
+  EXPECT_TRUE(client.stub.recv_OpenDevice());
+}
+
+TEST_F(ThriftServer, FailsInTheConstructorWhenTheSocketIsTaken) {
+  const TUnixServerSocket taken(9020);
+  EXPECT_THROW(UsbServer server(handler_), TTransportException);
+}
+
+TEST_F(ThriftServer, SaysThatItHasNoThreadToStart) {
+  UsbServer server(handler_);
+  server.loseThread();
+  try {
+    server.start();
+    FAIL() << "no exception";
+  } catch (const std::runtime_error& error) {
+    EXPECT_STREQ(error.what(), "Thrift thread could not start");
+  }
+}
+
+TEST_F(ThriftServer, FreesTheSocketWhenItWasNeverStarted) {
+  { UsbServer server(handler_); }
+  EXPECT_NO_THROW(TUnixServerSocket(9020));
+}
+
+TEST_F(ThriftServer, GoesOnWhenItsObjectHasGone) {
+  struct Server : thrift_server<usb_rpc_gen_If, usb_rpc_gen_Processor, 9020, 10, TUnixServerSocket> {
+    using thrift_server::thrift_server;
+    std::shared_ptr<apache::thrift::concurrency::Thread> running() const { return thread; }
+  };
+  std::shared_ptr<apache::thrift::concurrency::Thread> thread;
+  {
+    auto handler = boost::make_shared<UsbHandler>();
+    Server server(handler);
+    server.start();
+    thread = server.running();
+  }
+  {
+    Client client;
+    EXPECT_TRUE(client.stub.OpenDevice(1));
+  }
+  dynamic_cast<apache::thrift::server::TServer&>(*thread->runnable()).stop();
+  EXPECT_TRUE(eventually([&] { return thread->getState() == apache::thrift::concurrency::Thread::stopped; }));
+}
+
+TEST_F(ThriftServer, ServesTenConnectionsAtOnceAndTheEleventhWhenOneLeaves) {
+  std::atomic<int> entered{0};
+  std::promise<void> gate;
+  const std::shared_future<void> open = gate.get_future().share();
+  handler_->open = [&entered, open](std::int16_t) {
+    ++entered;
+    open.wait();
+    return true;
+  };
+  UsbServer server(handler_);
+  server.start();
+
+  std::vector<std::unique_ptr<Client>> clients;
+  for (int number = 1; number <= 10; ++number) {
+    clients.push_back(std::make_unique<Client>());
+    clients.back()->stub.send_OpenDevice(1);
+  }
+  ASSERT_TRUE(eventually([&entered] { return entered == 10; }));
+
+  Client eleventh;
+  eleventh.stub.send_OpenDevice(1);
+  ASSERT_TRUE(eventually([&server] { return server.server().getThreadManager()->pendingTaskCount() == 1; }));
+  EXPECT_EQ(entered, 10);
+
+  gate.set_value();
+  for (const auto& client : clients) {
+    EXPECT_TRUE(client->stub.recv_OpenDevice());
+  }
+  // All ten have their answer, but they still hold the workers.
+  EXPECT_EQ(server.server().getThreadManager()->pendingTaskCount(), 1U);
+  EXPECT_EQ(entered, 10);
+  clients.pop_back();
+  EXPECT_TRUE(eleventh.stub.recv_OpenDevice());
+  EXPECT_EQ(entered, 11);
+}
+
+TEST_F(ThriftServer, AnswersAnExceptionOfTheHandlerAndServesOn) {
+  handler_->open = [](std::int16_t device) -> bool {
+    if (device == 13) {
+      throw std::runtime_error("thirteen");
+    }
+    return true;
+  };
+  UsbServer server(handler_);
+  server.start();
+  Client client;
+  try {
+    client.stub.OpenDevice(13);
+    FAIL() << "no exception";
+  } catch (const TApplicationException& error) {
+    EXPECT_STREQ(error.what(), "thirteen");
+  }
+  EXPECT_TRUE(client.stub.OpenDevice(1));
+}
+
+TEST_F(ThriftServer, OutlivesAnExceptionOfNoStandardType) {
+  handler_->open = [](std::int16_t device) -> bool {
+    if (device == 13) {
+      throw device;
+    }
+    return true;
+  };
+  UsbServer server(handler_);
+  server.start();
+  for (int connection = 0; connection < 11; ++connection) {
+    Client unlucky;
+    EXPECT_THROW(unlucky.stub.OpenDevice(13), TTransportException);
+  }
+  Client client;
+  EXPECT_TRUE(client.stub.OpenDevice(1));
+}
+
+TEST_F(ThriftServer, AnswersAnUnknownOperationAndServesOn) {
+  UsbServer server(handler_);
+  server.start();
+  Client client;
+  client.protocol->writeMessageBegin("FormatEverything", T_CALL, 7);
+  client.protocol->writeFieldBegin("", T_STRING, 1);
+  client.protocol->writeString(std::string("sdb1"));
+  client.protocol->writeFieldStop();
+  client.protocol->getTransport()->flush();
+
+  std::string name;
+  TMessageType type{};
+  std::int32_t sequence = 0;
+  client.protocol->readMessageBegin(name, type, sequence);
+  TApplicationException answer;
+  answer.read(client.protocol.get());
+  EXPECT_EQ(name, "FormatEverything");
+  EXPECT_EQ(type, T_EXCEPTION);
+  EXPECT_EQ(sequence, 7);
+  EXPECT_EQ(answer.getType(), TApplicationException::UNKNOWN_METHOD);
+  EXPECT_TRUE(client.stub.OpenDevice(1));
+}
+
+TEST_F(ThriftServer, ClosesAConnectionThatAnnouncesATooLongTextAndServesOn) {
+  UsbServer server(handler_);
+  server.start();
+  Client greedy;
+  EXPECT_THROW(
+      greedy.stub.OpenDeviceAt(1, std::string(LimitedBufferedTransport::maxFieldSize + 1, 'm'), false),
+      TTransportException);
+  Client client;
+  EXPECT_TRUE(client.stub.OpenDeviceAt(1, std::string(LimitedBufferedTransport::maxFieldSize, 'm'), false));
+}
+
+TEST_F(ThriftServer, ClosesAConnectionThatSpeaksAnotherProtocol) {
+  UsbServer server(handler_);
+  server.start();
+  Client other;
+  const std::string request = "GET / HTTP/1.0\r\n\r\n";
+  other.socket->write(reinterpret_cast<const std::uint8_t*>(request.data()),
+                      static_cast<std::uint32_t>(request.size()));
+  std::uint8_t byte = 0;
+  EXPECT_EQ(other.socket->read(&byte, 1), 0U);
+}
+
+TEST_F(ThriftServer, ServesMoreThanAHundredMegabytesOnOneConnection) {
+  std::size_t bytes = 0;
+  handler_->openAt = [&bytes](const std::string& text) {
+    bytes += text.size();
+    return true;
+  };
+  UsbServer server(handler_);
+  server.start();
+  Client client;
+  const std::string text(900UL * 1024, 'm');
+  for (int calls = 0; calls < 130; ++calls) {
+    ASSERT_TRUE(client.stub.OpenDeviceAt(1, text, false)) << calls;
+  }
+  EXPECT_GT(bytes, 110UL * 1024 * 1024);
+}
+
+/// Ends with 0 when the server's constructor says that a worker could not be made.
+[[noreturn]] void makeServerWithoutThreads() {
+  // The limit does not count for the superuser.
+  if (geteuid() == 0 && setuid(65534) != 0) {
+    _exit(2);
+  }
+  std::array<char, 32> directory{"/tmp/transport-test-XXXXXX"};
+  if (mkdtemp(directory.data()) == nullptr) {
+    _exit(3);
+  }
+  setenv("RAVEL_SOCKET_DIR", directory.data(), 1);
+  const rlimit limit{4, 4};
+  setrlimit(RLIMIT_NPROC, &limit);
+  int result = 4;
+  try {
+    const UsbServer server(boost::make_shared<UsbHandler>());
+  } catch (const SystemResourceException& error) {
+    result = std::string(error.what()).rfind("pthread_create: ", 0) == 0 ? 0 : 5;
+  }
+  std::filesystem::remove_all(directory.data());
+  _exit(result);
+}
+
+TEST(ThriftServerDeathTest, FailsRatherThanHangsWhenAWorkerCannotBeMade) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  EXPECT_EXIT(makeServerWithoutThreads(), testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
+}  // namespace ravel::rpc

@@ -1,0 +1,193 @@
+#ifndef DOCKHAND_TRANSPORTTESTSUPPORT_H
+#define DOCKHAND_TRANSPORTTESTSUPPORT_H
+
+#include <corvane_rpc_gen_.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <thrift/server/TThreadPoolServer.h>
+#include <thrift/transport/TSocket.h>
+#include <thrift/transport/TTransportException.h>
+#include <usb_rpc_gen_.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "FileDescriptor.h"
+#include "LocalSocketPath.h"
+#include "TUnixServerSocket.h"
+#include "thrift_server.h"
+
+namespace transport_test {
+
+/// Gives each test a socket directory of its own.
+class SocketDirectoryTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::array<char, 32> name{"/tmp/transport-test-XXXXXX"};
+    ASSERT_NE(mkdtemp(name.data()), nullptr);
+    directory_ = name.data();
+    setenv("RAVEL_SOCKET_DIR", directory_.c_str(), 1);
+  }
+  void TearDown() override {
+    unsetenv("RAVEL_SOCKET_DIR");
+    std::filesystem::remove_all(directory_);
+  }
+
+  std::filesystem::path directory_;
+};
+
+/// Waits for something that another thread is about to do; the limit only ends a test that has failed.
+inline bool eventually(const std::function<bool()>& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+/// A listening socket that knows nothing of our locks.
+inline ravel::rpc::FileDescriptor plainListener(const std::string& path, int backlog) {
+  ravel::rpc::FileDescriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const sockaddr_un address = ravel::rpc::localSocketAddress(path);
+  EXPECT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+  EXPECT_EQ(listen(listener.get(), backlog), 0);
+  return listener;
+}
+
+/// Connects to a listener that does not accept until its backlog has no room for another connection.
+inline std::vector<ravel::rpc::FileDescriptor> fillBacklog(const std::string& path) {
+  const sockaddr_un address = ravel::rpc::localSocketAddress(path);
+  std::vector<ravel::rpc::FileDescriptor> waiting;
+  while (true) {
+    ravel::rpc::FileDescriptor client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+      EXPECT_EQ(errno, EAGAIN);
+      return waiting;
+    }
+    waiting.push_back(std::move(client));
+  }
+}
+
+/// The exception that `action` throws, as its text, and its type in `type`.
+inline std::string transportError(
+    const std::function<void()>& action,
+    apache::thrift::transport::TTransportException::TTransportExceptionType* type = nullptr) {
+  try {
+    action();
+  } catch (const apache::thrift::transport::TTransportException& error) {
+    if (type != nullptr) {
+      *type = error.getType();
+    }
+    return error.what();
+  }
+  ADD_FAILURE() << "no TTransportException";
+  return "";
+}
+
+/// The numbers of the open descriptors.
+inline std::vector<int> openDescriptors() {
+  std::vector<int> numbers;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    numbers.push_back(std::stoi(entry.path().filename().string()));
+  }
+  // The directory's own descriptor was among them.
+  std::vector<int> open;
+  for (const int number : numbers) {
+    if (fcntl(number, F_GETFD) != -1) {
+      open.push_back(number);
+    }
+  }
+  return open;
+}
+
+class MediaHandler : public ravel::rpc::corvane_rpc_gen_If {
+ public:
+  void SendUsbAddedCallback(std::int16_t usbDevice, std::int8_t, std::int32_t) override { added(usbDevice); }
+  void SendUsbRemovedCallback(std::int16_t usbDevice, std::int8_t, std::int32_t) override {
+    removed(usbDevice);
+  }
+
+  std::function<void(std::int16_t)> added = [](std::int16_t) {};
+  std::function<void(std::int16_t)> removed = [](std::int16_t) {};
+};
+
+class UsbHandler : public ravel::rpc::usb_rpc_gen_Null {
+ public:
+  bool OpenDevice(std::int16_t deviceId) override { return open(deviceId); }
+  bool OpenDeviceAt(std::int16_t, const std::string& mountPoint, bool) override { return openAt(mountPoint); }
+
+  std::function<bool(std::int16_t)> open = [](std::int16_t) { return true; };
+  std::function<bool(const std::string&)> openAt = [](const std::string&) { return true; };
+};
+
+/// A server that can be stopped, after its clients have left.
+template <class If, class Processor, int Port, int Workers>
+class StoppableServer
+    : public ravel::rpc::thrift_server<If, Processor, Port, Workers, ravel::rpc::TUnixServerSocket> {
+ public:
+  using ravel::rpc::thrift_server<If, Processor, Port, Workers, ravel::rpc::TUnixServerSocket>::thrift_server;
+  ~StoppableServer() override { stop(); }
+
+  apache::thrift::server::TThreadPoolServer& server() {
+    return dynamic_cast<apache::thrift::server::TThreadPoolServer&>(*this->thread->runnable());
+  }
+
+  void stop() {
+    using apache::thrift::concurrency::Thread;
+    if (this->thread && this->thread->getState() != Thread::uninitialized) {
+      server().stop();
+      EXPECT_TRUE(eventually([this] { return this->thread->getState() == Thread::stopped; }));
+    }
+  }
+
+  void loseThread() { this->thread.reset(); }
+};
+
+using MediaServer =
+    StoppableServer<ravel::rpc::corvane_rpc_gen_If, ravel::rpc::corvane_rpc_gen_Processor, 9014, 10>;
+using UsbServer = StoppableServer<ravel::rpc::usb_rpc_gen_If, ravel::rpc::usb_rpc_gen_Processor, 9020, 10>;
+
+/// A service on a local socket that does with each connection, one after the other, what the test says.
+class RawService {
+ public:
+  RawService(int number,
+             std::function<void(const std::shared_ptr<apache::thrift::transport::TTransport>&)> serve)
+      : socket_(number), thread_([this, serve = std::move(serve)] {
+          try {
+            while (true) {
+              serve(socket_.accept());
+            }
+          } catch (const apache::thrift::transport::TTransportException& error) {
+            EXPECT_EQ(error.getType(), apache::thrift::transport::TTransportException::INTERRUPTED);
+          }
+        }) {}
+  ~RawService() {
+    socket_.interrupt();
+    thread_.join();
+  }
+  RawService(const RawService&) = delete;
+  RawService& operator=(const RawService&) = delete;
+
+ private:
+  ravel::rpc::TUnixServerSocket socket_;
+  std::thread thread_;
+};
+
+}  // namespace transport_test
+
+#endif  // DOCKHAND_TRANSPORTTESTSUPPORT_H

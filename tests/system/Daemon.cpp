@@ -1,0 +1,192 @@
+#include "Daemon.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+#include <stdexcept>
+
+#include "World.h"
+
+namespace systest {
+
+namespace {
+
+constexpr std::chrono::seconds patience{20};
+
+std::string logPath(pid_t pid) {
+  return "/tmp/daemon_" + std::to_string(pid) + ".stderr";
+}
+
+void redirect(int descriptor, const std::string& path) {
+  const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  if (file < 0 || dup2(file, descriptor) < 0) {
+    _exit(127);
+  }
+}
+
+pid_t startProgram(const Environment& environment) {
+  const pid_t pid = fork();
+  if (pid < 0) {
+    throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
+  }
+  if (pid == 0) {
+    // Also when the test is killed, no daemon stays behind.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    // What the caller of the tests left open is none of the daemon's business.
+    close_range(STDERR_FILENO + 1, ~0U, 0);
+    for (const auto& [name, value] : environment) {
+      setenv(name.c_str(), value.c_str(), 1);
+    }
+    redirect(STDIN_FILENO, "/dev/null");
+    redirect(STDOUT_FILENO, "/tmp/daemon.stdout");
+    redirect(STDERR_FILENO, logPath(getpid()));
+    execl(DOCKHAND_PROGRAM, DOCKHAND_PROGRAM, static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  return pid;
+}
+
+/// True when the process has ended within the time given.
+bool hasEnded(pid_t pid, std::chrono::milliseconds wait) {
+  const int process = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+  if (process < 0) {
+    throw std::runtime_error(std::string("pidfd_open: ") + std::strerror(errno));
+  }
+  pollfd ended{process, POLLIN, 0};
+  const bool answer = poll(&ended, 1, static_cast<int>(wait.count())) == 1;
+  close(process);
+  return answer;
+}
+
+bool answersCalls() {
+  try {
+    UsbClient client;
+    client->IsDeviceOpen(0);
+    return true;
+  } catch (const apache::thrift::transport::TTransportException&) {
+    return false;
+  }
+}
+
+}  // namespace
+
+UsbClient::UsbClient()
+    : socket_(std::make_shared<ravel::rpc::TUnixSocket>("localhost", 9020)),
+      client_(std::make_shared<apache::thrift::protocol::TBinaryProtocol>(
+          std::make_shared<apache::thrift::transport::TBufferedTransport>(socket_))) {
+  socket_->setRecvTimeout(static_cast<int>(std::chrono::milliseconds(patience).count()));
+  socket_->open();
+}
+
+std::vector<std::int16_t> UsbClient::devices(bool includeHidden) {
+  std::vector<std::int16_t> answer;
+  client_.GetListOfInsertedDevices(answer, includeHidden);
+  return answer;
+}
+
+ravel::rpc::ReturnValueWithString UsbClient::label(std::int16_t deviceId) {
+  ravel::rpc::ReturnValueWithString answer;
+  client_.GetDeviceLabel(answer, deviceId);
+  return answer;
+}
+
+ravel::rpc::ReturnValueWithString UsbClient::uuid(std::int16_t deviceId) {
+  ravel::rpc::ReturnValueWithString answer;
+  client_.GetDeviceUuid(answer, deviceId);
+  return answer;
+}
+
+ravel::rpc::ReturnValueWithString UsbClient::usbVersion(std::int16_t deviceId) {
+  ravel::rpc::ReturnValueWithString answer;
+  client_.GetDeviceUsbVersion(answer, deviceId);
+  return answer;
+}
+
+ravel::rpc::ReturnValueWithString UsbClient::mountPoint(std::int16_t deviceId) {
+  ravel::rpc::ReturnValueWithString answer;
+  client_.GetUsbMountPoint(answer, deviceId);
+  return answer;
+}
+
+ravel::rpc::ReturnValueWithString UsbClient::physicalDevice(std::int16_t deviceId) {
+  ravel::rpc::ReturnValueWithString answer;
+  client_.GetUsbPhysicalDevice(answer, deviceId);
+  return answer;
+}
+
+std::vector<std::string> UsbClient::files(std::int16_t deviceId, const std::string& directory,
+                                          const std::string& extension) {
+  std::vector<std::string> answer;
+  client_.GetFilesByExtension(answer, deviceId, directory, extension);
+  std::sort(answer.begin(), answer.end());
+  return answer;
+}
+
+Daemon::Daemon(const Environment& environment) : pid_(startProgram(environment)) {
+  const auto deadline = std::chrono::steady_clock::now() + patience;
+  while (!answersCalls()) {
+    const bool ended = hasEnded(pid_, std::chrono::milliseconds(10));
+    if (ended || std::chrono::steady_clock::now() > deadline) {
+      kill();
+      throw std::runtime_error((ended ? "the daemon ended: " : "the daemon does not answer: ") + log());
+    }
+  }
+}
+
+Daemon::~Daemon() {
+  kill();
+}
+
+bool Daemon::isRunning() const {
+  return !reaped_ && !hasEnded(pid_, std::chrono::milliseconds(0));
+}
+
+void Daemon::kill() {
+  if (!reaped_) {
+    ::kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+    reaped_ = true;
+  }
+}
+
+std::string Daemon::log() const {
+  return readFile(logPath(pid_));
+}
+
+std::vector<std::string> Daemon::logLines() const {
+  std::istringstream text(log());
+  std::vector<std::string> lines;
+  std::string line;
+  while (std::getline(text, line)) {
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+FailedStart startThatFails(const Environment& environment) {
+  const pid_t pid = startProgram(environment);
+  const bool ended = hasEnded(pid, patience);
+  if (!ended) {
+    kill(pid, SIGKILL);
+  }
+  FailedStart end;
+  waitpid(pid, &end.status, 0);
+  end.log = readFile(logPath(pid));
+  if (!ended) {
+    throw std::runtime_error("the daemon did not end: " + end.log);
+  }
+  return end;
+}
+
+}  // namespace systest

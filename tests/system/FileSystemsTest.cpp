@@ -1,0 +1,156 @@
+// The file systems that come on sticks, as this kernel mounts them.
+
+#include <gmock/gmock.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "Daemon.h"
+#include "Stick.h"
+#include "SystemTest.h"
+
+namespace systest {
+namespace {
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+/// errno of the daemon's last try, which decides the answer when no file system fits: 0 when it mounts.
+int errorOfLastTry(const std::string& node) {
+  mkdir("/tmp/last_try", 0755);
+  if (mount(node.c_str(), "/tmp/last_try", "xfs", MS_NOSUID | MS_NOEXEC | MS_NOATIME, "prjquota") != 0) {
+    return errno;
+  }
+  umount("/tmp/last_try");
+  return 0;
+}
+
+bool isAcceptedError(int error) {
+  return error == EBUSY || error == EINVAL;
+}
+
+class FileSystemsTest : public SystemTest {
+ protected:
+  /// Opens the stick and reads and, where it may, writes a file. The options are those in the mount table.
+  static void expectOpens(const Stick& stick, const std::string& type, const std::string& option) {
+    const Daemon daemon;
+    UsbClient client;
+    ASSERT_TRUE(client->OpenDevice(1));
+    const std::vector<Mount> mounts = mountsAt("/media/disk_1");
+    ASSERT_EQ(mounts.size(), 1U);
+    EXPECT_EQ(mounts[0].source, stick.node());
+    EXPECT_EQ(mounts[0].type, type);
+    EXPECT_THAT("," + mounts[0].options + ",", HasSubstr("," + option + ","));
+    if (option == "rw") {
+      writeFile("/media/disk_1/diary.txt", "a fine day");
+      EXPECT_EQ(readFile("/media/disk_1/diary.txt"), "a fine day");
+    }
+    EXPECT_TRUE(client->CloseDevice(1));
+    EXPECT_THAT(namesIn("/media"), IsEmpty());
+  }
+
+  /// A stick that no file system fits: opened, by the answer, when the kernel's last word is "invalid
+  /// superblock".
+  static void expectOpenedWithoutMount(const Stick& stick) {
+    const int error = errorOfLastTry(stick.node());
+    const Daemon daemon;
+    UsbClient client;
+    EXPECT_EQ(client->OpenDevice(1), isAcceptedError(error)) << std::strerror(error);
+    EXPECT_EQ(client->IsDeviceOpen(1), isAcceptedError(error));
+    EXPECT_EQ(client.mountPoint(1).text, "/media/disk_1");
+    EXPECT_THAT(mountsAt("/media/disk_1"), IsEmpty());
+    if (isAcceptedError(error)) {
+      EXPECT_THAT(namesIn("/media"), testing::ElementsAre("disk_1"));
+      EXPECT_TRUE(client->CloseDevice(1));
+    }
+    EXPECT_THAT(namesIn("/media"), IsEmpty());
+  }
+};
+
+TEST_F(FileSystemsTest, Ext3MountsForReadingAndWriting) {
+  const Stick stick({});
+  expectOpens(stick, "ext3", "rw");
+}
+
+TEST_F(FileSystemsTest, WriteProtectedStickMountsForReadingOnly) {
+  StickOptions options;
+  options.readOnly = true;
+  const Stick stick(options);
+  expectOpens(stick, "ext3", "ro");
+}
+
+TEST_F(FileSystemsTest, Ext4WithoutExtentsMountsAsExt3InTheSecondPass) {
+  StickOptions options;
+  options.mkfs = {"mkfs.ext4", "-q", "-F", "-O", "^extents,^64bit,^metadata_csum,^flex_bg,huge_file"};
+  const Stick stick(options);
+  expectOpens(stick, "ext3", "ro");
+}
+
+TEST_F(FileSystemsTest, Ext4WithExtentsIsRecognisedButDoesNotMount) {
+  StickOptions options;
+  options.mkfs = {"mkfs.ext4", "-q", "-F", "-L", "MODERN"};
+  const Stick stick(options);
+  expectOpenedWithoutMount(stick);
+  const Daemon daemon;
+  UsbClient client;
+  EXPECT_EQ(client.label(1).text, "MODERN");
+}
+
+TEST_F(FileSystemsTest, EmptyStickCountsAsOpenWhenTheKernelCallsItsSuperblockInvalid) {
+  StickOptions options;
+  options.mkfs = {};
+  const Stick stick(options);
+  expectOpenedWithoutMount(stick);
+}
+
+TEST_F(FileSystemsTest, XfsMountsWithProjectQuota) {
+  if (!kernelKnowsFileSystem("xfs")) {
+    GTEST_SKIP() << "kernel has no xfs";
+  }
+  StickOptions options;
+  options.mkfs = {"mkfs.xfs", "-q", "-f", "-L", "RECORD"};
+  options.bytes = std::uint64_t{320} << 20;
+  const Stick stick(options);
+  const int error = errorOfLastTry(stick.node());
+  if (error == EINVAL) {
+    ASSERT_EQ(mount(stick.node().c_str(), "/tmp/last_try", "xfs", 0, "noquota"), 0) << std::strerror(errno);
+    umount("/tmp/last_try");
+    GTEST_SKIP() << "kernel has no xfs quota: it mounts this stick without quota, and not with prjquota";
+  }
+  expectOpens(stick, "xfs", "rw");
+}
+
+TEST_F(FileSystemsTest, FatMountsForReadingAndWriting) {
+  if (!kernelKnowsFileSystem("vfat")) {
+    GTEST_SKIP() << "kernel has no vfat";
+  }
+  StickOptions options;
+  options.mkfs = {"mkfs.vfat", "-n", "FAT"};
+  const Stick stick(options);
+  expectOpens(stick, "vfat", "rw");
+}
+
+TEST_F(FileSystemsTest, NtfsMounts) {
+  if (!kernelKnowsFileSystem("ntfs")) {
+    GTEST_SKIP() << "kernel has no ntfs";
+  }
+  StickOptions options;
+  options.mkfs = {"mkfs.ntfs", "--quick", "--force"};
+  const Stick stick(options);
+  expectOpens(stick, "ntfs", "nosuid");
+}
+
+TEST_F(FileSystemsTest, HfsPlusMountsForReadingOnly) {
+  if (!kernelKnowsFileSystem("hfsplus")) {
+    GTEST_SKIP() << "kernel has no hfsplus";
+  }
+  StickOptions options;
+  options.mkfs = {"mkfs.hfsplus"};
+  const Stick stick(options);
+  expectOpens(stick, "hfsplus", "ro");
+}
+
+}  // namespace
+}  // namespace systest

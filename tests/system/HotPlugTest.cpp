@@ -1,0 +1,254 @@
+// Plugging in and pulling out, and what observers hear of it.
+
+#include <gmock/gmock.h>
+#include <thrift/TApplicationException.h>
+
+#include <fstream>
+#include <memory>
+#include <stdexcept>
+
+#include "Daemon.h"
+#include "MediaService.h"
+#include "Stick.h"
+#include "SystemTest.h"
+
+namespace systest {
+namespace {
+
+using apache::thrift::TApplicationException;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testsupport::Callback;
+using testsupport::MediaService;
+
+class HotPlugTest : public SystemTest {};
+
+StickOptions songStick(bool partitioned) {
+  StickOptions options;
+  options.files = {{"song.mp3", "la la la"}};
+  options.partitioned = partitioned;
+  return options;
+}
+
+TEST_F(HotPlugTest, ObserversHearOfAStickInSignedOrderAndWithoutTheXriteOne) {
+  const Stick stick(songStick(false));
+  setPartitions({"sda"});
+  const MediaService media;
+  const Daemon daemon;
+  UsbClient client;
+  for (const std::int8_t observerId : {std::int8_t{127}, std::int8_t{7}, std::int8_t{0}, std::int8_t{-3}}) {
+    client->RegisterUsbAddedCallBack(observerId, 1000 + observerId);
+    client->RegisterUsbRemovedCallBack(observerId, 2000 + observerId);
+  }
+  client->NotifyUsbAdded("sda");
+  EXPECT_THAT(media.callbacks(), ElementsAre(Callback{"added", 1, -3, 997}, Callback{"added", 1, 0, 1000},
+                                             Callback{"added", 1, 127, 1127}));
+  client->NotifyUsbRemoved("sda");
+  const auto callbacks = media.callbacks();
+  ASSERT_EQ(callbacks.size(), 6U);
+  EXPECT_EQ(callbacks[3], (Callback{"removed", 1, -3, 1997}));
+  EXPECT_EQ(callbacks[4], (Callback{"removed", 1, 0, 2000}));
+  EXPECT_EQ(callbacks[5], (Callback{"removed", 1, 127, 2127}));
+}
+
+TEST_F(HotPlugTest, DeviceIsAnnouncedOnce) {
+  const Stick stick(songStick(false));
+  setPartitions({"sda"});
+  const MediaService media;
+  const Daemon daemon;
+  UsbClient client;
+  client->RegisterUsbAddedCallBack(1, 42);
+  client->NotifyUsbAdded("sda");
+  client->NotifyUsbAdded("sda");
+  EXPECT_THAT(media.callbacks(), ElementsAre(Callback{"added", 1, 1, 42}));
+}
+
+TEST_F(HotPlugTest, PartitionedStickIsAnnouncedByItsPartitionOnly) {
+  const Stick stick(songStick(true));
+  setPartitions({"sda", "sda1"});
+  const MediaService media;
+  const Daemon daemon;
+  UsbClient client;
+  client->RegisterUsbAddedCallBack(1, 42);
+  client->NotifyUsbAdded("sda");
+  EXPECT_THAT(media.callbacks(), IsEmpty());
+  client->NotifyUsbAdded("sda1");
+  EXPECT_THAT(media.callbacks(), ElementsAre(Callback{"added", 1, 1, 42}));
+}
+
+TEST_F(HotPlugTest, DiskWhosePartitionHasNoNodeYetIsNotAnnounced) {
+  const Stick stick(songStick(false));
+  setPartitions({"sda", "sda1"});
+  const MediaService media;
+  const Daemon daemon;
+  UsbClient client;
+  client->RegisterUsbAddedCallBack(1, 42);
+  client->NotifyUsbAdded("sda");
+  EXPECT_THAT(media.callbacks(), IsEmpty());
+}
+
+TEST_F(HotPlugTest, DeviceThatTheKernelDoesNotListIsNotAnnounced) {
+  const Stick stick(songStick(false));
+  setPartitions({"sdb"});
+  const MediaService media;
+  const Daemon daemon;
+  UsbClient client;
+  client->RegisterUsbAddedCallBack(1, 42);
+  client->NotifyUsbAdded("sda");
+  EXPECT_THAT(media.callbacks(), IsEmpty());
+}
+
+TEST_F(HotPlugTest, DeregisteredObserverHearsNothing) {
+  const Stick stick(songStick(false));
+  setPartitions({"sda"});
+  const MediaService media;
+  const Daemon daemon;
+  UsbClient client;
+  client->RegisterUsbAddedCallBack(1, 41);
+  client->RegisterUsbAddedCallBack(2, 42);
+  client->RegisterUsbRemovedCallBack(1, 43);
+  client->DeregisterUsbAddedCallBack(1, 41);
+  client->DeregisterUsbRemovedCallBack(1, 43);
+  client->NotifyUsbAdded("sda");
+  client->NotifyUsbRemoved("sda");
+  EXPECT_THAT(media.callbacks(), ElementsAre(Callback{"added", 1, 2, 42}));
+}
+
+TEST_F(HotPlugTest, XriteDeviceIsAnnouncedToItsObserverOnly) {
+  const MediaService media;
+  const Daemon daemon;
+  UsbClient client;
+  for (const std::int8_t observerId : {std::int8_t{6}, std::int8_t{7}, std::int8_t{8}}) {
+    client->RegisterUsbAddedCallBack(observerId, 10);
+    client->RegisterUsbRemovedCallBack(observerId, 20);
+  }
+  client->NotifyUsbXriteAdded();
+  client->NotifyUsbXriteRemoved();
+  EXPECT_THAT(media.callbacks(), ElementsAre(Callback{"added", -1, 7, 10}, Callback{"removed", -1, 7, 20}));
+}
+
+/// A mounted stick that is pulled out while a file of it is in use, and then comes back.
+void pullOutInUse(bool partitioned) {
+  Stick stick(songStick(partitioned));
+  setPartitions(partitioned ? std::vector<std::string>{"sda", "sda1"} : std::vector<std::string>{"sda"});
+  const MediaService media;
+  const Daemon daemon;
+  UsbClient client;
+  client->RegisterUsbAddedCallBack(1, 41);
+  client->RegisterUsbRemovedCallBack(2, 42);
+  client->NotifyUsbAdded(stick.announcedName());
+  ASSERT_TRUE(client->OpenDevice(1));
+
+  std::ifstream held("/media/disk_1/song.mp3");
+  ASSERT_TRUE(held);
+  stick.unplug();
+  setPartitions({});
+  client->NotifyUsbRemoved(stick.announcedName());
+  EXPECT_THAT(mountsAt("/media/disk_1"), IsEmpty());
+  EXPECT_THAT(namesIn("/media"), IsEmpty());
+  EXPECT_THAT(client.devices(), IsEmpty());
+  EXPECT_FALSE(client.label(1).success);
+  std::string line;
+  EXPECT_TRUE(std::getline(held, line));
+  EXPECT_EQ(line, "la la la");
+  held.close();
+
+  stick.plug();
+  setPartitions({stick.announcedName()});
+  client->NotifyUsbAdded(stick.announcedName());
+  EXPECT_THAT(media.callbacks(), ElementsAre(Callback{"added", 1, 1, 41}, Callback{"removed", 1, 2, 42},
+                                             Callback{"added", 1, 1, 41}));
+  EXPECT_THAT(client.devices(), ElementsAre(1));
+  EXPECT_TRUE(client->OpenDevice(1));
+  EXPECT_EQ(readFile("/media/disk_1/song.mp3"), "la la la");
+}
+
+TEST_F(HotPlugTest, BareStickPulledOutInUseIsDetachedAndComesBack) {
+  pullOutInUse(false);
+}
+
+TEST_F(HotPlugTest, PartitionedStickPulledOutInUseIsDetachedAndComesBack) {
+  pullOutInUse(true);
+}
+
+TEST_F(HotPlugTest, SafelyRemovedStickComesBackWhenItIsPluggedInAnew) {
+  Stick stick(songStick(false));
+  setPartitions({"sda"});
+  const Daemon daemon;
+  UsbClient client;
+  client->NotifyUsbAdded("sda");
+  ASSERT_TRUE(client->OpenDevice(1));
+  ASSERT_TRUE(client->CloseDeviceSafeRemoval(1));
+  ASSERT_THAT(client.devices(), IsEmpty());
+
+  stick.unplug();
+  client->NotifyUsbRemoved("sda");
+  stick.plug();
+  client->NotifyUsbAdded("sda");
+  EXPECT_THAT(client.devices(), ElementsAre(1));
+  EXPECT_TRUE(client->OpenDevice(1));
+}
+
+TEST_F(HotPlugTest, ObserverMayCallTheDaemonFromItsCallback) {
+  const Stick stick(songStick(false));
+  setPartitions({"sda"});
+  MediaService media;
+  bool opened = false;
+  media.onCallback([&opened](const Callback& callback) {
+    UsbClient client;
+    if (callback.event == "added") {
+      opened = client->OpenDevice(callback.usbDevice);
+      // A second notification, and so a second callback, before the first has ended.
+      client->NotifyUsbRemoved("sda");
+    }
+  });
+  const Daemon daemon;
+  UsbClient client;
+  client->RegisterUsbAddedCallBack(1, 41);
+  client->RegisterUsbRemovedCallBack(1, 42);
+  client->NotifyUsbAdded("sda");
+  EXPECT_TRUE(opened);
+  EXPECT_THAT(media.callbacks(), ElementsAre(Callback{"added", 1, 1, 41}, Callback{"removed", 1, 1, 42}));
+}
+
+TEST_F(HotPlugTest, FailingObserverEndsTheNotificationAndNothingElse) {
+  const Stick stick(songStick(false));
+  setPartitions({"sda"});
+  MediaService media;
+  media.onCallback([](const Callback&) { throw std::runtime_error("no screen to show it on"); });
+  const Daemon daemon;
+  UsbClient client;
+  client->RegisterUsbAddedCallBack(1, 41);
+  client->RegisterUsbAddedCallBack(2, 42);
+  EXPECT_THROW(client->NotifyUsbAdded("sda"), TApplicationException);
+  EXPECT_THAT(media.callbacks(), ElementsAre(Callback{"added", 1, 1, 41}));
+  EXPECT_THAT(client.devices(), ElementsAre(1));
+}
+
+TEST_F(HotPlugTest, WithoutAMediaServiceTheNotificationFailsAndTheStickIsAnnounced) {
+  const Stick stick(songStick(false));
+  setPartitions({"sda"});
+  const Daemon daemon;
+  UsbClient client;
+  client->RegisterUsbAddedCallBack(1, 41);
+  EXPECT_THROW(client->NotifyUsbAdded("sda"), TApplicationException);
+  EXPECT_NO_THROW(client->NotifyUsbAdded("sda")) << "the stick is announced already";
+  EXPECT_TRUE(client->OpenDevice(1));
+}
+
+TEST_F(HotPlugTest, MediaServiceMayStartAfterTheDaemon) {
+  const Stick stick(songStick(false));
+  setPartitions({"sda"});
+  std::unique_ptr<MediaService> media;
+  const Daemon daemon;
+  UsbClient client;
+  client->RegisterUsbAddedCallBack(1, 41);
+  client->RegisterUsbRemovedCallBack(1, 42);
+  EXPECT_THROW(client->NotifyUsbAdded("sda"), TApplicationException);
+  media = std::make_unique<MediaService>();
+  client->NotifyUsbRemoved("sda");
+  EXPECT_THAT(media->callbacks(), ElementsAre(Callback{"removed", 1, 1, 42}));
+}
+
+}  // namespace
+}  // namespace systest

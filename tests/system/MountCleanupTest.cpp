@@ -1,0 +1,160 @@
+// What an automounter, a user or an earlier life of the daemon has left where a stick is to be mounted.
+
+#include <gmock/gmock.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "Daemon.h"
+#include "Stick.h"
+#include "SystemTest.h"
+
+namespace systest {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class MountCleanupTest : public SystemTest {
+ protected:
+  static void mountAt(const std::string& source, const std::string& target, const std::string& type) {
+    ASSERT_EQ(mkdir(target.c_str(), 0755), 0) << target;
+    ASSERT_EQ(mount(source.c_str(), target.c_str(), type.c_str(), 0, ""), 0) << target;
+  }
+
+  static StickOptions labelled() {
+    StickOptions options;
+    options.mkfs = {"mkfs.ext3", "-q", "-F", "-L", "HOLIDAY", "-U", uuid};
+    options.files = {{"song.mp3", "la la la"}};
+    return options;
+  }
+
+  static constexpr const char* uuid = "7b5f1b2e-9d3a-4c55-8a52-3f1d6c0e4a11";
+};
+
+TEST_F(MountCleanupTest, StaleMountAtTheMountPointIsTakenAway) {
+  const Stick stick(labelled());
+  mountAt("none", "/media/disk_1", "tmpfs");
+  const Daemon daemon;
+  UsbClient client;
+  ASSERT_TRUE(client->OpenDevice(1));
+  ASSERT_EQ(mountsAt("/media/disk_1").size(), 1U);
+  EXPECT_EQ(mountsAt("/media/disk_1")[0].type, "ext3");
+  EXPECT_EQ(readFile("/media/disk_1/song.mp3"), "la la la");
+}
+
+TEST_F(MountCleanupTest, LeftoverDirectoryAtTheMountPointIsNoHindrance) {
+  const Stick stick(labelled());
+  ASSERT_EQ(mkdir("/media/disk_1", 0700), 0);
+  const Daemon daemon;
+  UsbClient client;
+  ASSERT_TRUE(client->OpenDevice(1));
+  EXPECT_EQ(readFile("/media/disk_1/song.mp3"), "la la la");
+  ASSERT_TRUE(client->CloseDevice(1));
+  EXPECT_THAT(namesIn("/media"), IsEmpty());
+}
+
+TEST_F(MountCleanupTest, LeftoverDirectoryWithFilesIsMountedOverAndKept) {
+  const Stick stick(labelled());
+  ASSERT_EQ(mkdir("/media/disk_1", 0755), 0);
+  writeFile("/media/disk_1/precious.txt", "mine");
+  const Daemon daemon;
+  UsbClient client;
+  ASSERT_TRUE(client->OpenDevice(1));
+  EXPECT_EQ(readFile("/media/disk_1/song.mp3"), "la la la");
+  ASSERT_TRUE(client->CloseDevice(1));
+  EXPECT_EQ(readFile("/media/disk_1/precious.txt"), "mine");
+}
+
+TEST_F(MountCleanupTest, StickMountedByOthersUnderItsLabelIsUnmountedThere) {
+  const Stick stick(labelled());
+  mountAt(stick.node(), "/media/HOLIDAY", "ext3");
+  const Daemon daemon;
+  UsbClient client;
+  ASSERT_TRUE(client->OpenDevice(1));
+  EXPECT_THAT(mountsAt("/media/HOLIDAY"), IsEmpty());
+  EXPECT_EQ(mountsAt("/media/disk_1").size(), 1U);
+  EXPECT_THAT(namesIn("/media"), ElementsAre("disk_1"));
+}
+
+TEST_F(MountCleanupTest, StickMountedByOthersUnderItsUuidIsUnmountedThere) {
+  const Stick stick(labelled());
+  mountAt(stick.node(), std::string("/media/") + uuid, "ext3");
+  const Daemon daemon;
+  UsbClient client;
+  ASSERT_TRUE(client->OpenDevice(1));
+  EXPECT_THAT(namesIn("/media"), ElementsAre("disk_1"));
+}
+
+TEST_F(MountCleanupTest, WhateverIsMountedAtTheCommonDirectoryIsUnmounted) {
+  const Stick stick(labelled());
+  mountAt("none", "/media/disk", "tmpfs");
+  const Daemon daemon;
+  UsbClient client;
+  ASSERT_TRUE(client->OpenDevice(1));
+  EXPECT_THAT(namesIn("/media"), ElementsAre("disk_1"));
+}
+
+TEST_F(MountCleanupTest, MountsOfOtherSticksAreLeftAlone) {
+  const Stick stick(labelled());
+  mountAt("none", "/media/BACKUP", "tmpfs");
+  mountAt("none", "/media/disk_11", "tmpfs");
+  const Daemon daemon;
+  UsbClient client;
+  ASSERT_TRUE(client->OpenDevice(1));
+  EXPECT_EQ(mountsAt("/media/BACKUP").size(), 1U);
+  EXPECT_EQ(mountsAt("/media/disk_11").size(), 1U);
+}
+
+TEST_F(MountCleanupTest, MountPointThatOnlyBeginsAlikeIsNotUnmounted) {
+  const Stick stick(labelled());
+  mountAt("none", "/media/disk_11", "tmpfs");
+  const Daemon daemon;
+  UsbClient client;
+  ASSERT_TRUE(client->OpenDevice(1));
+  ASSERT_EQ(umount("/media/disk_1"), 0);
+  EXPECT_TRUE(client->CloseDevice(1));
+  EXPECT_THAT(namesIn("/media"), ElementsAre("disk_11"));
+}
+
+TEST_F(MountCleanupTest, OpeningAnOpenStickMountsItOnce) {
+  const Stick stick(labelled());
+  const Daemon daemon;
+  UsbClient client;
+  ASSERT_TRUE(client->OpenDevice(1));
+  ASSERT_TRUE(client->OpenDevice(1));
+  EXPECT_EQ(mountsAt("/media/disk_1").size(), 1U);
+}
+
+TEST_F(MountCleanupTest, StickLeftMountedByAKilledDaemonIsMountedOnce) {
+  const Stick stick(labelled());
+  Daemon killed;
+  {
+    UsbClient client;
+    ASSERT_TRUE(client->OpenDevice(1));
+  }
+  killed.kill();
+  ASSERT_EQ(mountsAt("/media/disk_1").size(), 1U);
+
+  const Daemon daemon;
+  UsbClient client;
+  EXPECT_FALSE(client->IsDeviceOpen(1));
+  ASSERT_TRUE(client->OpenDevice(1));
+  EXPECT_EQ(mountsAt("/media/disk_1").size(), 1U);
+  EXPECT_EQ(readFile("/media/disk_1/song.mp3"), "la la la");
+}
+
+TEST_F(MountCleanupTest, LabelThatLeadsOutOfTheMediaDirectoryIsNotFollowed) {
+  StickOptions options;
+  options.mkfs = {"mkfs.ext3", "-q", "-F", "-L", "../tmp/mine"};
+  const Stick stick(options);
+  std::filesystem::create_directory("/tmp/mine");
+  const Daemon daemon;
+  UsbClient client;
+  EXPECT_TRUE(client->OpenDevice(1));
+  EXPECT_TRUE(std::filesystem::is_directory("/tmp/mine"));
+}
+
+}  // namespace
+}  // namespace systest

@@ -1,0 +1,388 @@
+// A stick becomes a recording disk, and a damaged one is repaired: with the real tools, behind the wrappers
+// that an image puts before them.
+
+#include <gmock/gmock.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "Daemon.h"
+#include "Stick.h"
+#include "SystemLog.h"
+#include "SystemTest.h"
+
+namespace systest {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::AnyOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+constexpr std::uint64_t enoughForXfs = std::uint64_t{520} << 20;
+const std::string imageTools = DOCKHAND_SOURCE_DIR "/integration/tools";
+const std::string systemPath = "/usr/sbin:/usr/bin:/sbin:/bin";
+
+StickOptions diskLabelled(const std::string& label) {
+  StickOptions options;
+  options.bytes = enoughForXfs;
+  options.partitioned = true;
+  options.mkfs = {"mkfs.ext3", "-q", "-F", "-L", label};
+  return options;
+}
+
+void makeExecutable(const std::string& path, const std::string& text) {
+  writeFile(path, text);
+  fs::permissions(path, fs::perms::owner_all);
+}
+
+class RecordingDiskTest : public SystemTest {
+ protected:
+  void SetUp() override {
+    SystemTest::SetUp();
+    if (IsSkipped()) {
+      return;
+    }
+    fs::remove_all("/tmp/bin");
+    fs::create_directory("/tmp/bin");
+    fs::remove("/tmp/ran");
+  }
+
+  /// The daemon's PATH: the test's own tools, the image's, the system's.
+  static Environment pathOfImage() { return {{"PATH", "/tmp/bin:" + imageTools + ":" + systemPath}}; }
+
+  static std::string blkidValue(const std::string& node, const std::string& key) {
+    std::string value = run({"blkid", "--probe", "--output", "value", "--match-tag", key, node});
+    if (!value.empty() && value.back() == '\n') {
+      value.pop_back();
+    }
+    return value;
+  }
+
+  static void expectRecordingDisk(const Stick& stick, const std::string& label) {
+    EXPECT_EQ(blkidValue(stick.node(), "TYPE"), "xfs");
+    EXPECT_EQ(blkidValue(stick.node(), "LABEL"), label);
+    const std::string table = run({"sfdisk", "--dump", stick.image()});
+    EXPECT_THAT(table, HasSubstr("label: dos"));
+    EXPECT_THAT(table, HasSubstr(": start=        2048, size=     1062912, type=83\n"));
+    EXPECT_EQ(table.find("start="), table.rfind("start=")) << table;
+  }
+
+  static std::size_t countOf(const std::string& text, const std::string& part) {
+    std::size_t count = 0;
+    for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
+      ++count;
+    }
+    return count;
+  }
+};
+
+using PreparationTest = RecordingDiskTest;
+
+TEST_F(PreparationTest, CarriesTheLabelOverCutToElevenCharacters) {
+  SystemLog systemLog;
+  const Stick stick(diskLabelled("MY RECORDER 2026"));
+  const Daemon daemon(pathOfImage());
+  UsbClient client;
+  ASSERT_TRUE(client->PrepareDeviceForPvr(1)) << daemon.log();
+  expectRecordingDisk(stick, "MY RECORDER");
+  EXPECT_EQ(client.label(1).text, "MY RECORDER");
+  EXPECT_THAT(client.devices(), ElementsAre(1));
+  EXPECT_EQ(client.physicalDevice(1).text, "sda1");
+  // The table as it was is kept in the system log.
+  EXPECT_THAT(systemLog.text(), HasSubstr("Dockhand: Disk /dev/usb_storage_sda: 520 MiB"));
+}
+
+TEST_F(PreparationTest, GivesADiskWithTheFactoryLabelTheDefaultOne) {
+  const Stick stick(diskLabelled("New Volume"));
+  const Daemon daemon(pathOfImage());
+  UsbClient client;
+  ASSERT_TRUE(client->PrepareDeviceForPvr(1)) << daemon.log();
+  expectRecordingDisk(stick, "PVR_DISK");
+}
+
+TEST_F(PreparationTest, UnmountsAnOpenDiskAndGivesItTheDefaultLabel) {
+  const Stick stick(diskLabelled("HOLIDAY"));
+  const Daemon daemon(pathOfImage());
+  UsbClient client;
+  ASSERT_TRUE(client->OpenDevice(1));
+  ASSERT_TRUE(client->PrepareDeviceForPvr(1)) << daemon.log();
+  EXPECT_THAT(mountsAt("/media/disk_1"), IsEmpty());
+  expectRecordingDisk(stick, "PVR_DISK");
+  EXPECT_EQ(countOf(daemon.log(), "unmounted: /dev/usb_storage_sda1\n"), 1U);
+}
+
+TEST_F(PreparationTest, TakesAwayEveryMountOfADiskThatIsMountedTwice) {
+  const Stick stick(diskLabelled("HOLIDAY"));
+  for (const char* target : {"/media/one", "/media/two"}) {
+    mkdir(target, 0755);
+    ASSERT_EQ(mount(stick.node().c_str(), target, "ext3", 0, ""), 0);
+  }
+  const Daemon daemon(pathOfImage());
+  UsbClient client;
+  ASSERT_TRUE(client->PrepareDeviceForPvr(1)) << daemon.log();
+  expectRecordingDisk(stick, "HOLIDAY");
+  EXPECT_EQ(countOf(daemon.log(), "unmounted: /dev/usb_storage_sda1\n"), 2U);
+}
+
+TEST_F(PreparationTest, RunsNothingThatALabelSays) {
+  // Each label, and what is left of it on the recording disk: 11 bytes, cut between characters, no control
+  // characters.
+  const std::vector<std::pair<std::string, std::string>> labels = {
+      {"\";>/tmp/ran;\"", "\";>/tmp/ran"},
+      {"$(>/tmp/ran)", "$(>/tmp/ran"},
+      {"`>/tmp/ran`", "`>/tmp/ran`"},
+      {"ends with \\", "ends with \\"},
+      {"two\nlines", "twolines"},
+      {"\"; touch /tmp/x; \"", ""},
+      {"\xC3\xA4\xC3\xB6\xC3\xBC\xC3\x9F\xC3\xA4\xC3\xB6\xC3\xBC\xC3\x9F",
+       "\xC3\xA4\xC3\xB6\xC3\xBC\xC3\x9F\xC3\xA4"},
+  };
+  const Stick stick(diskLabelled("x"));
+  const Daemon daemon(pathOfImage());
+  UsbClient client;
+  for (const auto& [label, kept] : labels) {
+    const std::string fitting = label.substr(0, 16);
+    run({"mkfs.ext3", "-q", "-F", "-L", fitting, stick.node()});
+    ASSERT_EQ(client.label(1).text, fitting);
+    EXPECT_TRUE(client->PrepareDeviceForPvr(1)) << label << "\n" << daemon.log();
+    expectRecordingDisk(stick, kept.empty() ? fitting.substr(0, 11) : kept);
+    EXPECT_FALSE(fs::exists("/tmp/ran")) << label;
+    EXPECT_FALSE(fs::exists("/tmp/x")) << label;
+  }
+}
+
+TEST_F(PreparationTest, FailsWithoutAToolAndTheShellsWordsReachTheSystemLog) {
+  SystemLog systemLog;
+  const Stick stick(diskLabelled("HOLIDAY"));
+  for (const char* tool : {"umount", "sfdisk", "dd", "logger"}) {
+    fs::create_symlink(run({"/bin/sh", "-c", std::string("printf %s \"$(command -v ") + tool + ")\""}),
+                       std::string("/tmp/bin/") + tool);
+  }
+  const Daemon daemon(Environment{{"PATH", "/tmp/bin"}});
+  UsbClient client;
+  EXPECT_FALSE(client->PrepareDeviceForPvr(1));
+  EXPECT_THAT(systemLog.text(), HasSubstr("fdisk: not found"));
+  EXPECT_THAT(daemon.log(), HasSubstr("Warning: echo -e 'n\\np\\n1\\n\\n\\nw' | fdisk /dev/usb_storage_sda "
+                                      "returned 32512 # from Line=917"));
+  EXPECT_THAT(client.devices(), ElementsAre(1));
+}
+
+TEST_F(PreparationTest, FailsOnAWriteProtectedDisk) {
+  SystemLog systemLog;
+  StickOptions options = diskLabelled("HOLIDAY");
+  options.partitioned = false;
+  options.readOnly = true;
+  const Stick stick(options);
+  const Daemon daemon(pathOfImage());
+  UsbClient client;
+  EXPECT_FALSE(client->PrepareDeviceForPvr(1));
+  EXPECT_THAT(systemLog.text(), HasSubstr("fdisk: failed to write disklabel"));
+  EXPECT_EQ(client.label(1).text, "HOLIDAY");
+}
+
+TEST_F(PreparationTest, FailsWhereTheLogFileCannotBeWritten) {
+  const Stick stick(diskLabelled("HOLIDAY"));
+  Daemon daemon(pathOfImage());
+  UsbClient client;
+  ASSERT_EQ(mount("none", "/tmp", "tmpfs", 0, "nr_inodes=1"), 0);
+  const bool prepared = client->PrepareDeviceForPvr(1);
+  ASSERT_EQ(umount("/tmp"), 0);
+  EXPECT_FALSE(prepared);
+  // Nothing was run, so nothing is lost.
+  EXPECT_EQ(client.label(1).text, "HOLIDAY");
+  EXPECT_THAT(client.devices(), ElementsAre(1));
+}
+
+TEST_F(PreparationTest, FailsWhenTheDiskDisappearsBetweenTwoSteps) {
+  const Stick stick(diskLabelled("HOLIDAY"));
+  makeExecutable("/tmp/bin/sfdisk", "#!/bin/sh\nrm /dev/usb_storage_sda /dev/usb_storage_sda1\n");
+  const Daemon daemon(pathOfImage());
+  UsbClient client;
+  EXPECT_FALSE(client->PrepareDeviceForPvr(1));
+  fs::remove("/dev/usb_storage_sda");
+  EXPECT_THAT(client.devices(), IsEmpty());
+  EXPECT_TRUE(daemon.isRunning());
+}
+
+class RepairTest : public RecordingDiskTest {
+ protected:
+  /// A recording disk with files in it, in an image of its own.
+  static std::string recordingImage() {
+    const std::string image = "/tmp/recording.img";
+    writeFile(image, "");
+    fs::resize_file(image, enoughForXfs);
+    // Made by mkfs, the files do not depend on the journal.
+    writeFile("/tmp/film.ts", std::string(100000, 'f'));
+    writeFile("/tmp/proto", "/nowhere\n0 0\nd--755 0 0\nfilm.ts ---644 0 0 /tmp/film.ts\n$\n");
+    run({"mkfs.xfs", "-q", "-p", "/tmp/proto", "-L", "PVR_DISK", image});
+    return image;
+  }
+
+  static Stick stickOf(const std::string& image, const std::string& kernelName = "sda") {
+    StickOptions options;
+    options.kernelName = kernelName;
+    options.copyOf = image;
+    return Stick(options);
+  }
+
+  /// A recording disk whose journal has changes that have not reached their places.
+  static std::string imagePulledOutWhileMounted() {
+    const std::string image = recordingImage();
+    const Stick mounted = stickOf(image);
+    mkdir("/media/recorder", 0755);
+    if (mount(mounted.node().c_str(), "/media/recorder", "xfs", 0, "") != 0) {
+      throw std::runtime_error("the recording disk cannot be mounted");
+    }
+    for (int i = 0; i < 100; ++i) {
+      writeFile("/media/recorder/cut" + std::to_string(i), "some");
+    }
+    sync();
+    run({"cp", "--sparse=always", mounted.image(), image});
+    umount("/media/recorder");
+    return image;
+  }
+
+  /// Mounts without the quota that this kernel may lack.
+  static void expectFileIsThere(const Stick& stick) {
+    mkdir("/media/look", 0755);
+    ASSERT_EQ(mount(stick.node().c_str(), "/media/look", "xfs", MS_RDONLY, ""), 0);
+    EXPECT_EQ(readFile("/media/look/film.ts"), std::string(100000, 'f'));
+    umount("/media/look");
+  }
+
+  static std::uint64_t superblockValue(const std::string& image, const std::string& field) {
+    const std::string answer = run({"xfs_db", "-r", "-c", "sb 0", "-c", "print " + field, image});
+    return std::stoull(answer.substr(answer.find('=') + 1));
+  }
+
+  static void overwrite(const std::string& image, std::uint64_t offset, const std::string& bytes) {
+    // Opened for reading too, so that the rest stays.
+    std::fstream file(image, std::ios::in | std::ios::out | std::ios::binary);
+    file.seekp(static_cast<std::streamoff>(offset));
+    file << bytes;
+    ASSERT_TRUE(file.flush().good());
+  }
+};
+
+TEST_F(RepairTest, PassesASoundDisk) {
+  const Stick stick = stickOf(recordingImage());
+  const Daemon daemon(pathOfImage());
+  UsbClient client;
+  EXPECT_TRUE(client->RunDiskRepair(1)) << daemon.log();
+  EXPECT_THAT(daemon.log(), HasSubstr("xfs_repair PASSED"));
+  EXPECT_THAT(namesIn("/media"), IsEmpty());
+  expectFileIsThere(stick);
+}
+
+TEST_F(RepairTest, RepairsADiskThatWasPulledOutWhileMounted) {
+  const Stick stick = stickOf(imagePulledOutWhileMounted());
+  const Daemon daemon(pathOfImage());
+  UsbClient client;
+  EXPECT_TRUE(client->RunDiskRepair(1)) << daemon.log();
+  expectFileIsThere(stick);
+}
+
+TEST_F(RepairTest, RepairsAZeroedAllocationGroupHeader) {
+  const std::string image = recordingImage();
+  const std::uint64_t secondGroup = superblockValue(image, "agblocks") * superblockValue(image, "blocksize");
+  overwrite(image, secondGroup, std::string(2048, '\0'));
+  const Stick stick = stickOf(image);
+  const Daemon daemon(pathOfImage());
+  UsbClient client;
+  EXPECT_TRUE(client->RunDiskRepair(1)) << daemon.log();
+  EXPECT_NE(run({"dd", "if=" + stick.image(), "bs=1", "skip=" + std::to_string(secondGroup), "count=4",
+                 "status=none"}),
+            std::string(4, '\0'));
+  expectFileIsThere(stick);
+}
+
+TEST_F(RepairTest, ZeroesALogThatCannotBeReplayed) {
+  const std::string image = imagePulledOutWhileMounted();
+  const std::uint64_t start = superblockValue(image, "logstart");
+  const std::uint64_t groupBits = superblockValue(image, "agblklog");
+  const std::uint64_t log = ((start >> groupBits) * superblockValue(image, "agblocks") +
+                             (start & ((std::uint64_t{1} << groupBits) - 1))) *
+                            superblockValue(image, "blocksize");
+  // Each sector keeps its beginning, by which the log's ends are found, and loses some of its content.
+  for (std::uint64_t sector = 0; sector < 4096; ++sector) {
+    overwrite(image, log + sector * 512 + 100, "damaged");
+  }
+  const Stick stick = stickOf(image);
+  const Daemon daemon(pathOfImage());
+  UsbClient client;
+  EXPECT_TRUE(client->RunDiskRepair(1)) << daemon.log();
+  EXPECT_THAT(daemon.log(), HasSubstr("Executing: xfs_repair -L /dev/usb_storage_sda # from Line=1248"));
+  expectFileIsThere(stick);
+}
+
+TEST_F(RepairTest, RefusesAnOpenDiskAndOtherFileSystems) {
+  const Stick stick({});
+  const Daemon daemon(pathOfImage());
+  UsbClient client;
+  EXPECT_FALSE(client->RunDiskRepair(1));
+  EXPECT_THAT(daemon.log(), HasSubstr("repair not supported for: ext3"));
+  ASSERT_TRUE(client->OpenDevice(1));
+  EXPECT_FALSE(client->RunDiskRepair(1));
+  EXPECT_THAT(daemon.log(), HasSubstr("RunDiskRepair(1) - device open!"));
+  EXPECT_EQ(mountsAt("/media/disk_1").size(), 1U);
+}
+
+TEST_F(RepairTest, FailsWithoutTheToolAndTheShellsWordsReachTheSystemLog) {
+  SystemLog systemLog;
+  const Stick stick = stickOf(recordingImage());
+  for (const char* tool : {"umount", "logger"}) {
+    fs::create_symlink(run({"/bin/sh", "-c", std::string("printf %s \"$(command -v ") + tool + ")\""}),
+                       std::string("/tmp/bin/") + tool);
+  }
+  const Daemon daemon(Environment{{"PATH", "/tmp/bin"}});
+  UsbClient client;
+  EXPECT_FALSE(client->RunDiskRepair(1));
+  EXPECT_THAT(systemLog.text(), HasSubstr("xfs_repair: not found"));
+  EXPECT_THAT(daemon.log(), HasSubstr("xfs_repair FAILED"));
+  EXPECT_THAT(client.devices(), ElementsAre(1));
+}
+
+TEST_F(RepairTest, LetsOtherDevicesBeServedAndRefusesToOpenItsOwn) {
+  const Stick recorder = stickOf(recordingImage(), "sda");
+  StickOptions holiday;
+  holiday.kernelName = "sdb";
+  const Stick other(holiday);
+  // Opening a fifo waits for the other side: the first line comes when the repair has begun, and it ends when
+  // the second fifo is opened.
+  ASSERT_EQ(mkfifo("/tmp/bin/begun", 0600), 0);
+  ASSERT_EQ(mkfifo("/tmp/bin/goon", 0600), 0);
+  makeExecutable("/tmp/bin/xfs_repair",
+                 "#!/bin/sh\n: >/tmp/bin/begun\nread -r line </tmp/bin/goon\nexit 0\n");
+  const Daemon daemon(pathOfImage());
+  auto repairing = std::async(std::launch::async, [] {
+    UsbClient client;
+    return client->RunDiskRepair(1);
+  });
+  readFile("/tmp/bin/begun");
+
+  UsbClient client;
+  EXPECT_THAT(client.devices(), ElementsAre(1, 2));
+  EXPECT_FALSE(client->OpenDevice(1));
+  EXPECT_THAT(daemon.log(), HasSubstr("Disk repair is running, cannot open dev 1"));
+  EXPECT_TRUE(client->OpenDevice(2));
+  EXPECT_FALSE(client->RunDiskRepair(1));
+  EXPECT_THAT(daemon.log(), HasSubstr("RunDiskRepair(1) - repair already running!"));
+  EXPECT_FALSE(client->OpenDevice(1));
+
+  writeFile("/tmp/bin/goon", "\n");
+  EXPECT_TRUE(repairing.get());
+  EXPECT_TRUE(client->CloseDevice(2));
+}
+
+}  // namespace
+}  // namespace systest

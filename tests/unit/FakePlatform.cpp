@@ -1,0 +1,229 @@
+#include "FakePlatform.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+#include <stdexcept>
+
+#include "Journal.h"
+
+namespace {
+
+int answer(int error) {
+  if (error == 0) {
+    return 0;
+  }
+  errno = error;
+  return -1;
+}
+
+dirent* newEntry(const std::string& name) {
+  auto* entry = static_cast<dirent*>(std::calloc(1, sizeof(dirent)));
+  name.copy(entry->d_name, sizeof(entry->d_name) - 1);
+  return entry;
+}
+
+}  // namespace
+
+void FakePlatform::record(const std::string& event) const {
+  journal().record(event);
+  if (onCall) {
+    onCall(event);
+  }
+}
+
+int FakePlatform::mount(const std::string& source, const std::string& target, const char* fileSystemType,
+                        unsigned long flags, const char* options) {
+  std::ostringstream event;
+  event << "mount " << source << " " << target << " " << fileSystemType << " " << std::hex << flags << " "
+        << options;
+  record(event.str());
+  return answer(mountError({source, target, fileSystemType, flags, options}));
+}
+
+int FakePlatform::umount(const std::string& target) {
+  record("umount " + target);
+  return answer(umountError);
+}
+
+int FakePlatform::umount2(const std::string& target, int flags) {
+  record("umount2 " + target + " " + std::to_string(flags));
+  return answer(umount2Error);
+}
+
+int FakePlatform::mkdir(const std::string& path, mode_t mode) {
+  std::ostringstream event;
+  event << "mkdir " << path << " " << std::oct << mode;
+  record(event.str());
+  if (mkdirError == 0 && existing.count(path) != 0) {
+    return answer(EEXIST);
+  }
+  if (mkdirError == 0) {
+    existing.insert(path);
+  }
+  return answer(mkdirError);
+}
+
+int FakePlatform::rmdir(const std::string& path) {
+  record("rmdir " + path);
+  if (rmdirError == 0) {
+    existing.erase(path);
+  }
+  return answer(rmdirError);
+}
+
+int FakePlatform::access(const std::string& path, int /*mode*/) {
+  record("access " + path);
+  return answer(existing.count(path) != 0 ? 0 : ENOENT);
+}
+
+int FakePlatform::scandir(const std::string& path, dirent*** entries, int (*filter)(const dirent*),
+                          int (*compare)(const dirent**, const dirent**)) {
+  record("scandir " + path);
+  if (scandirError != 0) {
+    return answer(scandirError);
+  }
+  std::vector<dirent*> accepted;
+  for (const std::string& name : deviceNodes) {
+    dirent* entry = newEntry(name);
+    if (scandirIgnoresFilter || filter(entry) != 0) {
+      accepted.push_back(entry);
+    } else {
+      std::free(entry);
+    }
+  }
+  std::stable_sort(accepted.begin(), accepted.end(),
+                   [compare](const dirent* left, const dirent* right) { return compare(&left, &right) < 0; });
+  *entries = static_cast<dirent**>(std::calloc(accepted.size() + 1, sizeof(dirent*)));
+  std::copy(accepted.begin(), accepted.end(), *entries);
+  return static_cast<int>(accepted.size());
+}
+
+DIR* FakePlatform::opendir(const std::string& path) {
+  record("opendir " + path);
+  if (directories.count(path) == 0) {
+    errno = ENOENT;
+    return nullptr;
+  }
+  openDirectories_.push_back({path});
+  return reinterpret_cast<DIR*>(&openDirectories_.back());
+}
+
+dirent* FakePlatform::readdir(DIR* directory) {
+  auto& opened = *reinterpret_cast<OpenDirectory*>(directory);
+  const auto& names = directories.at(opened.path);
+  if (opened.position == names.size()) {
+    return nullptr;
+  }
+  const std::string& name = names[opened.position++];
+  std::memset(opened.entry.d_name, 0, sizeof(opened.entry.d_name));
+  name.copy(opened.entry.d_name, sizeof(opened.entry.d_name) - 1);
+  return &opened.entry;
+}
+
+int FakePlatform::closedir(DIR* directory) {
+  auto* opened = reinterpret_cast<OpenDirectory*>(directory);
+  record("closedir " + opened->path);
+  openDirectories_.remove_if([opened](const OpenDirectory& candidate) { return &candidate == opened; });
+  return 0;
+}
+
+int FakePlatform::open(const std::string& path, int /*flags*/) {
+  record("open " + path);
+  if (files.count(path) == 0 && readErrors.count(path) == 0 && disks.count(path) == 0) {
+    return answer(openError);
+  }
+  descriptors_[nextDescriptor_] = {path};
+  return nextDescriptor_++;
+}
+
+ssize_t FakePlatform::read(int descriptor, void* buffer, size_t size) {
+  OpenFile& file = descriptors_.at(descriptor);
+  record("read " + file.path + " " + std::to_string(size));
+  const auto failing = readErrors.find(file.path);
+  if (failing != readErrors.end()) {
+    return answer(failing->second);
+  }
+  const std::string& content = files.at(file.path);
+  const std::size_t count = content.copy(static_cast<char*>(buffer), size, file.position);
+  file.position += count;
+  return static_cast<ssize_t>(count);
+}
+
+int FakePlatform::close(int descriptor) {
+  const auto file = descriptors_.find(descriptor);
+  record("close " + (file != descriptors_.end() ? file->second.path : std::to_string(descriptor)));
+  if (file == descriptors_.end()) {
+    return answer(EBADF);
+  }
+  descriptors_.erase(file);
+  return answer(closeError);
+}
+
+int FakePlatform::system(const std::string& command) {
+  record("system " + command);
+  return systemStatus(command);
+}
+
+void FakePlatform::sleep(unsigned int seconds) {
+  record("sleep " + std::to_string(seconds));
+}
+
+FakePlatform::OpenProbe& FakePlatform::openProbe(blkid_probe probe) {
+  for (OpenProbe& candidate : probes_) {
+    if (reinterpret_cast<blkid_probe>(&candidate) == probe) {
+      return candidate;
+    }
+  }
+  throw std::logic_error("a probe was used that was never made, or was freed before");
+}
+
+blkid_probe FakePlatform::blkid_new_probe_from_filename(const std::string& path) {
+  record("new_probe " + path);
+  const auto disk = disks.find(path);
+  if (disk == disks.end() || !disk->second.opens) {
+    errno = ENOENT;
+    return nullptr;
+  }
+  probes_.push_back({path});
+  return reinterpret_cast<blkid_probe>(&probes_.back());
+}
+
+int FakePlatform::blkid_do_probe(blkid_probe probe) {
+  const OpenProbe& opened = openProbe(probe);
+  record("do_probe " + opened.path);
+  const Disk& disk = disks.at(opened.path);
+  if (disk.probeResult == -1 && disk.probeError != 0) {
+    errno = disk.probeError;
+  }
+  return disk.probeResult;
+}
+
+int FakePlatform::blkid_probe_lookup_value(blkid_probe probe, const char* name, const char** value) {
+  const OpenProbe& opened = openProbe(probe);
+  record("lookup " + opened.path + " " + name);
+  const Disk& disk = disks.at(opened.path);
+  const auto found = disk.values.find(name);
+  if (disk.probeResult != 0 || found == disk.values.end()) {
+    if (disk.lookupError != 0) {
+      errno = disk.lookupError;
+    }
+    return -1;
+  }
+  *value = found->second.c_str();
+  return 0;
+}
+
+void FakePlatform::blkid_free_probe(blkid_probe probe) {
+  const OpenProbe* opened = &openProbe(probe);
+  record("free_probe " + opened->path);
+  probes_.remove_if([opened](const OpenProbe& candidate) { return &candidate == opened; });
+}
+
+blkid_loff_t FakePlatform::blkid_get_dev_size(int descriptor) {
+  const std::string& path = descriptors_.at(descriptor).path;
+  record("dev_size " + path);
+  return disks.at(path).size;
+}

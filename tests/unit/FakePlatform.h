@@ -1,0 +1,128 @@
+#ifndef TESTS_UNIT_FAKEPLATFORM_H
+#define TESTS_UNIT_FAKEPLATFORM_H
+
+#include <functional>
+#include <list>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Platform.h"
+
+/// A system that exists in the test alone. What it answers is set in the members; every call is recorded in
+/// the journal:
+///
+///     scandir DIR                            mount SOURCE TARGET TYPE FLAGS(hex) OPTIONS
+///     umount TARGET                          umount2 TARGET FLAGS
+///     mkdir PATH MODE(octal)                 rmdir PATH               access PATH
+///     opendir DIR     closedir DIR           open PATH    read PATH SIZE    close PATH
+///     system COMMAND                         sleep SECONDS
+///     new_probe PATH   do_probe PATH   lookup PATH KEY   free_probe PATH   dev_size PATH
+///
+/// An error is an errno value; 0 means success. A failing call sets errno, a succeeding one leaves it alone.
+class FakePlatform : public Dockhand::Platform {
+ public:
+  struct Mount {
+    std::string source;
+    std::string target;
+    std::string fileSystemType;
+    unsigned long flags;
+    std::string options;
+  };
+
+  /// What a disk answers to libblkid.
+  struct Disk {
+    std::map<std::string, std::string> values;
+    bool opens = true;
+    /// Result of the probing, and its errno where that is -1.
+    int probeResult = 0;
+    int probeError = 0;
+    /// errno of a look-up that finds nothing.
+    int lookupError = 0;
+    blkid_loff_t size = 0;
+  };
+
+  // What the system looks like.
+
+  /// Names in /dev; other names than storage nodes may be among them.
+  std::vector<std::string> deviceNodes;
+  int scandirError = 0;
+  /// Hands out the names as they are, whatever the filter says.
+  bool scandirIgnoresFilter = false;
+  /// Readable files by path.
+  std::map<std::string, std::string> files;
+  /// errno of opening what is not in `files`.
+  int openError = 2;
+  /// These files can be opened but not read: errno by path.
+  std::map<std::string, int> readErrors;
+  int closeError = 0;
+  /// Directories by path with the names in them.
+  std::map<std::string, std::vector<std::string>> directories;
+  /// Paths that access and mkdir find existing.
+  std::set<std::string> existing;
+  int mkdirError = 0;
+  int rmdirError = 0;
+  int umountError = 0;
+  int umount2Error = 0;
+  /// The error of a mount. Everything mounts unless told otherwise.
+  std::function<int(const Mount&)> mountError = [](const Mount&) { return 0; };
+  /// Disks by the path of their node. A node that is not here cannot be opened for probing.
+  std::map<std::string, Disk> disks;
+  /// The raw status of a command.
+  std::function<int(const std::string&)> systemStatus = [](const std::string&) { return 0; };
+
+  /// Called before each call is answered, with the event as it is recorded.
+  std::function<void(const std::string&)> onCall;
+
+  /// Probes that were made and not freed.
+  std::size_t liveProbes() const { return probes_.size(); }
+  std::size_t openDescriptors() const { return descriptors_.size(); }
+
+  int mount(const std::string& source, const std::string& target, const char* fileSystemType,
+            unsigned long flags, const char* options) override;
+  int umount(const std::string& target) override;
+  int umount2(const std::string& target, int flags) override;
+  int mkdir(const std::string& path, mode_t mode) override;
+  int rmdir(const std::string& path) override;
+  int access(const std::string& path, int mode) override;
+  int scandir(const std::string& path, dirent*** entries, int (*filter)(const dirent*),
+              int (*compare)(const dirent**, const dirent**)) override;
+  DIR* opendir(const std::string& path) override;
+  dirent* readdir(DIR* directory) override;
+  int closedir(DIR* directory) override;
+  int open(const std::string& path, int flags) override;
+  ssize_t read(int descriptor, void* buffer, size_t size) override;
+  int close(int descriptor) override;
+  int system(const std::string& command) override;
+  void sleep(unsigned int seconds) override;
+  blkid_probe blkid_new_probe_from_filename(const std::string& path) override;
+  int blkid_do_probe(blkid_probe probe) override;
+  int blkid_probe_lookup_value(blkid_probe probe, const char* name, const char** value) override;
+  void blkid_free_probe(blkid_probe probe) override;
+  blkid_loff_t blkid_get_dev_size(int descriptor) override;
+
+ private:
+  struct OpenFile {
+    std::string path;
+    std::size_t position = 0;
+  };
+  struct OpenDirectory {
+    std::string path;
+    std::size_t position = 0;
+    dirent entry{};
+  };
+  struct OpenProbe {
+    std::string path;
+  };
+
+  void record(const std::string& event) const;
+  OpenProbe& openProbe(blkid_probe probe);
+
+  std::map<int, OpenFile> descriptors_;
+  int nextDescriptor_ = 100;
+  std::list<OpenDirectory> openDirectories_;
+  std::list<OpenProbe> probes_;
+};
+
+#endif  // TESTS_UNIT_FAKEPLATFORM_H

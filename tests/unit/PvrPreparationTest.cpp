@@ -1,0 +1,571 @@
+// Preparing a recording disk, down to what a real shell makes of the disk's label.
+
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <stdexcept>
+
+#include "HandlerTest.h"
+
+using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+using ::testing::IsEmpty;
+
+namespace {
+
+const std::string toLogFile = " 1>/tmp/Dockhand.log 2>&1";
+const std::string forceUnmount = "umount -f /dev/usb_storage_sdb1 1>/dev/null 2>&1";
+const std::string listTable = "sfdisk -l /dev/usb_storage_sdb";
+const std::string wipeTable = "dd if=/dev/zero of=/dev/usb_storage_sdb bs=512 count=1";
+const std::string makePartition = R"(echo -e 'n\np\n1\n\n\nw' | fdisk /dev/usb_storage_sdb)";
+const std::string passLog = "system logger -s -t Dockhand </tmp/Dockhand.log";
+
+std::string makeFileSystem(const std::string& labelInShell) {
+  return "mkfs.xfs -f -l lazy-count=0 -L \"" + labelInShell + "\" /dev/usb_storage_sdb1";
+}
+
+bool begins(const std::string& text, const std::string& beginning) {
+  return text.rfind(beginning, 0) == 0;
+}
+
+class PvrPreparation : public HandlerTest {
+ protected:
+  PvrPreparation() {
+    plugIn({"sdb", "sdb1"});
+    setLabel("MyDisk");
+    // Nothing is mounted.
+    platform.systemStatus = [](const std::string& command) { return begins(command, "umount") ? 256 : 0; };
+  }
+
+  void setLabel(const std::string& label) { platform.disks["/dev/usb_storage_sdb1"].values["LABEL"] = label; }
+  /// Every command but the forced unmounts ends well, except the one that begins so.
+  void letFail(const std::string& beginning, int status) {
+    platform.systemStatus = [beginning, status](const std::string& command) {
+      return begins(command, beginning) ? status : begins(command, "umount") ? 256 : 0;
+    };
+  }
+  /// The first unmounts succeed, as many as are said for the loop before and the one after partitioning.
+  void stackMounts(int before, int after) {
+    platform.systemStatus = [before, after, partitioned = false](const std::string& command) mutable {
+      if (begins(command, "echo")) {
+        partitioned = true;
+      }
+      int& left = partitioned ? after : before;
+      return begins(command, "umount") && left-- <= 0 ? 256 : 0;
+    };
+  }
+  /// The command that makes the file system of a disk with this label.
+  std::string fileSystemCommand(const std::string& label) {
+    setLabel(label);
+    journal().clear();
+    handler->PrepareDeviceForPvr(1);
+    const auto commands = journal().eventsBeginning("system mkfs.xfs");
+    if (commands.size() != 1) {
+      ADD_FAILURE() << commands.size() << " commands";
+      return {};
+    }
+    const std::string command = commands[0].substr(std::string("system ").size());
+    const std::size_t end = command.size() - toLogFile.size();
+    EXPECT_EQ(command.substr(end), toLogFile);
+    return command.substr(0, end);
+  }
+};
+
+TEST_F(PvrPreparation, PreparesADiskStepByStep) {
+  EXPECT_TRUE(handler->PrepareDeviceForPvr(1));
+  EXPECT_THAT(journal().events(),
+              ElementsAre("log 2 @860 PrepareDeviceForPvr(1)", "log 2 @1046 GetDeviceLabel",
+                          "new_probe /dev/usb_storage_sdb1", "do_probe /dev/usb_storage_sdb1",
+                          "lookup /dev/usb_storage_sdb1 LABEL", "free_probe /dev/usb_storage_sdb1",
+                          "log 2 @1015 getBlkidLookupValue(1,LABEL; device=/dev/usb_storage_sdb1)=MyDisk",
+                          "log 2 @1060 GetDeviceLabel(1)=MyDisk", "system " + forceUnmount,
+                          "log 3 @124 Executing: " + listTable + " # from Line=908",
+                          "system " + listTable + toLogFile, passLog,
+                          "log 3 @124 Executing: " + wipeTable + " # from Line=913",
+                          "system " + wipeTable + toLogFile,
+                          "log 3 @124 Executing: " + makePartition + " # from Line=917",
+                          "system " + makePartition + toLogFile, passLog, "sleep 4", "system " + forceUnmount,
+                          "log 3 @124 Executing: " + makeFileSystem("MyDisk") + " # from Line=934",
+                          "system " + makeFileSystem("MyDisk") + toLogFile, "sleep 2",
+                          "log 2 @142 CheckForAndUpdateNewDevices", "scandir /dev",
+                          "log 2 @196 entry: name=sdb number= matchFound=1",
+                          "log 2 @196 entry: name=sdb1 number=1 matchFound=1"));
+}
+
+TEST_F(PvrPreparation, PartitionsTheDiskOfARecordWithoutAPartition) {
+  pullOut({"sdb1"});
+  handler->CheckForAndUpdateNewDevices();
+  platform.disks["/dev/usb_storage_sdb"].values["LABEL"] = "Whole";
+  journal().clear();
+  EXPECT_TRUE(handler->PrepareDeviceForPvr(1));
+  EXPECT_THAT(journal().eventsBeginning("system"),
+              ElementsAre("system " + forceUnmount, "system " + listTable + toLogFile, passLog,
+                          "system " + wipeTable + toLogFile, "system " + makePartition + toLogFile, passLog,
+                          "system " + forceUnmount, "system " + makeFileSystem("Whole") + toLogFile));
+}
+
+TEST_F(PvrPreparation, HoldsTheLockFromTheFirstStepToTheLast) {
+  watchLock();
+  handler->PrepareDeviceForPvr(1);
+  EXPECT_THAT(unlocked, IsEmpty());
+  EXPECT_GT(journal().events().size(), 20U);
+  EXPECT_FALSE(lockIsHeld());
+
+  handler->PrepareDeviceForPvr(9);
+  EXPECT_THAT(unlocked, IsEmpty());
+  EXPECT_FALSE(lockIsHeld());
+}
+
+TEST_F(PvrPreparation, IsAnnouncedFromTheLookUpToTheRescan) {
+  std::vector<std::string> announced;
+  std::vector<std::string> unannounced;
+  platform.onCall = [&](const std::string& event) {
+    (handler->pvrPreparationRunning ? announced : unannounced).push_back(event);
+  };
+  handler->PrepareDeviceForPvr(1);
+  EXPECT_THAT(unannounced, ElementsAre("scandir /dev"));
+  ASSERT_FALSE(announced.empty());
+  EXPECT_EQ(announced.front(), "new_probe /dev/usb_storage_sdb1");
+  EXPECT_EQ(announced.back(), "sleep 2");
+  EXPECT_FALSE(handler->pvrPreparationRunning);
+}
+
+TEST_F(PvrPreparation, RefusesAnUnknownDeviceAndStaysAnnounced) {
+  for (const std::uint32_t key : {65535U, 32768U}) {
+    handler->deviceMap[key] = entry(1);
+  }
+  for (const std::int16_t id : {std::int16_t{-1}, std::numeric_limits<std::int16_t>::min(), std::int16_t{0},
+                                std::int16_t{9}, std::numeric_limits<std::int16_t>::max()}) {
+    journal().clear();
+    handler->pvrPreparationRunning = false;
+    EXPECT_FALSE(handler->PrepareDeviceForPvr(id));
+    EXPECT_TRUE(handler->pvrPreparationRunning);
+    const std::string number = std::to_string(id);
+    EXPECT_THAT(journal().events(),
+                ElementsAre("log 2 @860 PrepareDeviceForPvr(" + number + ")",
+                            "log 4 @866 PrepareDeviceForPvr() - Unknown device: " + number));
+  }
+}
+
+TEST_F(PvrPreparation, IgnoresPlugEventsAfterAnUnknownDeviceUntilAKnownOneIsPrepared) {
+  handler->PrepareDeviceForPvr(9);
+  journal().clear();
+  handler->NotifyUsbAdded("sdb1");
+  handler->NotifyUsbRemoved("sdb1");
+  EXPECT_THAT(journal().events(),
+              ElementsAre("log 2 @300 NotifyUSB added sdb1", "log 2 @384 NotifyUsbRemoved(sdb1)"));
+
+  EXPECT_TRUE(handler->PrepareDeviceForPvr(1));
+  journal().clear();
+  handler->NotifyUsbAdded("sdb1");
+  EXPECT_THAT(journal().eventsBeginning("scandir"), ElementsAre("scandir /dev"));
+}
+
+TEST_F(PvrPreparation, FormatsAnOpenDeviceUnderTheDefaultLabelAndWarnsFirst) {
+  entry(1).deviceOpen = true;
+  entry(1).mountPoint = "/media/disk_1";
+  EXPECT_TRUE(handler->PrepareDeviceForPvr(1));
+  const auto events = journal().events();
+  ASSERT_GT(events.size(), 3U);
+  EXPECT_EQ(events[0], "log 2 @860 PrepareDeviceForPvr(1)");
+  EXPECT_EQ(events[1], "log 4 @872 PrepareDeviceForPvr() - Device is Open!");
+  EXPECT_EQ(events[2], "system " + forceUnmount);
+  EXPECT_THAT(journal().eventsBeginning("system mkfs.xfs"),
+              ElementsAre("system " + makeFileSystem("PVR_DISK") + toLogFile));
+  EXPECT_TRUE(entry(1).deviceOpen);
+  EXPECT_EQ(entry(1).mountPoint, "/media/disk_1");
+}
+
+// The two loops of forced unmounts
+
+TEST_F(PvrPreparation, UnmountsUntilNothingIsMountedAnyMore) {
+  stackMounts(2, 1);
+  EXPECT_TRUE(handler->PrepareDeviceForPvr(1));
+  std::vector<std::string> steps;
+  for (const std::string& event : journal().events()) {
+    if (begins(event, "system umount") || begins(event, "log 3 @9") || begins(event, "system sfdisk") ||
+        begins(event, "sleep") || begins(event, "system mkfs")) {
+      steps.push_back(event);
+    }
+  }
+  EXPECT_THAT(steps, ElementsAre("system " + forceUnmount, "log 3 @903 unmounted: /dev/usb_storage_sdb1",
+                                 "system " + forceUnmount, "log 3 @903 unmounted: /dev/usb_storage_sdb1",
+                                 "system " + forceUnmount, "system " + listTable + toLogFile, "sleep 4",
+                                 "system " + forceUnmount,
+                                 "log 3 @930 unmounted: /dev/usb_storage_sdb1 (after partition (re)created)",
+                                 "system " + forceUnmount, "system " + makeFileSystem("MyDisk") + toLogFile,
+                                 "sleep 2"));
+}
+
+TEST_F(PvrPreparation, UnmountsTenTimesAtMostInEachLoop) {
+  stackMounts(1000, 1000);
+  EXPECT_TRUE(handler->PrepareDeviceForPvr(1));
+  EXPECT_EQ(journal().eventsBeginning("system umount").size(), 20U);
+  EXPECT_EQ(journal().eventsBeginning("log 3 @903 ").size(), 10U);
+  EXPECT_EQ(journal().eventsBeginning("log 3 @930 ").size(), 10U);
+}
+
+TEST_F(PvrPreparation, GoesOnWithoutALineWhenUnmountingCannotEvenBeTried) {
+  letFail("umount", -1);
+  EXPECT_TRUE(handler->PrepareDeviceForPvr(1));
+  EXPECT_EQ(journal().eventsBeginning("system umount").size(), 2U);
+  EXPECT_THAT(journal().eventsBeginning("log 4"), IsEmpty());
+}
+
+// Failing tools
+
+TEST_F(PvrPreparation, GoesOnWhenTheOldTableCannotBeListed) {
+  letFail("sfdisk", 256);
+  EXPECT_TRUE(handler->PrepareDeviceForPvr(1));
+  EXPECT_THAT(journal().eventsBeginning("log 4"),
+              ElementsAre("log 4 @129 Warning: " + listTable + " returned 256 # from Line=908"));
+  EXPECT_EQ(journal().eventsBeginning("system mkfs.xfs").size(), 1U);
+}
+
+TEST_F(PvrPreparation, GoesOnWhenTheOldTableCannotBeWiped) {
+  letFail("dd", 256);
+  EXPECT_TRUE(handler->PrepareDeviceForPvr(1));
+  EXPECT_THAT(journal().eventsBeginning("log 4"),
+              ElementsAre("log 4 @129 Warning: " + wipeTable + " returned 256 # from Line=913"));
+  EXPECT_EQ(journal().eventsBeginning("system mkfs.xfs").size(), 1U);
+}
+
+TEST_F(PvrPreparation, StopsBeforeThePauseWhenTheDiskCannotBePartitioned) {
+  for (const int status : {256, -1}) {
+    letFail("echo", status);
+    journal().clear();
+    EXPECT_FALSE(handler->PrepareDeviceForPvr(1));
+    EXPECT_FALSE(handler->pvrPreparationRunning);
+    EXPECT_THAT(journal().calls(),
+                ElementsAre("new_probe /dev/usb_storage_sdb1", "do_probe /dev/usb_storage_sdb1",
+                            "lookup /dev/usb_storage_sdb1 LABEL", "free_probe /dev/usb_storage_sdb1",
+                            "system " + forceUnmount, "system " + listTable + toLogFile, passLog,
+                            "system " + wipeTable + toLogFile, "system " + makePartition + toLogFile, passLog,
+                            "scandir /dev"));
+    EXPECT_THAT(journal().eventsBeginning("log 4"),
+                ElementsAre("log 4 @129 Warning: " + makePartition + " returned " + std::to_string(status) +
+                            " # from Line=917"));
+  }
+}
+
+TEST_F(PvrPreparation, FailsAfterThePauseWhenTheFileSystemCannotBeMade) {
+  letFail("mkfs.xfs", 256);
+  EXPECT_FALSE(handler->PrepareDeviceForPvr(1));
+  EXPECT_FALSE(handler->pvrPreparationRunning);
+  const auto calls = journal().calls();
+  ASSERT_GT(calls.size(), 4U);
+  EXPECT_THAT(
+      std::vector<std::string>(calls.end() - 4, calls.end()),
+      ElementsAre("system " + makeFileSystem("MyDisk") + toLogFile, passLog, "sleep 2", "scandir /dev"));
+  EXPECT_THAT(
+      journal().eventsBeginning("log 4"),
+      ElementsAre("log 4 @129 Warning: " + makeFileSystem("MyDisk") + " returned 256 # from Line=934"));
+}
+
+TEST_F(PvrPreparation, PassesTheToolsWordsOnAfterAFailure) {
+  letFail("sfdisk", 256);
+  handler->PrepareDeviceForPvr(1);
+  EXPECT_EQ(journal().eventsBeginning(passLog).size(), 2U);
+  journal().clear();
+  letFail("dd", 256);
+  handler->PrepareDeviceForPvr(1);
+  EXPECT_EQ(journal().eventsBeginning(passLog).size(), 3U);
+}
+
+TEST_F(PvrPreparation, SeesWhatTheRescanFinds) {
+  platform.systemStatus = [this](const std::string& command) {
+    if (begins(command, "mkfs.xfs")) {
+      platform.deviceNodes.emplace_back("usb_storage_sdc");
+    }
+    return 0;
+  };
+  handler->PrepareDeviceForPvr(1);
+  EXPECT_EQ(entry(2).deviceName, "sdc");
+}
+
+TEST_F(PvrPreparation, AsksForLabelAndRescanThroughTheVirtualTable) {
+  class Overriding : public TestableHandler {
+   public:
+    using TestableHandler::TestableHandler;
+    void GetDeviceLabel(ravel::rpc::ReturnValueWithString& _return, std::int16_t deviceId) override {
+      EXPECT_EQ(deviceId, 1);
+      _return.success = success;
+      _return.text = "Overridden";
+    }
+    void CheckForAndUpdateNewDevices() override { ++rescans; }
+    bool success = true;
+    int rescans = 0;
+  };
+  Overriding overriding(platform);
+  overriding.PrepareDeviceForPvr(1);
+  EXPECT_EQ(overriding.rescans, 1);
+  EXPECT_THAT(journal().eventsBeginning("system mkfs.xfs"),
+              ElementsAre("system " + makeFileSystem("Overridden") + toLogFile));
+
+  journal().clear();
+  overriding.success = false;
+  overriding.PrepareDeviceForPvr(1);
+  EXPECT_THAT(journal().eventsBeginning("system mkfs.xfs"),
+              ElementsAre("system " + makeFileSystem("PVR_DISK") + toLogFile));
+}
+
+TEST_F(PvrPreparation, LogsWhatTheThresholdLetsThrough) {
+  stackMounts(1, 1);
+  setThreshold(3);
+  handler->PrepareDeviceForPvr(1);
+  EXPECT_THAT(journal().logs(),
+              ElementsAre("log 3 @903 unmounted: /dev/usb_storage_sdb1",
+                          "log 3 @124 Executing: " + listTable + " # from Line=908",
+                          "log 3 @124 Executing: " + wipeTable + " # from Line=913",
+                          "log 3 @124 Executing: " + makePartition + " # from Line=917",
+                          "log 3 @930 unmounted: /dev/usb_storage_sdb1 (after partition (re)created)",
+                          "log 3 @124 Executing: " + makeFileSystem("MyDisk") + " # from Line=934"));
+  journal().clear();
+  setThreshold(4);
+  entry(1).deviceOpen = true;
+  handler->PrepareDeviceForPvr(1);
+  handler->PrepareDeviceForPvr(9);
+  EXPECT_THAT(journal().logs(), ElementsAre("log 4 @872 PrepareDeviceForPvr() - Device is Open!",
+                                            "log 4 @866 PrepareDeviceForPvr() - Unknown device: 9"));
+  journal().clear();
+  setThreshold(5);
+  handler->PrepareDeviceForPvr(1);
+  handler->PrepareDeviceForPvr(9);
+  EXPECT_THAT(journal().logs(), IsEmpty());
+}
+
+// The label
+
+TEST_F(PvrPreparation, DoesNotCarryOverLabelsThatNobodyChose) {
+  for (const char* label : {"NONAME", "New Volume", "KRX_LOGS"}) {
+    EXPECT_EQ(fileSystemCommand(label), makeFileSystem("PVR_DISK")) << label;
+  }
+}
+
+TEST_F(PvrPreparation, CarriesOverLabelsThatOnlyResembleThose) {
+  for (const char* label : {"noname", "NONAME ", "NONAMES", "new volume", "New Volume2", "NewVolume",
+                            "krx_logs", "KRX_LOG", "PVR_DISK", "a b", "''", "-L"}) {
+    EXPECT_EQ(fileSystemCommand(label), makeFileSystem(label)) << label;
+  }
+  // Longer than 11 characters, so an excluded text cannot come out of the cut.
+  EXPECT_EQ(fileSystemCommand("New Volume 12"), makeFileSystem("New Volume "));
+}
+
+TEST_F(PvrPreparation, NamesADiskWithoutALabelByTheDefault) {
+  EXPECT_EQ(fileSystemCommand(""), makeFileSystem("PVR_DISK"));
+  EXPECT_EQ(fileSystemCommand("A"), makeFileSystem("PVR_DISK"));
+  platform.disks["/dev/usb_storage_sdb1"].opens = false;
+  EXPECT_EQ(fileSystemCommand("Unreadable"), makeFileSystem("PVR_DISK"));
+}
+
+TEST_F(PvrPreparation, CutsALabelToElevenCharacters) {
+  EXPECT_EQ(fileSystemCommand("1234567890"), makeFileSystem("1234567890"));
+  EXPECT_EQ(fileSystemCommand("12345678901"), makeFileSystem("12345678901"));
+  EXPECT_EQ(fileSystemCommand("123456789012"), makeFileSystem("12345678901"));
+  EXPECT_EQ(fileSystemCommand("1234567890123456"), makeFileSystem("12345678901"));
+  EXPECT_EQ(fileSystemCommand(std::string(65536, 'x')), makeFileSystem(std::string(11, 'x')));
+}
+
+TEST_F(PvrPreparation, CutsNoCharacterInTwo) {
+  for (const std::string& character :
+       {std::string("\xC3\xA4"), std::string("\xE2\x82\xAC"), std::string("\xF0\x9F\x8E\xA5")}) {
+    for (std::size_t before = 0; before <= 12; ++before) {
+      std::string label(before, 'a');
+      std::string kept = label.substr(0, 11);
+      while (label.size() < 16) {
+        if (label.size() == kept.size() && label.size() + character.size() <= 11) {
+          kept += character;
+        }
+        label += character;
+      }
+      EXPECT_EQ(fileSystemCommand(label), makeFileSystem(kept)) << label;
+    }
+  }
+}
+
+TEST_F(PvrPreparation, CutsBytesThatAreNoCharactersAtElevenBytes) {
+  for (const char byte : {'\x80', '\xBF', '\xC0', '\xE9', '\xF5', '\xFF'}) {
+    EXPECT_EQ(fileSystemCommand(std::string(16, byte)), makeFileSystem(std::string(11, byte)));
+    EXPECT_EQ(fileSystemCommand("abc" + std::string(16, byte)), makeFileSystem("abc" + std::string(8, byte)));
+    EXPECT_EQ(fileSystemCommand(std::string(11, byte)), makeFileSystem(std::string(11, byte)));
+  }
+}
+
+TEST_F(PvrPreparation, EscapesWhatTheShellWouldReadBetweenDoubleQuotes) {
+  EXPECT_EQ(fileSystemCommand("\"; touch /tmp/x; \""), makeFileSystem("\\\"; touch /t"));
+  EXPECT_EQ(fileSystemCommand("$(reboot)"), makeFileSystem("\\$(reboot)"));
+  EXPECT_EQ(fileSystemCommand("`reboot`"), makeFileSystem("\\`reboot\\`"));
+  EXPECT_EQ(fileSystemCommand("${HOME}"), makeFileSystem("\\${HOME}"));
+  EXPECT_EQ(fileSystemCommand("disk\\"), makeFileSystem("disk\\\\"));
+  EXPECT_EQ(fileSystemCommand("\\\\"), makeFileSystem("\\\\\\\\"));
+  EXPECT_EQ(fileSystemCommand("a'b;c&d|e>f"), makeFileSystem("a'b;c&d|e>f"));
+  // The escapes come after the cut.
+  EXPECT_EQ(fileSystemCommand("\"\"\"\"\"\"\"\"\"\"\"\"\""),
+            makeFileSystem("\\\"\\\"\\\"\\\"\\\"\\\"\\\"\\\"\\\"\\\"\\\""));
+}
+
+TEST_F(PvrPreparation, DropsControlCharactersFromALabelAfterTheCut) {
+  EXPECT_EQ(fileSystemCommand("one\nreboot"), makeFileSystem("onereboot"));
+  EXPECT_EQ(fileSystemCommand("a\x01\x1F\x7F z"), makeFileSystem("a z"));
+  EXPECT_EQ(fileSystemCommand("abc\n\n\n\n\n\n\n\ndef"), makeFileSystem("abc"));
+  EXPECT_EQ(fileSystemCommand("\\\nx"), makeFileSystem("\\\\x"));
+  EXPECT_EQ(fileSystemCommand("\n\r\t\x1B"), makeFileSystem("PVR_DISK"));
+  EXPECT_EQ(fileSystemCommand(std::string(11, '\n') + "x"), makeFileSystem("PVR_DISK"));
+}
+
+TEST_F(PvrPreparation, ShowsTheEscapedCommandInTheLog) {
+  letFail("mkfs.xfs", 256);
+  setLabel("$(reboot)");
+  handler->PrepareDeviceForPvr(1);
+  EXPECT_THAT(journal().eventsBeginning("log 3 @124 Executing: mkfs"),
+              ElementsAre("log 3 @124 Executing: " + makeFileSystem("\\$(reboot)") + " # from Line=934"));
+  EXPECT_THAT(
+      journal().eventsBeginning("log 4"),
+      ElementsAre("log 4 @129 Warning: " + makeFileSystem("\\$(reboot)") + " returned 256 # from Line=934"));
+}
+
+// The same through a real shell
+
+/// A directory whose bin holds stand-ins that do nothing but record how they were called.
+class StandIns {
+ public:
+  StandIns() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "pvr-label-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) {
+      throw std::runtime_error("no temporary directory");
+    }
+    root_ = pattern;
+    std::filesystem::create_directory(root_ / "bin");
+    std::filesystem::create_directory(root_ / "work");
+    for (const char* tool : {"mkfs.xfs", "reboot", "touch", "id", "rm"}) {
+      const std::string path = (root_ / "bin" / tool).string();
+      std::ofstream(path) << "#!/bin/sh\nprintf '%s\\0' \"${0##*/}\" \"$@\" >>\"$RECORD\"\n";
+      chmod(path.c_str(), 0755);
+    }
+  }
+  StandIns(const StandIns&) = delete;
+  StandIns& operator=(const StandIns&) = delete;
+  ~StandIns() {
+    std::error_code ignored;
+    std::filesystem::remove_all(root_, ignored);
+  }
+
+  /// Runs a command as system() does, in an empty directory. Returns its raw status.
+  int run(const std::string& command) {
+    std::filesystem::remove(record());
+    const std::string line = "cd '" + (root_ / "work").string() + "' || exit 99\n" + command;
+    std::string path = "PATH=" + (root_ / "bin").string();
+    std::string recordTo = "RECORD=" + record().string();
+    std::string shell = "sh";
+    std::string option = "-c";
+    std::string script = line;
+    char* const arguments[] = {shell.data(), option.data(), script.data(), nullptr};
+    char* const environment[] = {path.data(), recordTo.data(), nullptr};
+    pid_t child = 0;
+    if (posix_spawn(&child, "/bin/sh", nullptr, nullptr, arguments, environment) != 0) {
+      throw std::runtime_error("no shell");
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    return status;
+  }
+  /// Every name and argument that a stand-in was called with, in order.
+  std::vector<std::string> recorded() const {
+    std::ifstream file(record(), std::ios::binary);
+    std::vector<std::string> words;
+    for (std::string word; std::getline(file, word, '\0');) {
+      words.push_back(word);
+    }
+    return words;
+  }
+  /// What the command has left in the directory where it ran.
+  std::vector<std::string> leftBehind() const {
+    std::vector<std::string> names;
+    for (const auto& file : std::filesystem::directory_iterator(root_ / "work")) {
+      names.push_back(file.path().filename().string());
+    }
+    return names;
+  }
+
+ private:
+  std::filesystem::path record() const { return root_ / "record"; }
+
+  std::filesystem::path root_;
+};
+
+TEST_F(PvrPreparation, HandsAHostileLabelToTheFormatterAsOneArgumentAndRunsNothingElse) {
+  const std::pair<std::string, std::string> labels[] = {
+      {"MyDisk", "MyDisk"},
+      {"\"; touch /tmp/x; \"", "\"; touch /t"},
+      {"\";reboot;\"", "\";reboot;\""},
+      {"\"\nreboot\n\"", "\"reboot\""},
+      {"a\nreboot", "areboot"},
+      {"$(reboot)", "$(reboot)"},
+      {"`reboot`", "`reboot`"},
+      {"\\`reboot\\`", "\\`reboot\\`"},
+      {"\\$(reboot)", "\\$(reboot)"},
+      {"\\\";reboot#", "\\\";reboot#"},
+      {"disk\\", "disk\\"},
+      {"1234567890\\reboot", "1234567890\\"},
+      {"1234567890\"reboot", "1234567890\""},
+      {"1234567890$PATH", "1234567890$"},
+      {"12345678901\\", "12345678901"},
+      {"\\\n\"", "\\\""},
+      {"$PATH", "$PATH"},
+      {"${PATH}", "${PATH}"},
+      {"$$ $? $!", "$$ $? $!"},
+      {"$((1+1))", "$((1+1))"},
+      {"a;reboot", "a;reboot"},
+      {"a&reboot&", "a&reboot&"},
+      {"a|reboot", "a|reboot"},
+      {"\">left", "\">left"},
+      {"a>left<b", "a>left<b"},
+      {"'; reboot;'", "'; reboot;'"},
+      {"* ? ~ [a-z]", "* ? ~ [a-z]"},
+      {"#!{a,b}", "#!{a,b}"},
+      {"-n %s\\0a", "-n %s\\0a"},
+      {"  two  ", "  two  "},
+      {"\xC3\xA4\xC3\xB6\xC3\xBC\xC3\x9F\xE2\x82\xAC\xE2\x82\xAC\xC3\xA4",
+       "\xC3\xA4\xC3\xB6\xC3\xBC\xC3\x9F\xE2\x82\xAC"},
+      {std::string(16, '\xFF'), std::string(11, '\xFF')},
+      {std::string(16, '\x81'), std::string(11, '\x81')},
+      {"\x81\x82\x83\x84\x85\x86\x87\x88\x89", "\x81\x82\x83\x84\x85\x86\x87\x88\x89"},
+      {"\xC3\"", "\xC3\""},
+      {"\n\n", "PVR_DISK"}};
+  StandIns standIns;
+  for (const auto& [label, argument] : labels) {
+    EXPECT_EQ(standIns.run(fileSystemCommand(label)), 0) << label;
+    EXPECT_THAT(standIns.recorded(),
+                ElementsAre("mkfs.xfs", "-f", "-l", "lazy-count=0", "-L", argument, "/dev/usb_storage_sdb1"))
+        << label;
+    EXPECT_THAT(standIns.leftBehind(), IsEmpty()) << label;
+  }
+}
+
+TEST_F(PvrPreparation, HandsEveryByteOfALabelToTheFormatterOrDropsIt) {
+  StandIns standIns;
+  for (int byte = 1; byte < 256; ++byte) {
+    const std::string character(1, static_cast<char>(byte));
+    const bool control = byte < 0x20 || byte == 0x7F;
+    const std::string label = "ab" + character + "cd";
+    EXPECT_EQ(standIns.run(fileSystemCommand(label)), 0) << byte;
+    const std::vector<std::string> expected = {
+        "mkfs.xfs", "-f", "-l", "lazy-count=0", "-L", control ? "abcd" : label, "/dev/usb_storage_sdb1"};
+    EXPECT_THAT(standIns.recorded(), ElementsAreArray(expected)) << byte;
+  }
+}
+
+// What keeps the two tests above from passing for the wrong reason.
+TEST_F(PvrPreparation, StandInsWouldShowACommandHiddenInALabel) {
+  StandIns standIns;
+  standIns.run(R"(mkfs.xfs -L "";reboot;touch "" >left)");
+  EXPECT_THAT(standIns.recorded(), ElementsAre("mkfs.xfs", "-L", "", "reboot", "touch", ""));
+  EXPECT_THAT(standIns.leftBehind(), ElementsAre("left"));
+}
+
+}  // namespace

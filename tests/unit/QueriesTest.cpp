@@ -1,0 +1,501 @@
+// Questions about a device: type, USB version, capacity, mount point, kernel name.
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <limits>
+
+#include "HandlerTest.h"
+
+using ravel::rpc::ReturnValueWithString;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+namespace {
+
+constexpr std::int16_t unknownIds[] = {-1, std::numeric_limits<std::int16_t>::min(), 0, 9,
+                                       std::numeric_limits<std::int16_t>::max()};
+
+class Queries : public HandlerTest {
+ protected:
+  /// An answer that somebody else has left in the result.
+  static ReturnValueWithString usedResult() {
+    ReturnValueWithString result;
+    result.success = true;
+    result.text = "left over";
+    return result;
+  }
+  ReturnValueWithString usbVersion(std::int16_t deviceId) {
+    ReturnValueWithString result = usedResult();
+    handler->GetDeviceUsbVersion(result, deviceId);
+    return result;
+  }
+  ReturnValueWithString physicalDevice(std::int16_t deviceId) {
+    ReturnValueWithString result = usedResult();
+    handler->GetUsbPhysicalDevice(result, deviceId);
+    return result;
+  }
+  ReturnValueWithString mountPoint(std::int16_t deviceId) {
+    ReturnValueWithString result = usedResult();
+    handler->GetUsbMountPoint(result, deviceId);
+    return result;
+  }
+  /// Puts a record where a device number would find it if it were widened without its sign.
+  void addRecordsUnderUnsignedNumbers() {
+    plugIn({"sdb1"});
+    for (const std::uint32_t key : {65535U, 32768U}) {
+      handler->deviceMap[key] = entry(1);
+      handler->deviceMap[key].mountPoint = "/media/wrong";
+    }
+  }
+};
+
+// GetDeviceType
+
+TEST_F(Queries, CallsADeviceThatTheKernelCallsRemovableTypeTwo) {
+  const auto id = plugIn({"sdb"});
+  platform.files["/sys/block/sdb/removable"] = "1\n";
+  EXPECT_EQ(handler->GetDeviceType(id), 2);
+  EXPECT_THAT(journal().events(),
+              ElementsAre("log 2 @1068 GetDeviceType", "open /sys/block/sdb/removable",
+                          "read /sys/block/sdb/removable 1", "close /sys/block/sdb/removable",
+                          "log 2 @1090 GetDeviceUsbVersion(1)=2"));
+}
+
+TEST_F(Queries, CallsADeviceThatTheKernelCallsNotRemovableTypeOne) {
+  const auto id = plugIn({"sdb"});
+  platform.files["/sys/block/sdb/removable"] = "0\n";
+  EXPECT_EQ(handler->GetDeviceType(id), 1);
+  EXPECT_EQ(platform.openDescriptors(), 0U);
+  EXPECT_THAT(journal().logs(),
+              ElementsAre("log 2 @1068 GetDeviceType", "log 2 @1090 GetDeviceUsbVersion(1)=1"));
+}
+
+TEST_F(Queries, TakesEveryCharacterButZeroForRemovable) {
+  const auto id = plugIn({"sdb"});
+  for (const std::string& content : {std::string("2"), std::string(" 0"), std::string("\n0"),
+                                     std::string("\0"
+                                                 "0",
+                                                 2),
+                                     std::string("\xFF"), std::string("10")}) {
+    platform.files["/sys/block/sdb/removable"] = content;
+    EXPECT_EQ(handler->GetDeviceType(id), 2) << content;
+  }
+}
+
+TEST_F(Queries, ReadsTheTypeOfTheWholeDiskOfAPartition) {
+  const auto id = plugIn({"sdb", "sdb1"});
+  platform.files["/sys/block/sdb/removable"] = "1";
+  EXPECT_EQ(handler->GetDeviceType(id), 2);
+}
+
+TEST_F(Queries, GivesTypeZeroWhenTheAttributeIsMissing) {
+  const auto id = plugIn({"sdb"});
+  EXPECT_EQ(handler->GetDeviceType(id), 0);
+  EXPECT_THAT(journal().events(), ElementsAre("log 2 @1068 GetDeviceType", "open /sys/block/sdb/removable",
+                                              "log 5 @1078 Failed to read file: /sys/block/sdb/removable",
+                                              "log 2 @1090 GetDeviceUsbVersion(1)=0"));
+}
+
+TEST_F(Queries, GivesTypeZeroWhenTheAttributeIsEmpty) {
+  const auto id = plugIn({"sdb"});
+  platform.files["/sys/block/sdb/removable"] = "";
+  EXPECT_EQ(handler->GetDeviceType(id), 0);
+  EXPECT_EQ(platform.openDescriptors(), 0U);
+  EXPECT_THAT(journal().logs(), ElementsAre("log 2 @1068 GetDeviceType",
+                                            "log 5 @1083 Failed to read file: /sys/block/sdb/removable",
+                                            "log 2 @1090 GetDeviceUsbVersion(1)=0"));
+}
+
+TEST_F(Queries, GivesTypeZeroWhenTheAttributeCannotBeRead) {
+  const auto id = plugIn({"sdb"});
+  platform.readErrors["/sys/block/sdb/removable"] = EIO;
+  EXPECT_EQ(handler->GetDeviceType(id), 0);
+  EXPECT_EQ(platform.openDescriptors(), 0U);
+  EXPECT_THAT(journal().eventsBeginning("log 5"),
+              ElementsAre("log 5 @1083 Failed to read file: /sys/block/sdb/removable"));
+}
+
+TEST_F(Queries, GivesTypeZeroForAnUnknownDevice) {
+  addRecordsUnderUnsignedNumbers();
+  for (const auto id : unknownIds) {
+    journal().clear();
+    EXPECT_EQ(handler->GetDeviceType(id), 0);
+    const std::string number = std::to_string(id);
+    EXPECT_THAT(journal().events(), ElementsAre("log 2 @1068 GetDeviceType",
+                                                "log 5 @1072 GetDeviceType(" + number + ") - Unknown device!",
+                                                "log 2 @1090 GetDeviceUsbVersion(" + number + ")=0"));
+  }
+}
+
+TEST_F(Queries, ReadsTheTypeWithTheLockHeld) {
+  const auto id = plugIn({"sdb"});
+  platform.files["/sys/block/sdb/removable"] = "1";
+  watchLock();
+  handler->GetDeviceType(id);
+  EXPECT_EQ(journal().calls().size(), 3U);
+  EXPECT_THAT(unlocked, ElementsAre("GetDeviceType"));
+  EXPECT_FALSE(lockIsHeld());
+}
+
+TEST_F(Queries, LogsOnlyTheFailureOfATypeQueryAboveTraceLevel) {
+  const auto id = plugIn({"sdb"});
+  setThreshold(5);
+  EXPECT_EQ(handler->GetDeviceType(id), 0);
+  EXPECT_THAT(journal().logs(), ElementsAre("log 5 @1078 Failed to read file: /sys/block/sdb/removable"));
+}
+
+// GetDeviceUsbVersion
+
+TEST_F(Queries, ReadsTheUsbVersionThatTheScriptWrites) {
+  const auto id = plugIn({"sdb"});
+  platform.files["/tmp/sdb_bcdUSB.txt"] = "2.00\nsecond line\n";
+  const auto result = usbVersion(id);
+  EXPECT_TRUE(result.success);
+  EXPECT_EQ(result.text, "2.00");
+  EXPECT_THAT(journal().events(),
+              ElementsAre("log 2 @1276 GetDeviceUsbVersion",
+                          "system readUsbVersion.sh sdb > /tmp/sdb_bcdUSB.txt", "open /tmp/sdb_bcdUSB.txt",
+                          ::testing::StartsWith("read /tmp/sdb_bcdUSB.txt "), "close /tmp/sdb_bcdUSB.txt",
+                          "system rm /tmp/sdb_bcdUSB.txt", "log 2 @1309 GetDeviceUsbVersion(1)=2.00"));
+}
+
+TEST_F(Queries, AsksForTheUsbVersionOfTheWholeDiskOfAPartition) {
+  const auto id = plugIn({"sdb", "sdb1"});
+  usbVersion(id);
+  EXPECT_THAT(
+      journal().eventsBeginning("system"),
+      ElementsAre("system readUsbVersion.sh sdb > /tmp/sdb_bcdUSB.txt", "system rm /tmp/sdb_bcdUSB.txt"));
+}
+
+TEST_F(Queries, ReadsTheFirstLineOfAVersionFileOfAnyLength) {
+  const auto id = plugIn({"sdb"});
+  for (const std::size_t length : {0U, 1U, 255U, 256U, 257U, 511U, 512U, 513U, 65536U}) {
+    const std::string line(length, 'v');
+    for (const char* rest : {"", "\n", "\nmore", "\n\n"}) {
+      platform.files["/tmp/sdb_bcdUSB.txt"] = line + rest;
+      const auto result = usbVersion(id);
+      EXPECT_TRUE(result.success);
+      EXPECT_EQ(result.text, line) << length;
+    }
+  }
+  EXPECT_EQ(platform.openDescriptors(), 0U);
+}
+
+TEST_F(Queries, PassesTheVersionTextThroughUnchanged) {
+  const auto id = plugIn({"sdb"});
+  const std::string text(
+      "\t 0\x00"
+      "2%s\r\xFF ",
+      9);
+  platform.files["/tmp/sdb_bcdUSB.txt"] = text + "\n";
+  EXPECT_EQ(usbVersion(id).text, text);
+}
+
+TEST_F(Queries, ReportsSuccessWithoutTextWhenTheVersionFileCannotBeRead) {
+  const auto id = plugIn({"sdb"});
+  platform.openError = EACCES;
+  auto result = usbVersion(id);
+  EXPECT_TRUE(result.success);
+  EXPECT_EQ(result.text, "");
+  EXPECT_THAT(journal().logs(),
+              ElementsAre("log 2 @1276 GetDeviceUsbVersion", "log 2 @1309 GetDeviceUsbVersion(1)="));
+
+  platform.readErrors["/tmp/sdb_bcdUSB.txt"] = EIO;
+  result = usbVersion(id);
+  EXPECT_TRUE(result.success);
+  EXPECT_EQ(result.text, "");
+  EXPECT_EQ(platform.openDescriptors(), 0U);
+}
+
+TEST_F(Queries, RemovesTheVersionFileAlsoWhenTheScriptFails) {
+  const auto id = plugIn({"sdb"});
+  platform.files["/tmp/sdb_bcdUSB.txt"] = "2.00\n";
+  for (const int status : {256, 32512, -1, 15}) {
+    journal().clear();
+    platform.systemStatus = [&](const std::string& command) {
+      return command.rfind("readUsbVersion.sh", 0) == 0 ? status : 0;
+    };
+    const auto result = usbVersion(id);
+    EXPECT_FALSE(result.success);
+    EXPECT_EQ(result.text, "");
+    EXPECT_THAT(
+        journal().events(),
+        ElementsAre("log 2 @1276 GetDeviceUsbVersion", "system readUsbVersion.sh sdb > /tmp/sdb_bcdUSB.txt",
+                    "log 5 @1290 system(readUsbVersion.sh sdb > /tmp/sdb_bcdUSB.txt) failed with: " +
+                        std::to_string(status),
+                    "system rm /tmp/sdb_bcdUSB.txt", "log 2 @1309 GetDeviceUsbVersion(1)="));
+  }
+}
+
+TEST_F(Queries, KeepsTheVersionWhenItsFileCannotBeRemoved) {
+  const auto id = plugIn({"sdb"});
+  platform.files["/tmp/sdb_bcdUSB.txt"] = "3.00";
+  platform.systemStatus = [](const std::string& command) { return command.rfind("rm ", 0) == 0 ? 256 : 0; };
+  const auto result = usbVersion(id);
+  EXPECT_TRUE(result.success);
+  EXPECT_EQ(result.text, "3.00");
+  EXPECT_THAT(journal().logs(), ElementsAre("log 2 @1276 GetDeviceUsbVersion",
+                                            "log 5 @1303 system(rm /tmp/sdb_bcdUSB.txt) failed with: 256",
+                                            "log 2 @1309 GetDeviceUsbVersion(1)=3.00"));
+}
+
+TEST_F(Queries, RunsNothingForTheUsbVersionOfAnUnknownDevice) {
+  addRecordsUnderUnsignedNumbers();
+  for (const auto id : unknownIds) {
+    journal().clear();
+    const auto result = usbVersion(id);
+    EXPECT_FALSE(result.success);
+    EXPECT_EQ(result.text, "");
+    const std::string number = std::to_string(id);
+    EXPECT_THAT(journal().events(),
+                ElementsAre("log 2 @1276 GetDeviceUsbVersion",
+                            "log 5 @1282 GetDeviceUsbVersion(" + number + ") - Unknown device!",
+                            "log 2 @1309 GetDeviceUsbVersion(" + number + ")="));
+  }
+}
+
+TEST_F(Queries, RunsTheVersionScriptWithTheLockHeld) {
+  const auto id = plugIn({"sdb"});
+  platform.files["/tmp/sdb_bcdUSB.txt"] = "2.00\n";
+  watchLock();
+  usbVersion(id);
+  EXPECT_EQ(journal().calls().size(), 5U);
+  EXPECT_THAT(unlocked, ElementsAre("GetDeviceUsbVersion"));
+  EXPECT_FALSE(lockIsHeld());
+}
+
+// GetDeviceCapacity
+
+TEST_F(Queries, GivesTheCapacityInMebibytes) {
+  const auto id = plugIn({"sdb"});
+  platform.disks["/dev/usb_storage_sdb"].size = 16008609792;
+  EXPECT_EQ(handler->GetDeviceCapacity(id), 15267);
+  EXPECT_THAT(journal().events(),
+              ElementsAre("log 2 @1318 GetDeviceCapacity", "log 2 @1152 GetUsbMountDevice",
+                          "open /dev/usb_storage_sdb", "dev_size /dev/usb_storage_sdb",
+                          "close /dev/usb_storage_sdb", "log 2 @1339 GetDeviceCapacity(1)=15267"));
+}
+
+TEST_F(Queries, MeasuresTheWholeDiskOfAPartition) {
+  const auto id = plugIn({"sdb", "sdb1"});
+  platform.disks["/dev/usb_storage_sdb"].size = 8 << 20;
+  platform.disks["/dev/usb_storage_sdb1"].size = 4 << 20;
+  EXPECT_EQ(handler->GetDeviceCapacity(id), 8);
+}
+
+TEST_F(Queries, CutsTheCapacityTowardsZeroAndTo32Bits) {
+  const auto id = plugIn({"sdb"});
+  constexpr std::int64_t mebibyte = 1 << 20;
+  const std::pair<std::int64_t, std::int32_t> sizes[] = {
+      {0, 0},
+      {mebibyte - 1, 0},
+      {mebibyte, 1},
+      {2 * mebibyte - 1, 1},
+      {-1, 0},
+      {-mebibyte, -1},
+      {-2 * mebibyte + 1, -1},
+      {mebibyte * std::numeric_limits<std::int32_t>::max(), std::numeric_limits<std::int32_t>::max()},
+      {mebibyte * (std::int64_t{1} << 31), std::numeric_limits<std::int32_t>::min()},
+      {mebibyte * ((std::int64_t{1} << 32) + 5), 5}};
+  for (const auto& [bytes, capacity] : sizes) {
+    platform.disks["/dev/usb_storage_sdb"].size = bytes;
+    EXPECT_EQ(handler->GetDeviceCapacity(id), capacity) << bytes;
+  }
+}
+
+TEST_F(Queries, LogsOpeningAndClosingWhenADiskCannotBeOpened) {
+  const auto id = plugIn({"sdb"});
+  platform.disks.clear();
+  platform.openError = ENOMEDIUM;
+  EXPECT_EQ(handler->GetDeviceCapacity(id), 0);
+  EXPECT_THAT(
+      journal().events(),
+      ElementsAre("log 2 @1318 GetDeviceCapacity", "log 2 @1152 GetUsbMountDevice",
+                  "open /dev/usb_storage_sdb", "log 5 @1325 open(/dev/usb_storage_sdb) failed! errno=123",
+                  "close -1", "log 5 @1334 close(-1) failed! errno=9", "log 2 @1339 GetDeviceCapacity(1)=0"));
+}
+
+TEST_F(Queries, OpensAnEmptyPathForTheCapacityOfAnUnknownDevice) {
+  addRecordsUnderUnsignedNumbers();
+  for (const auto id : unknownIds) {
+    journal().clear();
+    EXPECT_EQ(handler->GetDeviceCapacity(id), 0);
+    EXPECT_THAT(
+        journal().events(),
+        ElementsAre("log 2 @1318 GetDeviceCapacity", "log 2 @1152 GetUsbMountDevice", "open ",
+                    "log 5 @1325 open() failed! errno=2", "close -1", "log 5 @1334 close(-1) failed! errno=9",
+                    "log 2 @1339 GetDeviceCapacity(" + std::to_string(id) + ")=0"));
+  }
+}
+
+TEST_F(Queries, KeepsTheCapacityWhenTheDiskCannotBeClosed) {
+  const auto id = plugIn({"sdb"});
+  platform.disks["/dev/usb_storage_sdb"].size = 3 << 20;
+  platform.closeError = EIO;
+  EXPECT_EQ(handler->GetDeviceCapacity(id), 3);
+  EXPECT_THAT(journal().eventsBeginning("log 5"), ElementsAre("log 5 @1334 close(100) failed! errno=5"));
+}
+
+TEST_F(Queries, GivesTheCapacityWithoutALineWhenNoLevelIsWanted) {
+  const auto id = plugIn({"sdb"});
+  platform.disks["/dev/usb_storage_sdb"].size = 3 << 20;
+  platform.closeError = EIO;
+  setThreshold(6);
+  EXPECT_EQ(handler->GetDeviceCapacity(id), 3);
+  EXPECT_THAT(journal().logs(), IsEmpty());
+}
+
+TEST_F(Queries, OpensADiskForItsCapacityReadOnly) {
+  class FlagsPlatform : public FakePlatform {
+   public:
+    int open(const std::string& path, int flags) override {
+      openFlags.push_back(flags);
+      return FakePlatform::open(path, flags);
+    }
+    std::vector<int> openFlags;
+  };
+  FlagsPlatform flagsPlatform;
+  flagsPlatform.deviceNodes = {"usb_storage_sdb"};
+  TestableHandler another(flagsPlatform);
+  another.GetDeviceCapacity(1);
+  another.GetDeviceType(1);
+  ReturnValueWithString version;
+  another.GetDeviceUsbVersion(version, 1);
+  EXPECT_THAT(flagsPlatform.openFlags, ElementsAre(O_RDONLY, O_RDONLY, O_RDONLY));
+}
+
+TEST_F(Queries, MeasuresADiskWithTheLockHeld) {
+  const auto id = plugIn({"sdb"});
+  watchLock();
+  handler->GetDeviceCapacity(id);
+  EXPECT_EQ(journal().calls().size(), 3U);
+  EXPECT_THAT(unlocked, ElementsAre("GetDeviceCapacity"));
+  EXPECT_FALSE(lockIsHeld());
+}
+
+// GetUsbPhysicalDevice
+
+TEST_F(Queries, NamesThePartitionOfADiskThatHasOne) {
+  const auto id = plugIn({"sdb", "sdb1"});
+  const auto result = physicalDevice(id);
+  EXPECT_TRUE(result.success);
+  EXPECT_EQ(result.text, "sdb1");
+  EXPECT_THAT(journal().events(), ElementsAre("log 2 @1136 GetUsbPhysicalDevice"));
+}
+
+TEST_F(Queries, NamesADiskWithoutPartitions) {
+  const auto id = plugIn({"sdb"});
+  const auto result = physicalDevice(id);
+  EXPECT_TRUE(result.success);
+  EXPECT_EQ(result.text, "sdb");
+}
+
+TEST_F(Queries, NamesNoUnknownDevice) {
+  addRecordsUnderUnsignedNumbers();
+  for (const auto id : unknownIds) {
+    journal().clear();
+    const auto result = physicalDevice(id);
+    EXPECT_FALSE(result.success);
+    EXPECT_EQ(result.text, "");
+    EXPECT_THAT(journal().events(), ElementsAre("log 2 @1136 GetUsbPhysicalDevice"));
+  }
+}
+
+TEST_F(Queries, WaitsForTheLockToNameADevice) {
+  const auto id = plugIn({"sdb"});
+  EXPECT_TRUE(waitsForTheLock([&] { physicalDevice(id); }));
+  EXPECT_FALSE(lockIsHeld());
+}
+
+// GetUsbMountPoint
+
+TEST_F(Queries, DumpsAllRecordsInAscendingOrderBeforeGivingAMountPoint) {
+  plugIn({"sdb", "sdb1"});
+  plugIn({"sdc"});
+  entry(1).mountPoint = "/media/disk_1";
+  entry(1).deviceOpen = true;
+  entry(1).lastUsbOperation = Dockhand::UsbOperationAdded;
+  entry(2).lastUsbOperation = Dockhand::UsbOperationRemoved;
+  handler->deviceMap[4000000000U].deviceName = "far";
+  handler->deviceMap[10].deviceName = "ten";
+  handler->deviceMap[10].partitionCount = 7;
+  const auto result = mountPoint(1);
+  EXPECT_TRUE(result.success);
+  EXPECT_EQ(result.text, "/media/disk_1");
+  EXPECT_THAT(
+      journal().events(),
+      ElementsAre("log 2 @1103 GetUsbMountPoint",
+                  "log 2 @1117 GetUsbMountPoint(1): deviceMap[1]: name=sdb partCnt=1 deviceOpen=1 "
+                  "mountPoint=/media/disk_1 lastOpr=1",
+                  "log 2 @1117 GetUsbMountPoint(1): deviceMap[2]: name=sdc partCnt=0 deviceOpen=0 "
+                  "mountPoint= lastOpr=2",
+                  "log 2 @1117 GetUsbMountPoint(1): deviceMap[10]: name=ten partCnt=7 deviceOpen=0 "
+                  "mountPoint= lastOpr=0",
+                  "log 2 @1117 GetUsbMountPoint(1): deviceMap[4000000000]: name=far partCnt=0 deviceOpen=0 "
+                  "mountPoint= lastOpr=0"));
+}
+
+TEST_F(Queries, GivesAnUnmountedDeviceAnEmptyMountPointWithSuccess) {
+  const auto id = plugIn({"sdb"});
+  const auto result = mountPoint(id);
+  EXPECT_TRUE(result.success);
+  EXPECT_EQ(result.text, "");
+  EXPECT_THAT(journal().events(),
+              ElementsAre("log 2 @1103 GetUsbMountPoint",
+                          "log 2 @1117 GetUsbMountPoint(1): deviceMap[1]: name=sdb partCnt=0 deviceOpen=0 "
+                          "mountPoint= lastOpr=0",
+                          "log 4 @1126 GetUsbMountPoint(deviceId=1) failed, found=1"));
+}
+
+TEST_F(Queries, GivesAnUnknownDeviceAnEmptyMountPointWithSuccess) {
+  for (const auto id : unknownIds) {
+    journal().clear();
+    ReturnValueWithString result;
+    result.text = "left over";
+    handler->GetUsbMountPoint(result, id);
+    EXPECT_TRUE(result.success);
+    EXPECT_EQ(result.text, "");
+    EXPECT_THAT(journal().events(),
+                ElementsAre("log 2 @1103 GetUsbMountPoint", "log 4 @1126 GetUsbMountPoint(deviceId=" +
+                                                                std::to_string(id) + ") failed, found=0"));
+  }
+}
+
+TEST_F(Queries, NeverFindsAMountPointUnderANegativeNumber) {
+  addRecordsUnderUnsignedNumbers();
+  for (const auto id : unknownIds) {
+    EXPECT_EQ(mountPoint(id).text, "");
+  }
+  EXPECT_THAT(journal().eventsBeginning("log 2 @1117 GetUsbMountPoint(-1): deviceMap[65535]"),
+              ElementsAre("log 2 @1117 GetUsbMountPoint(-1): deviceMap[65535]: name=sdb partCnt=1 "
+                          "deviceOpen=0 mountPoint=/media/wrong lastOpr=0"));
+}
+
+TEST_F(Queries, GivesTheMountPointOfAnOpeningThatFailed) {
+  const auto id = plugIn({"sdb"});
+  entry(id).mountPoint = "/media/disk_1";
+  EXPECT_EQ(mountPoint(id).text, "/media/disk_1");
+}
+
+TEST_F(Queries, LogsNoDumpAboveTraceLevel) {
+  const auto id = plugIn({"sdb"});
+  for (const int threshold : {3, 4}) {
+    journal().clear();
+    setThreshold(threshold);
+    mountPoint(id);
+    EXPECT_THAT(journal().logs(), ElementsAre("log 4 @1126 GetUsbMountPoint(deviceId=1) failed, found=1"));
+  }
+  journal().clear();
+  setThreshold(5);
+  mountPoint(id);
+  EXPECT_THAT(journal().logs(), IsEmpty());
+}
+
+TEST_F(Queries, WaitsForTheLockToGiveAMountPoint) {
+  const auto id = plugIn({"sdb"});
+  EXPECT_TRUE(waitsForTheLock([&] { mountPoint(id); }));
+  EXPECT_FALSE(lockIsHeld());
+}
+
+}  // namespace

@@ -1,0 +1,680 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <regex.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
+#include <future>
+#include <sstream>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include "Tlog.h"
+#include "TlogLine.h"
+#include "TlogSettings.h"
+
+namespace {
+
+TlogContext* const contextBeforeMain =
+    TlogContext::GetLogContext("Test.BeforeMain", "tests/unit/TlogTest", 1);
+
+void require(bool condition, const char* what) {
+  if (!condition) {
+    throw std::system_error(errno, std::generic_category(), what);
+  }
+}
+
+std::vector<std::string> linesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) {
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+bool matches(const std::string& text, const std::string& pattern) {
+  regex_t compiled{};
+  require(regcomp(&compiled, ('^' + pattern + '$').c_str(), REG_EXTENDED | REG_NOSUB) == 0, "regcomp");
+  const bool matched = regexec(&compiled, text.c_str(), 0, nullptr, 0) == 0;
+  regfree(&compiled);
+  return matched;
+}
+
+bool isOneLine(const std::string& text, const std::string& pattern) {
+  return !text.empty() && text.find('\n') == text.size() - 1 &&
+         matches(text.substr(0, text.size() - 1), pattern);
+}
+
+// Makes another descriptor the process's standard error as long as it lives.
+class RedirectedStandardError {
+ public:
+  explicit RedirectedStandardError(int target) : saved_(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)) {
+    require(saved_ >= 0 && dup2(target, STDERR_FILENO) >= 0, "redirect standard error");
+  }
+  ~RedirectedStandardError() {
+    dup2(saved_, STDERR_FILENO);
+    close(saved_);
+  }
+  RedirectedStandardError(const RedirectedStandardError&) = delete;
+  RedirectedStandardError& operator=(const RedirectedStandardError&) = delete;
+
+ private:
+  const int saved_;
+};
+
+// A file without a name that takes standard error.
+class CapturedStandardError {
+ public:
+  std::string text() const {
+    std::string content(static_cast<std::size_t>(status().st_size), '\0');
+    require(pread(file_.fd, content.data(), content.size(), 0) == static_cast<ssize_t>(content.size()),
+            "pread");
+    return content;
+  }
+  std::vector<std::string> lines() const { return linesOf(text()); }
+  struct stat status() const {
+    struct stat result {};
+    require(fstat(file_.fd, &result) == 0, "fstat");
+    return result;
+  }
+
+ private:
+  struct File {
+    std::string path = testing::TempDir() + "tlog-test-XXXXXX";
+    const int fd = mkostemp(path.data(), O_CLOEXEC);
+    File() {
+      require(fd >= 0, "mkostemp");
+      unlink(path.c_str());
+    }
+    ~File() { close(fd); }
+    File(const File&) = delete;
+    File& operator=(const File&) = delete;
+  };
+  const File file_;
+  const RedirectedStandardError redirection_{file_.fd};
+};
+
+// A pipe for standard error; collect() empties it while the writer runs and returns all that came.
+class PipedStandardError {
+ public:
+  explicit PipedStandardError(int flags = 0) {
+    std::array<int, 2> ends{};
+    require(pipe2(ends.data(), O_CLOEXEC | flags) == 0, "pipe2");
+    readEnd_ = ends[0];
+    fcntl(readEnd_, F_SETFL, 0);
+    writeEnd_ = ends[1];
+  }
+  ~PipedStandardError() {
+    closeWriteEnd();
+    close(readEnd_);
+  }
+  PipedStandardError(const PipedStandardError&) = delete;
+  PipedStandardError& operator=(const PipedStandardError&) = delete;
+
+  int writeEnd() const { return writeEnd_; }
+  // The next write blocks until somebody reads.
+  void fill() const {
+    require(fcntl(writeEnd_, F_SETFL, O_NONBLOCK) == 0, "fcntl");
+    while (write(writeEnd_, ".", 1) == 1) {
+    }
+    require(errno == EAGAIN && fcntl(writeEnd_, F_SETFL, 0) == 0, "fill a pipe");
+  }
+  void closeWriteEnd() {
+    if (writeEnd_ >= 0) {
+      close(writeEnd_);
+    }
+    writeEnd_ = -1;
+  }
+  std::string readToEnd() const {
+    std::string all;
+    std::array<char, 4096> buffer{};
+    ssize_t count = 0;
+    while ((count = read(readEnd_, buffer.data(), buffer.size())) > 0) {
+      all.append(buffer.data(), static_cast<std::size_t>(count));
+    }
+    require(count == 0, "read");
+    return all;
+  }
+
+  template <typename Writer>
+  std::string collect(Writer writer) {
+    std::future<std::string> all = std::async(std::launch::async, [this] { return readToEnd(); });
+    {
+      const RedirectedStandardError redirection(writeEnd_);
+      writer();
+    }
+    closeWriteEnd();
+    return all.get();
+  }
+
+ private:
+  int readEnd_ = -1;
+  int writeEnd_ = -1;
+};
+
+class Tlog : public testing::Test {
+ protected:
+  Tlog() { reset(); }
+  ~Tlog() override { reset(); }
+
+  static void reset() {
+    unsetenv("TLOG_TARGET");
+    unsetenv("TLOG_LEVEL");
+    unsetenv("JOURNAL_STREAM");
+    TlogInit();
+  }
+
+  static void initWith(const char* variable, const std::string& value) {
+    require(setenv(variable, value.c_str(), 1) == 0, "setenv");
+    TlogInit();
+  }
+
+  TlogContext* const context_ = TlogContext::GetLogContext("Test.Context", "tests/unit/TlogTest", 2);
+};
+
+using TlogLine = Tlog;
+using TlogLevel = Tlog;
+using TlogTarget = Tlog;
+using TlogJournal = Tlog;
+using TlogThreads = Tlog;
+using TlogStack = Tlog;
+
+}  // namespace
+
+TEST_F(TlogLine, HasTimestampThreadLevelContextPlaceAndText) {
+  const CapturedStandardError captured;
+  TlogPrintf(context_, 3, "Src/Some/File", 42, "mounted %s, %d files", "/media/a b", 7);
+  const std::string text = captured.text();
+  EXPECT_TRUE(isOneLine(
+      text,
+      R"([0-9]{4}-[0-9][0-9]-[0-9][0-9]T[0-9][0-9]:[0-9][0-9]:[0-9][0-9]\.[0-9]{6}Z [0-9]+ 3 Test\.Context Src/Some/File:42 )"
+      R"(mounted /media/a b, 7 files)"))
+      << text;
+}
+
+TEST_F(TlogLine, NamesTheKernelsThreadNumber) {
+  const CapturedStandardError captured;
+  pid_t writer = 0;
+  std::thread([&] {
+    writer = gettid();
+    TlogPrintf(context_, 3, "F", 1, "text");
+  }).join();
+  EXPECT_NE(writer, gettid());
+  EXPECT_NE(captured.text().find("Z " + std::to_string(writer) + " 3 "), std::string::npos)
+      << captured.text();
+}
+
+TEST_F(TlogLine, HasADashForAMissingContext) {
+  const CapturedStandardError captured;
+  TlogPrintf(nullptr, 5, "F", 1, "text");
+  EXPECT_TRUE(isOneLine(captured.text(), R"(\S+Z [0-9]+ 5 - F:1 text)")) << captured.text();
+}
+
+TEST_F(TlogLine, TimestampLiesBetweenTheClockBeforeAndAfter) {
+  const CapturedStandardError captured;
+  std::timespec before{};
+  std::timespec after{};
+  clock_gettime(CLOCK_REALTIME, &before);
+  TlogPrintf(context_, 3, "F", 1, "text");
+  clock_gettime(CLOCK_REALTIME, &after);
+  const std::string timestamp = captured.text().substr(0, 27);
+  EXPECT_LE(tlog::formatTimestamp(before), timestamp);
+  EXPECT_LE(timestamp, tlog::formatTimestamp(after));
+}
+
+TEST_F(TlogLine, TimestampIsUtcWithSixDigitsOfMicroseconds) {
+  require(setenv("TZ", "XYZ-5", 1) == 0, "setenv");
+  tzset();
+  EXPECT_EQ(tlog::formatTimestamp({1795230245, 123456789}), "2026-11-21T03:04:05.123456Z");
+  EXPECT_EQ(tlog::formatTimestamp({1795230245, 7999}), "2026-11-21T03:04:05.000007Z");
+  unsetenv("TZ");
+  tzset();
+}
+
+TEST_F(TlogLine, WritesControlCharactersAsHexEscapes) {
+  const CapturedStandardError captured;
+  TlogPrintf(context_, 3, "F", 1, "a\nb\rc\x1b[31m\td\x7f%c\x01", 0);
+  EXPECT_TRUE(isOneLine(captured.text(), R"(.* F:1 a\\x0ab\\x0dc\\x1b\[31m\\x09d\\x7f\\x00\\x01)"))
+      << captured.text();
+}
+
+TEST_F(TlogLine, KeepsBlanksBackslashesAndTextInUtf8) {
+  const std::string text = "  C:\\x0a ~ \xc2\xa0\xc3\xa4\xe2\x82\xac\xf0\x9f\x92\xbe ";
+  EXPECT_EQ(tlog::escapeControlCharacters(text), text);
+}
+
+TEST_F(TlogLine, EscapesBothBytesOfControlCharactersInUtf8) {
+  EXPECT_EQ(tlog::escapeControlCharacters("\xc2\x80\xc2\x9b\xc2\x9f\xc2\xa0"),
+            "\\xc2\\x80\\xc2\\x9b\\xc2\\x9f\xc2\xa0");
+}
+
+TEST_F(TlogLine, KeepsBytesThatAreNoUtf8) {
+  for (const char* text : {"\x9b", "\xc2", "\xc2z", "\xff\xfe", "\xc3\x9b", "\xe2\x82", "\xc2\xc2\xa0"}) {
+    EXPECT_EQ(tlog::escapeControlCharacters(text), text);
+  }
+  EXPECT_EQ(tlog::escapeControlCharacters("\xc2\xc2\x85"), "\xc2\\xc2\\x85");
+  EXPECT_EQ(tlog::escapeControlCharacters("\xc2\n"), "\xc2\\x0a");
+}
+
+TEST_F(TlogLine, TakesPerCentSignsOfAnArgumentVerbatim) {
+  const CapturedStandardError captured;
+  TlogPrintf(context_, 3, "F", 1, "%s", "100%s %n %d%%");
+  EXPECT_TRUE(isOneLine(captured.text(), R"(.* F:1 100%s %n %d%%)")) << captured.text();
+}
+
+TEST_F(TlogLine, IsNeverTruncated) {
+  for (const std::size_t length : {0U, 1U, 511U, 512U, 1023U, 1024U, 4096U, 65536U, 1000000U}) {
+    const CapturedStandardError captured;
+    TlogPrintf(context_, 3, "F", 1, "<%s>", std::string(length, 'x').c_str());
+    const std::string text = captured.text();
+    EXPECT_EQ(text.substr(text.find('<')), '<' + std::string(length, 'x') + ">\n") << length;
+  }
+}
+
+TEST_F(TlogLine, ShowsAFormatThatCannotBeFormatted) {
+  const CapturedStandardError captured;
+  const std::array<wchar_t, 2> euro{0x20ac, 0};  // not in the C locale
+  TlogPrintf(context_, 3, "F", 1, "label %ls", euro.data());
+  EXPECT_TRUE(isOneLine(captured.text(), R"(.* F:1 \(cannot be formatted\) label %ls)")) << captured.text();
+}
+
+TEST_F(TlogLine, IsOneWrite) {
+  std::array<int, 2> ends{};
+  require(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) == 0, "socketpair");
+  {
+    const RedirectedStandardError redirection(ends[1]);
+    TlogPrintf(context_, 3, "F", 1, "first");
+    TlogPrintf(context_, 3, "F", 2, "second");
+  }
+  close(ends[1]);
+  std::vector<std::string> packets;
+  std::array<char, 1024> buffer{};
+  for (ssize_t count = 0; (count = recv(ends[0], buffer.data(), buffer.size(), 0)) > 0;) {
+    packets.emplace_back(buffer.data(), static_cast<std::size_t>(count));
+  }
+  close(ends[0]);
+  ASSERT_EQ(packets.size(), 2U);
+  EXPECT_TRUE(isOneLine(packets[0], R"(\S+Z .* F:1 first)")) << packets[0];
+  EXPECT_TRUE(isOneLine(packets[1], R"(\S+Z .* F:2 second)")) << packets[1];
+}
+
+TEST_F(TlogLine, LeavesErrnoAlone) {
+  const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+  require(full >= 0, "open /dev/full");
+  const RedirectedStandardError redirection(full);
+  close(full);
+  errno = ENOTCONN;
+  TlogPrintf(context_, 3, "F", 1, "text");
+  EXPECT_EQ(errno, ENOTCONN);
+  TlogStackTrace();
+  EXPECT_EQ(errno, ENOTCONN);
+}
+
+TEST_F(TlogLine, IsWrittenWhateverTheThreshold) {
+  const CapturedStandardError captured;
+  context_->setThreshold(6);
+  TlogPrintf(context_, 1, "F", 1, "text");
+  EXPECT_EQ(captured.lines().size(), 1U);
+}
+
+TEST_F(TlogLine, IsWrittenCompletelyIntoANonBlockingPipe) {
+  const std::string text(300000, 'x');
+  const std::string all =
+      PipedStandardError(O_NONBLOCK).collect([&] { TlogPrintf(context_, 3, "F", 1, "<%s>", text.c_str()); });
+  EXPECT_TRUE(all.substr(all.find('<')) == '<' + text + ">\n") << all.size();
+}
+
+namespace {
+
+// Returns once the thread sleeps in the kernel or has ended.
+void waitUntilAsleep(pid_t thread) {
+  char state = 'R';
+  while (state == 'R') {
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string stat;
+    std::getline(file, stat);
+    const auto name = stat.rfind(')');
+    state = name == std::string::npos ? 'X' : stat.at(name + 2);
+  }
+}
+
+}  // namespace
+
+TEST_F(TlogLine, IsWrittenThoughSignalsInterruptTheWrite) {
+  struct sigaction action {};
+  struct sigaction before {};
+  action.sa_handler = [](int) {};
+  require(sigaction(SIGUSR1, &action, &before) == 0, "sigaction");
+
+  PipedStandardError pipe;
+  pipe.fill();
+  std::future<std::string> all;
+  {
+    const RedirectedStandardError redirection(pipe.writeEnd());
+    std::promise<pid_t> writerId;
+    std::thread writer([&] {
+      writerId.set_value(gettid());
+      TlogPrintf(context_, 3, "F", 1, "<text>");
+    });
+    const pid_t thread = writerId.get_future().get();
+    for (int i = 0; i < 20; ++i) {
+      waitUntilAsleep(thread);
+      pthread_kill(writer.native_handle(), SIGUSR1);
+    }
+    all = std::async(std::launch::async, [&] { return pipe.readToEnd(); });
+    writer.join();
+  }
+  pipe.closeWriteEnd();
+  const std::string text = all.get();
+  sigaction(SIGUSR1, &before, nullptr);
+  EXPECT_TRUE(isOneLine(text.substr(std::min(text.size(), text.find_first_not_of('.'))),
+                        R"(\S+Z [0-9]+ 3 Test\.Context F:1 <text>)"));
+}
+
+TEST(TlogStart, WritesToStandardErrorBeforeInit) {
+  const CapturedStandardError captured;
+  TlogPrintf(contextBeforeMain, 3, "F", 1, "early");
+  EXPECT_TRUE(isOneLine(captured.text(), R"(\S+Z [0-9]+ 3 Test\.BeforeMain F:1 early)")) << captured.text();
+}
+
+TEST(TlogStart, ContextBeforeInitHasTheDefaultThreshold) {
+  EXPECT_EQ(TlogContext::GetLogContext("Test.NeverSet", "F", 1)->threshold(), TlogContext::defaultThreshold);
+}
+
+TEST_F(TlogLevel, IsThreeForAllContextsByDefault) {
+  context_->setThreshold(1);
+  TlogInit();
+  EXPECT_EQ(context_->threshold(), 3);
+  EXPECT_EQ(contextBeforeMain->threshold(), 3);
+}
+
+TEST_F(TlogLevel, GetLogContextReturnsTheSameContextForTheSameName) {
+  TlogContext* const again = TlogContext::GetLogContext(std::string("Test.Context").c_str(), "other", 9);
+  EXPECT_EQ(again, context_);
+  EXPECT_EQ(again->name(), "Test.Context");
+  EXPECT_NE(again, contextBeforeMain);
+}
+
+TEST_F(TlogLevel, AppliesToContextsMadeBeforeAndAfterInit) {
+  initWith("TLOG_LEVEL", "4,Test.BeforeMain=2,Test.MadeLater=1");
+  EXPECT_EQ(contextBeforeMain->threshold(), 2);
+  EXPECT_EQ(context_->threshold(), 4);
+  EXPECT_EQ(TlogContext::GetLogContext("Test.MadeLater", "F", 1)->threshold(), 1);
+  EXPECT_EQ(TlogContext::GetLogContext("Test.MadeLater2", "F", 1)->threshold(), 4);
+}
+
+TEST_F(TlogLevel, TakesExceptionsInAnyPlace) {
+  const auto thresholds = tlog::parseThresholds("A=1,5,B.C=6");
+  ASSERT_TRUE(thresholds);
+  EXPECT_EQ(thresholds->of("A"), 1);
+  EXPECT_EQ(thresholds->of("B.C"), 6);
+  EXPECT_EQ(thresholds->of("B"), 5);
+}
+
+TEST_F(TlogLevel, KeepsTheDefaultBesideExceptionsOnly) {
+  const auto thresholds = tlog::parseThresholds("Dockhand.UsbClient=2");
+  ASSERT_TRUE(thresholds);
+  EXPECT_EQ(thresholds->of("Dockhand.UsbClient"), 2);
+  EXPECT_EQ(thresholds->of("Dockhand"), 3);
+}
+
+TEST_F(TlogLevel, RefusesWhatIsNoListOfLevelsFromOneToSix) {
+  for (const char* value :
+       {"0",     "7",   "-1",  "+3",      "03", "3.0",   "x",   "3x",     " 3",
+        "3 ",    "3,",  ",3",  "3,,A=1",  "=2", "A=",    "A=0", "A=7",    "A=x",
+        "A=1=2", "3,4", "3,3", "A=1,A=2", "A",  "3;A=1", "10",  "3,A= 1", "99999999999999999999",
+        "\n"}) {
+    EXPECT_FALSE(tlog::parseThresholds(value)) << value;
+  }
+}
+
+TEST_F(TlogLevel, ReportsABadValueOnceAndUsesTheDefaultForAll) {
+  const CapturedStandardError captured;
+  initWith("TLOG_LEVEL", "5,Test.Context=2,\x1b]0;x");
+  EXPECT_EQ(context_->threshold(), 3);
+  EXPECT_EQ(TlogContext::GetLogContext("Test.AfterBadValue", "F", 1)->threshold(), 3);
+  const std::string text = captured.text();
+  EXPECT_TRUE(isOneLine(text, R"(\S+Z [0-9]+ 4 - Src/Tlog/Tlog:[0-9]+ TLOG_LEVEL: bad value )"
+                              R"("5,Test\.Context=2,\\x1b\]0;x", using the default, 3)"))
+      << text;
+}
+
+TEST_F(TlogLevel, EmptyValueCountsAsAbsent) {
+  const CapturedStandardError captured;
+  initWith("TLOG_LEVEL", "");
+  initWith("TLOG_TARGET", "");
+  EXPECT_EQ(context_->threshold(), 3);
+  EXPECT_EQ(captured.text(), "");
+  TlogPrintf(context_, 3, "F", 1, "text");
+  EXPECT_EQ(captured.lines().size(), 1U);
+}
+
+TEST_F(TlogTarget, StderrWritesToStandardError) {
+  const CapturedStandardError captured;
+  initWith("TLOG_TARGET", "stderr");
+  TlogPrintf(context_, 3, "F", 1, "text");
+  EXPECT_TRUE(isOneLine(captured.text(), R"(\S+Z [0-9]+ 3 Test\.Context F:1 text)")) << captured.text();
+}
+
+TEST_F(TlogTarget, SyslogWritesNothingToStandardError) {
+  const CapturedStandardError captured;
+  initWith("TLOG_TARGET", "syslog");
+  TlogPrintf(context_, 5, "F", 1, "text");
+  TlogStackTrace();
+  EXPECT_EQ(captured.text(), "");
+}
+
+TEST_F(TlogTarget, BadLevelIsReportedOnStandardErrorThoughTheTargetIsSyslog) {
+  const CapturedStandardError captured;
+  require(setenv("TLOG_TARGET", "syslog", 1) == 0, "setenv");
+  initWith("TLOG_LEVEL", "loud");
+  ASSERT_EQ(captured.lines().size(), 1U);
+  EXPECT_NE(captured.text().find("TLOG_LEVEL: bad value \"loud\""), std::string::npos) << captured.text();
+}
+
+TEST_F(TlogTarget, ReportsABadValueOnceAndUsesStandardError) {
+  for (const char* value : {"SYSLOG", "stderr ", "file:/tmp/x", "3"}) {
+    const CapturedStandardError captured;
+    initWith("TLOG_TARGET", value);
+    TlogPrintf(context_, 3, "F", 1, "text");
+    const std::vector<std::string> lines = captured.lines();
+    ASSERT_EQ(lines.size(), 2U) << value;
+    EXPECT_NE(
+        lines[0].find(std::string(" TLOG_TARGET: bad value \"") + value + "\", using the default, stderr"),
+        std::string::npos)
+        << lines[0];
+    EXPECT_TRUE(matches(lines[1], R"(\S+Z .* F:1 text)")) << lines[1];
+  }
+}
+
+TEST_F(TlogTarget, SyslogLineHasNoTimestampAndNoLineEnd) {
+  EXPECT_EQ(tlog::composeLine(77, 4, "Dockhand.Mount", "Src/A", 5, "two\nlines \\ 50%"),
+            "77 4 Dockhand.Mount Src/A:5 two\\x0alines \\ 50%");
+  EXPECT_EQ(tlog::composeLine(77, 4, nullptr, nullptr, 5, ""), "77 4 - -:5 ");
+}
+
+TEST_F(TlogTarget, SyslogPriorityFollowsTheLevel) {
+  EXPECT_EQ(tlog::syslogPriority(0), LOG_DEBUG);
+  EXPECT_EQ(tlog::syslogPriority(1), LOG_DEBUG);
+  EXPECT_EQ(tlog::syslogPriority(2), LOG_DEBUG);
+  EXPECT_EQ(tlog::syslogPriority(3), LOG_NOTICE);
+  EXPECT_EQ(tlog::syslogPriority(4), LOG_WARNING);
+  EXPECT_EQ(tlog::syslogPriority(5), LOG_ERR);
+  EXPECT_EQ(tlog::syslogPriority(6), LOG_ERR);
+}
+
+TEST_F(TlogJournal, LineHasAPriorityInsteadOfATimestamp) {
+  const CapturedStandardError captured;
+  const struct stat status = captured.status();
+  initWith("JOURNAL_STREAM", std::to_string(status.st_dev) + ':' + std::to_string(status.st_ino));
+  for (int level = 1; level <= 5; ++level) {
+    TlogPrintf(context_, level, "F", level, "text");
+  }
+  const std::string thread = std::to_string(gettid());
+  const std::vector<std::string> expected = {
+      "<7>" + thread + " 1 Test.Context F:1 text", "<7>" + thread + " 2 Test.Context F:2 text",
+      "<5>" + thread + " 3 Test.Context F:3 text", "<4>" + thread + " 4 Test.Context F:4 text",
+      "<3>" + thread + " 5 Test.Context F:5 text",
+  };
+  EXPECT_EQ(captured.lines(), expected);
+}
+
+TEST_F(TlogJournal, ReportOfABadValueHasAPriority) {
+  const CapturedStandardError captured;
+  const struct stat status = captured.status();
+  require(setenv("TLOG_LEVEL", "9", 1) == 0, "setenv");
+  initWith("JOURNAL_STREAM", std::to_string(status.st_dev) + ':' + std::to_string(status.st_ino));
+  EXPECT_TRUE(isOneLine(captured.text(), R"(<4>[0-9]+ 4 - Src/Tlog/Tlog:[0-9]+ TLOG_LEVEL: .*)"))
+      << captured.text();
+}
+
+TEST_F(TlogJournal, AnotherStreamInTheEnvironmentIsNotTheJournal) {
+  const CapturedStandardError captured;
+  const struct stat status = captured.status();
+  const std::string device = std::to_string(status.st_dev);
+  for (const std::string& value : {device + ':' + std::to_string(status.st_ino + 1), device + ':',
+                                   std::to_string(status.st_dev + 1) + ':' + std::to_string(status.st_ino),
+                                   std::string("nonsense"), std::string()}) {
+    initWith("JOURNAL_STREAM", value);
+    TlogPrintf(context_, 3, "F", 1, "text");
+    EXPECT_TRUE(matches(captured.lines().back(), R"(\S+Z [0-9]+ 3 Test\.Context F:1 text)")) << value;
+  }
+}
+
+TEST_F(TlogThreads, LinesNeverMix) {
+  constexpr int threadCount = 8;
+  constexpr int linesPerThread = 200;
+  // More than PIPE_BUF, below which the kernel itself would keep lines together.
+  constexpr std::size_t length = 6000;
+  const std::string all = PipedStandardError().collect([&] {
+    std::vector<std::thread> threads;
+    threads.reserve(threadCount);
+    for (int i = 0; i < threadCount; ++i) {
+      threads.emplace_back([this, i] {
+        const std::string text(length, static_cast<char>('a' + i));
+        for (int line = 0; line < linesPerThread; ++line) {
+          TlogPrintf(context_, 3, "F", line, "%s", text.c_str());
+        }
+      });
+    }
+    for (std::thread& thread : threads) {
+      thread.join();
+    }
+  });
+
+  std::array<int, threadCount> seen{};
+  for (const std::string& line : linesOf(all)) {
+    ASSERT_GT(line.size(), length);
+    const std::string head = line.substr(0, line.size() - length);
+    const char letter = line.back();
+    const auto thread = static_cast<std::size_t>(letter - 'a');
+    ASSERT_LT(thread, seen.size());
+    const std::string place = " F:" + std::to_string(seen[thread]++) + ' ';
+    ASSERT_TRUE(matches(head, R"(\S+Z [0-9]+ 3 Test\.Context)" + place)) << head;
+    ASSERT_TRUE(line.substr(head.size()) == std::string(length, letter)) << line;
+  }
+  for (const int count : seen) {
+    EXPECT_EQ(count, linesPerThread);
+  }
+}
+
+TEST_F(TlogThreads, GetTheSameContextForTheSameName) {
+  constexpr int rounds = 100;
+  std::vector<std::vector<TlogContext*>> found(4);
+  std::vector<std::thread> threads;
+  threads.reserve(found.size());
+  for (auto& contexts : found) {
+    threads.emplace_back([&contexts] {
+      for (int i = 0; i < rounds; ++i) {
+        const std::string name = "Test.Shared" + std::to_string(i);
+        contexts.push_back(TlogContext::GetLogContext(name.c_str(), "F", 1));
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  for (const auto& contexts : found) {
+    EXPECT_EQ(contexts, found.front());
+  }
+  EXPECT_EQ(found.front()[7]->name(), "Test.Shared7");
+}
+
+// Outside the unnamed namespace, so that its name is exported.
+void traceFromANamedFunction();
+__attribute__((noinline)) void traceFromANamedFunction() {
+  TlogStackTrace();
+  // Keeps the call above from becoming a jump that leaves no frame.
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+}
+
+TEST_F(TlogStack, NamesTheCallingFunctions) {
+  const CapturedStandardError captured;
+  traceFromANamedFunction();
+  const std::vector<std::string> lines = captured.lines();
+  ASSERT_GE(lines.size(), 3U);
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    const std::string frame = std::to_string(i) + "# ";
+    EXPECT_TRUE(matches(lines[i], R"(\S+Z [0-9]+ 1 - Src/Tlog/Tlog:[0-9]+ )" + frame + ".+")) << lines[i];
+  }
+  EXPECT_NE(captured.text().find("# traceFromANamedFunction() in "), std::string::npos) << captured.text();
+  EXPECT_NE(captured.text().find("NamesTheCallingFunctions"), std::string::npos) << captured.text();
+}
+
+TEST_F(TlogStack, HasNoOtherThreadsLinesBetweenItsOwn) {
+  constexpr int traces = 20;
+  const std::string all = PipedStandardError().collect([this] {
+    std::atomic<bool> done{false};
+    std::vector<std::thread> others;
+    others.reserve(3);
+    for (int i = 0; i < 3; ++i) {
+      others.emplace_back([this, &done] {
+        while (!done) {
+          TlogPrintf(context_, 3, "F", 1, "other");
+        }
+      });
+    }
+    for (int i = 0; i < traces; ++i) {
+      traceFromANamedFunction();
+    }
+    done = true;
+    for (std::thread& other : others) {
+      other.join();
+    }
+  });
+
+  // Every trace is made at the same place, so all are as deep as the first one.
+  int tracesSeen = 0;
+  int depth = 0;
+  int next = 0;
+  for (const std::string& line : linesOf(all)) {
+    const bool isOther = line.find(" Test.Context ") != std::string::npos;
+    const bool isTop = line.find(" 0# ") != std::string::npos;
+    if (isOther || isTop) {
+      depth = depth == 0 ? next : depth;
+      ASSERT_EQ(next, depth) << line;
+    }
+    if (isTop) {
+      ++tracesSeen;
+      next = 1;
+    } else if (!isOther) {
+      ASSERT_NE(line.find(' ' + std::to_string(next) + "# "), std::string::npos) << line;
+      ++next;
+    }
+  }
+  EXPECT_EQ(tracesSeen, traces);
+}

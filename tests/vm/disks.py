@@ -1,0 +1,129 @@
+"""Images of USB sticks, made by the usual tools of the host."""
+
+import os
+import random
+import shutil
+import subprocess
+
+import hfsplus
+
+MIB = 1024 * 1024
+
+TOOL_PATH = os.environ.get("PATH", "") + ":/usr/sbin:/sbin:/usr/bin:/bin"
+
+# Where the first partition begins, and what is left behind it for the second partition table of GPT.
+PARTITION_OFFSET = MIB
+PARTITION_TABLE_ROOM = 2 * MIB
+
+# MBR type of the partition of each file system.
+PARTITION_TYPES = {"vfat": "c", "ext3": "83", "ext4": "83", "xfs": "83", "hfs": "af", "hfsplus": "af",
+                   "garbage": "83", "empty": "83"}
+
+
+def make(folder, filesystem, label="", name="stick.img"):
+    """An image without partitions; returns its path. `filesystem` may also be "garbage" or "empty"."""
+    path = os.path.join(folder, name)
+    MAKERS[filesystem](path, label)
+    return path
+
+
+def make_partitioned(folder, filesystems, label="", table="dos", name="stick.img"):
+    """An image with one partition for each of the file systems, all with that label; returns its path."""
+    path = os.path.join(folder, name)
+    parts = []
+    script = [f"label: {table}"]
+    start = PARTITION_OFFSET
+    for number, filesystem in enumerate(filesystems):
+        part = make(folder, filesystem, label, f"{name}.part{number + 1}")
+        size = os.path.getsize(part)
+        kind = f", type={PARTITION_TYPES[filesystem]}" if table == "dos" else ""
+        script.append(f"start={start // 512}, size={size // 512}{kind}")
+        parts.append((start, part))
+        start += size
+    _truncate(path, start + PARTITION_TABLE_ROOM)
+    _tool(["sfdisk", "--quiet", path], input="\n".join(script) + "\n")
+    for offset, part in parts:
+        _copy_sparsely(part, path, offset)
+        os.remove(part)
+    return path
+
+
+def _ext3(path, label):
+    _truncate(path, 8 * MIB)
+    _tool(["mkfs.ext3", "-q", "-F", "-L", label, path])
+
+
+def _ext4(path, label):
+    _truncate(path, 8 * MIB)
+    _tool(["mkfs.ext4", "-q", "-F", "-L", label, path])
+
+
+def _vfat(path, label):
+    _truncate(path, 8 * MIB)
+    _tool(["mkfs.vfat", *(["-n", label] if label else []), path])
+
+
+def _xfs(path, label):
+    # mkfs.xfs makes no smaller one; the file is sparse.
+    _truncate(path, 300 * MIB)
+    _tool(["mkfs.xfs", "-q", "-L", label, path])
+
+
+def _hfs(path, label):
+    _truncate(path, 4 * MIB)
+    # hformat notes the volume in a file of the home folder.
+    _tool(["hformat", "-l", label or "Untitled", path], env={"HOME": os.path.dirname(path)})
+    noted = os.path.join(os.path.dirname(path), ".hcwd")
+    if os.path.exists(noted):
+        os.remove(noted)
+
+
+def _hfsplus(path, label):
+    hfsplus.write_volume(path, 8, label or "Untitled", {"hello.txt": b"hello\n"})
+
+
+def _garbage(path, _label):
+    with open(path, "wb") as file:
+        file.write(random.Random(1).randbytes(4 * MIB))
+
+
+def _empty(path, _label):
+    _truncate(path, 4 * MIB)
+
+
+MAKERS = {"ext3": _ext3, "ext4": _ext4, "vfat": _vfat, "xfs": _xfs, "hfs": _hfs, "hfsplus": _hfsplus,
+          "garbage": _garbage, "empty": _empty}
+
+
+def _truncate(path, size):
+    with open(path, "wb") as file:
+        file.truncate(size)
+
+
+def _copy_sparsely(source, target, offset):
+    with open(source, "rb") as reader, open(target, "r+b") as writer:
+        size = os.path.getsize(source)
+        position = 0
+        while position < size:
+            try:
+                position = os.lseek(reader.fileno(), position, os.SEEK_DATA)
+            except OSError:  # nothing but a hole is left
+                break
+            end = os.lseek(reader.fileno(), position, os.SEEK_HOLE)
+            reader.seek(position)
+            writer.seek(offset + position)
+            while position < end:
+                block = reader.read(min(MIB, end - position))
+                writer.write(block)
+                position += len(block)
+
+
+def _tool(command, input="", env=None):
+    program = shutil.which(command[0], path=TOOL_PATH)
+    if not program:
+        raise RuntimeError(f"{command[0]} is missing")
+    done = subprocess.run([program, *command[1:]], input=input, text=True, check=False,
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                          env={**os.environ, "PATH": TOOL_PATH, **(env or {})})
+    if done.returncode != 0:
+        raise RuntimeError(f"{' '.join(command)}: status {done.returncode}\n{done.stdout}")

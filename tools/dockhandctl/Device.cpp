@@ -1,0 +1,94 @@
+#include "Device.h"
+
+#include <vector>
+
+#include "Failure.h"
+
+namespace dockhandctl {
+namespace {
+
+using Client = UsbService::Client;
+using ravel::rpc::ReturnValueWithString;
+
+std::optional<std::string> asOptional(const ReturnValueWithString& value) {
+  return value.success && !value.text.empty() ? std::optional(value.text) : std::nullopt;
+}
+
+std::string whichThereAre(const std::vector<std::int16_t>& devices) {
+  if (devices.empty()) {
+    return "there is none";
+  }
+  std::string result = devices.size() == 1 ? "there is " : "there are ";
+  for (const std::int16_t device : devices) {
+    result += (device == devices.front() ? "" : ", ") + std::to_string(device);
+  }
+  return result;
+}
+
+Json orNull(const std::optional<std::string>& text) {
+  return text ? Json(*text) : Json(nullptr);
+}
+
+}  // namespace
+
+std::string nameOf(std::int16_t device) {
+  return "device " + std::to_string(device);
+}
+
+std::string requireDevice(UsbService& service, std::int16_t device) {
+  ReturnValueWithString kernelName = service.text(&Client::GetUsbPhysicalDevice, device);
+  if (!kernelName.success) {
+    // It may have been plugged in after the daemon's last scan; listing scans anew.
+    const auto devices = service.deviceNumbers(true);
+    kernelName = service.text(&Client::GetUsbPhysicalDevice, device);
+    if (!kernelName.success) {
+      throw Failure(noSuchDevice, nameOf(device) + ": no such device; " + whichThereAre(devices));
+    }
+  }
+  return kernelName.text;
+}
+
+Device readDevice(UsbService& service, std::int16_t number) {
+  Device device;
+  device.number = number;
+  device.kernelName = requireDevice(service, number);
+  device.label = service.text(&Client::GetDeviceLabel, number).text;
+  device.uuid = asOptional(service.text(&Client::GetDeviceUuid, number));
+  device.type = typeName(service.call([&](Client& client) { return client.GetDeviceType(number); }));
+  device.capacity = service.call([&](Client& client) { return client.GetDeviceCapacity(number); });
+  device.usbVersion = asOptional(service.text(&Client::GetDeviceUsbVersion, number));
+  device.open = service.call([&](Client& client) { return client.IsDeviceOpen(number); });
+  if (device.open) {
+    device.mountPoint = service.text(&Client::GetUsbMountPoint, number).text;
+  }
+  return device;
+}
+
+std::string typeName(std::int32_t type) {
+  switch (type) {
+    case 1:
+      return "fixed";
+    case 2:
+      return "removable";
+    default:
+      return "unknown";
+  }
+}
+
+std::string capacityText(std::int32_t capacity) {
+  return capacity == 0 ? "unknown" : std::to_string(capacity) + " MiB";
+}
+
+Json toJson(const Device& device) {
+  return {{"device", device.number},
+          {"kernelName", device.kernelName},
+          {"label", device.label},
+          {"uuid", orNull(device.uuid)},
+          {"type", device.type},
+          {"capacityMiB", device.capacity == 0 ? Json(nullptr) : Json(device.capacity)},
+          {"usbVersion", orNull(device.usbVersion)},
+          {"open", device.open},
+          {"mountPoint", device.mountPoint.empty() ? Json(nullptr) : Json(device.mountPoint)}};
+}
+
+}  // namespace dockhandctl

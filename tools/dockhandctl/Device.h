@@ -1,0 +1,46 @@
+#ifndef DOCKHANDCTL_DEVICE_H
+#define DOCKHANDCTL_DEVICE_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "Json.h"
+#include "UsbService.h"
+
+namespace dockhandctl {
+
+/// All that the daemon says about a device; texts as the disk has them.
+struct Device {
+  std::int16_t number = 0;
+  std::string kernelName;
+  std::string label;
+  std::optional<std::string> uuid;
+  std::string type;
+  std::int32_t capacity = 0;  ///< MiB; 0: unknown
+  std::optional<std::string> usbVersion;
+  bool open = false;
+  std::string mountPoint;  ///< Empty unless it is open.
+};
+
+/// "device 5".
+std::string nameOf(std::int16_t device);
+
+/// The device's kernel name. Throws Failure (noSuchDevice), naming those that there are, when the daemon does
+/// not know the device even after a rescan.
+std::string requireDevice(UsbService& service, std::int16_t device);
+
+/// Throws Failure (noSuchDevice) for an unknown device.
+Device readDevice(UsbService& service, std::int16_t device);
+
+/// What the number of GetDeviceType means: "fixed", "removable" or "unknown".
+std::string typeName(std::int32_t type);
+
+/// "15267 MiB", or "unknown" for 0.
+std::string capacityText(std::int32_t capacity);
+
+Json toJson(const Device& device);
+
+}  // namespace dockhandctl
+
+#endif  // DOCKHANDCTL_DEVICE_H

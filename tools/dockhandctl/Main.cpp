@@ -1,0 +1,22 @@
+#include <exception>
+#include <iostream>
+
+#include "CommandLine.h"
+#include "Failure.h"
+#include "Text.h"
+
+int main(int argumentCount, char** arguments) {
+  try {
+    dockhandctl::useUtf8();
+    const int exitCode = dockhandctl::runCommandLine(argumentCount, arguments);
+    std::cout.flush();
+    if (!std::cout) {
+      dockhandctl::complain("standard output cannot be written");
+      return dockhandctl::ownFailure;
+    }
+    return exitCode;
+  } catch (const std::exception& error) {
+    dockhandctl::complain(error.what());
+    return dockhandctl::ownFailure;
+  }
+}

@@ -1,0 +1,115 @@
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <future>
+#include <iostream>
+
+#include "Commands.h"
+#include "Device.h"
+#include "Failure.h"
+#include "Text.h"
+#include "UsbService.h"
+
+namespace dockhandctl {
+namespace {
+
+using Client = UsbService::Client;
+
+/// Waits for the operation and shows on a terminal for how long it has been doing so.
+bool runShowingTime(const std::string& title, const std::function<bool()>& operation) {
+  if (isatty(STDERR_FILENO) == 0) {
+    return operation();
+  }
+  using std::chrono::seconds;
+  using std::chrono::steady_clock;
+  const auto begin = steady_clock::now();
+  auto result = std::async(std::launch::async, operation);
+  do {
+    const auto elapsed = std::chrono::duration_cast<seconds>(steady_clock::now() - begin);
+    std::cerr << '\r' << title << ": " << elapsed.count() << " s" << std::flush;
+  } while (result.wait_for(seconds(1)) != std::future_status::ready);
+  std::cerr << '\n';
+  return result.get();
+}
+
+/// The whole disk that a device is on: sda for sda and sda1.
+std::string diskName(const std::string& kernelName) {
+  return kernelName.substr(0, kernelName.find_last_not_of("0123456789") + 1);
+}
+
+std::string reasonForNotRepairing(UsbService& service, std::int16_t device) {
+  if (service.call([&](Client& client) { return client.IsDeviceOpen(device); })) {
+    return "it is open; close it first";
+  }
+  return "its file system is not XFS, or xfs_repair failed; see /tmp/Dockhand.log and dockhand's log";
+}
+
+}  // namespace
+
+void confirmWiping(const Settings& settings, std::int16_t device) {
+  Device disk;
+  {
+    UsbService service(settings.timeout);
+    disk = readDevice(service, device);
+  }
+  std::cerr << "This wipes the whole disk " << printable(diskName(disk.kernelName)) << ":\n"
+            << "  device    " << device << " (" << printable(disk.kernelName) << ")\n"
+            << "  label     " << printable(disk.label) << '\n'
+            << "  size      " << capacityText(disk.capacity) << '\n'
+            << "  open      " << (disk.open ? "yes, at " + printable(disk.mountPoint) : "no") << std::endl;
+  if (isatty(STDIN_FILENO) == 0) {
+    throw Failure(notConfirmed,
+                  nameOf(device) + ": nothing was done: there is no terminal to ask on, and no --yes");
+  }
+  std::cerr << "Type yes to go on: " << std::flush;
+  std::string answer;
+  std::getline(std::cin, answer);
+  if (answer != "yes") {
+    throw Failure(notConfirmed, nameOf(device) + ": nothing was done");
+  }
+  // Numbers are given again: what has it now may be another disk than the one that was shown.
+  UsbService service(settings.timeout);
+  if (requireDevice(service, device) != disk.kernelName ||
+      service.text(&Client::GetDeviceLabel, device).text != disk.label) {
+    throw Failure(notConfirmed, nameOf(device) + ": nothing was done: it has become another disk meanwhile");
+  }
+}
+
+int prepare(const Settings& settings, std::int16_t device, bool confirmed) {
+  if (!confirmed) {
+    confirmWiping(settings, device);
+  }
+  UsbService service(settings.timeout);
+  // An unknown device would leave the daemon deaf to plug events.
+  const std::string kernelName = printable(requireDevice(service, device));
+  service.waitWithoutEnd();
+  const bool prepared = runShowingTime("Preparing " + nameOf(device) + " (" + kernelName + ")", [&] {
+    return service.call([&](Client& client) { return client.PrepareDeviceForPvr(device); });
+  });
+  if (!prepared) {
+    complain(nameOf(device) + " (" + kernelName +
+             "): partitioning or formatting failed; see /tmp/Dockhand.log and dockhand's log, and "
+             "dockhandctl doctor");
+    return answerIsNo;
+  }
+  std::cout << nameOf(device) << " is a recording disk now\n";
+  return done;
+}
+
+int repair(const Settings& settings, std::int16_t device) {
+  UsbService service(settings.timeout);
+  const std::string kernelName = printable(requireDevice(service, device));
+  service.waitWithoutEnd();
+  const bool repaired = runShowingTime("Repairing " + nameOf(device) + " (" + kernelName + ")", [&] {
+    return service.call([&](Client& client) { return client.RunDiskRepair(device); });
+  });
+  if (!repaired) {
+    complain(nameOf(device) + ": not repaired: " + reasonForNotRepairing(service, device));
+    return answerIsNo;
+  }
+  std::cout << nameOf(device) << " is repaired\n";
+  return done;
+}
+
+}  // namespace dockhandctl

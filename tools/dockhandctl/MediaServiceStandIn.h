@@ -1,0 +1,43 @@
+#ifndef DOCKHANDCTL_MEDIASERVICESTANDIN_H
+#define DOCKHANDCTL_MEDIASERVICESTANDIN_H
+
+#include <thrift/server/TThreadedServer.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+
+namespace dockhandctl {
+
+/// One callback as it arrived.
+struct Event {
+  std::string name;  ///< "added" or "removed"
+  std::int16_t device;
+  std::int8_t observerId;
+  std::int32_t observer;
+};
+
+/// Serves the media service's socket in its place.
+class MediaServiceStandIn {
+ public:
+  /// Serves from now on. `onEvent` is called in threads of the server, one call at a time. Throws Failure:
+  /// mediaServiceThere when somebody serves the socket, ownFailure when it cannot be had.
+  explicit MediaServiceStandIn(std::function<void(const Event&)> onEvent);
+  MediaServiceStandIn(const MediaServiceStandIn&) = delete;
+  MediaServiceStandIn& operator=(const MediaServiceStandIn&) = delete;
+  /// Ends the connections and gives the socket back.
+  ~MediaServiceStandIn();
+
+ private:
+  class ServerSocket;
+
+  std::shared_ptr<ServerSocket> socket_;
+  std::unique_ptr<apache::thrift::server::TThreadedServer> server_;
+  std::thread thread_;
+};
+
+}  // namespace dockhandctl
+
+#endif  // DOCKHANDCTL_MEDIASERVICESTANDIN_H

@@ -1,0 +1,209 @@
+#include <iostream>
+#include <set>
+
+#include "Commands.h"
+#include "Device.h"
+#include "Failure.h"
+#include "Json.h"
+#include "Text.h"
+#include "UsbService.h"
+
+namespace dockhandctl {
+namespace {
+
+using Client = UsbService::Client;
+using ravel::rpc::ReturnValueWithString;
+
+struct ListedDevice {
+  Device device;
+  bool hidden = false;
+};
+
+std::vector<ListedDevice> readDevices(const Settings& settings, bool includeHidden) {
+  UsbService service(settings.timeout);
+  const auto visible = service.deviceNumbers(false);
+  const std::set<std::int16_t> visibleOnes(visible.begin(), visible.end());
+  std::vector<ListedDevice> result;
+  for (const std::int16_t number : includeHidden ? service.deviceNumbers(true) : visible) {
+    try {
+      result.push_back({readDevice(service, number), visibleOnes.count(number) == 0});
+    } catch (const Failure& failure) {
+      // One that is pulled out meanwhile does not keep the others from being shown.
+      if (failure.exitCode() != noSuchDevice) {
+        throw;
+      }
+    }
+  }
+  return result;
+}
+
+/// Prints the one value that a command is about; nothing is a "no" whose reason goes to standard error.
+int printValue(const Settings& settings, std::int16_t device, const char* key, const Json& value,
+               const std::string& text, const std::string& reasonForNone) {
+  if (settings.json) {
+    std::cout << toText({{"device", device}, {key, value}}) << '\n';
+  } else if (!value.is_null()) {
+    std::cout << printable(text) << '\n';
+  }
+  if (value.is_null()) {
+    complain(nameOf(device) + ": " + reasonForNone);
+    return answerIsNo;
+  }
+  return done;
+}
+
+int printText(const Settings& settings, std::int16_t device, const char* key, const std::string& text,
+              const std::string& reasonForNone) {
+  return printValue(settings, device, key, text.empty() ? Json(nullptr) : Json(text), text, reasonForNone);
+}
+
+}  // namespace
+
+int status(const Settings& settings, bool includeHidden) {
+  const auto devices = readDevices(settings, includeHidden);
+  if (settings.json) {
+    Json result = Json::array();
+    for (const auto& [device, hidden] : devices) {
+      result.push_back(toJson(device));
+      result.back()["hidden"] = hidden;
+    }
+    std::cout << toText(result) << '\n';
+    return done;
+  }
+  Table table({"NO", "NAME", "LABEL", "TYPE", "CAPACITY", "USB", "OPEN", "MOUNT POINT"});
+  for (const auto& [device, hidden] : devices) {
+    table.add({std::to_string(device.number) + (hidden ? " (hidden)" : ""), printable(device.kernelName),
+               printable(device.label), device.type, capacityText(device.capacity),
+               printable(device.usbVersion.value_or("unknown")), device.open ? "yes" : "no",
+               printable(device.mountPoint)});
+  }
+  table.print(std::cout);
+  return done;
+}
+
+int list(const Settings& settings, bool includeHidden) {
+  const auto devices = UsbService(settings.timeout).deviceNumbers(includeHidden);
+  if (settings.json) {
+    std::cout << toText(devices) << '\n';
+    return done;
+  }
+  for (const std::int16_t device : devices) {
+    std::cout << device << '\n';
+  }
+  return done;
+}
+
+int info(const Settings& settings, std::int16_t number) {
+  UsbService service(settings.timeout);
+  const Device device = readDevice(service, number);
+  if (settings.json) {
+    std::cout << toText(toJson(device)) << '\n';
+    return done;
+  }
+  const auto print = [](const char* title, const std::string& text) {
+    std::cout << title << printable(text) << '\n';
+  };
+  print("Device:       ", std::to_string(number));
+  print("Kernel name:  ", device.kernelName);
+  print("Label:        ", device.label);
+  print("UUID:         ", device.uuid.value_or("none"));
+  print("Type:         ", device.type);
+  print("Capacity:     ", capacityText(device.capacity));
+  print("USB version:  ", device.usbVersion.value_or("unknown"));
+  print("Open:         ", device.open ? "yes" : "no");
+  print("Mount point:  ", device.open ? device.mountPoint : "none");
+  return done;
+}
+
+int label(const Settings& settings, std::int16_t device) {
+  UsbService service(settings.timeout);
+  requireDevice(service, device);
+  const auto answer = service.text(&Client::GetDeviceLabel, device);
+  return printText(settings, device, "label", answer.text, "it has no label");
+}
+
+int uuid(const Settings& settings, std::int16_t device) {
+  UsbService service(settings.timeout);
+  requireDevice(service, device);
+  const auto answer = service.text(&Client::GetDeviceUuid, device);
+  return printText(settings, device, "uuid", answer.success ? answer.text : "",
+                   "no UUID can be read from it (is it formatted?)");
+}
+
+int usbVersion(const Settings& settings, std::int16_t device) {
+  UsbService service(settings.timeout);
+  requireDevice(service, device);
+  const auto answer = service.text(&Client::GetDeviceUsbVersion, device);
+  return printText(settings, device, "usbVersion", answer.success ? answer.text : "",
+                   "its USB version is not known: readUsbVersion.sh is missing, fails or prints nothing");
+}
+
+int type(const Settings& settings, std::int16_t device) {
+  UsbService service(settings.timeout);
+  requireDevice(service, device);
+  const std::int32_t answer = service.call([&](Client& client) { return client.GetDeviceType(device); });
+  const std::string name = typeName(answer);
+  return printText(settings, device, "type", name == "unknown" ? "" : name,
+                   "the kernel does not say whether it is removable");
+}
+
+int capacity(const Settings& settings, std::int16_t device) {
+  UsbService service(settings.timeout);
+  requireDevice(service, device);
+  const std::int32_t answer = service.call([&](Client& client) { return client.GetDeviceCapacity(device); });
+  return printValue(settings, device, "capacityMiB", answer == 0 ? Json(nullptr) : Json(answer),
+                    capacityText(answer), "its node cannot be opened, or has no size");
+}
+
+int mountPoint(const Settings& settings, std::int16_t device) {
+  UsbService service(settings.timeout);
+  requireDevice(service, device);
+  const bool isOpen = service.call([&](Client& client) { return client.IsDeviceOpen(device); });
+  const std::string path = service.text(&Client::GetUsbMountPoint, device).text;
+  return printText(settings, device, "mountPoint", isOpen ? path : "",
+                   path.empty()
+                       ? "it is not open"
+                       : "it is not open; the last attempt to open it at " + printable(path) + " failed");
+}
+
+int kernelName(const Settings& settings, std::int16_t device) {
+  UsbService service(settings.timeout);
+  return printText(settings, device, "kernelName", requireDevice(service, device), "it has no name");
+}
+
+int isOpen(const Settings& settings, std::int16_t device) {
+  UsbService service(settings.timeout);
+  requireDevice(service, device);
+  const bool answer = service.call([&](Client& client) { return client.IsDeviceOpen(device); });
+  if (settings.json) {
+    std::cout << toText({{"device", device}, {"open", answer}}) << '\n';
+  } else {
+    std::cout << (answer ? "yes" : "no") << '\n';
+  }
+  return answer ? done : answerIsNo;
+}
+
+int files(const Settings& settings, std::int16_t device, const std::string& directory,
+          const std::string& extension) {
+  UsbService service(settings.timeout);
+  requireDevice(service, device);
+  // Without a mount point the daemon would look the directory up from the root of its own file system.
+  if (!service.call([&](Client& client) { return client.IsDeviceOpen(device); })) {
+    complain(nameOf(device) + ": it is not open, so its files cannot be listed");
+    return answerIsNo;
+  }
+  std::vector<std::string> names;
+  service.call([&](Client& client) { client.GetFilesByExtension(names, device, directory, extension); });
+  if (settings.json) {
+    std::cout
+        << toText({{"device", device}, {"directory", directory}, {"extension", extension}, {"files", names}})
+        << '\n';
+    return done;
+  }
+  for (const std::string& name : names) {
+    std::cout << printable(name) << '\n';
+  }
+  return done;
+}
+
+}  // namespace dockhandctl

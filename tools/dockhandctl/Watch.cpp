@@ -1,0 +1,88 @@
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <iostream>
+
+#include "Commands.h"
+#include "Failure.h"
+#include "Json.h"
+#include "MediaServiceStandIn.h"
+#include "Text.h"
+#include "UsbService.h"
+
+namespace dockhandctl {
+namespace {
+
+using Client = UsbService::Client;
+
+/// The device number that stands for the Xrite device.
+constexpr std::int16_t xriteDevice = -1;
+
+void print(const Settings& settings, const Event& event) {
+  const bool xrite = event.device == xriteDevice;
+  if (settings.json) {
+    std::cout << toText({{"event", event.name},
+                         {"device", xrite ? Json("xrite") : Json(event.device)},
+                         {"observerId", static_cast<int>(event.observerId)},
+                         {"observer", event.observer}})
+              << std::endl;
+  } else {
+    std::cout << event.name << ' ' << (xrite ? "Xrite device" : "device " + std::to_string(event.device))
+              << std::endl;
+  }
+}
+
+/// SIGINT, SIGTERM and SIGHUP, held back for the whole process from here on and taken one by one.
+class EndingSignals {
+ public:
+  EndingSignals() {
+    sigemptyset(&signals_);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+      sigaddset(&signals_, signal);
+    }
+    if (pthread_sigmask(SIG_BLOCK, &signals_, nullptr) != 0) {
+      throw Failure(ownFailure, "signals cannot be held back");
+    }
+    // A reader that goes away is to end the watch in order, not the process in the midst of it.
+    ::signal(SIGPIPE, SIG_IGN);
+  }
+
+  void waitForOne() const {
+    int taken = 0;
+    while (sigwait(&signals_, &taken) != 0) {
+    }
+  }
+
+ private:
+  sigset_t signals_{};
+};
+
+}  // namespace
+
+int watch(const Settings& settings, std::int8_t observerId) {
+  // Before the server's threads are made, which inherit it.
+  const EndingSignals endingSignals;
+  std::atomic<bool> outputFailed{false};
+  const MediaServiceStandIn mediaService([&](const Event& event) {
+    print(settings, event);
+    if (!std::cout && !outputFailed.exchange(true)) {
+      ::kill(::getpid(), SIGTERM);
+    }
+  });
+
+  const std::int32_t observer = ::getpid();
+  UsbService(settings.timeout).call([&](Client& client) {
+    client.RegisterUsbAddedCallBack(observerId, observer);
+    client.RegisterUsbRemovedCallBack(observerId, observer);
+  });
+  std::cerr << "Watching as observer " << static_cast<int>(observerId) << "; Ctrl-C ends it." << std::endl;
+  endingSignals.waitForOne();
+  UsbService(settings.timeout).call([&](Client& client) {
+    client.DeregisterUsbAddedCallBack(observerId, observer);
+    client.DeregisterUsbRemovedCallBack(observerId, observer);
+  });
+  return done;
+}
+
+}  // namespace dockhandctl

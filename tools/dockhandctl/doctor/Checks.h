@@ -1,0 +1,50 @@
+#ifndef DOCKHANDCTL_DOCTOR_CHECKS_H
+#define DOCKHANDCTL_DOCTOR_CHECKS_H
+
+#include <string>
+#include <vector>
+
+#include "Machine.h"
+
+/// Each check looks at one thing that the daemon relies on, and changes nothing.
+namespace dockhandctl::doctor {
+
+enum class State { ok, warning, problem };
+
+/// What a check has found.
+struct Finding {
+  std::string check;  ///< Its name, one word.
+  State state;
+  std::string message;  ///< What is the case.
+  std::string remedy;   ///< How to mend it; empty for ok.
+};
+
+using Findings = std::vector<Finding>;
+
+// Socket.
+Findings checkSocket(const Machine& machine);
+Findings checkSocketMode(const Machine& machine);
+Findings checkSocketDirectory(const Machine& machine);
+
+// Tools.
+Findings checkPath(const Machine& machine);
+Findings checkTools(const Machine& machine);
+Findings checkPartitioning(const Machine& machine);
+Findings checkFormatting(const Machine& machine);
+
+// Kernel.
+Findings checkFileSystems(const Machine& machine);
+Findings checkMountTable(const Machine& machine);
+
+// Files.
+Findings checkMedia(const Machine& machine);
+Findings checkUdevRules(const Machine& machine);
+Findings checkNodes(const Machine& machine);
+Findings checkLogFile(const Machine& machine);
+
+/// All of them, in this order.
+Findings checkEverything(const Machine& machine);
+
+}  // namespace dockhandctl::doctor
+
+#endif  // DOCKHANDCTL_DOCTOR_CHECKS_H

@@ -1,0 +1,67 @@
+#include <algorithm>
+#include <iostream>
+
+#include "../Commands.h"
+#include "../Failure.h"
+#include "../Json.h"
+#include "../Text.h"
+#include "Checks.h"
+
+namespace dockhandctl {
+namespace doctor {
+namespace {
+
+const char* textOf(State state) {
+  switch (state) {
+    case State::ok:
+      return "ok";
+    case State::warning:
+      return "warning";
+    case State::problem:
+      break;
+  }
+  return "problem";
+}
+
+}  // namespace
+
+Findings checkEverything(const Machine& machine) {
+  Findings all;
+  for (const auto check : {checkSocket, checkSocketMode, checkSocketDirectory, checkMedia, checkPath,
+                           checkTools, checkPartitioning, checkFormatting, checkFileSystems, checkUdevRules,
+                           checkNodes, checkMountTable, checkLogFile}) {
+    const Findings findings = check(machine);
+    all.insert(all.end(), findings.begin(), findings.end());
+  }
+  return all;
+}
+
+}  // namespace doctor
+
+int runDoctor(const Settings& settings, const std::vector<std::string>& ignored) {
+  const doctor::Findings findings = doctor::checkEverything(doctor::thisMachine());
+  bool allWell = true;
+  Json checks = Json::array();
+  for (const doctor::Finding& finding : findings) {
+    const bool isIgnored = std::find(ignored.begin(), ignored.end(), finding.check) != ignored.end();
+    allWell = allWell && (finding.state == doctor::State::ok || isIgnored);
+    const std::string state = doctor::textOf(finding.state);
+    if (settings.json) {
+      checks.push_back({{"check", finding.check},
+                        {"state", state},
+                        {"ignored", isIgnored},
+                        {"message", finding.message},
+                        {"remedy", finding.remedy}});
+    } else {
+      std::cout << state << std::string(9 - state.size(), ' ') << finding.check << ": "
+                << printable(finding.message) << (finding.remedy.empty() ? "" : ". To mend it: ")
+                << printable(finding.remedy) << (isIgnored ? " (ignored)" : "") << '\n';
+    }
+  }
+  if (settings.json) {
+    std::cout << toText({{"ok", allWell}, {"checks", checks}}) << '\n';
+  }
+  return allWell ? done : answerIsNo;
+}
+
+}  // namespace dockhandctl

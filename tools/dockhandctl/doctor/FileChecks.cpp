@@ -1,0 +1,100 @@
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+
+#include "Checks.h"
+
+namespace dockhandctl::doctor {
+
+Findings checkMedia(const Machine& machine) {
+  const std::string check = "media";
+  const std::string path = machine.root + "/media";
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+    return {{check, State::problem, "/media is not a directory: nothing can be opened", "mkdir /media"}};
+  }
+  if (machine.isOnReadOnlyFileSystem(path)) {
+    return {{check, State::problem, "/media is on a read-only file system: no mount point can be made there",
+             "mount a tmpfs at /media"}};
+  }
+  if (status.st_uid != machine.owner || (status.st_mode & S_IWUSR) == 0) {
+    return {
+        {check, State::warning, "/media is not the daemon's to write to", "give it to root, with mode 0755"}};
+  }
+  return {{check, State::ok, "/media is there and may be written to", ""}};
+}
+
+Findings checkUdevRules(const Machine& machine) {
+  const std::string check = "udev-rules";
+  const std::string name = "60-dockhand.rules";
+  for (const char* folder :
+       {"/etc/udev/rules.d", "/run/udev/rules.d", "/usr/lib/udev/rules.d", "/lib/udev/rules.d"}) {
+    const std::string file = std::string(folder) + "/" + name;
+    std::error_code ignored;  // what cannot be looked at is not there
+    if (std::filesystem::exists(machine.root + file, ignored)) {
+      return {{check, State::ok, file + " is installed", ""}};
+    }
+  }
+  return {{check, State::warning, name + " is not installed: udev makes no nodes and announces no devices",
+           "install integration/udev, or let something else do its work"}};
+}
+
+Findings checkNodes(const Machine& machine) {
+  const std::string check = "nodes";
+  const std::string mark = "usb_storage_";
+  DIR* const directory = ::opendir((machine.root + "/dev").c_str());
+  if (directory == nullptr) {
+    return {
+        {check, State::problem, std::string("/dev cannot be read: ") + std::strerror(errno), "mount /dev"}};
+  }
+  Findings findings;
+  int devices = 0;
+  while (const dirent* const entry = ::readdir(directory)) {
+    const std::string name = entry->d_name;
+    if (name.find(mark) == std::string::npos) {
+      continue;
+    }
+    ++devices;
+    if (!machine.isBlockDevice(machine.root + "/dev/" + name)) {
+      findings.push_back({check, State::problem, "/dev/" + name + " is no block device, but taken for one",
+                          "remove it, and mend what made it"});
+    }
+  }
+  ::closedir(directory);
+  if (findings.empty()) {
+    findings.push_back({check, State::ok,
+                        devices == 0 ? "/dev has no " + mark + " node: nothing is plugged in"
+                                     : "/dev has block devices only among its " + mark + " nodes",
+                        ""});
+  }
+  return findings;
+}
+
+Findings checkLogFile(const Machine& machine) {
+  const std::string check = "log-file";
+  const std::string file = "/tmp/Dockhand.log";
+  struct stat status {};
+  if (::lstat((machine.root + file).c_str(), &status) != 0) {
+    if (errno == ENOENT) {
+      return {{check, State::ok, file + " will be made by the first disk tool", ""}};
+    }
+    return {{check, State::problem, file + ": " + std::strerror(errno), "make /tmp accessible"}};
+  }
+  if (!S_ISREG(status.st_mode)) {
+    return {{check, State::problem, file + " is no regular file: the disk tools' output goes elsewhere",
+             "remove it, and find out who put it there"}};
+  }
+  if (status.st_uid != machine.owner) {
+    return {{check, State::problem,
+             file + " belongs to user " + std::to_string(status.st_uid) +
+                 ", who can change what goes to the system log",
+             "remove it, and find out who put it there"}};
+  }
+  return {{check, State::ok, file + " is the daemon's", ""}};
+}
+
+}  // namespace dockhandctl::doctor

@@ -1,0 +1,215 @@
+#include <algorithm>
+#include <iterator>
+#include <sstream>
+
+#include "Checks.h"
+
+namespace dockhandctl::doctor {
+namespace {
+
+/// How the kernel was configured, where it tells.
+class KernelConfiguration {
+ public:
+  explicit KernelConfiguration(const Machine& machine) {
+    for (const std::string& file :
+         {"/boot/config-" + machine.kernelRelease, "/lib/modules/" + machine.kernelRelease + "/config"}) {
+      if ((text_ = machine.read(file))) {
+        return;
+      }
+    }
+    if (machine.read("/proc/config.gz")) {
+      const CommandResult result = machine.run({"gzip", "-d", "-c", machine.root + "/proc/config.gz"});
+      if (result.status == 0) {
+        text_ = result.output;
+      }
+    }
+  }
+
+  bool known() const { return text_.has_value(); }
+
+  /// Whether an option is built in or a module; false also where nothing is known.
+  bool has(const std::string& option) const {
+    return text_ && (("\n" + *text_).find("\nCONFIG_" + option + "=y\n") != std::string::npos ||
+                     ("\n" + *text_).find("\nCONFIG_" + option + "=m\n") != std::string::npos);
+  }
+
+ private:
+  std::optional<std::string> text_;
+};
+
+bool isRegistered(const Machine& machine, const std::string& fileSystem) {
+  std::istringstream lines(machine.read("/proc/filesystems").value_or(""));
+  for (std::string line; std::getline(lines, line);) {
+    if (line == "\t" + fileSystem) {
+      return true;
+    }
+  }
+  return false;
+}
+
+/// As the kernel itself would load it, whatever the PATH is.
+bool isLoadable(const Machine& machine, const std::string& module) {
+  return machine.run({"/sbin/modprobe", "-n", "-q", module}).status == 0;
+}
+
+bool kernelHas(const Machine& machine, const std::string& fileSystem) {
+  return isRegistered(machine, fileSystem) || isLoadable(machine, "fs-" + fileSystem);
+}
+
+Finding missing(const std::string& fileSystem, const std::string& option, const std::string& disks) {
+  return {fileSystem, State::problem, "the kernel has no " + fileSystem + ": " + disks + " cannot be opened",
+          "build the kernel with " + option + ", or install the module"};
+}
+
+Finding checkVfat(const Machine& machine, const KernelConfiguration& configuration) {
+  if (!kernelHas(machine, "vfat")) {
+    return missing("vfat", "CONFIG_VFAT_FS", "FAT sticks");
+  }
+  // Every mount needs the tables of the default code page and of the default character set, utf8 or not.
+  const bool tables = configuration.has("NLS_CODEPAGE_437") &&
+                      (configuration.has("NLS_ISO8859_1") || configuration.has("NLS_ASCII"));
+  if (configuration.known() && !tables) {
+    return {"vfat", State::warning, "the kernel may lack the character tables of its FAT defaults",
+            "build the kernel with CONFIG_NLS_CODEPAGE_437 and CONFIG_NLS_ISO8859_1 or CONFIG_NLS_ASCII"};
+  }
+  return {"vfat", State::ok, "the kernel mounts it, option utf8 included", ""};
+}
+
+Finding withNlsUtf8(const Machine& machine, const KernelConfiguration& configuration,
+                    const std::string& fileSystem) {
+  if (configuration.has("NLS_UTF8") || isLoadable(machine, "nls_utf8")) {
+    return {fileSystem, State::ok, "the kernel mounts it, option nls=utf8 included", ""};
+  }
+  if (!configuration.known()) {
+    return {fileSystem, State::warning, "cannot tell whether the kernel has the table for nls=utf8",
+            "make the kernel's configuration readable: CONFIG_IKCONFIG_PROC, or /boot/config-" +
+                machine.kernelRelease};
+  }
+  return {fileSystem, State::problem, "the kernel has no table for nls=utf8, the mount option used",
+          "build the kernel with CONFIG_NLS_UTF8"};
+}
+
+Finding checkNtfs(const Machine& machine, const KernelConfiguration& configuration) {
+  if (kernelHas(machine, "ntfs")) {
+    return withNlsUtf8(machine, configuration, "ntfs");
+  }
+  Finding finding = missing("ntfs", "CONFIG_NTFS_FS", "NTFS sticks");
+  if (kernelHas(machine, "ntfs3")) {
+    finding.message =
+        "the kernel has ntfs only under the name ntfs3, which is not tried: NTFS sticks cannot be opened";
+  }
+  return finding;
+}
+
+Finding checkExt3(const Machine& machine, const KernelConfiguration& /*configuration*/) {
+  if (!kernelHas(machine, "ext3")) {
+    return missing("ext3", "CONFIG_EXT4_FS and CONFIG_EXT4_USE_FOR_EXT2 or CONFIG_EXT3_FS", "ext3 disks");
+  }
+  return {"ext3", State::ok, "the kernel mounts it", ""};
+}
+
+Finding checkHfs(const Machine& machine, const KernelConfiguration& /*configuration*/) {
+  if (!kernelHas(machine, "hfs")) {
+    return missing("hfs", "CONFIG_HFS_FS", "HFS disks");
+  }
+  return {"hfs", State::warning,
+          "the kernel's hfs does not know the mount option nls=utf8: HFS disks (not HFS+) cannot be opened, "
+          "although "
+          "opening them reports success",
+          "where such disks matter, patch the kernel to take the option; else pass --ignore hfs"};
+}
+
+Finding checkHfsplus(const Machine& machine, const KernelConfiguration& configuration) {
+  return kernelHas(machine, "hfsplus") ? withNlsUtf8(machine, configuration, "hfsplus")
+                                       : missing("hfsplus", "CONFIG_HFSPLUS_FS", "HFS+ disks");
+}
+
+Finding checkXfs(const Machine& machine, const KernelConfiguration& configuration) {
+  if (!kernelHas(machine, "xfs")) {
+    return missing("xfs", "CONFIG_XFS_FS", "recording disks");
+  }
+  if (configuration.has("XFS_QUOTA")) {
+    return {"xfs", State::ok, "the kernel mounts it, option prjquota included", ""};
+  }
+  if (configuration.known()) {
+    return {"xfs", State::problem,
+            "the kernel's xfs has no quotas and refuses the mount option prjquota: recording disks cannot be "
+            "opened",
+            "build the kernel with CONFIG_XFS_QUOTA"};
+  }
+  return {"xfs", State::warning, "cannot tell whether the kernel's xfs knows the mount option prjquota",
+          "make the kernel's configuration readable: CONFIG_IKCONFIG_PROC, or /boot/config-" +
+              machine.kernelRelease};
+}
+
+/// How much of the mount table the daemon reads when it closes a device.
+constexpr std::size_t tableRead = 1024;
+
+struct MountLine {
+  std::string target;
+  std::size_t endOfTarget;  ///< Offset behind the blank that follows the mount point.
+};
+
+std::vector<MountLine> parseMountTable(const std::string& table) {
+  std::vector<MountLine> result;
+  std::size_t begin = 0;
+  while (begin < table.size()) {
+    const std::size_t end = std::min(table.find('\n', begin), table.size());
+    const std::string line = table.substr(begin, end - begin);
+    const std::size_t source = line.find(' ');
+    const std::size_t target = source == std::string::npos ? source : line.find(' ', source + 1);
+    if (target != std::string::npos) {
+      result.push_back({line.substr(source + 1, target - source - 1), begin + target + 1});
+    }
+    begin = end + 1;
+  }
+  return result;
+}
+
+}  // namespace
+
+Findings checkFileSystems(const Machine& machine) {
+  const KernelConfiguration configuration(machine);
+  return {checkVfat(machine, configuration),    checkNtfs(machine, configuration),
+          checkExt3(machine, configuration),    checkHfs(machine, configuration),
+          checkHfsplus(machine, configuration), checkXfs(machine, configuration)};
+}
+
+Findings checkMountTable(const Machine& machine) {
+  const std::string check = "mount-table";
+  const std::string remedy =
+      "closing would report success without unmounting: run dockhand in a mount namespace with fewer mounts";
+  const std::string limit = " of the " + std::to_string(tableRead) + " bytes that closing a device reads";
+  std::string whose = "the daemon's mount table";
+  auto table = machine.daemon == 0 ? std::nullopt
+                                   : machine.read("/proc/" + std::to_string(machine.daemon) + "/mounts");
+  if (!table) {
+    whose = "our own mount table (the daemon's cannot be read)";
+    table = machine.read("/proc/self/mounts");
+  }
+  if (!table) {
+    return {{check, State::problem, "no mount table can be read", "mount /proc"}};
+  }
+  for (const MountLine& line : parseMountTable(*table)) {
+    if (line.target.rfind("/media/", 0) == 0 && line.endOfTarget > tableRead) {
+      return {{check, State::problem,
+               line.target + " lies beyond the first " + std::to_string(tableRead) + " bytes of " + whose,
+               remedy}};
+    }
+  }
+  // A line as a stick gets it is about 150 bytes long; its mount point has to be within the limit.
+  constexpr std::size_t lineLength = 150;
+  constexpr std::size_t upToMountPoint = 40;
+  const std::string size = whose + " takes " + std::to_string(table->size()) + limit;
+  if (table->size() + upToMountPoint > tableRead) {
+    return {{check, State::problem, size + ": the next device lies beyond them", remedy}};
+  }
+  const std::size_t room = (tableRead - upToMountPoint - table->size()) / lineLength + 1;
+  if (room < 2) {
+    return {{check, State::warning, size + ": there is room for one more device", remedy}};
+  }
+  return {
+      {check, State::ok, size + ": there is room for about " + std::to_string(room) + " more devices", ""}};
+}
+
+}  // namespace dockhandctl::doctor

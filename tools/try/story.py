@@ -1,0 +1,215 @@
+#!/usr/bin/python3
+"""Plays the life of one USB stick with a real daemon and shows every call and its answer.
+
+    story.py BUILD_DIRECTORY
+
+Runs inside the world that tools/dev/private_root makes: nothing here touches the machine's own /dev and /media.
+"""
+
+import signal
+import sys
+
+
+def end_on_signal(*_):
+    sys.exit('\nInterrupted; everything is cleaned up.')
+
+
+for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+    signal.signal(number, end_on_signal)
+
+import logging
+import os
+import subprocess
+import time
+
+BUILD = os.path.abspath(sys.argv[1])
+sys.path.insert(0, os.path.join(BUILD, 'rpc', 'gen-py'))
+
+from observer import Observer
+from stick import Stick
+from thrift.Thrift import TException
+from thrift.transport.TTransport import TTransportException
+from usb_client import connection
+
+LOG = os.path.join(BUILD, 'try.log')
+UUID = '7b5f1b2e-9d3a-4c55-8a52-3f1d6c0e4a11'
+FILES = {
+    'song.mp3': 'la la la',
+    'SONG2.MP3': 'LA LA LA',
+    'photo.jpg': 'a beach',
+    'Films/beach.mp4': 'waves',
+}
+PATIENCE_SECONDS = 20
+
+in_colour = sys.stdout.isatty() and 'NO_COLOR' not in os.environ
+
+
+def coloured(code, text):
+    return f'\033[{code}m{text}\033[0m' if in_colour else text
+
+
+def shown(value):
+    """An answer as a reader wants to see it."""
+    if value is None:
+        return 'done'
+    if hasattr(value, 'success'):
+        return f'{value.success}, {value.text!r}'
+    return repr(value)
+
+
+class Story:
+    """Shows answers, and counts those that are not as they should be."""
+
+    def __init__(self, client):
+        self.client = client
+        self.right = 0
+        self.wrong = 0
+
+    def chapter(self, title):
+        print('\n' + coloured('1', title))
+
+    def compare(self, what, answer, expected, seconds=0.0):
+        is_right = answer == expected
+        mark = coloured('32', '✓') if is_right else coloured('31', '✗')
+        elapsed = f' ({seconds:.1f} s)' if seconds >= 0.5 else ''
+        print(f'  {mark} {what:<46} {coloured("36", shown(answer))}{elapsed}')
+        if is_right:
+            self.right += 1
+        else:
+            self.wrong += 1
+            print(f'    {coloured("31", "should be")} {shown(expected)}')
+        sys.stdout.flush()
+
+    def call(self, operation, *arguments, expect=None):
+        """Calls an operation of the daemon. A pair as `expect` stands for a ReturnValueWithString; lists are shown
+        sorted."""
+        start = time.monotonic()
+        try:
+            answer = getattr(self.client, operation)(*arguments)
+        except TTransportException:
+            raise
+        except TException as failure:
+            answer = failure
+        seconds = time.monotonic() - start
+        if isinstance(expect, tuple) and hasattr(answer, 'success'):
+            expect = type(answer)(*expect)
+        if isinstance(answer, list):
+            answer = sorted(answer)
+        what = f'{operation}({", ".join(map(repr, arguments))})'
+        self.compare(what, answer, expect, seconds)
+
+
+def play(story, observer, stick):
+    story.chapter('A service wants to hear of sticks')
+    story.call('RegisterUsbAddedCallBack', 1, 4711)
+    story.call('RegisterUsbRemovedCallBack', 1, 4712)
+    story.call('GetListOfInsertedDevices', False, expect=[])
+
+    story.chapter(f'A stick is plugged in: {stick.node} appears')
+    stick.plug()
+    story.call('NotifyUsbAdded', 'sda')
+    story.compare('the observer was called', observer.callbacks, [('SendUsbAddedCallback', 1, 1, 4711)])
+    story.call('GetListOfInsertedDevices', False, expect=[1])
+
+    story.chapter('What is it?')
+    story.call('GetDeviceLabel', 1, expect=(True, 'HOLIDAY'))
+    story.call('GetDeviceUuid', 1, expect=(True, UUID))
+    story.call('GetDeviceType', 1, expect=2)
+    story.call('GetDeviceCapacity', 1, expect=16)
+    story.call('GetUsbPhysicalDevice', 1, expect=(True, 'sda'))
+
+    story.chapter('It is opened and read')
+    story.call('OpenDevice', 1, expect=True)
+    story.call('IsDeviceOpen', 1, expect=True)
+    story.call('GetUsbMountPoint', 1, expect=(True, '/media/disk_1'))
+    story.call('GetFilesByExtension', 1, '', 'mp3', expect=['SONG2.MP3', 'song.mp3'])
+    story.call('GetFilesByExtension', 1, 'Films', 'mp4', expect=['beach.mp4'])
+    story.compare('/media/disk_1/song.mp3 holds', content('/media/disk_1/song.mp3'), FILES['song.mp3'])
+
+    story.chapter('It is closed')
+    story.call('CloseDevice', 1, expect=True)
+    story.call('IsDeviceOpen', 1, expect=False)
+    story.compare('directories left in /media', os.listdir('/media'), [])
+
+    story.chapter('It is opened once more, and removed safely')
+    story.call('OpenDevice', 1, expect=True)
+    story.call('CloseDeviceSafeRemoval', 1, expect=True)
+    story.call('GetListOfInsertedDevices', False, expect=[])
+    story.call('OpenDevice', 1, expect=False)
+
+    story.chapter('It is pulled out')
+    stick.unplug()
+    observer.callbacks.clear()
+    story.call('NotifyUsbRemoved', 'sda')
+    story.compare('the observer was called', observer.callbacks, [('SendUsbRemovedCallback', 1, 1, 4712)])
+    story.call('GetListOfInsertedDevices', False, expect=[])
+
+
+def content(path):
+    try:
+        with open(path) as file:
+            return file.read()
+    except OSError as failure:
+        return failure
+
+
+def start_daemon(log):
+    """Starts the daemon, which ends with this process at the latest, and returns once it serves."""
+    program = os.path.join(BUILD, 'bin', 'dockhand')
+    daemon = subprocess.Popen(['setpriv', '--pdeathsig', 'KILL', program], stdin=subprocess.DEVNULL,
+                              stdout=subprocess.DEVNULL, stderr=log, start_new_session=True,
+                              env=dict(os.environ, TLOG_LEVEL='2'))
+    deadline = time.monotonic() + PATIENCE_SECONDS
+    while True:
+        try:
+            with connection() as client:
+                client.IsDeviceOpen(1)
+            return daemon
+        except TTransportException:
+            if daemon.poll() is not None or time.monotonic() > deadline:
+                stop_daemon(daemon)
+                raise
+            time.sleep(0.01)
+
+
+def stop_daemon(daemon):
+    daemon.kill()
+    daemon.wait()
+
+
+def show_log():
+    """The lines that the daemon writes when it is not asked for more: level 3 and above."""
+    print('\n' + coloured('1', 'What the daemon logged') + f' (all of it: {LOG})')
+    with open(LOG, errors='replace') as log:
+        for line in log:
+            fields = line.split(' ', 5)
+            if len(fields) == 6 and fields[2] in '345':
+                print(f'  {fields[2]} {fields[3]} {fields[5].rstrip()}')
+
+
+def main():
+    # Thrift's own complaints about a daemon that does not serve yet.
+    logging.getLogger('thrift').setLevel(logging.CRITICAL)
+    observer = Observer()
+    observer.serve_in_background()
+    stick = Stick('sda', label='HOLIDAY', uuid=UUID, mebibytes=16, files=FILES)
+    with open(LOG, 'w') as log:
+        daemon = start_daemon(log)
+    try:
+        with connection() as client:
+            story = Story(client)
+            play(story, observer, stick)
+    finally:
+        stop_daemon(daemon)
+    show_log()
+    if story.wrong > 0:
+        sys.exit(f'\n{story.wrong} of {story.right + story.wrong} answers are wrong.')
+    print(f'\nA stick was plugged in, read and pulled out: all {story.right} answers are right.')
+
+
+if os.environ.get('PRIVATE_ROOT') != '1':
+    sys.exit('This needs a world of its own: ' + os.environ.get('PRIVATE_ROOT_MISSING', 'run ./try'))
+try:
+    main()
+except TTransportException as failure:
+    sys.exit(f'\nThe daemon does not answer: {failure}; its log is {LOG}')

@@ -1,0 +1,26 @@
+"""A connection to Dockhand, as a service makes it.
+
+The stubs are generated from rpc/usb_rpc.thrift, which says what every operation means:
+
+    thrift --gen py rpc/usb_rpc.thrift
+"""
+
+from contextlib import contextmanager
+
+from ravel.usb_rpc.usb_rpc_gen_ import Client
+from thrift.protocol.TBinaryProtocol import TBinaryProtocol
+from thrift.transport.TSocket import TSocket
+from thrift.transport.TTransport import TBufferedTransport
+
+SOCKET = '/run/ravel/9020.sock'
+
+
+@contextmanager
+def connection():
+    """Yields a client. Close a connection that is not needed: Dockhand serves ten at a time."""
+    transport = TBufferedTransport(TSocket(unix_socket=SOCKET))
+    transport.open()
+    try:
+        yield Client(TBinaryProtocol(transport))
+    finally:
+        transport.close()
