@@ -74,14 +74,14 @@ bool DockhandClient::OpenDeviceAt(std::int16_t deviceId, const std::string& moun
     mounted =
         mountByTable(node, mountPoint, fsType) || mountByTable(node, mountPoint, "") || acceptMountError();
   }
-  if (!mounted) {
-    usbClientLog.write(2, 778, "Performing rmdir for ", mountPoint);
-    platform_.rmdir(mountPoint);
-    return false;
+  if (mounted) {
+    usbClientLog.write(2, 770, "mount ok");
+    entry->deviceOpen = true;
+    return true;
   }
-  usbClientLog.write(2, 770, "mount ok");
-  entry->deviceOpen = true;
-  return true;
+  usbClientLog.write(2, 778, "Performing rmdir for ", mountPoint);
+  platform_.rmdir(mountPoint);
+  return false;
 }
 
 void DockhandClient::clearAutomounts(std::int16_t deviceId) {

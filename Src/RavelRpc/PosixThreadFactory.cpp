@@ -15,7 +15,6 @@ using apache::thrift::TOutput;
 using apache::thrift::concurrency::Runnable;
 using apache::thrift::concurrency::SystemResourceException;
 using apache::thrift::concurrency::Thread;
-using apache::thrift::concurrency::ThreadFactory;
 
 namespace ravel::rpc {
 namespace {
@@ -70,8 +69,8 @@ class PosixThread : public Thread {
  public:
   // The base class is always told "detached": its destructor would otherwise join a std::thread that we never
   // give it.
-  PosixThread(const PosixThreadFactory& settings, std::shared_ptr<Runnable> runnable)
-      : Thread(true, std::move(runnable)), settings_(settings) {}
+  PosixThread(PosixThreadFactory settings, std::shared_ptr<Runnable> runnable)
+      : Thread(true, std::move(runnable)), settings_(std::move(settings)) {}
 
   void start() override {
     if (started_.exchange(true)) {

@@ -10,7 +10,6 @@
 #include "FileDescriptor.h"
 #include "LocalSocketPath.h"
 
-using apache::thrift::transport::TSocket;
 using apache::thrift::transport::TTransportException;
 
 namespace ravel::rpc {

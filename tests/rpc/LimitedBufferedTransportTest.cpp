@@ -11,7 +11,6 @@
 #include "LimitedBufferedTransport.h"
 #include "TransportTestSupport.h"
 
-using apache::thrift::TException;
 using apache::thrift::protocol::T_CALL;
 using apache::thrift::protocol::T_LIST;
 using apache::thrift::protocol::T_MAP;

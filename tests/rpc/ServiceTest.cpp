@@ -335,7 +335,8 @@ class Callbacks : public ServiceTest {
     UsbConnection usb;
     usb->RegisterUsbAddedCallBack(7, 0x77);
     usb->RegisterUsbRemovedCallBack(7, 0x78);
-    // No media service is up yet: this fails, and with it goes the connection that an earlier test's has left.
+    // No media service is up yet: this fails, and with it goes the connection that an earlier test's has
+    // left.
     EXPECT_THROW(usb->NotifyUsbXriteAdded(), TApplicationException);
   }
   ~Callbacks() override {

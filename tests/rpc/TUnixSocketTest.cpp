@@ -1,8 +1,8 @@
 #include <pthread.h>
-#include <signal.h>
 #include <sys/time.h>
 #include <thrift/Thrift.h>
 
+#include <csignal>
 #include <future>
 #include <vector>
 

@@ -102,6 +102,7 @@ TEST_F(ThriftClient, MakesCallsOfSeveralThreadsSideBySideAndKeepsOneConnection) 
   server.start();
   MediaClient client;
   std::vector<std::future<void>> calls;
+  calls.reserve(4);
   for (int thread = 0; thread < 4; ++thread) {
     calls.push_back(std::async(std::launch::async, [&client] { add(client); }));
   }

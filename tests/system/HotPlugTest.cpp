@@ -146,8 +146,8 @@ void pullOutInUse(bool partitioned) {
   client->NotifyUsbRemoved(stick.announcedName());
   EXPECT_THAT(mountsAt("/media/disk_1"), IsEmpty());
   EXPECT_THAT(namesIn("/media"), IsEmpty());
+  EXPECT_FALSE(client.label(1).success) << "forgotten without a rescan";
   EXPECT_THAT(client.devices(), IsEmpty());
-  EXPECT_FALSE(client.label(1).success);
   std::string line;
   EXPECT_TRUE(std::getline(held, line));
   EXPECT_EQ(line, "la la la");

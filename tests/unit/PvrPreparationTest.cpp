@@ -394,6 +394,9 @@ TEST_F(PvrPreparation, CutsBytesThatAreNoCharactersAtElevenBytes) {
     EXPECT_EQ(fileSystemCommand("abc" + std::string(16, byte)), makeFileSystem("abc" + std::string(8, byte)));
     EXPECT_EQ(fileSystemCommand(std::string(11, byte)), makeFileSystem(std::string(11, byte)));
   }
+  // No character is this long.
+  EXPECT_EQ(fileSystemCommand("1234567\xFB" + std::string(8, '\x80')),
+            makeFileSystem("1234567\xFB" + std::string(3, '\x80')));
 }
 
 TEST_F(PvrPreparation, EscapesWhatTheShellWouldReadBetweenDoubleQuotes) {

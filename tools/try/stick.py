@@ -1,4 +1,4 @@
-"""A USB stick made of a file: an image, a loop device over it and, while it is plugged in, a node in /dev."""
+"""A USB stick made of a file: an image, loop devices over it and, while it is plugged in, nodes in /dev."""
 
 import errno
 import fcntl
@@ -11,14 +11,18 @@ import tempfile
 LOOP_CONFIGURE = 0x4C0A
 LOOP_CTL_GET_FREE = 0x4C82
 LO_FLAGS_AUTOCLEAR = 4
+LO_FLAGS_PARTSCAN = 8
+PARTITION_OFFSET = 1 << 20
 
 
-def attach_loop_device(image):
+def attach_loop_device(image, offset=0):
     """Returns the descriptor of a loop device over the image. The kernel takes the device away by itself once the
     descriptor is closed and nothing is mounted any more, however this program ends."""
+    # A whole disk has to let fdisk read its table again; the device of a partition has no table.
+    flags = LO_FLAGS_AUTOCLEAR | (LO_FLAGS_PARTSCAN if offset == 0 else 0)
     with open('/dev/loop-control') as control, open(image, 'r+b') as file:
-        # struct loop_config: the image's descriptor, the flags, and nothing else that is not zero.
-        config = struct.pack('<2I 5Q 4I 176x 64x', file.fileno(), 0, 0, 0, 0, 0, 0, 0, 0, 0, LO_FLAGS_AUTOCLEAR)
+        # struct loop_config: the image's descriptor, the offset, the flags, and nothing else that is not zero.
+        config = struct.pack('=2I 5Q 4I 176x 64x', file.fileno(), 0, 0, 0, 0, offset, 0, 0, 0, 0, flags)
         while True:
             number = fcntl.ioctl(control, LOOP_CTL_GET_FREE)
             with open(f'/sys/class/block/loop{number}/dev') as device:
@@ -38,8 +42,18 @@ def attach_loop_device(image):
                     raise
 
 
+def write_node(path, descriptor):
+    os.mknod(path, stat.S_IFBLK | 0o660, os.fstat(descriptor).st_rdev)
+
+
+def list_partition(name):
+    """A line in the world's /proc/partitions."""
+    with open('/tmp/partitions', 'a') as file:
+        file.write(f'   8        0     532480 {name}\n')
+
+
 class Stick:
-    """An ext3 stick without a partition table, called by `kernel_name` (sda)."""
+    """A stick called by `kernel_name` (sda): ext3 without a partition table, as long as nobody makes one."""
 
     def __init__(self, kernel_name, label, uuid, mebibytes, files):
         self.kernel_name = kernel_name
@@ -54,19 +68,27 @@ class Stick:
                 with open(path, 'w') as file:
                     file.write(text)
             subprocess.run(['mkfs.ext3', '-q', '-F', '-L', label, '-U', uuid, '-d', content, image], check=True)
-        self.loop_device = attach_loop_device(image)
+        self.disk = attach_loop_device(image)
+        # A kernel that reads partition tables of loop devices would make this one by itself; many do not.
+        self.partition = attach_loop_device(image, PARTITION_OFFSET)
 
     def plug(self):
         """Does what the kernel and the device manager do for a real stick, except for telling Dockhand."""
-        os.mknod(self.node, stat.S_IFBLK | 0o660, os.fstat(self.loop_device).st_rdev)
+        write_node(self.node, self.disk)
         os.makedirs(f'/sys/block/{self.kernel_name}')
         with open(f'/sys/block/{self.kernel_name}/removable', 'w') as file:
             file.write('1\n')
-        with open('/tmp/partitions', 'a') as file:
-            file.write(f'   8        0      16384 {self.kernel_name}\n')
+        list_partition(self.kernel_name)
+
+    def show_partition(self):
+        """The node of the first partition, which the device manager makes while a disk is being prepared."""
+        write_node(self.node + '1', self.partition)
+        list_partition(self.kernel_name + '1')
 
     def unplug(self):
-        os.unlink(self.node)
+        for node in (self.node, self.node + '1'):
+            if os.path.exists(node):
+                os.unlink(node)
         os.unlink(f'/sys/block/{self.kernel_name}/removable')
         os.rmdir(f'/sys/block/{self.kernel_name}')
         with open('/tmp/partitions', 'w') as file:
