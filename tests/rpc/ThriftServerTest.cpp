@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <boost/make_shared.hpp>
+#include <boost/weak_ptr.hpp>
 #include <future>
 #include <stdexcept>
 
@@ -90,12 +91,15 @@ TEST_F(ThriftServer, GoesOnWhenItsObjectHasGone) {
     std::shared_ptr<apache::thrift::concurrency::Thread> running() const { return thread; }
   };
   std::shared_ptr<apache::thrift::concurrency::Thread> thread;
+  boost::weak_ptr<UsbHandler> handler;
   {
-    auto handler = boost::make_shared<UsbHandler>();
-    Server server(handler);
+    const auto strong = boost::make_shared<UsbHandler>();
+    handler = strong;
+    Server server(strong);
     server.start();
     thread = server.running();
   }
+  ASSERT_FALSE(handler.expired());
   {
     Client client;
     EXPECT_TRUE(client.stub.OpenDevice(1));
