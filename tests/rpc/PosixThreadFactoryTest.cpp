@@ -76,20 +76,17 @@ class Attributes {
   pthread_attr_t value{};
 };
 
-TEST(PosixThreadFactory, GivesThreadsTheStackItWasTold) {
+TEST(PosixThreadFactory, GivesThreadsAStackOfOneMegabyte) {
+  Attributes attributes;
+  inThread<int>(PosixThreadFactory(), [&attributes] {
+    pthread_attr_destroy(&attributes.value);
+    return pthread_getattr_np(pthread_self(), &attributes.value);
+  });
   const std::size_t megabyte = std::size_t{1024} * 1024;
-  for (const int megabytes : {1, 3}) {
-    const PosixThreadFactory factory(PosixThreadFactory::ROUND_ROBIN, PosixThreadFactory::NORMAL, megabytes);
-    Attributes attributes;
-    inThread<int>(factory, [&attributes] {
-      pthread_attr_destroy(&attributes.value);
-      return pthread_getattr_np(pthread_self(), &attributes.value);
-    });
-    const std::size_t wanted = static_cast<std::size_t>(megabytes) * megabyte;
-    // The guard may be part of the stack or on top of it.
-    EXPECT_GE(attributes.stackSize() + attributes.guardSize(), wanted);
-    EXPECT_LT(attributes.stackSize(), wanted + megabyte);
-  }
+  // The guard may be part of the stack or on top of it.
+  EXPECT_GE(attributes.stackSize() + attributes.guardSize(), megabyte);
+  // glibc may hand out the stack of an earlier thread, of up to four times the size. The default is 8 MiB.
+  EXPECT_LE(attributes.stackSize(), 4 * megabyte);
 }
 
 TEST(PosixThreadFactory, DetachesThreads) {
