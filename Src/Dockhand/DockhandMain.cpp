@@ -11,9 +11,11 @@ const Dockhand::ModuleLog mainLog{
     TlogContext::GetLogContext("Dockhand.main", "Src/Dockhand/DockhandMain", 10),
     "Src/Dockhand/DockhandMain"};
 
-/// What the RPC library has to report (a client that vanished, no descriptors left to accept one) is a log line like
-/// any other.
-void logRpcMessage(const char* message) { mainLog.write(4, 14, message); }
+/// What the RPC library has to report (a client that vanished, no descriptors left to accept one) is a log
+/// line like any other.
+void logRpcMessage(const char* message) {
+  mainLog.write(4, 14, message);
+}
 
 }  // namespace
 
