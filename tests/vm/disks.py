@@ -17,7 +17,7 @@ PARTITION_TABLE_ROOM = 2 * MIB
 
 # MBR type of the partition of each file system.
 PARTITION_TYPES = {"vfat": "c", "ext3": "83", "ext4": "83", "xfs": "83", "hfs": "af", "hfsplus": "af",
-                   "garbage": "83", "empty": "83"}
+                   "ntfs": "7", "garbage": "83", "empty": "83"}
 
 
 def make(folder, filesystem, label="", name="stick.img"):
@@ -82,6 +82,11 @@ def _hfsplus(path, label):
     hfsplus.write_volume(path, 8, label or "Untitled", {"hello.txt": b"hello\n"})
 
 
+def _ntfs(path, label):
+    _truncate(path, 8 * MIB)
+    _tool(["mkntfs", "-q", "-F", "-f", "-p", "0", "-H", "0", "-S", "0", "-L", label or "Untitled", path])
+
+
 def _garbage(path, _label):
     with open(path, "wb") as file:
         file.write(random.Random(1).randbytes(4 * MIB))
@@ -92,7 +97,7 @@ def _empty(path, _label):
 
 
 MAKERS = {"ext3": _ext3, "ext4": _ext4, "vfat": _vfat, "xfs": _xfs, "hfs": _hfs, "hfsplus": _hfsplus,
-          "garbage": _garbage, "empty": _empty}
+          "ntfs": _ntfs, "garbage": _garbage, "empty": _empty}
 
 
 def _truncate(path, size):

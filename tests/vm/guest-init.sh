@@ -36,20 +36,22 @@ for name in run tmp media; do
 done
 chmod 1777 /root/tmp
 
-# The tests and the programs under test stay reachable where the fresh /tmp hides them.
-for hidden in "$VM_CHECKOUT" "$VM_PROGRAMS"; do
-  case "$hidden" in
-    /tmp/*)
-      mkdir -p "/root$hidden"
-      mount --bind "/host$hidden" "/root$hidden" || stop "cannot reach $hidden"
-      ;;
-  esac
-done
+# The tests stay reachable where the fresh /tmp hides them.
+case "$VM_CHECKOUT" in
+  /tmp/*)
+    mkdir -p "/root$VM_CHECKOUT"
+    mount --bind "/host$VM_CHECKOUT" "/root$VM_CHECKOUT" || stop "cannot reach $VM_CHECKOUT"
+    ;;
+esac
 
 # What the host has enabled or configured is not to run here.
 rm -rf /root/etc/systemd/system /root/etc/udev/rules.d
 mkdir -p /root/etc/systemd/system /root/etc/udev/rules.d
 : > /root/etc/fstab
+
+if [ -n "$VM_PROGRAMS" ]; then
+  cp -R "/host$VM_PROGRAMS/." /root/ || stop "cannot install $VM_PROGRAMS"
+fi
 
 # The host may be a container, this is none.
 rm -f /root/.dockerenv

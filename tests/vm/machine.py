@@ -89,7 +89,7 @@ class Machine:
     """
 
     def __init__(self, init="busybox", programs=""):
-        """`programs` is the folder of the programs under test, reachable also below the guest's own /tmp."""
+        """`programs` is a folder of the host whose contents are copied over the guest's root."""
         self._folder = tempfile.mkdtemp(prefix="dockhand-vm-")
         self.console_log = os.path.join(self._folder, "console.log")
         self.init = init
@@ -200,8 +200,11 @@ class Machine:
 
     # USB sticks.
 
-    def plug(self, image, usb=3, behind_hub=False, read_only=False, removable=True, serial=None):
-        """Plugs a stick with that image file in. `usb` is the speed: 1 (full), 2 (high) or 3 (super)."""
+    def plug(self, image, usb=3, behind_hub=0, read_only=False, removable=True, serial=None):
+        """Plugs a stick with that image file in.
+
+        `usb` is the speed: 1 (full), 2 (high) or 3 (super). `behind_hub` is the hub's port, from 1 on.
+        """
         first_event = self._ask("event_count", 0)
         identifier = f"stick{self._next_stick}"
         self._next_stick += 1
@@ -214,7 +217,7 @@ class Machine:
             device["serial"] = serial
         if behind_hub:
             # Behind the emulated hub, a full-speed one, a device is never faster than the hub.
-            device.update(bus="uhci.0", port="1.1")
+            device.update(bus="uhci.0", port=f"1.{int(behind_hub)}")
         try:
             self.command("device_add", **device)
         except MachineError:
@@ -361,7 +364,7 @@ class Machine:
         append = ["console=ttyS0", "loglevel=4", "panic=-1", "mitigations=off", "no_timer_check",
                   "usb_storage.delay_use=0",
                   "block.events_dfl_poll_msecs=500", f"VM_INIT={self.init}", f"VM_CHECKOUT={CHECKOUT}"]
-        if programs and not programs.startswith(CHECKOUT + "/"):
+        if programs:
             append.append(f"VM_PROGRAMS={programs}")
         if self.init == "systemd":
             append += ["systemd.unit=vm.target", "systemd.show_status=0", "systemd.log_target=kmsg"]

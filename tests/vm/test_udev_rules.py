@@ -121,19 +121,26 @@ class UdevRulesWithoutSystemd(AnnouncementCases, UdevRules):
         self.machine.wait_node(stick, "sda")
         self.machine.unplug(stick)
         self.machine.wait_gone(stick, "sda")
-        self.assertEqual(self.machine.get("/run/calls"), b"")
+        # The kernel marks who waits for a lock.
+        self.machine.check("until grep -q -e '-> FLOCK' /proc/locks; do sleep 0.05; done")
+        self.assertEqual(self.machine.get("/run/waiting"), b"notify added sda\n")
         self.let_through()
         self.machine.wait_lines("/run/calls", 1)
         self.let_through()
         self.assertEqual(self.calls(2), ["notify added sda", "notify removed sda"])
 
-    def test_an_announcement_that_fails_does_not_hold_up_the_next(self):
+    def test_an_announcement_that_fails_is_logged_and_does_not_hold_up_the_next(self):
         self.machine.put("/usr/bin/dockhandctl", RECORDER + b"exit 1\n", 0o755)
+        self.machine.put("/usr/sbin/logger", b"#!/bin/sh\necho \"$*\" >> /run/logged\n", 0o755)
+        self.addCleanup(self.machine.check, ["rm", "/usr/sbin/logger", "/run/logged"])
         stick = self.machine.plug(disks.make(self.folder, "vfat"))
         self.machine.wait_node(stick, "sda")
         self.machine.unplug(stick)
         self.machine.wait_gone(stick, "sda")
         self.assertEqual(self.calls(2), ["notify added sda", "notify removed sda"])
+        self.assertEqual(self.machine.get("/run/logged"),
+                         b"-t dockhand-notify cannot announce: added sda\n"
+                         b"-t dockhand-notify cannot announce: removed sda\n")
 
 
 class UdevRulesWithSystemd(AnnouncementCases, UdevRules):

@@ -3,27 +3,48 @@
 import atexit
 import os
 import shutil
+import subprocess
 import tempfile
 import unittest
 
 import machine
 
-# Where the programs under test are built.
-PROGRAMS = os.environ.get("DOCKHAND_VM_PROGRAMS", os.path.join(machine.CHECKOUT, "build", "release", "bin"))
+# The build folder, configured for the prefix /usr, whose installation is under test.
+PROGRAMS = os.environ.get("DOCKHAND_VM_PROGRAMS", os.path.join(machine.CHECKOUT, "build", "image"))
 
 _machines = {}
+_images = []
 kept_logs = []
 
 
-def _shared_machine(init):
-    if init not in _machines:
-        _machines[init] = machine.Machine(init=init, programs=PROGRAMS)
-    return _machines[init]
+def _image():
+    """The folder of what an image gets: the installation of the programs under test."""
+    if not _images:
+        folder = tempfile.mkdtemp(prefix="dockhand-image-")
+        _images.append(folder)
+        subprocess.run(["cmake", "--install", PROGRAMS, "--strip"], check=True, stdout=subprocess.DEVNULL,
+                       env={**os.environ, "DESTDIR": folder})
+    return _images[0]
+
+
+def _shared_machine(init, installed):
+    kind = (init, installed)
+    if kind not in _machines:
+        # One at a time: the cases come sorted, and a machine takes half a gigabyte.
+        _close_machines()
+        _machines[kind] = machine.Machine(init=init, programs=_image() if installed else "")
+    return _machines[kind]
+
+
+def _close_machines():
+    while _machines:
+        _machines.popitem()[1].close()
 
 
 def _close_all():
-    while _machines:
-        _machines.popitem()[1].close()
+    _close_machines()
+    while _images:
+        shutil.rmtree(_images.pop())
 
 
 atexit.register(_close_all)
@@ -38,13 +59,14 @@ class MachineTestCase(unittest.TestCase):
     """
 
     init = "busybox"
+    installed = False
 
     def run(self, result=None):
         problems = len(result.failures) + len(result.errors)
         super().run(result)
         failed = len(result.failures) + len(result.errors) > problems
-        if failed and self.init in _machines:
-            broken = _machines.pop(self.init)
+        if failed and (self.init, self.installed) in _machines:
+            broken = _machines.pop((self.init, self.installed))
             kept_logs.append((self.id(), broken.keep_log()))
             broken.close()
         return result
@@ -52,7 +74,7 @@ class MachineTestCase(unittest.TestCase):
     def setUp(self):
         self.folder = tempfile.mkdtemp(prefix="dockhand-sticks-")
         self.addCleanup(shutil.rmtree, self.folder)
-        self.machine = _shared_machine(self.init)
+        self.machine = _shared_machine(self.init, self.installed)
         self.addCleanup(self._clear_machine)
 
     def _clear_machine(self):

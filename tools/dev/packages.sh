@@ -30,3 +30,7 @@ export DEBIAN_FRONTEND=noninteractive
 # What it takes to build the daemon and the stubs.
 # shellcheck disable=SC2034
 build_packages=(cmake ninja-build g++ pkg-config thrift-compiler libthrift-dev libboost-dev libblkid-dev libcli11-dev nlohmann-json3-dev)
+
+# What runs the Python clients; python3-thrift needs python3-six and does not say so.
+# shellcheck disable=SC2034
+python_packages=(python3 python3-thrift python3-six)

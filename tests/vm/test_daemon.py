@@ -1,0 +1,247 @@
+"""Sticks from plug to unplug: what the daemon makes of them, with the kernel's and udev's real events."""
+
+import signal
+
+import daemon
+import disks
+
+
+class Plugging(daemon.DaemonTestCase):
+    def plug_new(self, name="stick.img", **options):
+        return self.machine.plug(disks.make_partitioned(self.folder, ["vfat"], "MUSIC", name=name), **options)
+
+    def test_a_stick_is_announced_opened_read_safely_removed_and_gone(self):
+        self.start_daemon()
+        self.watch()
+        stick = self.plug_new()
+        self.wait_observed(("added", 1))
+        self.assertEqual(self.devices(), [1])
+        self.assertEqual(self.kernel_name(1), "sda1")
+        self.assertEqual(self.ask("label", 1)["label"], "MUSIC")
+
+        self.assert_ctl(0, "open", 1)
+        self.assert_mounted("/media/disk_1", "vfat", "rw", "nosuid")
+        for name in ("b.mp3", "a.MP3", "c.txt"):
+            self.machine.put(f"/media/disk_1/songs/{name}", b"la la la")
+        self.assertEqual(sorted(self.names_of_files(1, "mp3", "songs")), ["a.MP3", "b.mp3"])
+
+        self.assert_ctl(0, "close", 1, "--safe")
+        self.assertEqual(self.mounts(), [])
+        self.assertEqual(self.devices(), [])
+        self.assert_ctl(1, "open", 1)
+        self.machine.unplug(stick)
+        self.machine.wait_gone(stick, "sda")
+        self.wait_observed(("added", 1), ("removed", 1))
+        self.assert_ctl(daemon.NO_SUCH_DEVICE, "label", 1)
+
+    def test_a_bare_stick_is_announced_by_the_name_of_its_disk(self):
+        self.start_daemon()
+        self.watch()
+        stick = self.machine.plug(disks.make(self.folder, "ext3", "BARE"))
+        self.wait_observed(("added", 1))
+        self.assertEqual(self.kernel_name(1), "sda")
+        self.machine.unplug(stick)
+        self.wait_observed(("added", 1), ("removed", 1))
+        self.assertEqual(self.devices(), [])
+
+    def test_two_sticks_on_one_hub_are_two_devices(self):
+        self.start_daemon()
+        self.watch()
+        self.plug_new("first.img", behind_hub=1)
+        self.wait_observed(("added", 1))
+        second = self.plug_new("second.img", behind_hub=2)
+        self.wait_observed(("added", 1), ("added", 2))
+        self.assertEqual([self.kernel_name(device) for device in self.devices()], ["sda1", "sdb1"])
+        for device in (1, 2):
+            self.assert_ctl(0, "open", device)
+            self.machine.put(f"/media/disk_{device}/mine.txt", str(device).encode())
+        self.machine.unplug(second)
+        self.wait_observed(("added", 1), ("added", 2), ("removed", 2))
+        self.assertEqual(self.devices(), [1])
+        self.assertEqual(self.machine.get("/media/disk_1/mine.txt"), b"1")
+        self.assertEqual([mount[1] for mount in self.mounts()], ["/media/disk_1"])
+
+    def test_a_stick_that_comes_back_gets_its_number_back(self):
+        self.start_daemon()
+        self.watch()
+        image = disks.make_partitioned(self.folder, ["vfat"], "FIRST", name="first.img")
+        stick = self.machine.plug(image)
+        self.wait_observed(("added", 1))
+        self.plug_new("second.img")
+        self.wait_observed(("added", 1), ("added", 2))
+        self.machine.unplug(stick)
+        self.wait_observed(("added", 1), ("added", 2), ("removed", 1))
+        self.machine.plug(image)
+        self.wait_observed(("added", 1), ("added", 2), ("removed", 1), ("added", 1))
+        self.assertEqual(self.ask("label", 1)["label"], "FIRST")
+        self.assertEqual(self.devices(), [1, 2])
+
+    def test_a_safely_removed_stick_can_be_used_again_after_it_was_plugged_anew(self):
+        self.start_daemon()
+        self.watch()
+        image = disks.make_partitioned(self.folder, ["vfat"], "MUSIC")
+        stick = self.machine.plug(image)
+        self.wait_observed(("added", 1))
+        self.assert_ctl(0, "open", 1)
+        self.assert_ctl(0, "close", 1, "--safe")
+        self.machine.unplug(stick)
+        self.wait_observed(("added", 1), ("removed", 1))
+        self.machine.plug(image)
+        self.wait_observed(("added", 1), ("removed", 1), ("added", 1))
+        self.assert_ctl(0, "open", 1)
+        self.assert_mounted("/media/disk_1", "vfat")
+
+    def assert_usable_after_a_pull(self, image, *events):
+        """That the pulled stick, which was device 1, has left nothing behind."""
+        self.wait_observed(*events, ("removed", 1))
+        self.assertEqual(self.mounts(), [])
+        self.assertEqual(self.devices(), [])
+        self.machine.plug(image)
+        self.wait_observed(*events, ("removed", 1), ("added", 1))
+        self.assert_ctl(0, "open", 1)
+        self.assert_mounted("/media/disk_1", "vfat", "rw")
+        self.machine.put("/media/disk_1/after.txt", b"still works")
+        self.assert_ctl(0, "close", 1)
+        self.assertEqual(self.mounts(), [])
+
+    def test_a_mounted_stick_that_is_pulled_is_detached_and_forgotten(self):
+        self.start_daemon()
+        self.watch()
+        image = disks.make_partitioned(self.folder, ["vfat"], "MUSIC")
+        stick = self.machine.plug(image)
+        self.wait_observed(("added", 1))
+        self.assert_ctl(0, "open", 1)
+        self.machine.unplug(stick)
+        self.assert_usable_after_a_pull(image, ("added", 1))
+
+    def test_a_stick_that_is_pulled_while_it_is_written_to_is_detached_and_forgotten(self):
+        self.start_daemon()
+        self.watch()
+        image = disks.make_partitioned(self.folder, ["vfat"], "MUSIC")
+        stick = self.machine.plug(image)
+        self.wait_observed(("added", 1))
+        self.assert_ctl(0, "open", 1)
+        writer = self.start_writing("/media/disk_1")
+        self.machine.unplug(stick)
+        self.assertNotEqual(self.machine.wait(writer), 0)
+        self.assert_usable_after_a_pull(image, ("added", 1))
+
+
+class Starting(daemon.DaemonTestCase):
+    def test_a_stick_that_was_there_before_the_daemon_is_found_without_an_announcement(self):
+        stick = self.machine.plug(disks.make_partitioned(self.folder, ["ext3"], "EARLY"))
+        self.machine.wait_node(stick, "sda1")
+        self.finish_announcements()
+        self.start_daemon()
+        self.assertEqual(self.devices(), [1])
+        self.assert_ctl(0, "open", 1)
+        self.assert_mounted("/media/disk_1", "ext3", "rw")
+        # Its unplug is announced like any other's.
+        self.watch()
+        self.machine.unplug(stick)
+        self.wait_observed(("removed", 1))
+        self.assertEqual(self.mounts(), [])
+
+    def test_a_restarted_daemon_opens_anew_what_was_open_before(self):
+        self.start_daemon()
+        for name in ("first.img", "second.img"):
+            stick = self.machine.plug(disks.make_partitioned(self.folder, ["vfat"], name=name))
+            self.machine.wait_event(stick, "change", "sda" if name == "first.img" else "sdb")
+            self.finish_announcements()
+        for device in (1, 2):
+            self.assert_ctl(0, "open", device)
+            self.machine.put(f"/media/disk_{device}/mine.txt", str(device).encode())
+        self.kill_daemon()
+        self.assertEqual(len(self.mounts()), 2)
+        self.start_daemon()
+        self.assertEqual(self.devices(), [1, 2])
+        for device in (1, 2):
+            self.assert_ctl(1, "is-open", device)
+            self.assert_ctl(0, "open", device)
+            self.assert_mounted(f"/media/disk_{device}", "vfat")
+            self.assertEqual(self.machine.get(f"/media/disk_{device}/mine.txt"), str(device).encode())
+            self.assert_ctl(0, "close", device)
+        self.assertEqual(self.mounts(), [])
+
+
+class Properties(daemon.DaemonTestCase):
+    def test_type_usb_version_and_capacity_are_those_of_the_stick(self):
+        self.start_daemon()
+        self.watch()
+        image = disks.make_partitioned(self.folder, ["vfat"], "MUSIC")
+        events = []
+        for usb, removable, version in ((1, True, "2.00"), (2, True, "2.00"), (3, False, "3.00")):
+            with self.subTest(usb=usb, removable=removable):
+                stick = self.machine.plug(image, usb=usb, removable=removable)
+                events.append(("added", 1))
+                self.wait_observed(*events)
+                info = self.ask("info", 1)
+                self.assertEqual(info["usbVersion"], version)
+                self.assertEqual(info["type"], "removable" if removable else "fixed")
+                # 8 MiB of file system, 1 before it and 2 behind it: the capacity is that of the whole disk.
+                self.assertEqual(info["capacityMiB"], 11)
+                self.machine.unplug(stick)
+                events.append(("removed", 1))
+                self.wait_observed(*events)
+
+
+class StartScript(daemon.DaemonTestCase):
+    SCRIPT = "/usr/share/dockhand/init.d/dockhand"
+
+    def setUp(self):
+        super().setUp()
+        # The mode of the socket is for members of the group.
+        self.machine.check(["systemd-sysusers"])
+
+    def script(self, action):
+        return self.machine.run([self.SCRIPT, action])
+
+    def processes(self):
+        return self.machine.run(["pidof", "dockhand"]).stdout.split()
+
+    def test_it_starts_and_stops_the_daemon_and_says_whether_it_runs(self):
+        self.addCleanup(self.script, "stop")
+        self.assertEqual(self.script("status").status, 3)
+        self.assertEqual(self.script("start").status, 0)
+        self.await_daemon()
+        self.assertEqual(self.script("status").stdout, "dockhand is running\n")
+        self.assertEqual(self.machine.check(["stat", "-c", "%G %a", "/run/ravel/9020.sock"]), "dockhand 660\n")
+        # A second start changes nothing.
+        running = self.processes()
+        self.assertEqual(len(running), 1)
+        self.assertEqual(self.script("start").status, 0)
+        self.assertEqual(self.processes(), running)
+
+        self.assertEqual(self.script("stop").status, 0)
+        self.machine.check("while pidof dockhand; do sleep 0.1; done")
+        self.assertEqual(self.script("status").status, 3)
+        self.assert_ctl(4, "list")
+
+    def test_it_starts_the_daemon_again_when_that_dies(self):
+        self.addCleanup(self.script, "stop")
+        self.assertEqual(self.script("start").status, 0)
+        self.await_daemon()
+        first = self.processes()
+        self.machine.check(["kill", f"-{int(signal.SIGKILL)}", *first])
+        self.machine.check(f"while test \"$(pidof dockhand)\" = {first[0]}; do sleep 0.1; done")
+        self.await_daemon()
+        self.assertNotEqual(self.processes(), first)
+
+    def test_a_stick_is_served_and_its_lines_go_to_the_system_log(self):
+        log = self.machine.start(["busybox", "syslogd", "-n", "-O", "/run/messages"])
+        self.addCleanup(self.machine.check, ["rm", "-f", "/run/messages", "/dev/log"])
+        self.addCleanup(self.machine.wait, log)
+        self.addCleanup(self.machine.kill, log)
+        self.machine.check("until test -S /dev/log; do sleep 0.1; done")
+        self.addCleanup(self.script, "stop")
+        self.assertEqual(self.script("start").status, 0)
+        self.await_daemon()
+        self.watch()
+        stick = self.machine.plug(disks.make_partitioned(self.folder, ["vfat"], "MUSIC"))
+        self.wait_observed(("added", 1))
+        self.assert_ctl(0, "open", 1)
+        self.assert_mounted("/media/disk_1", "vfat")
+        self.machine.unplug(stick)
+        self.wait_observed(("added", 1), ("removed", 1))
+        self.assertEqual(self.mounts(), [])
+        self.machine.check("until grep -q 'OpenDeviceAt(1, /media/disk_1' /run/messages; do sleep 0.1; done")
