@@ -1,5 +1,5 @@
-#ifndef TESTS_UNIT_FAKEPLATFORM_H
-#define TESTS_UNIT_FAKEPLATFORM_H
+#ifndef TESTS_SUPPORT_FAKEPLATFORM_H
+#define TESTS_SUPPORT_FAKEPLATFORM_H
 
 #include <functional>
 #include <list>
@@ -125,4 +125,4 @@ class FakePlatform : public Dockhand::Platform {
   std::list<OpenProbe> probes_;
 };
 
-#endif  // TESTS_UNIT_FAKEPLATFORM_H
+#endif  // TESTS_SUPPORT_FAKEPLATFORM_H

@@ -1,5 +1,5 @@
-#ifndef TESTS_UNIT_JOURNAL_H
-#define TESTS_UNIT_JOURNAL_H
+#ifndef TESTS_SUPPORT_JOURNAL_H
+#define TESTS_SUPPORT_JOURNAL_H
 
 #include <functional>
 #include <mutex>
@@ -49,4 +49,4 @@ class Journal {
 /// The journal of the running test.
 Journal& journal();
 
-#endif  // TESTS_UNIT_JOURNAL_H
+#endif  // TESTS_SUPPORT_JOURNAL_H
