@@ -60,6 +60,14 @@ void addObserverId(CLI::App& command, Request& request, const std::string& name,
       ->check(CLI::Range(-128, 127));
 }
 
+void addTimeout(CLI::App& command, Request& request) {
+  command
+      .add_option("--timeout", request.timeout,
+                  "Wait for an answer this long, 30 s if not given; prepare and repair wait without end")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(0.001, 86400.0));
+}
+
 void addDevice(CLI::App& command, Request& request) {
   command.add_option("ID", request.device, "Number of the device")->required();
 }
@@ -206,7 +214,9 @@ void addOtherCommands(CLI::App& app, Request& request) {
   CLI::App* const callCommand =
       app.add_subcommand("call", "Call an operation by its interface name: call OPERATION ARGUMENT...");
   callCommand->add_flag("--yes", request.yes, "Do not ask before PrepareDeviceForPvr");
-  callCommand->prefix_command();
+  // What comes behind the operation is the operation's, also what looks like an option of ours.
+  callCommand->prefix_command()->fallthrough(false);
+  addTimeout(*callCommand, request);
   callCommand->footer("Operations with their arguments; bool is true or false:\n" + operationList());
   callCommand->callback([&request, callCommand] {
     // CLI11 hands out what it does not know, first to last.
@@ -237,11 +247,7 @@ int runCommandLine(int argumentCount, char** arguments) {
   Request request;
   CLI::App app("Looks into, commands and diagnoses Dockhand, the USB storage daemon.", "dockhandctl");
   app.set_version_flag("--version", "dockhandctl " DOCKHAND_VERSION, "Print the version");
-  app.add_option("--timeout", request.timeout,
-                 "Wait for an answer this long, 30 s if not given; prepare and repair wait "
-                 "without end")
-      ->type_name("SECONDS")
-      ->check(CLI::Range(0.001, 86400.0));
+  addTimeout(app, request);
   app.require_subcommand(1);
   app.fallthrough();
   app.footer(exitCodes);

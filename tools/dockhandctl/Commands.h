@@ -23,7 +23,7 @@ struct Settings {
 
 int status(const Settings& settings, bool includeHidden);
 int list(const Settings& settings, bool includeHidden);
-int info(const Settings& settings, std::int16_t device);
+int info(const Settings& settings, std::int16_t number);
 int label(const Settings& settings, std::int16_t device);
 int uuid(const Settings& settings, std::int16_t device);
 int usbVersion(const Settings& settings, std::int16_t device);
@@ -58,8 +58,9 @@ void confirmWiping(const Settings& settings, std::int16_t device);
 
 // Everything else.
 
-/// Any operation by the name that it has in the interface. `confirmed` as for prepare.
-int call(const Settings& settings, const std::string& operation, const std::vector<std::string>& arguments,
+/// Any operation by the name that it has in the interface, with its arguments as texts. `confirmed` as for
+/// prepare.
+int call(const Settings& settings, const std::string& name, const std::vector<std::string>& texts,
          bool confirmed);
 /// The operations of call, one line each.
 std::string operationList();

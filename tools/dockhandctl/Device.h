@@ -31,7 +31,7 @@ std::string nameOf(std::int16_t device);
 std::string requireDevice(UsbService& service, std::int16_t device);
 
 /// Throws Failure (noSuchDevice) for an unknown device.
-Device readDevice(UsbService& service, std::int16_t device);
+Device readDevice(UsbService& service, std::int16_t number);
 
 /// What the number of GetDeviceType means: "fixed", "removable" or "unknown".
 std::string typeName(std::int32_t type);

@@ -1,3 +1,5 @@
+#include <thrift/Thrift.h>
+
 #include <exception>
 #include <iostream>
 
@@ -8,6 +10,8 @@
 int main(int argumentCount, char** arguments) {
   try {
     dockhandctl::useUtf8();
+    // All that Thrift prints by itself also comes as an exception, and is told in our own words.
+    apache::thrift::GlobalOutput.setOutputFunction([](const char*) {});
     const int exitCode = dockhandctl::runCommandLine(argumentCount, arguments);
     std::cout.flush();
     if (!std::cout) {

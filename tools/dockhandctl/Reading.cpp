@@ -12,7 +12,6 @@ namespace dockhandctl {
 namespace {
 
 using Client = UsbService::Client;
-using ravel::rpc::ReturnValueWithString;
 
 struct ListedDevice {
   Device device;

@@ -1,7 +1,7 @@
-#include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <csignal>
 #include <iostream>
 
 #include "Commands.h"

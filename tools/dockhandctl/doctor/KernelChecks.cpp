@@ -177,9 +177,9 @@ Findings checkFileSystems(const Machine& machine) {
 
 Findings checkMountTable(const Machine& machine) {
   const std::string check = "mount-table";
-  const std::string remedy =
-      "closing would report success without unmounting: run dockhand in a mount namespace with fewer mounts";
-  const std::string limit = " of the " + std::to_string(tableRead) + " bytes that closing a device reads";
+  const std::string consequence = ", and closing it reports success without unmounting it";
+  const std::string remedy = "run dockhand in a mount namespace of its own with fewer mounts";
+  const std::string limit = " bytes, of which closing a device reads " + std::to_string(tableRead);
   std::string whose = "the daemon's mount table";
   auto table = machine.daemon == 0 ? std::nullopt
                                    : machine.read("/proc/" + std::to_string(machine.daemon) + "/mounts");
@@ -192,21 +192,21 @@ Findings checkMountTable(const Machine& machine) {
   }
   for (const MountLine& line : parseMountTable(*table)) {
     if (line.target.rfind("/media/", 0) == 0 && line.endOfTarget > tableRead) {
-      return {{check, State::problem,
-               line.target + " lies beyond the first " + std::to_string(tableRead) + " bytes of " + whose,
-               remedy}};
+      std::string message = line.target;
+      message.append(" lies beyond the first ").append(std::to_string(tableRead)).append(" bytes of ");
+      return {{check, State::problem, message.append(whose).append(consequence), remedy}};
     }
   }
   // A line as a stick gets it is about 150 bytes long; its mount point has to be within the limit.
   constexpr std::size_t lineLength = 150;
   constexpr std::size_t upToMountPoint = 40;
-  const std::string size = whose + " takes " + std::to_string(table->size()) + limit;
+  const std::string size = whose + " has " + std::to_string(table->size()) + limit;
   if (table->size() + upToMountPoint > tableRead) {
-    return {{check, State::problem, size + ": the next device lies beyond them", remedy}};
+    return {{check, State::problem, size + ": the next device will lie beyond them" + consequence, remedy}};
   }
   const std::size_t room = (tableRead - upToMountPoint - table->size()) / lineLength + 1;
   if (room < 2) {
-    return {{check, State::warning, size + ": there is room for one more device", remedy}};
+    return {{check, State::warning, size + ": there is room for one more device only", remedy}};
   }
   return {
       {check, State::ok, size + ": there is room for about " + std::to_string(room) + " more devices", ""}};

@@ -74,6 +74,7 @@ std::vector<std::string> environmentWith(const std::vector<std::string>& path) {
 
 std::vector<char*> pointersTo(std::vector<std::string>& texts) {
   std::vector<char*> result;
+  result.reserve(texts.size() + 1);
   for (std::string& text : texts) {
     result.push_back(text.data());
   }
@@ -167,9 +168,11 @@ std::optional<std::string> Machine::read(const std::string& file) const {
 std::string Machine::find(const std::string& program) const {
   for (const std::string& folder : path) {
     std::error_code ignored;  // what cannot be looked at is not there
-    const std::string file = root + folder + "/" + program;
-    if (std::filesystem::is_regular_file(file, ignored) && ::access(file.c_str(), X_OK) == 0) {
-      return folder + "/" + program;
+    std::string file = folder;
+    file.append("/").append(program);
+    const std::string place = root + file;
+    if (std::filesystem::is_regular_file(place, ignored) && ::access(place.c_str(), X_OK) == 0) {
+      return file;
     }
   }
   return {};

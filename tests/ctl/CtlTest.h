@@ -1,0 +1,64 @@
+#ifndef TESTS_CTL_CTLTEST_H
+#define TESTS_CTL_CTLTEST_H
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "DockhandServer.h"
+#include "FakePlatform.h"
+#include "Journal.h"
+#include "Program.h"
+#include "SocketDirectory.h"
+#include "TUnixSocket.h"
+#include "usb_rpc_gen_.h"
+
+namespace ctltest {
+
+/// The service over a fake system, in this process. Its threads never end, so there is one for the whole
+/// program, and it is never destroyed.
+struct Service {
+  const SocketDirectory sockets;
+  FakePlatform platform;
+  std::unique_ptr<Dockhand::DockhandServer> server;
+
+  Service();
+};
+
+Service& service();
+
+/// One connection to the service.
+class Connection {
+ public:
+  Connection();
+  ravel::rpc::usb_rpc_gen_Client* operator->() { return &client_; }
+
+ private:
+  std::shared_ptr<ravel::rpc::TUnixSocket> socket_;
+  ravel::rpc::usb_rpc_gen_Client client_;
+};
+
+/// A test that runs the program against the service, which knows no device at its begin.
+class CtlTest : public ::testing::Test {
+ protected:
+  CtlTest();
+  ~CtlTest() override;
+
+  /// A stick called sda1 with a label, a UUID and a FAT file system, of 15267 MiB.
+  static void plugInStick(const std::string& label = "HOLIDAY");
+  static FakePlatform& platform() { return service().platform; }
+  /// The path of a service's socket.
+  static std::string socketOf(int number);
+};
+
+/// The exit code, standard output and standard error of an outcome.
+MATCHER_P3(Ends, exitCode, out, err, "") {
+  return arg.exitCode == exitCode && ::testing::Matches(out)(arg.out) && ::testing::Matches(err)(arg.err);
+}
+
+}  // namespace ctltest
+
+#endif  // TESTS_CTL_CTLTEST_H

@@ -1,0 +1,403 @@
+// The checks of doctor, on systems of our own making; and doctor itself on this one.
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <set>
+
+#include "CtlTest.h"
+#include "FileDescriptor.h"
+#include "doctor/Checks.h"
+
+namespace dockhandctl::doctor {
+
+// For GoogleTest, in messages of failed tests.
+static void PrintTo(const Finding& finding, std::ostream* out) {
+  *out << finding.check << " [" << static_cast<int>(finding.state) << "] " << finding.message << " / "
+       << finding.remedy;
+}
+
+namespace {
+
+namespace filesystem = std::filesystem;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+MATCHER_P2(Is, state, message, "") {
+  return arg.state == state && ::testing::Matches(message)(arg.message) &&
+         arg.remedy.empty() == (state == State::ok);
+}
+
+MATCHER_P3(IsFor, check, state, message, "") {
+  return arg.check == check && ::testing::Matches(Is(state, message))(arg);
+}
+
+class Doctor : public ::testing::Test {
+ protected:
+  Doctor() {
+    std::string name = filesystem::temp_directory_path() / "dockhandctl-test-XXXXXX";
+    if (mkdtemp(name.data()) == nullptr) {
+      throw std::runtime_error("cannot make a directory");
+    }
+    machine.root = name;
+    machine.socket = "/run/ravel/9020.sock";
+    machine.owner = getuid();
+    machine.path = {"/usr/sbin", "/usr/bin"};
+    machine.kernelRelease = "6.1.0";
+    machine.run = [this](const std::vector<std::string>& command) {
+      std::string words;
+      for (const std::string& word : command) {
+        words += (words.empty() ? "" : " ") + word;
+      }
+      commands.push_back(words);
+      for (const auto& [beginning, result] : results) {
+        if (words.rfind(beginning, 0) == 0) {
+          return result;
+        }
+      }
+      return CommandResult{127, ""};
+    };
+    machine.isOnReadOnlyFileSystem = [](const std::string&) { return false; };
+    machine.isBlockDevice = [this](const std::string& file) {
+      return blockDevices.count(file.substr(machine.root.size())) != 0;
+    };
+  }
+  ~Doctor() override { filesystem::remove_all(machine.root); }
+  Doctor(const Doctor&) = delete;
+  Doctor& operator=(const Doctor&) = delete;
+
+  void write(const std::string& path, const std::string& text) const {
+    makeDirectory(filesystem::path(path).parent_path());
+    std::ofstream(machine.root + path) << text;
+  }
+  void makeDirectory(const std::string& path, mode_t mode = 0755) const {
+    filesystem::create_directories(machine.root + path);
+    chmod((machine.root + path).c_str(), mode);
+  }
+  void makeProgram(const std::string& path) const {
+    write(path, "#!/bin/sh\n");
+    chmod((machine.root + path).c_str(), 0755);
+  }
+  void makeSocket(mode_t mode) {
+    makeDirectory("/run/ravel");
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    (machine.root + machine.socket).copy(address.sun_path, sizeof(address.sun_path) - 1);
+    socket.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    chmod((machine.root + machine.socket).c_str(), mode);
+  }
+
+  Machine machine;
+  /// How commands that begin like this end.
+  std::map<std::string, CommandResult> results;
+  std::vector<std::string> commands;
+  std::set<std::string> blockDevices;
+  ravel::rpc::FileDescriptor socket;
+};
+
+TEST_F(Doctor, TellsWhetherTheSocketIsServed) {
+  EXPECT_THAT(checkSocket(machine), ElementsAre(Is(State::ok, HasSubstr("is served"))));
+  machine.connectionError = ENOENT;
+  EXPECT_THAT(checkSocket(machine), ElementsAre(Is(State::problem, HasSubstr("does not exist"))));
+  machine.connectionError = ECONNREFUSED;
+  EXPECT_THAT(checkSocket(machine), ElementsAre(Is(State::problem, HasSubstr("nobody serves"))));
+  machine.connectionError = EACCES;
+  EXPECT_THAT(checkSocket(machine), ElementsAre(Is(State::problem, HasSubstr("may not be connected"))));
+  machine.connectionError = ENOMEM;
+  EXPECT_THAT(checkSocket(machine), ElementsAre(Is(State::problem, HasSubstr("memory"))));
+}
+
+TEST_F(Doctor, WantsTheSocketForRootAndItsGroupOnly) {
+  EXPECT_THAT(checkSocketMode(machine), ElementsAre(Is(State::problem, HasSubstr("No such file"))));
+  makeSocket(0660);
+  EXPECT_THAT(checkSocketMode(machine), ElementsAre(Is(State::ok, HasSubstr("mode 0660"))));
+  chmod((machine.root + machine.socket).c_str(), 0666);
+  EXPECT_THAT(checkSocketMode(machine), ElementsAre(Is(State::problem, HasSubstr("everybody may wipe"))));
+  chmod((machine.root + machine.socket).c_str(), 0660);
+  machine.owner = getuid() + 1;
+  EXPECT_THAT(checkSocketMode(machine), ElementsAre(Is(State::problem, HasSubstr("owner"))));
+}
+
+TEST_F(Doctor, FindsAFileInTheSocketsPlace) {
+  write("/run/ravel/9020.sock", "");
+  EXPECT_THAT(checkSocketMode(machine), ElementsAre(Is(State::problem, HasSubstr("not a socket"))));
+}
+
+TEST_F(Doctor, WantsTheSocketsDirectoryForRootOnly) {
+  EXPECT_THAT(checkSocketDirectory(machine), ElementsAre(Is(State::problem, HasSubstr("No such file"))));
+  makeDirectory("/run/ravel");
+  EXPECT_THAT(checkSocketDirectory(machine), ElementsAre(Is(State::ok, HasSubstr("mode 0755"))));
+  makeDirectory("/run/ravel", 0775);
+  EXPECT_THAT(checkSocketDirectory(machine),
+              ElementsAre(Is(State::problem, HasSubstr("in the daemon's place"))));
+  makeDirectory("/run/ravel");
+  machine.owner = getuid() + 1;
+  EXPECT_THAT(checkSocketDirectory(machine), ElementsAre(Is(State::problem, HasSubstr("owner"))));
+}
+
+TEST_F(Doctor, WantsMediaToBeWritable) {
+  EXPECT_THAT(checkMedia(machine), ElementsAre(Is(State::problem, HasSubstr("not a directory"))));
+  makeDirectory("/media");
+  EXPECT_THAT(checkMedia(machine), ElementsAre(Is(State::ok, HasSubstr("/media"))));
+  makeDirectory("/media", 0555);
+  EXPECT_THAT(checkMedia(machine), ElementsAre(Is(State::warning, HasSubstr("not the daemon's"))));
+  makeDirectory("/media");
+  machine.isOnReadOnlyFileSystem = [this](const std::string& path) {
+    return path == machine.root + "/media";
+  };
+  EXPECT_THAT(checkMedia(machine), ElementsAre(Is(State::problem, HasSubstr("read-only"))));
+}
+
+TEST_F(Doctor, SaysWhosePathItLooksAt) {
+  EXPECT_THAT(checkPath(machine), ElementsAre(Is(State::ok, HasSubstr("the daemon looks"))));
+  machine.pathIsDaemons = false;
+  machine.reasonForOtherPath = "the daemon was not found";
+  EXPECT_THAT(checkPath(machine), ElementsAre(Is(State::warning, HasSubstr("the daemon was not found"))));
+}
+
+TEST_F(Doctor, SplitsAPath) {
+  EXPECT_THAT(splitPath("/a:/b/c"), ElementsAre("/a", "/b/c"));
+  EXPECT_THAT(splitPath("/a::/b"), ElementsAre("/a", ".", "/b"));
+}
+
+TEST_F(Doctor, LooksForEachToolInThePath) {
+  makeProgram("/usr/bin/dd");
+  write("/usr/bin/rm", "");  // may not be executed
+  makeProgram("/opt/sfdisk");
+  const Findings findings = checkTools(machine);
+  EXPECT_THAT(findings, Contains(IsFor("dd", State::ok, "/usr/bin/dd")));
+  EXPECT_THAT(findings, Contains(IsFor("rm", State::problem, HasSubstr("not in the PATH"))));
+  for (const std::string tool :
+       {"umount", "sfdisk", "fdisk", "mkfs.xfs", "xfs_repair", "logger", "readUsbVersion.sh"}) {
+    EXPECT_THAT(findings, Contains(IsFor(tool, State::problem, HasSubstr("not in the PATH"))));
+  }
+  EXPECT_THAT(findings, Contains(IsFor("udevadm", State::ok, HasSubstr("not in the PATH"))));
+}
+
+TEST_F(Doctor, TriesTheDaemonsFdiskCommandOnAFile) {
+  makeProgram("/usr/sbin/fdisk");
+  machine.run = [](const std::vector<std::string>& command) {
+    EXPECT_EQ(command.at(2), R"(echo -e 'n\np\n1\n\n\nw' | fdisk "$1")");
+    std::fstream disk(command.at(4), std::ios::in | std::ios::out | std::ios::binary);
+    disk.seekp(446 + 4);
+    disk.put('\x83');
+    return CommandResult{0, ""};
+  };
+  EXPECT_THAT(checkPartitioning(machine), ElementsAre(Is(State::ok, HasSubstr("/usr/sbin/fdisk makes the"))));
+}
+
+TEST_F(Doctor, TellsWhyFdiskMakesNoPartition) {
+  EXPECT_THAT(checkPartitioning(machine), ElementsAre(Is(State::problem, HasSubstr("there is no fdisk"))));
+  makeProgram("/usr/sbin/fdisk");
+  results["/bin/sh -c echo -e 'n\\np"] = {0, ""};
+  results["/bin/sh -c echo -e 'n'"] = {0, "-e n\n"};
+  EXPECT_THAT(checkPartitioning(machine), ElementsAre(Is(State::problem, HasSubstr("prints the -e"))));
+  results["/bin/sh -c echo -e 'n'"] = {0, "n\n"};
+  EXPECT_THAT(checkPartitioning(machine), ElementsAre(Is(State::problem, HasSubstr("makes no partition"))));
+}
+
+TEST_F(Doctor, TriesTheDaemonsMkfsOptions) {
+  EXPECT_THAT(checkFormatting(machine), ElementsAre(Is(State::problem, HasSubstr("there is no mkfs.xfs"))));
+  makeProgram("/usr/sbin/mkfs.xfs");
+  results["mkfs.xfs -N -f -l lazy-count=0 -L PVR_DISK /"] = {0, "meta-data=..."};
+  EXPECT_THAT(checkFormatting(machine), ElementsAre(Is(State::ok, HasSubstr("/usr/sbin/mkfs.xfs takes"))));
+  results = {{"mkfs.xfs", {1, "Lazy superblock counters always enabled\nUsage: mkfs.xfs\n"}}};
+  EXPECT_THAT(
+      checkFormatting(machine),
+      ElementsAre(Is(State::problem, HasSubstr("lazy-count=0): Lazy superblock counters always enabled"))));
+}
+
+TEST_F(Doctor, RemovesTheFilesThatItTriesDisksToolsOn) {
+  makeProgram("/usr/sbin/mkfs.xfs");
+  std::string file;
+  machine.run = [&file](const std::vector<std::string>& command) {
+    file = command.back();
+    EXPECT_EQ(filesystem::file_size(file), std::uintmax_t{512} << 20);
+    return CommandResult{0, ""};
+  };
+  checkFormatting(machine);
+  EXPECT_FALSE(filesystem::exists(file));
+}
+
+class DoctorOnKernels : public Doctor {
+ protected:
+  void setFileSystems(const std::string& text) const { write("/proc/filesystems", text); }
+  void configure(const std::string& text) const { write("/boot/config-6.1.0", text); }
+  Finding fileSystem(const std::string& name) {
+    for (const Finding& finding : checkFileSystems(machine)) {
+      if (finding.check == name) {
+        return finding;
+      }
+    }
+    throw std::runtime_error("no finding for " + name);
+  }
+
+  const std::string all = "nodev\tproc\n\tvfat\n\tntfs\n\text3\n\thfs\n\thfsplus\n\txfs\n";
+};
+
+TEST_F(DoctorOnKernels, FindsMissingFileSystems) {
+  setFileSystems("nodev\tproc\n\text4\n");
+  for (const std::string name : {"vfat", "ntfs", "ext3", "hfs", "hfsplus", "xfs"}) {
+    EXPECT_THAT(fileSystem(name), Is(State::problem, HasSubstr("the kernel has no " + name))) << name;
+  }
+}
+
+TEST_F(DoctorOnKernels, SaysThatNtfs3IsNotTried) {
+  setFileSystems("\tntfs3\n");
+  EXPECT_THAT(fileSystem("ntfs"), Is(State::problem, HasSubstr("ntfs3, which is not tried")));
+}
+
+TEST_F(DoctorOnKernels, TakesModulesThatTheKernelWouldLoadForPresent) {
+  setFileSystems("");
+  results["/sbin/modprobe -n -q fs-ext3"] = {0, ""};
+  EXPECT_THAT(fileSystem("ext3"), Is(State::ok, HasSubstr("mounts it")));
+}
+
+TEST_F(DoctorOnKernels, LooksAtTheMountOptions) {
+  setFileSystems(all);
+  configure("CONFIG_XFS_QUOTA=y\nCONFIG_NLS_UTF8=m\nCONFIG_NLS_CODEPAGE_437=y\nCONFIG_NLS_ASCII=m\n");
+  EXPECT_THAT(fileSystem("vfat"), Is(State::ok, HasSubstr("utf8")));
+  EXPECT_THAT(fileSystem("ntfs"), Is(State::ok, HasSubstr("nls=utf8")));
+  EXPECT_THAT(fileSystem("hfs"), Is(State::warning, HasSubstr("does not know the mount option")));
+  EXPECT_THAT(fileSystem("hfsplus"), Is(State::ok, HasSubstr("nls=utf8")));
+  EXPECT_THAT(fileSystem("xfs"), Is(State::ok, HasSubstr("prjquota")));
+}
+
+TEST_F(DoctorOnKernels, FindsWhatWasNotConfigured) {
+  setFileSystems(all);
+  configure("# CONFIG_XFS_QUOTA is not set\n# CONFIG_NLS_UTF8 is not set\n");
+  EXPECT_THAT(fileSystem("vfat"), Is(State::warning, HasSubstr("character tables")));
+  EXPECT_THAT(fileSystem("ntfs"), Is(State::problem, HasSubstr("nls=utf8")));
+  EXPECT_THAT(fileSystem("hfsplus"), Is(State::problem, HasSubstr("nls=utf8")));
+  EXPECT_THAT(fileSystem("xfs"), Is(State::problem, HasSubstr("prjquota")));
+}
+
+TEST_F(DoctorOnKernels, SaysWhatItCannotTell) {
+  setFileSystems(all);
+  EXPECT_THAT(fileSystem("ntfs"), Is(State::warning, HasSubstr("cannot tell")));
+  EXPECT_THAT(fileSystem("hfsplus"), Is(State::warning, HasSubstr("cannot tell")));
+  EXPECT_THAT(fileSystem("xfs"), Is(State::warning, HasSubstr("cannot tell")));
+}
+
+TEST_F(DoctorOnKernels, ReadsTheConfigurationThatTheKernelHasInItself) {
+  setFileSystems(all);
+  write("/proc/config.gz", "compressed");
+  results["gzip -d -c " + machine.root + "/proc/config.gz"] = {0, "CONFIG_A=y\nCONFIG_XFS_QUOTA=y\n"};
+  EXPECT_THAT(fileSystem("xfs"), Is(State::ok, HasSubstr("prjquota")));
+}
+
+TEST_F(Doctor, LooksForTheUdevRules) {
+  EXPECT_THAT(checkUdevRules(machine), ElementsAre(Is(State::warning, HasSubstr("not installed"))));
+  write("/usr/lib/udev/rules.d/60-dockhand.rules", "");
+  EXPECT_THAT(checkUdevRules(machine), ElementsAre(Is(State::ok, HasSubstr("/usr/lib/udev/rules.d"))));
+}
+
+TEST_F(Doctor, FindsNodesThatAreNoBlockDevices) {
+  EXPECT_THAT(checkNodes(machine), ElementsAre(Is(State::problem, HasSubstr("/dev cannot be read"))));
+  makeDirectory("/dev");
+  write("/dev/sda", "");
+  EXPECT_THAT(checkNodes(machine), ElementsAre(Is(State::ok, HasSubstr("nothing is plugged in"))));
+  write("/dev/usb_storage_sda", "");
+  blockDevices.insert("/dev/usb_storage_sda");
+  EXPECT_THAT(checkNodes(machine), ElementsAre(Is(State::ok, HasSubstr("block devices only"))));
+  write("/dev/old-usb_storage_sdb", "");
+  EXPECT_THAT(checkNodes(machine),
+              ElementsAre(Is(State::problem, HasSubstr("/dev/old-usb_storage_sdb is no block device"))));
+}
+
+TEST_F(Doctor, MeasuresTheMountTableOfTheDaemon) {
+  machine.daemon = 42;
+  EXPECT_THAT(checkMountTable(machine), ElementsAre(Is(State::problem, HasSubstr("no mount table"))));
+  write("/proc/42/mounts", std::string("none / ") + std::string(200, 'x') + "\n");
+  EXPECT_THAT(checkMountTable(machine),
+              ElementsAre(Is(State::ok, HasSubstr("the daemon's mount table has 208"))));
+  write("/proc/42/mounts", std::string("none / ") + std::string(900, 'x') + "\n");
+  EXPECT_THAT(checkMountTable(machine), ElementsAre(Is(State::warning, HasSubstr("one more device only"))));
+  write("/proc/42/mounts", std::string("none / ") + std::string(1000, 'x') + "\n");
+  EXPECT_THAT(checkMountTable(machine), ElementsAre(Is(State::problem, HasSubstr("will lie beyond"))));
+}
+
+TEST_F(Doctor, FindsADeviceBeyondThePartOfTheMountTableThatIsRead) {
+  const std::string stick = "/dev/usb_storage_sda1 /media/disk_1 vfat rw 0 0\n";
+  const std::size_t upToBlank = stick.find(" vfat") + 1;
+  machine.daemon = 42;
+  const auto tableWithStickAt = [&](std::size_t offset) {
+    return std::string(offset - 1, 'x') + "\n" + stick;
+  };
+  write("/proc/42/mounts", tableWithStickAt(1024 - upToBlank));
+  EXPECT_THAT(checkMountTable(machine), ElementsAre(Is(State::problem, HasSubstr("the next device"))));
+  write("/proc/42/mounts", tableWithStickAt(1024 - upToBlank + 1));
+  EXPECT_THAT(checkMountTable(machine),
+              ElementsAre(Is(State::problem, HasSubstr("/media/disk_1 lies beyond"))));
+}
+
+TEST_F(Doctor, FallsBackOnItsOwnMountTable) {
+  write("/proc/self/mounts", "none / overlay rw 0 0\n");
+  EXPECT_THAT(checkMountTable(machine), ElementsAre(Is(State::ok, HasSubstr("our own mount table"))));
+}
+
+TEST_F(Doctor, FindsALogFileThatIsNotTheDaemons) {
+  EXPECT_THAT(checkLogFile(machine), ElementsAre(Is(State::ok, HasSubstr("will be made"))));
+  write("/tmp/Dockhand.log", "");
+  EXPECT_THAT(checkLogFile(machine), ElementsAre(Is(State::ok, HasSubstr("is the daemon's"))));
+  machine.owner = getuid() + 1;
+  EXPECT_THAT(checkLogFile(machine), ElementsAre(Is(State::problem, HasSubstr("belongs to user"))));
+  filesystem::remove(machine.root + "/tmp/Dockhand.log");
+  filesystem::create_symlink("/etc/passwd", machine.root + "/tmp/Dockhand.log");
+  EXPECT_THAT(checkLogFile(machine), ElementsAre(Is(State::problem, HasSubstr("no regular file"))));
+}
+
+class DoctorProgram : public ctltest::CtlTest {};
+
+nlohmann::json checkOf(const nlohmann::json& report, const std::string& name) {
+  for (const auto& check : report.at("checks")) {
+    if (check.at("check") == name) {
+      return check;
+    }
+  }
+  throw std::runtime_error("no check " + name);
+}
+
+TEST_F(DoctorProgram, FindsTheDaemonAndItsPath) {
+  const ctltest::Outcome outcome = ctltest::run({"doctor", "--json"});
+  const auto report = nlohmann::json::parse(outcome.out);
+  EXPECT_EQ(checkOf(report, "socket").at("state"), "ok");
+  EXPECT_THAT(checkOf(report, "path").at("message").get<std::string>(), HasSubstr("the daemon looks"));
+  EXPECT_EQ(outcome.exitCode, report.at("ok").get<bool>() ? 0 : 1);
+}
+
+TEST_F(DoctorProgram, LooksAtItsOwnPathWithoutADaemon) {
+  const std::string directory = ctltest::service().sockets.path() / "none";
+  const ctltest::Outcome outcome =
+      ctltest::run({"doctor"}, {{{"RAVEL_SOCKET_DIR", directory}, {"PATH", "/nowhere"}}});
+  EXPECT_EQ(outcome.exitCode, 1);
+  EXPECT_THAT(outcome.out,
+              HasSubstr("problem  socket: " + directory + "/9020.sock does not exist. To mend it: start"));
+  EXPECT_THAT(outcome.out, HasSubstr("warning  path: tools are looked for in our own PATH, /nowhere,"));
+  EXPECT_THAT(outcome.out, HasSubstr("problem  mkfs.xfs: not in the PATH"));
+}
+
+TEST_F(DoctorProgram, IsContentWhenAllThatIsWrongIsIgnored) {
+  const auto report = nlohmann::json::parse(ctltest::run({"doctor", "--json"}).out);
+  ctltest::Arguments arguments = {"doctor"};
+  for (const auto& check : report.at("checks")) {
+    if (check.at("state") != "ok") {
+      arguments.insert(arguments.end(), {"--ignore", check.at("check")});
+    }
+  }
+  EXPECT_EQ(ctltest::run(arguments).exitCode, 0);
+}
+
+}  // namespace
+}  // namespace dockhandctl::doctor
