@@ -102,7 +102,8 @@ def print_summary(results):
     sys.exit(0 if counts['failed'] == 0 and counts['passed'] > 0 else 1)
 
 
-commands = {'gtest': gtest, 'unittest': run_unittest, 'add': add, 'print': print_summary}
-if len(sys.argv) < 3 or sys.argv[1] not in commands:
-    sys.exit(__doc__)
-commands[sys.argv[1]](*sys.argv[2:])
+if __name__ == '__main__':
+    commands = {'gtest': gtest, 'unittest': run_unittest, 'add': add, 'print': print_summary}
+    if len(sys.argv) < 3 or sys.argv[1] not in commands:
+        sys.exit(__doc__)
+    commands[sys.argv[1]](*sys.argv[2:])

@@ -30,7 +30,12 @@ class DaemonTestCase(testcase.MachineTestCase):
     def finish_announcements(self):
         """Waits until the daemon, or nobody where there is none, has been told of every stick."""
         self.machine.settle()
-        self.machine.check("test ! -e /run/dockhand || flock /run/dockhand/plug-events.lock true")
+        if self.init == "systemd":
+            self.machine.check("until test -z \"$(systemctl list-jobs --no-legend)\"; do sleep 0.05; done",
+                               timeout=120)
+        else:
+            self.machine.check("test ! -e /run/dockhand || flock /run/dockhand/plug-events.lock true",
+                               timeout=120)
 
     def start_daemon(self, level="2"):
         self.machine.check(["rm", "-f", DAEMON_LOG])

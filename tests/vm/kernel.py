@@ -54,13 +54,21 @@ def _package(folder):
     given = os.environ.get("DOCKHAND_VM_KERNEL_DEB")
     if given:
         return given
-    depends = _output(["apt-cache", "depends", "--no-recommends", "--no-suggests", KERNEL_PACKAGE])
-    found = re.search(r"Depends: (linux-image-6\.1\.\S+)", depends)
-    if not found:
-        raise RuntimeError(f"{KERNEL_PACKAGE} depends on no linux-image-6.1: {depends}")
-    subprocess.run(["apt-get", "-q", "-o", "APT::Sandbox::User=root", "download", found[1]], cwd=folder,
-                   check=True, stdout=subprocess.DEVNULL)
+    versioned = _versioned_package()
+    if not versioned and os.geteuid() == 0:
+        _output(["apt-get", "-q", "update"])
+        versioned = _versioned_package()
+    if not versioned:
+        raise RuntimeError(f"apt knows no {KERNEL_PACKAGE} of Linux 6.1: apt-get update may help")
+    _output(["apt-get", "-q", "-o", "APT::Sandbox::User=root", "download", versioned], cwd=folder)
     return next(os.path.join(folder, name) for name in os.listdir(folder) if name.endswith(".deb"))
+
+
+def _versioned_package():
+    depends = subprocess.run(["apt-cache", "depends", "--no-recommends", "--no-suggests", KERNEL_PACKAGE],
+                             check=False, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True).stdout
+    found = re.search(r"Depends: (linux-image-6\.1\.\S+)", depends)
+    return found[1] if found else ""
 
 
 def _unpack(package, folder):
@@ -151,5 +159,9 @@ def _cpio_entry(name, mode, content):
     return header + bytes(-len(header) % 4) + content + bytes(-len(content) % 4)
 
 
-def _output(command):
-    return subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True).stdout
+def _output(command, cwd=None):
+    done = subprocess.run(command, cwd=cwd, check=False, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                          text=True)
+    if done.returncode != 0:
+        raise RuntimeError(f"{' '.join(command)}: status {done.returncode}\n{done.stdout}")
+    return done.stdout

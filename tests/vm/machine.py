@@ -18,6 +18,8 @@ FOLDER = os.path.dirname(os.path.abspath(__file__))
 CHECKOUT = os.path.dirname(os.path.dirname(FOLDER))
 BUILD = os.environ.get("DOCKHAND_VM_BUILD", os.path.join(CHECKOUT, "build", "vm"))
 
+INIT_SCRIPT = os.path.join(FOLDER, "guest-init.sh")
+
 BOOT_SECONDS = 240
 ANSWER_SECONDS = 60
 
@@ -100,7 +102,7 @@ class Machine:
         self._agent = _Lines()
         self._monitor = _Lines()
         started = time.monotonic()
-        image = kernel.ensure(BUILD, os.path.join(FOLDER, "guest-init.sh"))
+        image = kernel.ensure(BUILD, INIT_SCRIPT)
         self._process = self._launch(image, programs)
         try:
             self._await_boot()
@@ -273,6 +275,10 @@ class Machine:
 
     def sticks(self):
         return list(self._sticks.values())
+
+    def event_count(self):
+        """How many events udev has handled; a stick's `first_event` may be set to it."""
+        return self._ask("event_count", 0)
 
     def wait_event(self, stick, action, name, timeout=60):
         """Waits for an event that udev has handled since the last thing done to `stick`; its properties."""

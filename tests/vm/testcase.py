@@ -13,6 +13,7 @@ import machine
 PROGRAMS = os.environ.get("DOCKHAND_VM_PROGRAMS", os.path.join(machine.CHECKOUT, "build", "image"))
 
 _machines = {}
+_boot_failures = {}
 _images = []
 kept_logs = []
 
@@ -30,9 +31,13 @@ def _image():
 def _shared_machine(init, installed):
     kind = (init, installed)
     if kind not in _machines:
-        # One at a time: the cases come sorted, and a machine takes half a gigabyte.
-        _close_machines()
-        _machines[kind] = machine.Machine(init=init, programs=_image() if installed else "")
+        if kind in _boot_failures:
+            raise machine.MachineError(f"did not boot before: {_boot_failures[kind]}")
+        try:
+            _machines[kind] = machine.Machine(init=init, programs=_image() if installed else "")
+        except Exception as error:
+            _boot_failures[kind] = str(error).partition("\n")[0]
+            raise
     return _machines[kind]
 
 

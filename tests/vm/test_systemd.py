@@ -1,0 +1,188 @@
+"""The daemon's unit, and the rules and units around it, under systemd."""
+
+import json
+import os
+import signal
+
+import daemon
+import disks
+
+SOCKET = "/run/ravel/9020.sock"
+DROP_INS = "/run/systemd/system/dockhand.service.d"
+
+# As the kernel numbers them.
+CAPABILITIES = {"CHOWN": 0, "DAC_OVERRIDE": 1, "DAC_READ_SEARCH": 2, "FOWNER": 3, "SYS_RAWIO": 17,
+                "SYS_ADMIN": 21}
+
+ERROR, WARNING, NOTICE = "3", "4", "5"
+
+
+class Unit(daemon.DaemonTestCase):
+    init = "systemd"
+
+    def setUp(self):
+        super().setUp()
+        self.machine.check(["systemd-sysusers"])
+        self.addCleanup(self.stop_unit)
+
+    def start_unit(self):
+        self.machine.check(["systemctl", "start", "dockhand"])
+        self.await_daemon()
+
+    def stop_unit(self):
+        self.machine.check(["systemctl", "stop", "dockhand"])
+        # Many starts in a short time are not the daemon's fault here.
+        self.machine.run(["systemctl", "reset-failed", "dockhand"])
+
+    def main_pid(self):
+        return int(self.machine.check(["systemctl", "show", "--property=MainPID", "--value", "dockhand"]))
+
+    def status_of(self, pid):
+        lines = self.machine.get(f"/proc/{pid}/status").decode().splitlines()
+        return {name: value.strip() for name, _, value in (line.partition(":") for line in lines)}
+
+    def plug(self, *events, image=None):
+        """Plugs a stick in, which becomes device 1; `events` have been observed before."""
+        stick = self.machine.plug(image or disks.make_partitioned(self.folder, ["vfat"], "MUSIC"))
+        self.wait_observed(*events, ("added", 1))
+        return stick
+
+    def lengthen_mount_table(self):
+        """Also with a directory on which two are mounted, as full systems have them."""
+        self.addCleanup(self.machine.check, "for n in 20 $(seq 20); do umount /mnt/filler-$n; done")
+        self.machine.check("for n in $(seq 20) 20; do mkdir -p /mnt/filler-$n && "
+                           "mount -t tmpfs filler /mnt/filler-$n; done")
+        self.assertGreater(len(self.machine.get("/proc/1/mounts")), 1024)
+
+    def system_mounts(self):
+        lines = self.machine.get("/proc/1/mounts").decode().splitlines()
+        return [directory for directory in (line.split(" ")[1] for line in lines) if directory != "/media"]
+
+    def test_a_stick_is_served_and_its_mount_seen_by_the_system(self):
+        self.start_unit()
+        self.watch()
+        stick = self.plug()
+        self.assert_ctl(0, "open", 1)
+        self.assert_mounted("/media/disk_1", "vfat", "rw")
+        self.assertEqual(self.mounts(1), self.mounts())
+        self.assertEqual(self.ask("usb-version", 1)["usbVersion"], "3.00")
+        self.assert_ctl(0, "close", 1)
+        self.assertEqual(self.mounts(1), [])
+        self.assert_ctl(0, "open", 1)
+        self.machine.unplug(stick)
+        self.wait_observed(("added", 1), ("removed", 1))
+        self.assertEqual(self.mounts(1), [])
+        self.assertEqual(self.devices(), [])
+
+    def test_closing_unmounts_also_where_the_mount_table_is_long(self):
+        self.lengthen_mount_table()
+        before = self.system_mounts()
+        self.start_unit()
+        # What the launcher takes away is taken from the daemon only.
+        self.assertEqual(self.system_mounts(), before)
+        self.watch()
+        stick = self.plug()
+        self.assert_ctl(0, "open", 1)
+        daemon_pid = self.main_pid()
+        self.assertEqual([mount[1] for mount in self.mounts(1)], ["/media/disk_1"])
+        self.assertEqual(self.mounts(daemon_pid), self.mounts(1))
+        self.assertLess(len(self.machine.get(f"/proc/{daemon_pid}/mounts")), 1024)
+        self.machine.put("/media/disk_1/song.mp3", b"la la la")
+        self.assertEqual(self.names_of_files(1, "mp3"), ["song.mp3"])
+
+        self.assert_ctl(0, "close", 1)
+        self.assertEqual(self.mounts(1), [])
+        self.assertEqual(self.mounts(daemon_pid), [])
+        # The same for a stick that is pulled.
+        self.assert_ctl(0, "open", 1)
+        self.machine.unplug(stick)
+        self.wait_observed(("added", 1), ("removed", 1))
+        self.assertEqual(self.mounts(1), [])
+        self.assertEqual(self.mounts(daemon_pid), [])
+
+    def test_without_the_launcher_closing_finds_no_mount_in_a_long_table(self):
+        self.lengthen_mount_table()
+        self.addCleanup(self.machine.check, f"rm -r {DROP_INS} && systemctl daemon-reload")
+        self.machine.put(f"{DROP_INS}/direct.conf", b"[Service]\nExecStart=\nExecStart=/usr/sbin/dockhand\n")
+        self.machine.check(["systemctl", "daemon-reload"])
+        self.start_unit()
+        self.watch()
+        self.plug()
+        self.assert_ctl(0, "open", 1)
+        self.assert_ctl(0, "close", 1)
+        self.assertEqual([mount[1] for mount in self.mounts(1)], ["/media/disk_1"])
+
+    def test_a_killed_daemon_comes_back_and_opens_its_stick_again(self):
+        self.start_unit()
+        self.watch()
+        self.plug()
+        self.assert_ctl(0, "open", 1)
+        before = self.main_pid()
+        self.machine.check(["kill", f"-{int(signal.SIGKILL)}", str(before)])
+        self.machine.check(f"while pid=$(systemctl show --property=MainPID --value dockhand); "
+                           f"test $pid = 0 || test $pid = {before}; do sleep 0.1; done", timeout=120)
+        self.await_daemon()
+        self.assertEqual(self.devices(), [1])
+        self.assert_ctl(1, "is-open", 1)
+        self.assert_ctl(0, "open", 1)
+        self.assert_mounted("/media/disk_1", "vfat")
+        self.assertEqual(self.mounts(1), self.mounts())
+
+    def test_members_of_the_group_are_served_and_others_are_not(self):
+        self.start_unit()
+        self.assertEqual(self.machine.check(["stat", "-c", "%U %G %a", SOCKET]), "root dockhand 660\n")
+        somebody = ["setpriv", "--reuid=nobody", "--regid=nogroup"]
+        outside = self.machine.run([*somebody, "--clear-groups", "dockhandctl", "list"])
+        self.assertEqual(outside.status, 4, outside)
+        self.assertIn("ermission", outside.stderr)
+        inside = self.machine.run([*somebody, "--groups=dockhand", "dockhandctl", "list"])
+        self.assertEqual(inside.status, 0, inside)
+
+    def test_the_journal_has_the_lines_with_their_priorities(self):
+        self.start_unit()
+        self.watch()
+        self.plug()
+        self.assert_ctl(0, "open", 1)
+        self.assert_ctl(0, "close", 1)
+        self.assert_ctl(1, "repair", 1)
+        self.assert_ctl(1, "call", "RunDiskRepair", 99)
+        self.machine.check(["journalctl", "--sync"])
+        lines = self.machine.check(["journalctl", "--unit=dockhand", "--output=json",
+                                    f"_PID={self.main_pid()}"]).splitlines()
+        entries = [json.loads(line) for line in lines]
+        self.assertEqual({entry["SYSLOG_IDENTIFIER"] for entry in entries}, {"dockhand"})
+        for text, priority in (("OpenDeviceAt(1, /media/disk_1, isPvrDevice=0)", NOTICE),
+                               ("repair not supported for: vfat", WARNING),
+                               ("RunDiskRepair(99) - Unknown device!", ERROR)):
+            found = [entry["PRIORITY"] for entry in entries if entry["MESSAGE"].endswith(text)]
+            self.assertEqual(found, [priority], text)
+
+    def test_recording_disks_are_prepared_and_repaired_in_the_hardened_unit(self):
+        self.start_unit()
+        status = self.status_of(self.main_pid())
+        self.assertEqual(status["NoNewPrivs"], "1")
+        self.assertEqual(status["Seccomp"], "2")
+        bounds = sum(1 << number for number in CAPABILITIES.values())
+        self.assertEqual(int(status["CapBnd"], 16), bounds)
+        self.assertEqual(int(status["CapEff"], 16), bounds)
+
+        self.watch()
+        image = disks.make_partitioned(self.folder, ["vfat"], "MOVIES")
+        os.truncate(image, 400 * disks.MIB)
+        stick = self.plug(image=image)
+        self.assert_ctl(0, "prepare", 1, "--yes", timeout=300)
+        self.finish_announcements()
+        self.assertEqual(self.observed(), [("added", 1)])
+        self.assertEqual(self.devices(), [1])
+        self.assertEqual(self.ask("label", 1)["label"], "MOVIES")
+        self.assert_ctl(0, "open", 1, "--pvr")
+        self.assert_mounted("/media/disk_1", "xfs", "rw", "prjquota")
+        self.machine.put("/media/disk_1/recording.ts", b"film")
+        self.assert_ctl(0, "close", 1)
+        self.assert_ctl(0, "repair", 1, timeout=300)
+        self.assert_ctl(0, "open", 1, "--pvr")
+        self.assertEqual(self.machine.get("/media/disk_1/recording.ts"), b"film")
+        # The unit that announced the first partition of that name is bound to the second one.
+        self.machine.unplug(stick)
+        self.wait_observed(("added", 1), ("removed", 1))
+        self.assertEqual(self.mounts(1), [])
