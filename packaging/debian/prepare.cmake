@@ -1,0 +1,15 @@
+# Run by CPack on what is about to be packed, for what it does not do itself: manual pages are compressed, libraries lose
+# their debug symbols, and the files of a package that is built twice have the same times.
+file(GLOB_RECURSE pages ${CPACK_TEMPORARY_DIRECTORY}/*/usr/share/man/*)
+list(FILTER pages EXCLUDE REGEX "\\.gz$")
+foreach(page IN LISTS pages)
+  execute_process(COMMAND gzip -9n ${page} COMMAND_ERROR_IS_FATAL ANY)
+endforeach()
+file(GLOB_RECURSE libraries ${CPACK_TEMPORARY_DIRECTORY}/*/usr/lib/*.a)
+foreach(library IN LISTS libraries)
+  execute_process(COMMAND strip --strip-debug --enable-deterministic-archives ${library} COMMAND_ERROR_IS_FATAL ANY)
+endforeach()
+if(DEFINED ENV{SOURCE_DATE_EPOCH})
+  execute_process(COMMAND find ${CPACK_TEMPORARY_DIRECTORY} -exec touch -h -d @$ENV{SOURCE_DATE_EPOCH} {} +
+                  COMMAND_ERROR_IS_FATAL ANY)
+endif()
