@@ -1,0 +1,90 @@
+// Raw bytes as the media service's answers to callbacks, through the client's own transport and protocol: a
+// call returns or fails, and after whatever is no answer the next one is made on a new connection.
+
+#include <thrift/TApplicationException.h>
+#include <thrift/protocol/TBinaryProtocol.h>
+#include <thrift/transport/TBufferTransports.h>
+
+#include <chrono>
+
+#include "Fuzzing.h"
+#include "corvane_rpc_gen_.h"
+#include "thrift_client.h"
+
+using apache::thrift::TApplicationException;
+using apache::thrift::TException;
+using apache::thrift::protocol::TBinaryProtocol;
+using apache::thrift::transport::TMemoryBuffer;
+using apache::thrift::transport::TVirtualTransport;
+
+namespace {
+
+std::string goodAnswer() {
+  const auto wire = std::make_shared<TMemoryBuffer>();
+  TBinaryProtocol writer(wire);
+  writer.writeMessageBegin("SendUsbAddedCallback", apache::thrift::protocol::T_REPLY, 0);
+  writer.writeFieldStop();
+  return wire->getBufferAsString();
+}
+
+/// Stands in for the client's socket: the first connection delivers the input, every later one a good answer.
+class AnswerSocket : public TVirtualTransport<AnswerSocket> {
+ public:
+  AnswerSocket(const std::string& /*host*/, int /*number*/) {}
+
+  static std::string input;
+  static int opened;
+
+  void setConnTimeout(int /*milliseconds*/) {}
+  void setRecvTimeout(int /*milliseconds*/) {}
+  void setSendTimeout(int /*milliseconds*/) {}
+  void setDeadline(std::chrono::steady_clock::time_point /*deadline*/) {}
+  bool isOpen() const override { return isOpen_; }
+  void close() override { isOpen_ = false; }
+  void open() override {
+    isOpen_ = true;
+    answers_ = opened++ == 0 ? input : goodAnswer();
+  }
+  std::uint32_t read(std::uint8_t* buffer, std::uint32_t length) {
+    const std::size_t count = answers_.copy(reinterpret_cast<char*>(buffer), length, position_);
+    position_ += count;
+    return static_cast<std::uint32_t>(count);
+  }
+  void write(const std::uint8_t* /*buffer*/, std::uint32_t /*length*/) {}
+
+ private:
+  bool isOpen_ = false;
+  std::string answers_;
+  std::size_t position_ = 0;
+};
+
+std::string AnswerSocket::input;
+int AnswerSocket::opened = 0;
+
+using MediaClient = ravel::rpc::thrift_client<ravel::rpc::corvane_rpc_gen_Client, 9014, AnswerSocket>;
+
+/// True when the service answered, be it with a failure.
+bool isAnswered(MediaClient& client) {
+  try {
+    client.call([](ravel::rpc::corvane_rpc_gen_Client& service) { service.SendUsbAddedCallback(1, 2, 3); });
+    return true;
+  } catch (const TApplicationException&) {
+    return true;
+  } catch (const TException&) {
+    return false;
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  AnswerSocket::input = fuzz::textOf(data, size);
+  AnswerSocket::opened = 0;
+  MediaClient client;
+  while (isAnswered(client)) {
+    fuzz::require(AnswerSocket::opened == 1, "an answered call leaves its connection for the next one");
+  }
+  fuzz::require(AnswerSocket::opened == 1, "a call that is not answered is not made again");
+  fuzz::require(isAnswered(client) && AnswerSocket::opened == 2, "the next call is made on a new connection");
+  return 0;
+}

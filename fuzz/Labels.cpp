@@ -1,0 +1,96 @@
+// Volume labels, which anybody can write on a disk, through the preparation of a recording disk: the command
+// line that root's shell is given is then run by a real shell among programs that only record. Nothing but
+// mkfs.xfs runs, once, and the label is the one that the disk is to have.
+//
+// The input is the label, as libblkid hands it out: without NUL bytes.
+
+#include "Fuzzing.h"
+#include "ShellBox.h"
+
+namespace {
+
+/// The longest beginning of 11 bytes or less that ends where a UTF-8 character ends. A text with more than
+/// three continuation bytes in a row is none, and cut anywhere.
+std::string cut(const std::string& label) {
+  const auto continues = [&](std::size_t at) {
+    return at < label.size() && static_cast<unsigned char>(label[at]) >> 6 == 2;
+  };
+  for (std::size_t end : {11U, 10U, 9U, 8U}) {
+    if (!continues(end)) {
+      return label.substr(0, end);
+    }
+  }
+  return label.substr(0, 11);
+}
+
+/// The label that the recording disk is to have.
+std::string newLabel(const std::string& label) {
+  if (label.size() < 2 || label == "NONAME" || label == "New Volume" || label == "KRX_LOGS") {
+    return "PVR_DISK";
+  }
+  std::string printable;
+  for (const char c : cut(label)) {
+    if (static_cast<unsigned char>(c) >= ' ' && c != '\x7f') {
+      printable += c;
+    }
+  }
+  return printable.empty() ? "PVR_DISK" : printable;
+}
+
+/// The command line, with its output in another file than /tmp/Dockhand.log.
+std::string withOutput(const std::string& commandLine, const std::string& file) {
+  const std::string redirection = " 1>/tmp/Dockhand.log 2>&1";
+  const std::size_t end = commandLine.size() - std::min(commandLine.size(), redirection.size());
+  fuzz::require(commandLine.substr(end) == redirection, "the output goes to the log file");
+  return commandLine.substr(0, end) + " 1>" + file + " 2>&1";
+}
+
+void requireOnlyMkfs(const std::string& commandLine, const std::string& label) {
+  static fuzz::ShellBox box;
+  const fuzz::ShellBox::Run run = box.run(withOutput(commandLine, box.output()));
+  const std::vector<std::string> mkfs = {
+      "mkfs.xfs", "-f", "-l", "lazy-count=0", "-L", label, "/dev/usb_storage_sda1"};
+  fuzz::require(run.programs == std::vector<std::vector<std::string>>{mkfs},
+                "mkfs.xfs runs, once, and nothing else");
+  fuzz::require(run.status == 0 && run.output.empty(), "the shell has nothing to say");
+  fuzz::require(run.files.empty(), "no file appears");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string label = fuzz::fields(fuzz::textOf(data, size), 1)[0];
+
+  FakePlatform platform;
+  platform.deviceNodes = {"usb_storage_sda"};
+  platform.disks["/dev/usb_storage_sda"].values = {{"LABEL", label}};
+  platform.systemStatus = [](const std::string& command) {
+    return command.rfind("umount", 0) == 0 ? 256 : 0;
+  };
+  TestableHandler handler(platform);
+  journal().clear();
+  fuzz::require(handler.PrepareDeviceForPvr(1), "the disk is prepared");
+
+  const std::string mkfs = "system mkfs.xfs ";
+  std::vector<std::string> calls;
+  for (const std::string& call : journal().eventsBeginning("system ")) {
+    if (call.rfind(mkfs, 0) == 0) {
+      calls.push_back(mkfs);
+      requireOnlyMkfs(call.substr(7), newLabel(label));
+    } else {
+      calls.push_back(call);
+    }
+  }
+  const std::string unmount = "system umount -f /dev/usb_storage_sda1 1>/dev/null 2>&1";
+  const std::string log = " 1>/tmp/Dockhand.log 2>&1";
+  const std::string passLog = "system logger -s -t Dockhand </tmp/Dockhand.log";
+  fuzz::require(
+      calls ==
+          std::vector<std::string>{unmount, "system sfdisk -l /dev/usb_storage_sda" + log, passLog,
+                                   "system dd if=/dev/zero of=/dev/usb_storage_sda bs=512 count=1" + log,
+                                   "system echo -e 'n\\np\\n1\\n\\n\\nw' | fdisk /dev/usb_storage_sda" + log,
+                                   passLog, unmount, mkfs},
+      "the label is in the last command only");
+  fuzz::requireNothingOpen(platform);
+  return 0;
+}

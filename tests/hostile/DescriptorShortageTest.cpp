@@ -1,0 +1,99 @@
+// A daemon that has no descriptors left.
+
+#include <gmock/gmock.h>
+#include <sys/resource.h>
+#include <thrift/TApplicationException.h>
+
+#include <memory>
+#include <vector>
+
+#include "HostileTest.h"
+#include "MediaService.h"
+#include "TUnixSocket.h"
+#include "TransportTestSupport.h"
+
+namespace hostiletest {
+namespace {
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using transport_test::eventually;
+
+class DescriptorShortageTest : public HostileTest {
+ protected:
+  /// Leaves the daemon descriptors for no more than twenty connections.
+  static void limitDescriptors(const Daemon& daemon) {
+    rlimit limit{};
+    ASSERT_EQ(prlimit(daemon.pid(), RLIMIT_NOFILE, nullptr, &limit), 0);
+    limit.rlim_cur = descriptorsAtRest + 20;
+    ASSERT_EQ(prlimit(daemon.pid(), RLIMIT_NOFILE, &limit, nullptr), 0);
+  }
+
+  /// Connects until the daemon says that it can accept no more.
+  void connectUntilNoneIsLeft(const Daemon& daemon) {
+    ASSERT_TRUE(eventually([this, &daemon] {
+      // The listening socket keeps those that are too many, 128 at most.
+      if (idle_.size() < 100) {
+        idle_.push_back(std::make_unique<ravel::rpc::TUnixSocket>("localhost", 9020));
+        idle_.back()->open();
+      }
+      return daemon.log().find(shortage) != std::string::npos;
+    }));
+  }
+
+  static constexpr const char* shortage =
+      "9020.sock: cannot accept connections, trying on: Too many open files";
+
+  std::vector<std::unique_ptr<ravel::rpc::TUnixSocket>> idle_;
+};
+
+TEST_F(DescriptorShortageTest, PassesWithoutARestart) {
+  const Daemon daemon;
+  UsbClient held;
+  held->IsDeviceOpen(1);
+  limitDescriptors(daemon);
+  connectUntilNoneIsLeft(daemon);
+  EXPECT_FALSE(held->IsDeviceOpen(1));
+
+  UsbClient late;
+  late->send_IsDeviceOpen(1);
+  idle_.clear();
+  EXPECT_FALSE(late->recv_IsDeviceOpen());
+  EXPECT_FALSE(UsbClient()->IsDeviceOpen(1));
+  expectConnections(daemon, 2);
+  EXPECT_THAT(daemon.log().substr(daemon.log().find(shortage) + 1), Not(HasSubstr(shortage)))
+      << "the shortage was reported more than once";
+  expectSound(daemon);
+}
+
+TEST_F(DescriptorShortageTest, FailsWhatNeedsADescriptorAndNothingElse) {
+  const Daemon daemon;
+  const testsupport::MediaService mediaService;
+  UsbClient held;
+  held->RegisterUsbAddedCallBack(7, 1);
+  limitDescriptors(daemon);
+  connectUntilNoneIsLeft(daemon);
+
+  EXPECT_THAT(held.devices(), IsEmpty());
+  EXPECT_THAT(daemon.log(), HasSubstr("scandir failed, errno=24"));
+  EXPECT_THROW(held->NotifyUsbXriteAdded(), apache::thrift::TApplicationException);
+  EXPECT_THAT(mediaService.callbacks(), IsEmpty());
+  EXPECT_THAT(held.files(1, "/", "none"), IsEmpty());
+  held->RegisterUsbAddedCallBack(7, 2);
+
+  idle_.clear();
+  ASSERT_TRUE(eventually([&held] {
+    try {
+      held->NotifyUsbXriteAdded();
+      return true;
+    } catch (const apache::thrift::TApplicationException&) {
+      return false;
+    }
+  }));
+  EXPECT_THAT(mediaService.callbacks(), testing::ElementsAre(testsupport::Callback{"added", -1, 7, 2}));
+  expectSound(daemon);
+}
+
+}  // namespace
+}  // namespace hostiletest

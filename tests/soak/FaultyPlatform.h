@@ -1,0 +1,62 @@
+#ifndef DOCKHAND_TESTS_SOAK_FAULTYPLATFORM_H
+#define DOCKHAND_TESTS_SOAK_FAULTYPLATFORM_H
+
+#include <functional>
+#include <string>
+#include <utility>
+
+#include "Platform.h"
+
+namespace soak {
+
+/// Another system, some of whose calls fail: before each call that can, a function says whether it does. A
+/// failing call does not reach the system below. The function is given the call as a text:
+///
+///     scandir DIR      open PATH      opendir DIR      mkdir PATH MODE(octal)      rmdir PATH      access
+///     PATH mount SOURCE TARGET TYPE FLAGS(hex) OPTIONS      umount TARGET               umount2 TARGET FLAGS
+///     system COMMAND   new_probe PATH                  do_probe                    lookup KEY      dev_size
+///
+/// Threads: any, as long as the function and the system below allow it. No locks.
+class FaultyPlatform : public Dockhand::Platform {
+ public:
+  /// The errno with which a call fails, 0 where it goes through. Called in the thread that makes the call.
+  using Decide = std::function<int(const std::string& call)>;
+
+  /// `below` must outlive this object.
+  FaultyPlatform(Dockhand::Platform& below, Decide decide) : below_(below), decide_(std::move(decide)) {}
+
+  int mount(const std::string& source, const std::string& target, const char* fileSystemType,
+            unsigned long flags, const char* options) override;
+  int umount(const std::string& target) override;
+  int umount2(const std::string& target, int flags) override;
+  int mkdir(const std::string& path, mode_t mode) override;
+  int rmdir(const std::string& path) override;
+  int access(const std::string& path, int mode) override;
+  int scandir(const std::string& path, dirent*** entries, int (*filter)(const dirent*),
+              int (*compare)(const dirent**, const dirent**)) override;
+  DIR* opendir(const std::string& path) override;
+  dirent* readdir(DIR* directory) override;
+  int closedir(DIR* directory) override;
+  int open(const std::string& path, int flags) override;
+  ssize_t read(int descriptor, void* buffer, size_t size) override;
+  int close(int descriptor) override;
+  Dockhand::Claim claimFile(const std::string& path) override;
+  int system(const std::string& command) override;
+  void sleep(unsigned int seconds) override;
+  blkid_probe blkid_new_probe_from_filename(const std::string& path) override;
+  int blkid_do_probe(blkid_probe probe) override;
+  int blkid_probe_lookup_value(blkid_probe probe, const char* name, const char** value) override;
+  void blkid_free_probe(blkid_probe probe) override;
+  blkid_loff_t blkid_get_dev_size(int descriptor) override;
+
+ private:
+  /// Decides on a call; true, with errno set, when it is to fail.
+  bool fails(const std::string& call) const;
+
+  Dockhand::Platform& below_;
+  const Decide decide_;
+};
+
+}  // namespace soak
+
+#endif  // DOCKHAND_TESTS_SOAK_FAULTYPLATFORM_H
