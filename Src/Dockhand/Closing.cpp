@@ -88,6 +88,8 @@ bool DockhandClient::CheckForAndRemoveMount(const std::string& mountPath, bool l
     bool unmounted = true;
     if (mounts.find(field) != std::string_view::npos) {
       usbClientLog.write(2, 521, "Performing unmount for ", mountPath);
+      // A file system may write past what the kernel keeps for a descriptor of ours: probe anew after it.
+      letNodeGo();
       if (platform_.umount2(mountPath, lazy ? MNT_DETACH : 0) != 0) {
         const int error = errno;
         usbClientLog.write(4, 528, "umount2(", mountPath, ") failed, errno=", error, "=",

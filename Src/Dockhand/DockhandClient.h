@@ -136,6 +136,21 @@ class DockhandClient : public ravel::rpc::usb_rpc_gen_If {
 
   // Opening.cpp
 
+  /// Keeps the node of the device that is being opened open while it lives, or until letNodeGo: the kernel
+  /// forgets what it has read of a disk when the last descriptor goes, and each of the three probes of an
+  /// opening would read the stick anew. Whether the node can be opened is the probes' affair. Lock held.
+  class NodeHold {
+   public:
+    NodeHold(DockhandClient& client, const std::string& node);
+    NodeHold(const NodeHold&) = delete;
+    NodeHold& operator=(const NodeHold&) = delete;
+    ~NodeHold() { client_.letNodeGo(); }
+
+   private:
+    DockhandClient& client_;
+  };
+  /// Closes the node of a NodeHold, if one is open. Lock held.
+  void letNodeGo();
   /// Clears the directories under /media at which an automounter, or an earlier life of a device, may have
   /// left this device mounted. Lock held.
   void clearAutomounts(std::int16_t deviceId);
@@ -167,9 +182,12 @@ class DockhandClient : public ravel::rpc::usb_rpc_gen_If {
 
   /// Runs a command line (without redirections) in the shell, with its output in /tmp/Dockhand.log, and
   /// passes that file to the system log when the command fails, with `passLogAlways` also when it succeeds.
-  /// `sourceLine` tells readers of the log which step ran it. The raw status of system(): 0 is success. Takes
-  /// no lock and needs none.
+  /// `sourceLine` tells readers of the log which step ran it. The raw status of system(): 0 is success; -1
+  /// also where a user has that file, and the command is not run. Takes no lock and needs none.
   int executeShellCommand(const std::string& command, int sourceLine, bool passLogAlways);
+  /// Before the shell writes to a file in /tmp: sees to it that the file is ours and no user's. False, and
+  /// logged, where that cannot be had: the command must not be run. Takes no lock and needs none.
+  bool claimForShell(const std::string& file);
   /// Unmounts a node by force, up to ten times, to peel off stacked mounts. Each success is logged with the
   /// text and the line number given. Takes no lock and needs none.
   void forceUnmount(const std::string& node, int sourceLine, const char* occasion);
@@ -212,6 +230,8 @@ class DockhandClient : public ravel::rpc::usb_rpc_gen_If {
   Platform& platform_;
   /// The last probe whose read failed. It is left alone until the next one fails, then freed.
   blkid_probe failedProbe_ = nullptr;
+  /// The open node of a NodeHold; -1 while there is none.
+  int heldNode_ = -1;
   /// Who holds handlerMutex, and how often.
   std::atomic<std::thread::id> lockOwner_{std::thread::id()};
   int lockDepth_ = 0;

@@ -80,6 +80,10 @@ int LinuxPlatform::close(int descriptor) {
   return ::close(descriptor);
 }
 
+Claim LinuxPlatform::claimFile(const std::string& path) {
+  return namesNoFile(path) ? Claim::refused : Dockhand::claimFile(path);
+}
+
 int LinuxPlatform::system(const std::string& command) {
   return std::system(command.c_str());
 }

@@ -23,6 +23,7 @@ class LinuxPlatform : public Platform {
   int open(const std::string& path, int flags) override;
   ssize_t read(int descriptor, void* buffer, size_t size) override;
   int close(int descriptor) override;
+  Claim claimFile(const std::string& path) override;
   int system(const std::string& command) override;
   void sleep(unsigned int seconds) override;
   blkid_probe blkid_new_probe_from_filename(const std::string& path) override;

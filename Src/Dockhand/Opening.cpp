@@ -1,5 +1,7 @@
 // Opening: clears away what stands where a device is to be mounted, and mounts it.
 
+#include <fcntl.h>
+
 #include <cerrno>
 #include <string>
 
@@ -55,6 +57,7 @@ bool DockhandClient::OpenDeviceAt(std::int16_t deviceId, const std::string& moun
   entry->mountPoint = mountPoint;
   entry->hidden = isPvrDevice;
 
+  const NodeHold hold(*this, node);
   clearAutomounts(deviceId);
   usbClientLog.write(2, 724, "mountPoint Name is ", mountPoint);
   CheckForAndRemoveMount(mountPoint, false);
@@ -82,6 +85,19 @@ bool DockhandClient::OpenDeviceAt(std::int16_t deviceId, const std::string& moun
   usbClientLog.write(2, 778, "Performing rmdir for ", mountPoint);
   platform_.rmdir(mountPoint);
   return false;
+}
+
+DockhandClient::NodeHold::NodeHold(DockhandClient& client, const std::string& node) : client_(client) {
+  client_.requireLock();
+  client_.heldNode_ = client_.platform_.open(node, O_RDONLY | O_NONBLOCK);
+}
+
+void DockhandClient::letNodeGo() {
+  requireLock();
+  if (heldNode_ >= 0) {
+    platform_.close(heldNode_);
+    heldNode_ = -1;
+  }
 }
 
 void DockhandClient::clearAutomounts(std::int16_t deviceId) {

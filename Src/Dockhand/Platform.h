@@ -7,12 +7,14 @@
 
 #include <string>
 
+#include "ClaimedFile.h"
+
 namespace Dockhand {
 
 /// Everything that the handler asks of the kernel, of libblkid, of the shell and of the clock.
 ///
 /// The handler has no other way to the system. Production uses LinuxPlatform; the tests use a fake that
-/// records every call, or a ForwardingPlatform over the real one that lets a single call fail.
+/// records every call, or a FaultyPlatform over a simulated or the real system that lets calls fail.
 ///
 /// Every method is called like the function of the same name and answers as it does. errno is part of the
 /// contract: it comes out as the system left it, and an implementation changes it in no other way.
@@ -62,6 +64,8 @@ class Platform {
   virtual ssize_t read(int descriptor, void* buffer, size_t size) = 0;
   /// 0, or -1 with errno.
   virtual int close(int descriptor) = 0;
+  /// See ClaimedFile.h.
+  virtual Claim claimFile(const std::string& path) = 0;
 
   // The shell and the clock.
 
@@ -79,7 +83,7 @@ class Platform {
   /// 0 and `*value` (owned by the probe), or -1 where the probe holds no such value.
   virtual int blkid_probe_lookup_value(blkid_probe probe, const char* name, const char** value) = 0;
   virtual void blkid_free_probe(blkid_probe probe) = 0;
-  /// Size in bytes of the block device behind `descriptor`; negative on failure.
+  /// Size in bytes of the block device behind `descriptor`; 0 on failure.
   virtual blkid_loff_t blkid_get_dev_size(int descriptor) = 0;
 };
 

@@ -100,8 +100,8 @@ void DockhandClient::GetDeviceUsbVersion(ravel::rpc::ReturnValueWithString& _ret
   const UsbDeviceEntry* entry = findDevice(deviceId);
   if (entry == nullptr) {
     usbClientLog.write(5, 1282, "GetDeviceUsbVersion(", deviceId, ") - Unknown device!");
-  } else {
-    const std::string versionFile = "/tmp/" + entry->deviceName + "_bcdUSB.txt";
+  } else if (const std::string versionFile = "/tmp/" + entry->deviceName + "_bcdUSB.txt";
+             claimForShell(versionFile)) {
     const std::string readVersion = "readUsbVersion.sh " + entry->deviceName + " > " + versionFile;
     const int readStatus = platform_.system(readVersion);
     if (readStatus != 0) {

@@ -6,18 +6,32 @@
 namespace Dockhand {
 
 int DockhandClient::executeShellCommand(const std::string& command, int sourceLine, bool passLogAlways) {
-  static const std::string passLog = "logger -s -t Dockhand </tmp/Dockhand.log";
+  static const std::string logFile = "/tmp/Dockhand.log";
+  static const std::string passLog = "logger -s -t Dockhand <" + logFile;
 
   usbClientLog.write(3, 124, "Executing: ", command, " # from Line=", sourceLine);
-  const int status = platform_.system(command + " 1>/tmp/Dockhand.log 2>&1");
+  const bool logFileIsOurs = claimForShell(logFile);
+  const int status = logFileIsOurs ? platform_.system(command + " 1>" + logFile + " 2>&1") : -1;
   if (status != 0) {
     // Before the warning, so that the tool's own words stand above it in the system log.
-    platform_.system(passLog);
+    if (logFileIsOurs) {
+      platform_.system(passLog);
+    }
     usbClientLog.write(4, 129, "Warning: ", command, " returned ", status, " # from Line=", sourceLine);
   } else if (passLogAlways) {
     platform_.system(passLog);
   }
   return status;
+}
+
+bool DockhandClient::claimForShell(const std::string& file) {
+  const Claim claim = platform_.claimFile(file);
+  if (claim == Claim::movedAside) {
+    usbClientLog.write(4, 136, file, " was not ours and has been moved aside, to ", file, ".moved-*");
+  } else if (claim == Claim::refused) {
+    usbClientLog.write(5, 138, "Not executed, since ", file, " is not ours and cannot be moved");
+  }
+  return claim != Claim::refused;
 }
 
 void DockhandClient::forceUnmount(const std::string& node, int sourceLine, const char* occasion) {

@@ -9,7 +9,9 @@
 #include <thrift/Thrift.h>
 #include <thrift/transport/TSocket.h>
 #include <thrift/transport/TTransportException.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 
@@ -28,6 +30,31 @@ constexpr int shortagePauseMilliseconds = 100;
 
 }  // namespace
 
+/// An accepted connection that another thread than the one that serves it may end.
+class TUnixServerSocket::Connection : public TSocket {
+ public:
+  using TSocket::TSocket;
+
+  ~Connection() override { Connection::close(); }
+
+  // The lock keeps end() from the descriptor once it is closed: by then it may be that of another connection.
+  void close() override {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    TSocket::close();
+  }
+
+  void end() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (isOpen()) {
+      // Fails only where the client was faster.
+      static_cast<void>(::shutdown(getSocketFD(), SHUT_RDWR));
+    }
+  }
+
+ private:
+  std::mutex mutex_;
+};
+
 TUnixServerSocket::TUnixServerSocket(int number)
     : path_(localSocketPath(number)), address_(localSocketAddress(path_)) {
   interrupt_.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
@@ -35,6 +62,7 @@ TUnixServerSocket::TUnixServerSocket(int number)
     fail("eventfd", errno);
   }
   makeDirectory();
+  requireTrustedDirectory();
   takeLock(number);
   removeStaleSocket();
   try {
@@ -57,6 +85,28 @@ void TUnixServerSocket::makeDirectory() const {
     }
   } else if (errno != EEXIST) {
     fail("mkdir of the directory", errno);
+  }
+}
+
+void TUnixServerSocket::requireTrustedDirectory() const {
+  const std::string directory = localSocketDirectory();
+  struct stat status {};
+  if (::lstat(directory.c_str(), &status) != 0) {
+    fail("lstat of the directory", errno);
+  }
+  std::string reason;
+  if (S_ISLNK(status.st_mode)) {
+    reason = "is a symbolic link";
+  } else if (!S_ISDIR(status.st_mode)) {
+    reason = "is a file";
+  } else if (status.st_uid != 0 && status.st_uid != ::geteuid()) {
+    reason = "belongs to user " + std::to_string(status.st_uid);
+  } else if ((status.st_mode & S_IWOTH) != 0) {
+    reason = "may be written to by everybody";
+  }
+  if (!reason.empty()) {
+    throw TTransportException(TTransportException::NOT_OPEN,
+                              path_ + ": the directory " + reason + ", left alone");
   }
 }
 
@@ -118,7 +168,10 @@ void TUnixServerSocket::bindAndListen() {
   }
   struct stat status {};
   if (::lstat(path_.c_str(), &status) != 0) {
-    fail("lstat", errno);
+    const int error = errno;
+    // It is ours, but close() would not know it for ours.
+    ::unlink(path_.c_str());
+    fail("lstat", error);
   }
   device_ = status.st_dev;
   inode_ = status.st_ino;
@@ -135,6 +188,16 @@ void TUnixServerSocket::interrupt() {
   const std::uint64_t one = 1;
   if (::write(interrupt_.get(), &one, sizeof(one)) < 0 && errno != EAGAIN) {  // EAGAIN: it is raised already
     GlobalOutput.perror(path_ + ": cannot interrupt accept", errno);
+  }
+}
+
+void TUnixServerSocket::interruptChildren() {
+  const std::lock_guard<std::mutex> lock(connectionsMutex_);
+  connectionsEnded_ = true;
+  for (const auto& weak : connections_) {
+    if (const auto connection = weak.lock()) {
+      connection->end();
+    }
   }
 }
 
@@ -161,8 +224,9 @@ std::shared_ptr<TTransport> TUnixServerSocket::acceptImpl() {
     FileDescriptor accepted(::accept4(listening_.get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (accepted.valid()) {
       shortageReported_ = false;
-      auto connection = std::make_shared<TSocket>(accepted.get());
+      const auto connection = std::make_shared<Connection>(accepted.get());
       accepted.release();
+      keep(connection);
       return connection;
     }
     switch (errno) {
@@ -181,6 +245,17 @@ std::shared_ptr<TTransport> TUnixServerSocket::acceptImpl() {
       default:
         throw TTransportException(TTransportException::UNKNOWN, path_ + ": accept", errno);
     }
+  }
+}
+
+void TUnixServerSocket::keep(const std::shared_ptr<Connection>& connection) {
+  const std::lock_guard<std::mutex> lock(connectionsMutex_);
+  connections_.erase(std::remove_if(connections_.begin(), connections_.end(),
+                                    [](const auto& weak) { return weak.expired(); }),
+                     connections_.end());
+  connections_.push_back(connection);
+  if (connectionsEnded_) {
+    connection->end();
   }
 }
 

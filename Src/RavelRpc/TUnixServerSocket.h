@@ -6,7 +6,9 @@
 #include <thrift/transport/TServerTransport.h>
 
 #include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
 
 #include "FileDescriptor.h"
 
@@ -14,12 +16,14 @@ namespace ravel::rpc {
 
 /// The listening end of a service on its local socket (see LocalSocketPath.h).
 ///
-/// Differs from Thrift's TServerSocket in three ways: it listens from its construction on, so that a failure
+/// Differs from Thrift's TServerSocket in these ways: it listens from its construction on, so that a failure
 /// meets the thread that starts the service and not the one that serves it; it never takes a socket over from
-/// a process that serves it; and it goes on when the process has run out of descriptors or memory.
+/// a process that serves it; it goes on when the process has run out of descriptors or memory; and its
+/// connections can be ended without a second poll for each of their reads.
 ///
-/// Threads: interrupt() may be called from any thread at any time, everything else from one thread at a time.
-/// No locks.
+/// Threads: interrupt() and interruptChildren() may be called from any thread at any time, everything else
+/// from one thread at a time. A lock guards the list of connections; it is held for no longer than it takes
+/// to go through them.
 class TUnixServerSocket : public apache::thrift::transport::TServerTransport {
  public:
   /// Listens on the socket of service `number`: clients can connect from now on (128 of them wait at most)
@@ -28,10 +32,12 @@ class TUnixServerSocket : public apache::thrift::transport::TServerTransport {
   /// Makes the directory (mode 0755) where it is missing, and the socket with mode 0660, both whatever the
   /// umask is. A socket left behind by a process that has ended is replaced.
   ///
-  /// Throws TTransportException, with the path and the system's reason in its text, when another process
-  /// serves the socket, when something that is not a socket has the path (it is left alone), or when a step
-  /// fails. Then nothing remains but the directory and the lock file N.lock beside the socket, whose lock
-  /// (flock) says that the service has its server; the file itself always stays.
+  /// Throws TTransportException, with the path and the reason in its text, when another process serves the
+  /// socket, when something that is not a socket has the path (it is left alone), when somebody else could
+  /// put a socket of his own there (the directory is a link, belongs to neither root nor us, or may be
+  /// written to by everybody), or when a step fails. Then nothing remains but the directory and the lock file
+  /// N.lock beside the socket, whose lock (flock) says that the service has its server; the file itself
+  /// always stays.
   explicit TUnixServerSocket(int number);
 
   /// Calls close().
@@ -47,8 +53,13 @@ class TUnixServerSocket : public apache::thrift::transport::TServerTransport {
   void listen() override {}
 
   /// Ends the accept() under way, and every later one, with TTransportException (INTERRUPTED). Connections
-  /// are not interrupted (interruptChildren() does nothing): a pool that stops waits until its clients leave.
+  /// live on: see interruptChildren().
   void interrupt() override;
+
+  /// Ends every connection that was accepted, and those that still will be: their clients find them closed,
+  /// as if the process had ended, and whoever reads from them meets the end of the data. Thrift's servers
+  /// call it when they are told to stop, and so do not wait for clients that keep their connections.
+  void interruptChildren() override;
 
   /// Stops listening, removes the socket and lets go of the lock. Does nothing the second time. Connections
   /// that were accepted live on.
@@ -65,10 +76,14 @@ class TUnixServerSocket : public apache::thrift::transport::TServerTransport {
   std::shared_ptr<apache::thrift::transport::TTransport> acceptImpl() override;
 
  private:
+  class Connection;
+
   void makeDirectory() const;
+  void requireTrustedDirectory() const;
   void takeLock(int number);
   void removeStaleSocket() const;
   void bindAndListen();
+  void keep(const std::shared_ptr<Connection>& connection);
   bool waitForConnection() const;
   void waitOutShortage(int error);
   [[noreturn]] void fail(const std::string& what, int error) const;
@@ -83,6 +98,9 @@ class TUnixServerSocket : public apache::thrift::transport::TServerTransport {
   dev_t device_ = 0;
   ino_t inode_ = 0;
   bool shortageReported_ = false;
+  std::mutex connectionsMutex_;
+  std::vector<std::weak_ptr<Connection>> connections_;
+  bool connectionsEnded_ = false;
 };
 
 }  // namespace ravel::rpc

@@ -1,11 +1,12 @@
 #include "TUnixSocket.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <thrift/transport/TTransportException.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <chrono>
 
 #include "FileDescriptor.h"
 #include "LocalSocketPath.h"
@@ -67,6 +68,36 @@ void TUnixSocket::connect(int socket) const {
       throw TTransportException(TTransportException::NOT_OPEN, path_ + ": connect", errno);
     }
   }
+}
+
+std::uint32_t TUnixSocket::read(std::uint8_t* buffer, std::uint32_t length) {
+  if (isOpen()) {
+    waitForInput();
+  }
+  return TSocket::read(buffer, length);
+}
+
+void TUnixSocket::waitForInput() {
+  using std::chrono::milliseconds;
+  using std::chrono::steady_clock;
+
+  if (deadline_ == steady_clock::time_point::max()) {
+    return;
+  }
+  pollfd input{getSocketFD(), POLLIN, 0};
+  int ready = 0;
+  do {
+    const auto left = std::chrono::ceil<milliseconds>(deadline_ - steady_clock::now());
+    // Also where there is something to read: there may be no end of it.
+    if (left <= milliseconds::zero()) {
+      throw TTransportException(TTransportException::TIMED_OUT, path_ + ": no complete answer in time");
+    }
+    constexpr milliseconds longest = std::chrono::hours(1);
+    ready = ::poll(&input, 1, static_cast<int>(std::min(left, longest).count()));
+    if (ready < 0 && errno != EINTR) {
+      throw TTransportException(TTransportException::UNKNOWN, path_ + ": poll", errno);
+    }
+  } while (ready <= 0);
 }
 
 }  // namespace ravel::rpc

@@ -4,6 +4,8 @@
 #include <sys/un.h>
 #include <thrift/transport/TSocket.h>
 
+#include <chrono>
+#include <cstdint>
 #include <string>
 
 namespace ravel::rpc {
@@ -12,7 +14,7 @@ namespace ravel::rpc {
 ///
 /// Differs from Thrift's TSocket in open(): the descriptor is close-on-exec from the beginning, the connect
 /// timeout also holds where the service does not accept, and after a failure the socket is closed and can be
-/// opened again.
+/// opened again. And in having a deadline, since TSocket's timeout begins anew with every read.
 ///
 /// Threads: one at a time, as TSocket. No locks.
 class TUnixSocket : public apache::thrift::transport::TSocket {
@@ -29,10 +31,19 @@ class TUnixSocket : public apache::thrift::transport::TSocket {
   /// is over, NOT_OPEN otherwise.
   void open() override;
 
+  /// From now on reading ends at `deadline`: a service that sends a byte now and then, or sends without end,
+  /// cannot keep its client for longer. None at first.
+  void setDeadline(std::chrono::steady_clock::time_point deadline) { deadline_ = deadline; }
+
+  /// As TSocket's, and TIMED_OUT once the deadline is over.
+  std::uint32_t read(std::uint8_t* buffer, std::uint32_t length) override;
+
  private:
   void connect(int socket) const;
+  void waitForInput();
 
   const sockaddr_un address_;
+  std::chrono::steady_clock::time_point deadline_ = std::chrono::steady_clock::time_point::max();
 };
 
 }  // namespace ravel::rpc

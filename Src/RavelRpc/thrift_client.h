@@ -2,7 +2,6 @@
 #define RAVELRPC_THRIFT_CLIENT_H
 
 #include <thrift/TApplicationException.h>
-#include <thrift/protocol/TBinaryProtocol.h>
 
 #include <chrono>
 #include <cstdint>
@@ -10,6 +9,7 @@
 #include <mutex>
 #include <utility>
 
+#include "LimitedBinaryProtocol.h"
 #include "LimitedBufferedTransport.h"
 
 namespace ravel::rpc {
@@ -18,7 +18,7 @@ namespace ravel::rpc {
 ///
 /// `Client` is the service's generated class, `Port` the number of its socket and `Socket` the class that
 /// connects to it, made from "localhost" and the number. Binary protocol over buffered connections (see
-/// LimitedBufferedTransport.h).
+/// LimitedBinaryProtocol.h and LimitedBufferedTransport.h).
 ///
 /// A connection carries one call at a time. A call takes the idle connection or makes one of its own, so a
 /// call never waits for another's reply: not a second thread's, and not one that is made from inside another
@@ -30,7 +30,8 @@ namespace ravel::rpc {
 template <class Client, int Port, class Socket>
 class thrift_client {
  public:
-  /// Makes no connection yet. `timeout` bounds the connecting, each read and each write.
+  /// Makes no connection yet. `timeout` bounds the connecting, each read and each write, and the call as a
+  /// whole: connecting and reading end that long after its beginning, however the service spreads its answer.
   explicit thrift_client(std::chrono::milliseconds timeout = std::chrono::seconds(10)) : timeout_(timeout) {}
 
   thrift_client(const thrift_client&) = delete;
@@ -45,6 +46,7 @@ class thrift_client {
   template <class Call>
   void call(Call&& operation) {
     std::unique_ptr<Connection> connection = take();
+    connection->socket->setDeadline(std::chrono::steady_clock::now() + timeout_);
     try {
       if (!connection->transport->isOpen()) {
         connection->transport->open();
@@ -61,10 +63,12 @@ class thrift_client {
 
  private:
   struct Connection {
-    explicit Connection(const std::shared_ptr<Socket>& socket)
-        : transport(std::make_shared<LimitedBufferedTransport>(socket, bufferSize, bufferSize)),
-          client(std::make_shared<apache::thrift::protocol::TBinaryProtocol>(transport)) {}
+    explicit Connection(const std::shared_ptr<Socket>& connecting)
+        : socket(connecting),
+          transport(std::make_shared<LimitedBufferedTransport>(socket, bufferSize, bufferSize)),
+          client(std::make_shared<LimitedBinaryProtocol>(transport)) {}
 
+    const std::shared_ptr<Socket> socket;
     const std::shared_ptr<LimitedBufferedTransport> transport;
     Client client;
   };

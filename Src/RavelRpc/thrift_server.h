@@ -3,7 +3,6 @@
 
 #include <thrift/concurrency/Thread.h>
 #include <thrift/concurrency/ThreadManager.h>
-#include <thrift/protocol/TBinaryProtocol.h>
 #include <thrift/server/TThreadPoolServer.h>
 
 #include <boost/shared_ptr.hpp>
@@ -12,6 +11,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "LimitedBinaryProtocol.h"
 #include "LimitedBufferedTransport.h"
 #include "PosixThreadFactory.h"
 
@@ -30,7 +30,7 @@ inline void keepThreadManager(
 
 /// The server of a service: a thread that accepts connections, and `Workers` threads each of which serves one
 /// connection at a time, from its first call to its end. Connections beyond those wait until one ends. Binary
-/// protocol over buffered connections (see LimitedBufferedTransport.h).
+/// protocol over buffered connections (see LimitedBinaryProtocol.h and LimitedBufferedTransport.h).
 ///
 /// `If` and `Processor` are the service's generated classes, `Port` is the number of its socket and
 /// `ServerSocket` the class that listens on it, made from the number.
@@ -45,10 +45,9 @@ class thrift_server {
   /// SystemResourceException when a worker cannot be made.
   explicit thrift_server(const boost::shared_ptr<If>& handler) {
     using apache::thrift::concurrency::ThreadManager;
-    using apache::thrift::protocol::TBinaryProtocolFactory;
     using apache::thrift::server::TThreadPoolServer;
 
-    const auto protocolFactory = std::make_shared<TBinaryProtocolFactory>();
+    const auto protocolFactory = std::make_shared<LimitedBinaryProtocolFactory>();
     const auto serverSocket = std::make_shared<ServerSocket>(Port);
     const auto transportFactory = std::make_shared<LimitedBufferedTransportFactory>();
     // The lambda does nothing but hold the Boost pointer for as long as Thrift holds its own.

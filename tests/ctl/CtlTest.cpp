@@ -31,7 +31,19 @@ Connection::Connection()
   socket_->open();
 }
 
+namespace {
+
+/// What a program has asked the service is over, also when the program was ended before the answer: an operation
+/// of our own, under the handler's lock, comes after it.
+void finishOperations(Connection& connection) {
+  connection->CheckForAndUpdateNewDevices();
+}
+
+}  // namespace
+
 CtlTest::CtlTest() {
+  Connection connection;
+  finishOperations(connection);
   FakePlatform& system = service().platform;
   system.deviceNodes.clear();
   system.disks.clear();
@@ -40,7 +52,6 @@ CtlTest::CtlTest() {
   system.umount2Error = 0;
   system.systemStatus = [](const std::string&) { return 0; };
   system.mountError = [](const FakePlatform::Mount&) { return 0; };
-  Connection connection;
   // One scan may leave a record behind.
   connection->CheckForAndUpdateNewDevices();
   connection->CheckForAndUpdateNewDevices();
@@ -52,6 +63,8 @@ CtlTest::CtlTest() {
 }
 
 CtlTest::~CtlTest() {
+  Connection connection;
+  finishOperations(connection);
   service().platform.onCall = nullptr;
 }
 

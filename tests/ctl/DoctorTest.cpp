@@ -159,6 +159,42 @@ TEST_F(Doctor, WantsMediaToBeWritable) {
   EXPECT_THAT(checkMedia(machine), ElementsAre(Is(State::problem, HasSubstr("read-only"))));
 }
 
+TEST_F(Doctor, WantsNobodyButRootToWriteToMedia) {
+  for (const mode_t mode : {0775U, 0757U, 01777U}) {
+    makeDirectory("/media", mode);
+    EXPECT_THAT(checkMedia(machine), ElementsAre(Is(State::problem, HasSubstr("others than root"))));
+  }
+}
+
+TEST_F(Doctor, WantsTmpToBeRootsAndStickyWhereOthersMayWriteToIt) {
+  EXPECT_THAT(checkTmp(machine), ElementsAre(Is(State::problem, HasSubstr("not a directory"))));
+  for (const mode_t mode : {01777U, 01770U, 0755U}) {
+    makeDirectory("/tmp", mode);
+    EXPECT_THAT(checkTmp(machine), ElementsAre(Is(State::ok, HasSubstr("safe")))) << mode;
+  }
+  for (const mode_t mode : {0777U, 0775U}) {
+    makeDirectory("/tmp", mode);
+    EXPECT_THAT(checkTmp(machine), ElementsAre(Is(State::problem, HasSubstr("put a link there")))) << mode;
+  }
+  makeDirectory("/tmp", 01777);
+  machine.owner = getuid() + 1;
+  EXPECT_THAT(checkTmp(machine), ElementsAre(Is(State::problem, HasSubstr("put a link there"))));
+}
+
+TEST_F(Doctor, WantsTheKernelToProtectFilesInDirectoriesForAll) {
+  EXPECT_THAT(checkProtectedFiles(machine),
+              ElementsAre(Is(State::warning, HasSubstr("fs.protected_symlinks, fs.protected_hardlinks, "
+                                                       "fs.protected_fifos, fs.protected_regular"))));
+  for (const char* name : {"symlinks", "hardlinks", "fifos"}) {
+    write(std::string("/proc/sys/fs/protected_") + name, "1\n");
+  }
+  write("/proc/sys/fs/protected_regular", "0\n");
+  EXPECT_THAT(checkProtectedFiles(machine),
+              ElementsAre(Is(State::warning, ::testing::EndsWith("off are fs.protected_regular"))));
+  write("/proc/sys/fs/protected_regular", "2\n");
+  EXPECT_THAT(checkProtectedFiles(machine), ElementsAre(Is(State::ok, HasSubstr("their owners only"))));
+}
+
 TEST_F(Doctor, SaysWhosePathItLooksAt) {
   EXPECT_THAT(checkPath(machine), ElementsAre(Is(State::ok, HasSubstr("the daemon looks"))));
   machine.pathIsDaemons = false;

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -119,6 +120,9 @@ Program::Program(const Arguments& arguments, const RunOptions& options) {
     throw std::runtime_error("cannot fork");
   }
   if (pid_ == 0) {
+    if (options.stopped) {
+      tcflow(STDOUT_FILENO, TCOOFF);
+    }
     if (!options.terminal) {
       dup2(input.get(), STDIN_FILENO);
       dup2(output, STDOUT_FILENO);

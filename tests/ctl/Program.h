@@ -35,6 +35,8 @@ struct RunOptions {
   std::string outputFile{};
   /// On a terminal of its own, with all three streams.
   bool terminal = false;
+  /// That terminal was stopped (Ctrl-S), so that the program waits at the first text that it prints.
+  bool stopped = false;
   /// As user and group 65534, which takes root.
   bool asNobody = false;
 };
@@ -54,6 +56,7 @@ class Program {
   /// Types on its terminal.
   void type(const std::string& text);
   void send(int signal) const;
+  pid_t pid() const { return pid_; }
   /// Closes our end of its standard output.
   void stopReading() { out_.reset(); }
   /// Reads to the end of the streams and waits for the program's end.

@@ -204,5 +204,15 @@ TEST(PosixThreadFactoryDeathTest, EndsTheProcessWithAReportWhenAnExceptionLeaves
       "A thread ends the process by an exception: out of luck");
 }
 
+TEST(PosixThreadFactoryDeathTest, EndsTheProcessAlsoWhenWhatLeavesAThreadIsNoException) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  EXPECT_DEATH(
+      {
+        PosixThreadFactory().newThread(runnable([] { throw 42; }))->start();
+        std::promise<void>().get_future().wait();
+      },
+      "terminate called after throwing an instance of 'int'");
+}
+
 }  // namespace
 }  // namespace ravel::rpc

@@ -167,6 +167,43 @@ TEST_F(TUnixServerSocketTest, DoesNotFollowASymbolicLinkInPlaceOfTheLock) {
   EXPECT_FALSE(std::filesystem::exists(target));
 }
 
+TEST_F(TUnixServerSocketTest, RefusesADirectoryThatEverybodyMayWriteToWithOrWithoutStickyBit) {
+  for (const mode_t mode : {0777U, 01777U, 0757U}) {
+    ASSERT_EQ(chmod(directory_.c_str(), mode), 0);
+    EXPECT_EQ(constructionError(), path() + ": the directory may be written to by everybody, left alone");
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(directory_));
+}
+
+TEST_F(TUnixServerSocketTest, TakesADirectoryThatItsGroupMayWriteTo) {
+  ASSERT_EQ(chmod(directory_.c_str(), 0770), 0);
+  TUnixServerSocket server(9020);
+  expectServes(server);
+}
+
+TEST_F(TUnixServerSocketTest, RefusesASymbolicLinkInPlaceOfTheDirectory) {
+  const std::filesystem::path real = directory_ / "real";
+  std::filesystem::create_directory(real);
+  for (const std::filesystem::path& target : {real, directory_ / "missing"}) {
+    const std::filesystem::path link = directory_ / "link";
+    std::filesystem::remove(link);
+    std::filesystem::create_symlink(target, link);
+    setenv("RAVEL_SOCKET_DIR", link.c_str(), 1);
+    EXPECT_EQ(constructionError(),
+              (link / "9020.sock").string() + ": the directory is a symbolic link, left alone");
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(real));
+  EXPECT_FALSE(std::filesystem::exists(directory_ / "missing"));
+}
+
+TEST_F(TUnixServerSocketTest, RefusesAFileInPlaceOfTheDirectory) {
+  const std::filesystem::path file = directory_ / "file";
+  std::ofstream(file) << "precious";
+  setenv("RAVEL_SOCKET_DIR", file.c_str(), 1);
+  EXPECT_EQ(constructionError(), (file / "9020.sock").string() + ": the directory is a file, left alone");
+  EXPECT_EQ(std::filesystem::file_size(file), 8U);
+}
+
 TEST_F(TUnixServerSocketTest, NamesPathAndReasonWhenTheDirectoryCannotBeMade) {
   setenv("RAVEL_SOCKET_DIR", (directory_ / "no/such").c_str(), 1);
   const std::string expected = (directory_ / "no/such/9020.sock").string() + ": mkdir of the directory: ";
@@ -255,6 +292,50 @@ TEST_F(TUnixServerSocketTest, EndsEveryLaterAcceptOnceInterrupted) {
     transportError([&server] { server.accept(); }, &type);
     EXPECT_EQ(type, TTransportException::INTERRUPTED);
   }
+}
+
+TEST_F(TUnixServerSocketTest, EndsItsConnectionsWhenTheirServerStops) {
+  TUnixServerSocket server(9020);
+  TUnixSocket client("localhost", 9020);
+  client.setRecvTimeout(10'000);
+  client.open();
+  const std::shared_ptr<TTransport> connection = server.accept();
+  dynamic_cast<TSocket&>(*connection).setRecvTimeout(10'000);
+  auto reading = std::async(std::launch::async, [&connection] {
+    std::uint8_t byte = 0;
+    return connection->read(&byte, 1);
+  });
+  server.interruptChildren();
+  EXPECT_EQ(reading.get(), 0U);
+  std::uint8_t byte = 0;
+  EXPECT_EQ(client.read(&byte, 1), 0U);
+}
+
+TEST_F(TUnixServerSocketTest, EndsConnectionsThatItAcceptsAfterItsServerStopped) {
+  TUnixServerSocket server(9020);
+  TUnixSocket client("localhost", 9020);
+  client.setRecvTimeout(10'000);
+  client.open();
+  server.interruptChildren();
+  const std::shared_ptr<TTransport> connection = server.accept();
+  std::uint8_t byte = 0;
+  EXPECT_EQ(client.read(&byte, 1), 0U);
+}
+
+TEST_F(TUnixServerSocketTest, LeavesAloneWhatReusesTheDescriptorOfAConnectionThatHasEnded) {
+  TUnixServerSocket server(9020);
+  TUnixSocket client("localhost", 9020);
+  client.open();
+  const std::shared_ptr<TTransport> ended = server.accept();
+  const int descriptor = dynamic_cast<TSocket&>(*ended).getSocketFD();
+  ended->close();
+  int pair[2] = {-1, -1};
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+  const FileDescriptor first(pair[0]);
+  const FileDescriptor second(pair[1]);
+  ASSERT_EQ(first.get(), descriptor);
+  server.interruptChildren();
+  EXPECT_EQ(write(second.get(), "x", 1), 1);
 }
 
 TEST_F(TUnixServerSocketTest, AcceptsNothingAfterItsEnd) {

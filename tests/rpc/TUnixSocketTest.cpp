@@ -114,6 +114,36 @@ TEST_F(TUnixSocketTest, StopsWaitingForASilentService) {
   EXPECT_EQ(type, TTransportException::TIMED_OUT);
 }
 
+TEST_F(TUnixSocketTest, ReadsUntilItsDeadlineAndNoLonger) {
+  using std::chrono::milliseconds;
+  using std::chrono::steady_clock;
+  TUnixServerSocket server(9014);
+  TUnixSocket client("localhost", 9014);
+  client.open();
+  const std::shared_ptr<TTransport> connection = server.accept();
+  std::array<std::uint8_t, 1> byte{};
+
+  client.setDeadline(steady_clock::now() + std::chrono::hours(1000000));
+  connection->write(byte.data(), 1);
+  EXPECT_EQ(client.read(byte.data(), 1), 1U);
+
+  client.setDeadline(steady_clock::now() + milliseconds(50));
+  TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
+  EXPECT_EQ(transportError([&] { client.read(byte.data(), 1); }, &type),
+            path() + ": no complete answer in time");
+  EXPECT_EQ(type, TTransportException::TIMED_OUT);
+
+  // A service that sends without end always has something to read.
+  connection->write(byte.data(), 1);
+  transportError([&] { client.read(byte.data(), 1); }, &type);
+  EXPECT_EQ(type, TTransportException::TIMED_OUT);
+
+  connection->close();
+  client.setDeadline(steady_clock::now() + std::chrono::hours(1));
+  EXPECT_EQ(client.read(byte.data(), 1), 1U);
+  EXPECT_EQ(client.read(byte.data(), 1), 0U);
+}
+
 TEST_F(TUnixSocketTest, StopsWaitingForAServiceThatDoesNotRead) {
   TUnixServerSocket server(9014);
   TUnixSocket client("localhost", 9014);

@@ -198,8 +198,11 @@ TEST_F(ThriftClient, FailsOneCallWhenTheServiceWasRestarted) {
 
 TEST_F(ThriftClient, TakesRubbishForAFailureAndConnectsAnew) {
   const std::string tooLong{"\x80\x01\x00\x02\x7f\xff\xff\xff", 8};
+  const std::string hugeList =
+      std::string{"\x80\x01\x00\x02\x00\x00\x00\x14SendUsbAddedCallback\x00\x00\x00\x00", 32} +
+      std::string{"\x0f\x00\x07\x0a\x77\x35\x94\x00", 8};
   const std::vector<std::string> rubbish{"HTTP/1.0 400 Bad Request\r\n\r\n", std::string(600, '\xff'), "x",
-                                         tooLong};
+                                         tooLong, hugeList};
   std::atomic<std::size_t> connections{0};
   RawService service(9014, [&](const std::shared_ptr<TTransport>& connection) {
     const std::string& answer = rubbish.at(connections++);
@@ -230,6 +233,42 @@ TEST_F(ThriftClient, StopsWaitingForASilentService) {
     EXPECT_EQ(type, TTransportException::TIMED_OUT);
   }
   EXPECT_EQ(CountingSocket::opened, 2);
+}
+
+/// The begin of an answer whose text of 1000000 bytes has yet to come.
+const std::string beginOfALongAnswer{"\x80\x01\x00\x02\x00\x0f\x42\x40", 8};
+
+TEST_F(ThriftClient, StopsReadingAnAnswerThatComesInDrops) {
+  // Each drop in time for one read; the end of them only ends a test that has failed.
+  RawService service(9014, [](const std::shared_ptr<TTransport>& connection) {
+    std::string drop = beginOfALongAnswer;
+    try {
+      for (int drops = 0; drops < 1000; ++drops) {
+        connection->write(reinterpret_cast<const std::uint8_t*>(drop.data()),
+                          static_cast<std::uint32_t>(drop.size()));
+        drop = "x";
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      }
+    } catch (const TTransportException&) {
+      // The client has left.
+    }
+    connection->close();
+  });
+  MediaClient client(std::chrono::milliseconds(500));
+  TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
+  transport_test::transportError([&client] { add(client); }, &type);
+  EXPECT_EQ(type, TTransportException::TIMED_OUT);
+}
+
+TEST_F(ThriftClient, GivesEachCallOnAKeptConnectionItsOwnTime) {
+  MediaServer server(handler_);
+  server.start();
+  const std::chrono::milliseconds timeout(1000);
+  MediaClient client(timeout);
+  add(client);
+  std::this_thread::sleep_for(timeout + timeout / 10);
+  EXPECT_NO_THROW(add(client));
+  EXPECT_EQ(CountingSocket::opened, 1);
 }
 
 TEST_F(ThriftClient, StopsWaitingForAServiceThatDoesNotAccept) {

@@ -17,9 +17,15 @@ using apache::thrift::TApplicationException;
 using apache::thrift::concurrency::SystemResourceException;
 using apache::thrift::protocol::T_CALL;
 using apache::thrift::protocol::T_EXCEPTION;
+using apache::thrift::protocol::T_I64;
+using apache::thrift::protocol::T_LIST;
+using apache::thrift::protocol::T_MAP;
+using apache::thrift::protocol::T_SET;
 using apache::thrift::protocol::T_STRING;
+using apache::thrift::protocol::T_STRUCT;
 using apache::thrift::protocol::TBinaryProtocol;
 using apache::thrift::protocol::TMessageType;
+using apache::thrift::protocol::TType;
 using apache::thrift::transport::TBufferedTransport;
 using apache::thrift::transport::TTransportException;
 
@@ -40,6 +46,17 @@ class ThriftServer : public transport_test::SocketDirectoryTest {
           stub(protocol) {
       socket->open();
     }
+    /// Begins a call of an operation that there is.
+    void beginCall() const { protocol->writeMessageBegin("OpenDevice", T_CALL, 0); }
+    /// Sends what was written. True when the server then closes the connection, without an answer.
+    bool isClosed() const {
+      // Only a server that goes on waiting for more lets it pass.
+      socket->setRecvTimeout(60000);
+      protocol->getTransport()->flush();
+      std::uint8_t byte = 0;
+      return socket->read(&byte, 1) == 0;
+    }
+
     std::shared_ptr<TUnixSocket> socket;
     std::shared_ptr<TBinaryProtocol> protocol;
     usb_rpc_gen_Client stub;
@@ -212,6 +229,50 @@ TEST_F(ThriftServer, ClosesAConnectionThatAnnouncesATooLongTextAndServesOn) {
       TTransportException);
   Client client;
   EXPECT_TRUE(client.stub.OpenDeviceAt(1, std::string(LimitedBufferedTransport::maxFieldSize, 'm'), false));
+}
+
+TEST_F(ThriftServer, ClosesAConnectionThatAnnouncesAHugeContainerAndServesOn) {
+  constexpr std::uint32_t twoBillion = 2000000000;
+  UsbServer server(handler_);
+  server.start();
+  for (const TType container : {T_LIST, T_SET, T_MAP}) {
+    const Client greedy;
+    greedy.beginCall();
+    greedy.protocol->writeFieldBegin("", container, 99);
+    if (container == T_MAP) {
+      greedy.protocol->writeMapBegin(T_I64, T_I64, twoBillion);
+    } else {
+      greedy.protocol->writeListBegin(T_I64, twoBillion);
+    }
+    EXPECT_TRUE(greedy.isClosed());
+  }
+  Client client;
+  EXPECT_TRUE(client.stub.OpenDevice(1));
+}
+
+TEST_F(ThriftServer, ClosesAConnectionThatNestsStructsTooDeepAndServesOn) {
+  UsbServer server(handler_);
+  server.start();
+  const Client deep;
+  deep.beginCall();
+  // Few enough bytes to be sent before anybody reads them.
+  for (int depth = 0; depth < 100; ++depth) {
+    deep.protocol->writeFieldBegin("", T_STRUCT, 99);
+  }
+  EXPECT_TRUE(deep.isClosed());
+  Client client;
+  EXPECT_TRUE(client.stub.OpenDevice(1));
+}
+
+TEST_F(ThriftServer, ClosesAConnectionWithATypeThatThereIsNotAndServesOn) {
+  UsbServer server(handler_);
+  server.start();
+  const Client odd;
+  odd.beginCall();
+  odd.protocol->writeByte(-2);
+  EXPECT_TRUE(odd.isClosed());
+  Client client;
+  EXPECT_TRUE(client.stub.OpenDevice(1));
 }
 
 TEST_F(ThriftServer, ClosesAConnectionThatSpeaksAnotherProtocol) {

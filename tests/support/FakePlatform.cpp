@@ -1,5 +1,8 @@
 #include "FakePlatform.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -74,8 +77,11 @@ int FakePlatform::rmdir(const std::string& path) {
   return answer(rmdirError);
 }
 
-int FakePlatform::access(const std::string& path, int /*mode*/) {
+int FakePlatform::access(const std::string& path, int mode) {
   record("access " + path);
+  if (mode != F_OK) {
+    return answer(EACCES);
+  }
   return answer(existing.count(path) != 0 ? 0 : ENOENT);
 }
 
@@ -130,8 +136,11 @@ int FakePlatform::closedir(DIR* directory) {
   return 0;
 }
 
-int FakePlatform::open(const std::string& path, int /*flags*/) {
+int FakePlatform::open(const std::string& path, int flags) {
   record("open " + path);
+  if ((flags & O_ACCMODE) != O_RDONLY) {
+    return answer(EACCES);
+  }
   if (files.count(path) == 0 && readErrors.count(path) == 0 && disks.count(path) == 0) {
     return answer(openError);
   }
@@ -160,6 +169,15 @@ int FakePlatform::close(int descriptor) {
   }
   descriptors_.erase(file);
   return answer(closeError);
+}
+
+Dockhand::Claim FakePlatform::claimFile(const std::string& path) {
+  const auto claim = claims.find(path);
+  if (claim == claims.end()) {
+    return Dockhand::Claim::ours;
+  }
+  record("claimFile " + path);
+  return claim->second;
 }
 
 int FakePlatform::system(const std::string& command) {

@@ -17,10 +17,13 @@
 ///     umount TARGET                          umount2 TARGET FLAGS
 ///     mkdir PATH MODE(octal)                 rmdir PATH               access PATH
 ///     opendir DIR     closedir DIR           open PATH    read PATH SIZE    close PATH
-///     system COMMAND                         sleep SECONDS
-///     new_probe PATH   do_probe PATH   lookup PATH KEY   free_probe PATH   dev_size PATH
+///     claimFile PATH    (where `claims` has the path; elsewhere nobody is in the way, and it is not
+///     recorded) system COMMAND                         sleep SECONDS new_probe PATH   do_probe PATH   lookup
+///     PATH KEY   free_probe PATH   dev_size PATH
 ///
 /// An error is an errno value; 0 means success. A failing call sets errno, a succeeding one leaves it alone.
+/// Nothing can be opened but for reading, or asked for but whether it exists: that is all that the handler
+/// does.
 class FakePlatform : public Dockhand::Platform {
  public:
   struct Mount {
@@ -57,6 +60,8 @@ class FakePlatform : public Dockhand::Platform {
   /// These files can be opened but not read: errno by path.
   std::map<std::string, int> readErrors;
   int closeError = 0;
+  /// What becomes of claims, by path.
+  std::map<std::string, Dockhand::Claim> claims;
   /// Directories by path with the names in them.
   std::map<std::string, std::vector<std::string>> directories;
   /// Paths that access and mkdir find existing.
@@ -78,6 +83,7 @@ class FakePlatform : public Dockhand::Platform {
   /// Probes that were made and not freed.
   std::size_t liveProbes() const { return probes_.size(); }
   std::size_t openDescriptors() const { return descriptors_.size(); }
+  std::size_t openDirectories() const { return openDirectories_.size(); }
 
   int mount(const std::string& source, const std::string& target, const char* fileSystemType,
             unsigned long flags, const char* options) override;
@@ -94,6 +100,7 @@ class FakePlatform : public Dockhand::Platform {
   int open(const std::string& path, int flags) override;
   ssize_t read(int descriptor, void* buffer, size_t size) override;
   int close(int descriptor) override;
+  Dockhand::Claim claimFile(const std::string& path) override;
   int system(const std::string& command) override;
   void sleep(unsigned int seconds) override;
   blkid_probe blkid_new_probe_from_filename(const std::string& path) override;

@@ -1,9 +1,7 @@
 #include "MediaService.h"
 
-#include <sys/socket.h>
 #include <thrift/protocol/TBinaryProtocol.h>
 #include <thrift/transport/TBufferTransports.h>
-#include <thrift/transport/TSocket.h>
 
 #include <utility>
 
@@ -29,6 +27,11 @@ class MediaService::Handler : public ravel::rpc::corvane_rpc_gen_If {
     return callbacks_;
   }
 
+  std::vector<Callback> takeCallbacks() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return std::exchange(callbacks_, {});
+  }
+
   void onCallback(std::function<void(const Callback&)> action) {
     const std::lock_guard<std::mutex> lock(mutex_);
     action_ = std::move(action);
@@ -52,57 +55,26 @@ class MediaService::Handler : public ravel::rpc::corvane_rpc_gen_If {
   std::function<void(const Callback&)> action_;
 };
 
-/// Ends its connections with itself, as a process that ends does: a server that stops waits for its clients,
-/// and the daemon keeps its connection open.
-class MediaService::ServerSocket : public ravel::rpc::TUnixServerSocket {
- public:
-  using TUnixServerSocket::TUnixServerSocket;
-
-  void endConnections() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    ended_ = true;
-    for (const auto& connection : connections_) {
-      if (const auto socket = connection.lock()) {
-        shutdown(socket->getSocketFD(), SHUT_RDWR);
-      }
-    }
-  }
-
- protected:
-  std::shared_ptr<apache::thrift::transport::TTransport> acceptImpl() override {
-    auto connection = TUnixServerSocket::acceptImpl();
-    const std::lock_guard<std::mutex> lock(mutex_);
-    const auto socket = std::dynamic_pointer_cast<apache::thrift::transport::TSocket>(connection);
-    connections_.push_back(socket);
-    if (ended_) {
-      shutdown(socket->getSocketFD(), SHUT_RDWR);
-    }
-    return connection;
-  }
-
- private:
-  std::mutex mutex_;
-  bool ended_ = false;
-  std::vector<std::weak_ptr<apache::thrift::transport::TSocket>> connections_;
-};
-
 MediaService::MediaService()
     : handler_(std::make_shared<Handler>()),
-      socket_(std::make_shared<ServerSocket>(9014)),
       server_(std::make_unique<apache::thrift::server::TThreadedServer>(
-          std::make_shared<ravel::rpc::corvane_rpc_gen_Processor>(handler_), socket_,
+          std::make_shared<ravel::rpc::corvane_rpc_gen_Processor>(handler_),
+          std::make_shared<ravel::rpc::TUnixServerSocket>(9014),
           std::make_shared<apache::thrift::transport::TBufferedTransportFactory>(),
           std::make_shared<apache::thrift::protocol::TBinaryProtocolFactory>())),
       thread_([this] { server_->serve(); }) {}
 
 MediaService::~MediaService() {
   server_->stop();
-  socket_->endConnections();
   thread_.join();
 }
 
 std::vector<Callback> MediaService::callbacks() const {
   return handler_->callbacks();
+}
+
+std::vector<Callback> MediaService::takeCallbacks() {
+  return handler_->takeCallbacks();
 }
 
 void MediaService::onCallback(std::function<void(const Callback&)> action) {

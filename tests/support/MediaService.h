@@ -43,6 +43,8 @@ class MediaService {
   /// What has arrived so far. The daemon waits for each answer, so all of it is here when a notification
   /// returns.
   std::vector<Callback> callbacks() const;
+  /// The same, and forgets it.
+  std::vector<Callback> takeCallbacks();
 
   /// What is done in each callback from now on, in the thread that serves it; what it throws, the daemon gets
   /// as a failure.
@@ -50,10 +52,8 @@ class MediaService {
 
  private:
   class Handler;
-  class ServerSocket;
 
   std::shared_ptr<Handler> handler_;
-  std::shared_ptr<ServerSocket> socket_;
   std::unique_ptr<apache::thrift::server::TThreadedServer> server_;
   std::thread thread_;
 };

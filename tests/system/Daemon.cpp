@@ -1,6 +1,7 @@
 #include "Daemon.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -13,6 +14,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <sstream>
 #include <stdexcept>
 
@@ -25,7 +27,7 @@ namespace {
 constexpr std::chrono::seconds patience{20};
 
 std::string logPath(pid_t pid) {
-  return "/tmp/daemon_" + std::to_string(pid) + ".stderr";
+  return std::filesystem::temp_directory_path() / ("daemon_" + std::to_string(pid) + ".stderr");
 }
 
 void redirect(int descriptor, const std::string& path) {
@@ -35,7 +37,7 @@ void redirect(int descriptor, const std::string& path) {
   }
 }
 
-pid_t startProgram(const Environment& environment) {
+pid_t startProgram(const Environment& environment, gid_t group) {
   const pid_t pid = fork();
   if (pid < 0) {
     throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
@@ -49,8 +51,11 @@ pid_t startProgram(const Environment& environment) {
       setenv(name.c_str(), value.c_str(), 1);
     }
     redirect(STDIN_FILENO, "/dev/null");
-    redirect(STDOUT_FILENO, "/tmp/daemon.stdout");
+    redirect(STDOUT_FILENO, std::filesystem::temp_directory_path() / "daemon.stdout");
     redirect(STDERR_FILENO, logPath(getpid()));
+    if (group != getgid() && (setgroups(0, nullptr) != 0 || setgid(group) != 0)) {
+      _exit(127);
+    }
     execl(DOCKHAND_PROGRAM, DOCKHAND_PROGRAM, static_cast<char*>(nullptr));
     _exit(127);
   }
@@ -81,59 +86,8 @@ bool answersCalls() {
 
 }  // namespace
 
-UsbClient::UsbClient()
-    : socket_(std::make_shared<ravel::rpc::TUnixSocket>("localhost", 9020)),
-      client_(std::make_shared<apache::thrift::protocol::TBinaryProtocol>(
-          std::make_shared<apache::thrift::transport::TBufferedTransport>(socket_))) {
-  socket_->setRecvTimeout(static_cast<int>(std::chrono::milliseconds(patience).count()));
-  socket_->open();
-}
-
-std::vector<std::int16_t> UsbClient::devices(bool includeHidden) {
-  std::vector<std::int16_t> answer;
-  client_.GetListOfInsertedDevices(answer, includeHidden);
-  return answer;
-}
-
-ravel::rpc::ReturnValueWithString UsbClient::label(std::int16_t deviceId) {
-  ravel::rpc::ReturnValueWithString answer;
-  client_.GetDeviceLabel(answer, deviceId);
-  return answer;
-}
-
-ravel::rpc::ReturnValueWithString UsbClient::uuid(std::int16_t deviceId) {
-  ravel::rpc::ReturnValueWithString answer;
-  client_.GetDeviceUuid(answer, deviceId);
-  return answer;
-}
-
-ravel::rpc::ReturnValueWithString UsbClient::usbVersion(std::int16_t deviceId) {
-  ravel::rpc::ReturnValueWithString answer;
-  client_.GetDeviceUsbVersion(answer, deviceId);
-  return answer;
-}
-
-ravel::rpc::ReturnValueWithString UsbClient::mountPoint(std::int16_t deviceId) {
-  ravel::rpc::ReturnValueWithString answer;
-  client_.GetUsbMountPoint(answer, deviceId);
-  return answer;
-}
-
-ravel::rpc::ReturnValueWithString UsbClient::physicalDevice(std::int16_t deviceId) {
-  ravel::rpc::ReturnValueWithString answer;
-  client_.GetUsbPhysicalDevice(answer, deviceId);
-  return answer;
-}
-
-std::vector<std::string> UsbClient::files(std::int16_t deviceId, const std::string& directory,
-                                          const std::string& extension) {
-  std::vector<std::string> answer;
-  client_.GetFilesByExtension(answer, deviceId, directory, extension);
-  std::sort(answer.begin(), answer.end());
-  return answer;
-}
-
-Daemon::Daemon(const Environment& environment) : pid_(startProgram(environment)) {
+Daemon::Daemon(const Environment& environment, gid_t group)
+    : pid_(startProgram(environment, group)), logPath_(logPath(pid_)) {
   const auto deadline = std::chrono::steady_clock::now() + patience;
   while (!answersCalls()) {
     const bool ended = hasEnded(pid_, std::chrono::milliseconds(10));
@@ -161,7 +115,7 @@ void Daemon::kill() {
 }
 
 std::string Daemon::log() const {
-  return readFile(logPath(pid_));
+  return readFile(logPath_);
 }
 
 std::vector<std::string> Daemon::logLines() const {
@@ -175,7 +129,7 @@ std::vector<std::string> Daemon::logLines() const {
 }
 
 FailedStart startThatFails(const Environment& environment) {
-  const pid_t pid = startProgram(environment);
+  const pid_t pid = startProgram(environment, 0);
   const bool ended = hasEnded(pid, patience);
   if (!ended) {
     kill(pid, SIGKILL);

@@ -2,53 +2,27 @@
 #define DOCKHAND_TESTS_SYSTEM_DAEMON_H
 
 #include <sys/types.h>
-#include <thrift/protocol/TBinaryProtocol.h>
-#include <thrift/transport/TBufferTransports.h>
+#include <unistd.h>
 
-#include <cstdint>
 #include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
-#include "TUnixSocket.h"
-#include "usb_rpc_gen_.h"
+#include "UsbClient.h"
 
 namespace systest {
 
 /// Variables for the daemon's environment, which otherwise is that of the test.
 using Environment = std::map<std::string, std::string>;
 
-/// One connection to the daemon. The generated client's operations, with results returned rather than filled
-/// in.
-class UsbClient {
- public:
-  /// Connects; throws when nobody accepts.
-  UsbClient();
-
-  ravel::rpc::usb_rpc_gen_Client* operator->() { return &client_; }
-
-  std::vector<std::int16_t> devices(bool includeHidden = false);
-  ravel::rpc::ReturnValueWithString label(std::int16_t deviceId);
-  ravel::rpc::ReturnValueWithString uuid(std::int16_t deviceId);
-  ravel::rpc::ReturnValueWithString usbVersion(std::int16_t deviceId);
-  ravel::rpc::ReturnValueWithString mountPoint(std::int16_t deviceId);
-  ravel::rpc::ReturnValueWithString physicalDevice(std::int16_t deviceId);
-  /// Sorted.
-  std::vector<std::string> files(std::int16_t deviceId, const std::string& directory,
-                                 const std::string& extension);
-
- private:
-  std::shared_ptr<ravel::rpc::TUnixSocket> socket_;
-  ravel::rpc::usb_rpc_gen_Client client_;
-};
+using testsupport::UsbClient;
 
 /// A running daemon, killed with this object.
 class Daemon {
  public:
-  /// Starts the program and returns once it answers calls. Throws when it ends instead, or does not answer
-  /// for long.
-  explicit Daemon(const Environment& environment = {});
+  /// Starts the program, as root and in this group alone, and returns once it answers calls. Throws when it
+  /// ends instead, or does not answer for long.
+  explicit Daemon(const Environment& environment = {}, gid_t group = getgid());
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;
   ~Daemon();
@@ -65,6 +39,7 @@ class Daemon {
 
  private:
   pid_t pid_ = -1;
+  std::string logPath_;
   bool reaped_ = false;
 };
 

@@ -364,12 +364,6 @@ TEST_F(Closing, ReadsAMountTableThatIsOpenedAsDescriptorZero) {
   EXPECT_EQ(withoutStandardInput.openDescriptors(), 0U);
 }
 
-TEST_F(Closing, ChecksInADebugBuildThatItsCallerHoldsTheLock) {
-  clear("/media/disk");
-  EXPECT_DEBUG_DEATH(handler->CheckForAndRemoveMount("/media/disk", false), "lockOwner_");
-  EXPECT_DEBUG_DEATH(handler->releaseDevice(1, false), "lockOwner_");
-}
-
 TEST_F(Closing, DoesNotFindWhatAnEarlierReadLeft) {
   EXPECT_TRUE(isFound("/media/disk", "/dev/sdb /media/disk vfat rw 0 0\n"));
   platform.files.clear();

@@ -165,6 +165,15 @@ TEST_F(Discovery, DropsCharactersOfANodeThatAreNeitherLowerCaseLettersNorDigits)
   EXPECT_EQ(entry(1).partitionCount, 1U);
 }
 
+TEST_F(Discovery, KeepsEveryLetterFromAToZAndEveryDigitAndNotTheirNeighbours) {
+  platform.deviceNodes = {"usb_storage_`abcdefghijklmnopqrstuvwxyz{.0123456789:"};
+  handler->CheckForAndUpdateNewDevices();
+  EXPECT_EQ(entry(1).deviceName, "abcdefghijklmnopqrstuvwxyz");
+  EXPECT_THAT(journal().eventsBeginning("log 2 @196"),
+              ElementsAre("log 2 @196 entry: name=`abcdefghijklmnopqrstuvwxyz{.0123456789: number=0123456789 "
+                          "matchFound=0"));
+}
+
 TEST_F(Discovery, GivesANodeWithoutLettersARecordWithoutAName) {
   platform.deviceNodes = {"usb_storage_1", "usb_storage_"};
   handler->CheckForAndUpdateNewDevices();

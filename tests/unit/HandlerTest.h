@@ -9,31 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "DockhandClient.h"
 #include "FakePlatform.h"
 #include "Journal.h"
 #include "ModuleLog.h"
-
-/// The handler with its insides open to the tests.
-class TestableHandler : public Dockhand::DockhandClient {
- public:
-  using DockhandClient::addedObservers;
-  using DockhandClient::CheckForAndRemoveMount;
-  using DockhandClient::deviceMap;
-  using DockhandClient::diskRepairDeviceId;
-  using DockhandClient::diskRepairRunning;
-  using DockhandClient::DockhandClient;
-  using DockhandClient::executeShellCommand;
-  using DockhandClient::getBlkidLookupValue;
-  using DockhandClient::GetPartitionInfo;
-  using DockhandClient::GetUsbMountDevice;
-  using DockhandClient::handlerMutex;
-  using DockhandClient::Lock;
-  using DockhandClient::PartitionInfo;
-  using DockhandClient::pvrPreparationRunning;
-  using DockhandClient::releaseDevice;
-  using DockhandClient::removedObservers;
-};
+#include "TestableHandler.h"
 
 /// A handler over a fake system, with every log line let through. The journal is empty when a test begins,
 /// and again after each plugIn.

@@ -104,6 +104,7 @@ TEST_F(Opening, DoesAndLogsEachStepInOrder) {
                   foundDevice,
                   "log 2 @1152 GetUsbMountDevice",
                   "log 2 @684 usb device to open is /dev/usb_storage_sdb1",
+                  "open /dev/usb_storage_sdb1",
                   "log 2 @1046 GetDeviceLabel",
                   "new_probe /dev/usb_storage_sdb1",
                   "do_probe /dev/usb_storage_sdb1",
@@ -145,7 +146,44 @@ TEST_F(Opening, DoesAndLogsEachStepInOrder) {
                   "log 2 @1015 getBlkidLookupValue(1,TYPE; device=/dev/usb_storage_sdb1)=vfat",
                   "mount /dev/usb_storage_sdb1 /media/disk_1 vfat c0ed0002 utf8",
                   "log 2 @770 mount ok",
+                  "close /dev/usb_storage_sdb1",
               }));
+}
+
+TEST_F(Opening, HoldsTheNodeOpenWhileItProbesAndMounts) {
+  const auto id = plugIn({"sdb"}, "vfat");
+  std::vector<std::string> unheld;
+  platform.onCall = [&](const std::string& event) {
+    const bool usesTheNode = event.find(" /dev/usb_storage_sdb") != std::string::npos;
+    if (usesTheNode && event.rfind("open", 0) != 0 && platform.openDescriptors() == 0) {
+      unheld.push_back(event);
+    }
+  };
+  EXPECT_TRUE(handler->OpenDevice(id));
+  EXPECT_THAT(unheld, IsEmpty());
+  EXPECT_EQ(platform.openDescriptors(), 0U);
+}
+
+TEST_F(Opening, LetsTheNodeGoBeforeItUnmounts) {
+  const auto id = plugIn({"sdb"}, "vfat");
+  platform.files["/proc/mounts"] = "/dev/usb_storage_sdb /media/disk_1 vfat rw 0 0\n";
+  EXPECT_TRUE(handler->OpenDevice(id));
+  std::vector<std::string> node;
+  for (const std::string& event : journal().calls()) {
+    if (event == "open /dev/usb_storage_sdb" || event == "close /dev/usb_storage_sdb" ||
+        event == "umount2 /media/disk_1 0") {
+      node.push_back(event);
+    }
+  }
+  EXPECT_THAT(node, ElementsAre("open /dev/usb_storage_sdb", "close /dev/usb_storage_sdb",
+                                "umount2 /media/disk_1 0"));
+}
+
+TEST_F(Opening, OpensADeviceWhoseNodeItCannotHold) {
+  // The node is there but only its mount works.
+  platform.deviceNodes = {"usb_storage_sdb"};
+  EXPECT_TRUE(handler->OpenDevice(1));
+  EXPECT_THAT(journal().eventsBeginning("close /dev"), IsEmpty());
 }
 
 TEST_F(Opening, DoesAndLogsEachStepOfAFailedOpeningInOrder) {
@@ -175,6 +213,7 @@ TEST_F(Opening, DoesAndLogsEachStepOfAFailedOpeningInOrder) {
       "log 2 @590 Error on usb mount: Filesystemtype not configured in the kernel.",
       "log 2 @778 Performing rmdir for /media/pvr",
       "rmdir /media/pvr",
+      "close /dev/usb_storage_sdb",
   };
   ASSERT_GT(events.size(), expectedEnd.size());
   EXPECT_THAT(
@@ -537,12 +576,12 @@ TEST_F(Opening, MountsNothingWithoutADirectory) {
             "Error on usb mount: The new  directory  cannot  be  created because the user's disk quota is "
             "exhausted.\n");
   const auto events = journal().events();
-  ASSERT_GT(events.size(), 5U);
-  EXPECT_THAT(std::vector<std::string>(events.end() - 5, events.end()),
+  ASSERT_GT(events.size(), 6U);
+  EXPECT_THAT(std::vector<std::string>(events.end() - 6, events.end()),
               ElementsAre("mkdir /media/disk_1 775",
                           "log 2 @733 mkdir ok usbMountDevice.c_str() /dev/usb_storage_sdb",
                           "log 2 @734 mkdir status is -1", "log 2 @778 Performing rmdir for /media/disk_1",
-                          "rmdir /media/disk_1"));
+                          "rmdir /media/disk_1", "close /dev/usb_storage_sdb"));
   EXPECT_FALSE(entry(id).deviceOpen);
   EXPECT_EQ(entry(id).mountPoint, "/media/disk_1");
 }
@@ -620,7 +659,7 @@ TEST_F(Opening, SucceedsInTheSecondPass) {
   EXPECT_TRUE(handler->OpenDevice(id));
   EXPECT_THAT(mountedTypes(), ElementsAre("vfat c0ed0002", "vfat c0ed0003", "vfat c0ed0002"));
   EXPECT_THAT(journal().eventsBeginning("log 2 @590"), IsEmpty());
-  EXPECT_EQ(journal().events().back(), "log 2 @770 mount ok");
+  EXPECT_EQ(journal().logs().back(), "log 2 @770 mount ok");
 }
 
 TEST_F(Opening, CountsAnInvalidSuperblockOfTheLastAttemptAsSuccess) {
@@ -630,9 +669,9 @@ TEST_F(Opening, CountsAnInvalidSuperblockOfTheLastAttemptAsSuccess) {
   };
   EXPECT_TRUE(handler->OpenDevice(id));
   EXPECT_TRUE(entry(id).deviceOpen);
-  const auto events = journal().events();
-  ASSERT_GT(events.size(), 2U);
-  EXPECT_THAT(std::vector<std::string>(events.end() - 2, events.end()),
+  const auto logs = journal().logs();
+  ASSERT_GT(logs.size(), 2U);
+  EXPECT_THAT(std::vector<std::string>(logs.end() - 2, logs.end()),
               ElementsAre("log 2 @590 Error on usb mount: Source had an invalid superblock (EINVAL).",
                           "log 2 @770 mount ok"));
   EXPECT_THAT(journal().eventsBeginning("rmdir"), IsEmpty());
@@ -660,7 +699,7 @@ TEST_F(Opening, MindsNoFailureOfTheFinalRmdir) {
   failMounts(ENODEV);
   platform.rmdirError = EBUSY;
   EXPECT_FALSE(handler->OpenDevice(id));
-  EXPECT_EQ(journal().events().back(), "rmdir /media/disk_1");
+  EXPECT_THAT(journal().eventsBeginning("rmdir"), ElementsAre("rmdir /media/disk_1"));
 }
 
 TEST_F(Opening, GivesUpOnAnEmptyDirectoryName) {

@@ -353,11 +353,6 @@ TEST_F(Probing, HandsALabelOnAsItStands) {
   }
 }
 
-TEST_F(Probing, ChecksInADebugBuildThatItsCallerHoldsTheLock) {
-  const auto id = plugIn({"sdb"});
-  EXPECT_DEBUG_DEATH(handler->getBlkidLookupValue(static_cast<std::uint32_t>(id), "TYPE"), "lockOwner_");
-}
-
 TEST_F(Probing, HoldsTheLockForAllButTheFirstLine) {
   const auto id = plugIn({"sdb"});
   TestableHandler::PartitionInfo info;

@@ -240,6 +240,34 @@ TEST_F(Queries, KeepsTheVersionWhenItsFileCannotBeRemoved) {
                                             "log 2 @1309 GetDeviceUsbVersion(1)=3.00"));
 }
 
+TEST_F(Queries, ClaimsTheVersionFileBeforeItRunsTheScript) {
+  const auto id = plugIn({"sdb"});
+  const std::string file = "/tmp/sdb_bcdUSB.txt";
+  platform.files[file] = "2.00\n";
+  platform.claims[file] = Dockhand::Claim::movedAside;
+  EXPECT_EQ(usbVersion(id).text, "2.00");
+  EXPECT_THAT(
+      journal().events(),
+      ElementsAre("log 2 @1276 GetDeviceUsbVersion", "claimFile " + file,
+                  "log 4 @136 " + file + " was not ours and has been moved aside, to " + file + ".moved-*",
+                  "system readUsbVersion.sh sdb > " + file, "open " + file, "read " + file + " 256",
+                  "close " + file, "system rm " + file, "log 2 @1309 GetDeviceUsbVersion(1)=2.00"));
+}
+
+TEST_F(Queries, RunsNothingWhileTheVersionFileIsNotOurs) {
+  const auto id = plugIn({"sdb"});
+  const std::string file = "/tmp/sdb_bcdUSB.txt";
+  platform.files[file] = "forged\n";
+  platform.claims[file] = Dockhand::Claim::refused;
+  const auto result = usbVersion(id);
+  EXPECT_FALSE(result.success);
+  EXPECT_EQ(result.text, "");
+  EXPECT_THAT(journal().events(),
+              ElementsAre("log 2 @1276 GetDeviceUsbVersion", "claimFile " + file,
+                          "log 5 @138 Not executed, since " + file + " is not ours and cannot be moved",
+                          "log 2 @1309 GetDeviceUsbVersion(1)="));
+}
+
 TEST_F(Queries, RunsNothingForTheUsbVersionOfAnUnknownDevice) {
   addRecordsUnderUnsignedNumbers();
   for (const auto id : unknownIds) {

@@ -116,6 +116,25 @@ TEST_F(ShellRunner, LogsEverythingWithoutAContext) {
                                             "log 4 @129 Warning: tool returned 256 # from Line=1"));
 }
 
+TEST_F(ShellRunner, ClaimsTheLogFileBeforeItRunsACommandAndTellsWhatWasInTheWay) {
+  platform.claims["/tmp/Dockhand.log"] = Dockhand::Claim::movedAside;
+  EXPECT_EQ(handler->executeShellCommand("tool", 1, false), 0);
+  EXPECT_THAT(journal().events(),
+              ElementsAre("log 3 @124 Executing: tool # from Line=1", "claimFile /tmp/Dockhand.log",
+                          "log 4 @136 /tmp/Dockhand.log was not ours and has been moved aside, to "
+                          "/tmp/Dockhand.log.moved-*",
+                          "system tool 1>/tmp/Dockhand.log 2>&1"));
+}
+
+TEST_F(ShellRunner, RunsNothingWhileTheLogFileIsNotOurs) {
+  platform.claims["/tmp/Dockhand.log"] = Dockhand::Claim::refused;
+  EXPECT_EQ(handler->executeShellCommand("tool", 1, true), -1);
+  EXPECT_THAT(journal().events(),
+              ElementsAre("log 3 @124 Executing: tool # from Line=1", "claimFile /tmp/Dockhand.log",
+                          "log 5 @138 Not executed, since /tmp/Dockhand.log is not ours and cannot be moved",
+                          "log 4 @129 Warning: tool returned -1 # from Line=1"));
+}
+
 TEST_F(ShellRunner, TakesNoLock) {
   commandsEndWith(256);
   watchLock();

@@ -555,6 +555,18 @@ TEST_F(TlogJournal, AnotherStreamInTheEnvironmentIsNotTheJournal) {
   }
 }
 
+TEST_F(TlogJournal, AClosedStandardErrorIsNotTheJournal) {
+  const CapturedStandardError captured;
+  const struct stat status = captured.status();
+  const int kept = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
+  close(STDERR_FILENO);
+  initWith("JOURNAL_STREAM", std::to_string(status.st_dev) + ':' + std::to_string(status.st_ino));
+  dup2(kept, STDERR_FILENO);
+  close(kept);
+  TlogPrintf(context_, 3, "F", 1, "text");
+  EXPECT_TRUE(isOneLine(captured.text(), R"(\S+Z [0-9]+ 3 Test\.Context F:1 text)")) << captured.text();
+}
+
 TEST_F(TlogThreads, LinesNeverMix) {
   constexpr int threadCount = 8;
   constexpr int linesPerThread = 200;

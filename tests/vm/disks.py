@@ -1,9 +1,13 @@
-"""Images of USB sticks, made by the usual tools of the host."""
+"""Images of USB sticks, made by the usual tools of the host.
+
+    disks.py FOLDER FILESYSTEM LABEL    makes FOLDER/stick.img
+"""
 
 import os
 import random
 import shutil
 import subprocess
+import sys
 
 import hfsplus
 
@@ -48,6 +52,11 @@ def make_partitioned(folder, filesystems, label="", table="dos", name="stick.img
     return path
 
 
+def _ext2(path, label):
+    _truncate(path, 8 * MIB)
+    _tool(["mkfs.ext2", "-q", "-F", "-L", label, path])
+
+
 def _ext3(path, label):
     _truncate(path, 8 * MIB)
     _tool(["mkfs.ext3", "-q", "-F", "-L", label, path])
@@ -61,6 +70,12 @@ def _ext4(path, label):
 def _vfat(path, label):
     _truncate(path, 8 * MIB)
     _tool(["mkfs.vfat", *(["-n", label] if label else []), path])
+
+
+def _fat32(path, label):
+    # Smaller than the format means it to be, and so with a remark, but sound.
+    _truncate(path, 8 * MIB)
+    _tool(["mkfs.vfat", "-F", "32", *(["-n", label] if label else []), path])
 
 
 def _xfs(path, label):
@@ -96,8 +111,8 @@ def _empty(path, _label):
     _truncate(path, 4 * MIB)
 
 
-MAKERS = {"ext3": _ext3, "ext4": _ext4, "vfat": _vfat, "xfs": _xfs, "hfs": _hfs, "hfsplus": _hfsplus,
-          "ntfs": _ntfs, "garbage": _garbage, "empty": _empty}
+MAKERS = {"ext2": _ext2, "ext3": _ext3, "ext4": _ext4, "vfat": _vfat, "fat32": _fat32, "xfs": _xfs, "hfs": _hfs,
+          "hfsplus": _hfsplus, "ntfs": _ntfs, "garbage": _garbage, "empty": _empty}
 
 
 def _truncate(path, size):
@@ -132,3 +147,7 @@ def _tool(command, input="", env=None):
                           env={**os.environ, "PATH": TOOL_PATH, **(env or {})})
     if done.returncode != 0:
         raise RuntimeError(f"{' '.join(command)}: status {done.returncode}\n{done.stdout}")
+
+
+if __name__ == "__main__":
+    make(*sys.argv[1:])

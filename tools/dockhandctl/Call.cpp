@@ -227,11 +227,12 @@ int call(const Settings& settings, const std::string& name, const std::vector<st
   if (name == "PrepareDeviceForPvr" && !confirmed) {
     confirmWiping(settings, arguments[0]);
   }
-  UsbService service(settings.timeout);
-  if (operation.slow) {
-    service.waitWithoutEnd();
-  }
-  const Json result = service.call([&](Client& client) { return operation.run(client, arguments); });
+  const Json result = ask(settings.timeout, [&](UsbService& service) {
+    if (operation.slow) {
+      service.waitWithoutEnd();
+    }
+    return service.call([&](Client& client) { return operation.run(client, arguments); });
+  });
   std::cout << toText(result) << '\n';
   return isNo(result) ? answerIsNo : done;
 }

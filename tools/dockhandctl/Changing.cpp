@@ -32,32 +32,44 @@ std::string reasonForNotClosing(UsbService& service, std::int16_t device) {
 }  // namespace
 
 int open(const Settings& settings, std::int16_t device, const std::string& directory, bool pvr) {
-  UsbService service(settings.timeout);
-  const bool opened = service.call([&](Client& client) {
-    if (directory.empty() && !pvr) {
-      return client.OpenDevice(device);
+  std::string reasonForNot;
+  std::string path;
+  ask(settings.timeout, [&](UsbService& service) {
+    const bool opened = service.call([&](Client& client) {
+      if (directory.empty() && !pvr) {
+        return client.OpenDevice(device);
+      }
+      const std::string usual = "/media/disk_" + std::to_string(device);
+      return client.OpenDeviceAt(device, directory.empty() ? usual : directory, pvr);
+    });
+    if (opened) {
+      path = service.text(&Client::GetUsbMountPoint, device).text;
+    } else {
+      requireDevice(service, device);
+      reasonForNot = reasonForNotOpening(service, device);
     }
-    const std::string usual = "/media/disk_" + std::to_string(device);
-    return client.OpenDeviceAt(device, directory.empty() ? usual : directory, pvr);
   });
-  if (!opened) {
-    requireDevice(service, device);
-    complain(nameOf(device) + ": not opened: " + reasonForNotOpening(service, device));
+  if (!reasonForNot.empty()) {
+    complain(nameOf(device) + ": not opened: " + reasonForNot);
     return answerIsNo;
   }
-  const std::string path = service.text(&Client::GetUsbMountPoint, device).text;
   std::cout << nameOf(device) << " is open at " << printable(path) << '\n';
   return done;
 }
 
 int close(const Settings& settings, std::int16_t device, bool safe) {
-  UsbService service(settings.timeout);
-  const bool closed = service.call([&](Client& client) {
-    return safe ? client.CloseDeviceSafeRemoval(device) : client.CloseDevice(device);
+  std::string reasonForNot;
+  ask(settings.timeout, [&](UsbService& service) {
+    const bool closed = service.call([&](Client& client) {
+      return safe ? client.CloseDeviceSafeRemoval(device) : client.CloseDevice(device);
+    });
+    if (!closed) {
+      requireDevice(service, device);
+      reasonForNot = reasonForNotClosing(service, device);
+    }
   });
-  if (!closed) {
-    requireDevice(service, device);
-    complain(nameOf(device) + ": not closed: " + reasonForNotClosing(service, device));
+  if (!reasonForNot.empty()) {
+    complain(nameOf(device) + ": not closed: " + reasonForNot);
     return answerIsNo;
   }
   std::cout << nameOf(device) << (safe ? " may be pulled out" : " is closed") << '\n';

@@ -48,11 +48,7 @@ std::string reasonForNotRepairing(UsbService& service, std::int16_t device) {
 }  // namespace
 
 void confirmWiping(const Settings& settings, std::int16_t device) {
-  Device disk;
-  {
-    UsbService service(settings.timeout);
-    disk = readDevice(service, device);
-  }
+  const Device disk = ask(settings.timeout, [&](UsbService& service) { return readDevice(service, device); });
   std::cerr << "This wipes the whole disk " << printable(diskName(disk.kernelName)) << ":\n"
             << "  device    " << device << " (" << printable(disk.kernelName) << ")\n"
             << "  label     " << printable(disk.label) << '\n'
@@ -69,9 +65,11 @@ void confirmWiping(const Settings& settings, std::int16_t device) {
     throw Failure(notConfirmed, nameOf(device) + ": nothing was done");
   }
   // Numbers are given again: what has it now may be another disk than the one that was shown.
-  UsbService service(settings.timeout);
-  if (requireDevice(service, device) != disk.kernelName ||
-      service.text(&Client::GetDeviceLabel, device).text != disk.label) {
+  const bool isTheSame = ask(settings.timeout, [&](UsbService& service) {
+    return requireDevice(service, device) == disk.kernelName &&
+           service.text(&Client::GetDeviceLabel, device).text == disk.label;
+  });
+  if (!isTheSame) {
     throw Failure(notConfirmed, nameOf(device) + ": nothing was done: it has become another disk meanwhile");
   }
 }
@@ -80,12 +78,14 @@ int prepare(const Settings& settings, std::int16_t device, bool confirmed) {
   if (!confirmed) {
     confirmWiping(settings, device);
   }
-  UsbService service(settings.timeout);
   // An unknown device would leave the daemon deaf to plug events.
-  const std::string kernelName = printable(requireDevice(service, device));
-  service.waitWithoutEnd();
+  const std::string kernelName =
+      printable(ask(settings.timeout, [&](UsbService& service) { return requireDevice(service, device); }));
   const bool prepared = runShowingTime("Preparing " + nameOf(device) + " (" + kernelName + ")", [&] {
-    return service.call([&](Client& client) { return client.PrepareDeviceForPvr(device); });
+    return ask(settings.timeout, [&](UsbService& service) {
+      service.waitWithoutEnd();
+      return service.call([&](Client& client) { return client.PrepareDeviceForPvr(device); });
+    });
   });
   if (!prepared) {
     complain(nameOf(device) + " (" + kernelName +
@@ -98,14 +98,21 @@ int prepare(const Settings& settings, std::int16_t device, bool confirmed) {
 }
 
 int repair(const Settings& settings, std::int16_t device) {
-  UsbService service(settings.timeout);
-  const std::string kernelName = printable(requireDevice(service, device));
-  service.waitWithoutEnd();
+  const std::string kernelName =
+      printable(ask(settings.timeout, [&](UsbService& service) { return requireDevice(service, device); }));
+  std::string reasonForNot;
   const bool repaired = runShowingTime("Repairing " + nameOf(device) + " (" + kernelName + ")", [&] {
-    return service.call([&](Client& client) { return client.RunDiskRepair(device); });
+    return ask(settings.timeout, [&](UsbService& service) {
+      service.waitWithoutEnd();
+      if (service.call([&](Client& client) { return client.RunDiskRepair(device); })) {
+        return true;
+      }
+      reasonForNot = reasonForNotRepairing(service, device);
+      return false;
+    });
   });
   if (!repaired) {
-    complain(nameOf(device) + ": not repaired: " + reasonForNotRepairing(service, device));
+    complain(nameOf(device) + ": not repaired: " + reasonForNot);
     return answerIsNo;
   }
   std::cout << nameOf(device) << " is repaired\n";

@@ -31,9 +31,6 @@ class MediaServiceStandIn {
   ~MediaServiceStandIn();
 
  private:
-  class ServerSocket;
-
-  std::shared_ptr<ServerSocket> socket_;
   std::unique_ptr<apache::thrift::server::TThreadedServer> server_;
   std::thread thread_;
 };

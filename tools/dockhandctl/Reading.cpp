@@ -1,5 +1,6 @@
 #include <iostream>
 #include <set>
+#include <utility>
 
 #include "Commands.h"
 #include "Device.h"
@@ -34,6 +35,15 @@ std::vector<ListedDevice> readDevices(const Settings& settings, bool includeHidd
     }
   }
   return result;
+}
+
+/// As ask(), about a device that there is.
+template <class Questions>
+auto askAbout(const Settings& settings, std::int16_t device, Questions&& questions) {
+  return ask(settings.timeout, [&](UsbService& service) {
+    requireDevice(service, device);
+    return std::forward<Questions>(questions)(service);
+  });
 }
 
 /// Prints the one value that a command is about; nothing is a "no" whose reason goes to standard error.
@@ -93,8 +103,8 @@ int list(const Settings& settings, bool includeHidden) {
 }
 
 int info(const Settings& settings, std::int16_t number) {
-  UsbService service(settings.timeout);
-  const Device device = readDevice(service, number);
+  const Device device =
+      ask(settings.timeout, [&](UsbService& service) { return readDevice(service, number); });
   if (settings.json) {
     std::cout << toText(toJson(device)) << '\n';
     return done;
@@ -115,50 +125,49 @@ int info(const Settings& settings, std::int16_t number) {
 }
 
 int label(const Settings& settings, std::int16_t device) {
-  UsbService service(settings.timeout);
-  requireDevice(service, device);
-  const auto answer = service.text(&Client::GetDeviceLabel, device);
+  const auto answer = askAbout(
+      settings, device, [&](UsbService& service) { return service.text(&Client::GetDeviceLabel, device); });
   return printText(settings, device, "label", answer.text, "it has no label");
 }
 
 int uuid(const Settings& settings, std::int16_t device) {
-  UsbService service(settings.timeout);
-  requireDevice(service, device);
-  const auto answer = service.text(&Client::GetDeviceUuid, device);
+  const auto answer = askAbout(
+      settings, device, [&](UsbService& service) { return service.text(&Client::GetDeviceUuid, device); });
   return printText(settings, device, "uuid", answer.success ? answer.text : "",
                    "no UUID can be read from it (is it formatted?)");
 }
 
 int usbVersion(const Settings& settings, std::int16_t device) {
-  UsbService service(settings.timeout);
-  requireDevice(service, device);
-  const auto answer = service.text(&Client::GetDeviceUsbVersion, device);
+  const auto answer = askAbout(settings, device, [&](UsbService& service) {
+    return service.text(&Client::GetDeviceUsbVersion, device);
+  });
   return printText(settings, device, "usbVersion", answer.success ? answer.text : "",
                    "its USB version is not known: readUsbVersion.sh is missing, fails or prints nothing");
 }
 
 int type(const Settings& settings, std::int16_t device) {
-  UsbService service(settings.timeout);
-  requireDevice(service, device);
-  const std::int32_t answer = service.call([&](Client& client) { return client.GetDeviceType(device); });
+  const std::int32_t answer = askAbout(settings, device, [&](UsbService& service) {
+    return service.call([&](Client& client) { return client.GetDeviceType(device); });
+  });
   const std::string name = typeName(answer);
   return printText(settings, device, "type", name == "unknown" ? "" : name,
                    "the kernel does not say whether it is removable");
 }
 
 int capacity(const Settings& settings, std::int16_t device) {
-  UsbService service(settings.timeout);
-  requireDevice(service, device);
-  const std::int32_t answer = service.call([&](Client& client) { return client.GetDeviceCapacity(device); });
+  const std::int32_t answer = askAbout(settings, device, [&](UsbService& service) {
+    return service.call([&](Client& client) { return client.GetDeviceCapacity(device); });
+  });
   return printValue(settings, device, "capacityMiB", answer == 0 ? Json(nullptr) : Json(answer),
                     capacityText(answer), "its node cannot be opened, or has no size");
 }
 
 int mountPoint(const Settings& settings, std::int16_t device) {
-  UsbService service(settings.timeout);
-  requireDevice(service, device);
-  const bool isOpen = service.call([&](Client& client) { return client.IsDeviceOpen(device); });
-  const std::string path = service.text(&Client::GetUsbMountPoint, device).text;
+  bool isOpen = false;
+  const std::string path = askAbout(settings, device, [&](UsbService& service) {
+    isOpen = service.call([&](Client& client) { return client.IsDeviceOpen(device); });
+    return service.text(&Client::GetUsbMountPoint, device).text;
+  });
   return printText(settings, device, "mountPoint", isOpen ? path : "",
                    path.empty()
                        ? "it is not open"
@@ -166,14 +175,15 @@ int mountPoint(const Settings& settings, std::int16_t device) {
 }
 
 int kernelName(const Settings& settings, std::int16_t device) {
-  UsbService service(settings.timeout);
-  return printText(settings, device, "kernelName", requireDevice(service, device), "it has no name");
+  const std::string name =
+      ask(settings.timeout, [&](UsbService& service) { return requireDevice(service, device); });
+  return printText(settings, device, "kernelName", name, "it has no name");
 }
 
 int isOpen(const Settings& settings, std::int16_t device) {
-  UsbService service(settings.timeout);
-  requireDevice(service, device);
-  const bool answer = service.call([&](Client& client) { return client.IsDeviceOpen(device); });
+  const bool answer = askAbout(settings, device, [&](UsbService& service) {
+    return service.call([&](Client& client) { return client.IsDeviceOpen(device); });
+  });
   if (settings.json) {
     std::cout << toText({{"device", device}, {"open", answer}}) << '\n';
   } else {
@@ -184,15 +194,19 @@ int isOpen(const Settings& settings, std::int16_t device) {
 
 int files(const Settings& settings, std::int16_t device, const std::string& directory,
           const std::string& extension) {
-  UsbService service(settings.timeout);
-  requireDevice(service, device);
-  // Without a mount point the daemon would look the directory up from the root of its own file system.
-  if (!service.call([&](Client& client) { return client.IsDeviceOpen(device); })) {
+  std::vector<std::string> names;
+  const bool isOpen = askAbout(settings, device, [&](UsbService& service) {
+    // Without a mount point the daemon would look the directory up from the root of its own file system.
+    if (!service.call([&](Client& client) { return client.IsDeviceOpen(device); })) {
+      return false;
+    }
+    service.call([&](Client& client) { client.GetFilesByExtension(names, device, directory, extension); });
+    return true;
+  });
+  if (!isOpen) {
     complain(nameOf(device) + ": it is not open, so its files cannot be listed");
     return answerIsNo;
   }
-  std::vector<std::string> names;
-  service.call([&](Client& client) { client.GetFilesByExtension(names, device, directory, extension); });
   if (settings.json) {
     std::cout
         << toText({{"device", device}, {"directory", directory}, {"extension", extension}, {"files", names}})

@@ -15,7 +15,7 @@
 namespace dockhandctl {
 
 /// One connection to the daemon, for the calls of one command. It occupies one of the daemon's ten workers,
-/// so it is not kept while somebody is asked or something is waited for. One thread at a time.
+/// so it is not kept while somebody is asked or something is waited for; see ask(). One thread at a time.
 ///
 /// Everything throws Failure with the code that fits: notReached, daemonFailed, noAnswerInTime.
 class UsbService {
@@ -52,6 +52,14 @@ class UsbService {
   std::shared_ptr<ravel::rpc::LimitedBufferedTransport> transport_;
   Client client_;
 };
+
+/// Runs `questions`, which is given a UsbService&, and returns its result once the connection has ended. Who
+/// prints it may have to wait for its reader, be that a pager or a terminal that was stopped.
+template <class Questions>
+auto ask(std::chrono::milliseconds timeout, Questions&& questions) {
+  UsbService service(timeout);
+  return std::forward<Questions>(questions)(service);
+}
 
 /// Whether somebody serves the local socket at `path`: 0, or the errno of a connection attempt. EAGAIN means
 /// served, with a full backlog.

@@ -58,7 +58,7 @@ class Stick:
     def __init__(self, kernel_name, label, uuid, mebibytes, files):
         self.kernel_name = kernel_name
         self.node = f'/dev/usb_storage_{kernel_name}'
-        image = f'/tmp/{kernel_name}.img'
+        self.image = image = f'/tmp/{kernel_name}.img'
         with open(image, 'wb') as file:
             file.truncate(mebibytes << 20)
         with tempfile.TemporaryDirectory() as content:
@@ -93,3 +93,9 @@ class Stick:
         os.rmdir(f'/sys/block/{self.kernel_name}')
         with open('/tmp/partitions', 'w') as file:
             file.write('major minor  #blocks  name\n\n')
+
+    def discard(self):
+        """The kernel takes the loop devices away once nothing of the stick is mounted."""
+        os.close(self.disk)
+        os.close(self.partition)
+        os.unlink(self.image)

@@ -35,9 +35,11 @@ Findings checkFormatting(const Machine& machine);
 // Kernel.
 Findings checkFileSystems(const Machine& machine);
 Findings checkMountTable(const Machine& machine);
+Findings checkProtectedFiles(const Machine& machine);
 
 // Files.
 Findings checkMedia(const Machine& machine);
+Findings checkTmp(const Machine& machine);
 Findings checkUdevRules(const Machine& machine);
 Findings checkNodes(const Machine& machine);
 Findings checkLogFile(const Machine& machine);

@@ -29,7 +29,7 @@ Findings checkEverything(const Machine& machine) {
   Findings all;
   for (const auto check : {checkSocket, checkSocketMode, checkSocketDirectory, checkMedia, checkPath,
                            checkTools, checkPartitioning, checkFormatting, checkFileSystems, checkUdevRules,
-                           checkNodes, checkMountTable, checkLogFile}) {
+                           checkNodes, checkMountTable, checkTmp, checkLogFile, checkProtectedFiles}) {
     const Findings findings = check(machine);
     all.insert(all.end(), findings.begin(), findings.end());
   }

@@ -25,7 +25,27 @@ Findings checkMedia(const Machine& machine) {
     return {
         {check, State::warning, "/media is not the daemon's to write to", "give it to root, with mode 0755"}};
   }
-  return {{check, State::ok, "/media is there and may be written to", ""}};
+  if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    return {{check, State::problem,
+             "/media may be written to by others than root, who decide with a link where a stick is mounted",
+             "chmod 0755 /media, and install integration/tmpfiles"}};
+  }
+  return {{check, State::ok, "/media is there and may be written to, by root only", ""}};
+}
+
+Findings checkTmp(const Machine& machine) {
+  const std::string check = "tmp";
+  struct stat status {};
+  if (::stat((machine.root + "/tmp").c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+    return {
+        {check, State::problem, "/tmp is not a directory: no disk tool can be run", "mkdir -m 1777 /tmp"}};
+  }
+  const bool forOthers = (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+  if (status.st_uid != machine.owner || (forOthers && (status.st_mode & S_ISVTX) == 0)) {
+    return {{check, State::problem, "others can take the daemon's files in /tmp away and put a link there",
+             "give it to root, with mode 1777"}};
+  }
+  return {{check, State::ok, "files in /tmp are safe from others than their owner", ""}};
 }
 
 Findings checkUdevRules(const Machine& machine) {
@@ -85,13 +105,12 @@ Findings checkLogFile(const Machine& machine) {
     return {{check, State::problem, file + ": " + std::strerror(errno), "make /tmp accessible"}};
   }
   if (!S_ISREG(status.st_mode)) {
-    return {{check, State::problem, file + " is no regular file: the disk tools' output goes elsewhere",
+    return {{check, State::problem, file + " is no regular file: the daemon will move it aside, if it can",
              "remove it, and find out who put it there"}};
   }
   if (status.st_uid != machine.owner) {
     return {{check, State::problem,
-             file + " belongs to user " + std::to_string(status.st_uid) +
-                 ", who can change what goes to the system log",
+             file + " belongs to user " + std::to_string(status.st_uid) + ": the daemon will move it aside",
              "remove it, and find out who put it there"}};
   }
   return {{check, State::ok, file + " is the daemon's", ""}};

@@ -175,6 +175,23 @@ Findings checkFileSystems(const Machine& machine) {
           checkHfsplus(machine, configuration), checkXfs(machine, configuration)};
 }
 
+Findings checkProtectedFiles(const Machine& machine) {
+  const std::string check = "protected-files";
+  std::string off;
+  for (const char* name :
+       {"protected_symlinks", "protected_hardlinks", "protected_fifos", "protected_regular"}) {
+    const std::string value = machine.read(std::string("/proc/sys/fs/") + name).value_or("");
+    if (value.empty() || value[0] == '0') {
+      off += (off.empty() ? "fs." : ", fs.") + std::string(name);
+    }
+  }
+  if (!off.empty()) {
+    return {{check, State::warning, "root uses what users put into directories for all: off are " + off,
+             "install integration/sysctl, or set them"}};
+  }
+  return {{check, State::ok, "links, pipes and files in directories for all work for their owners only", ""}};
+}
+
 Findings checkMountTable(const Machine& machine) {
   const std::string check = "mount-table";
   const std::string consequence = ", and closing it reports success without unmounting it";

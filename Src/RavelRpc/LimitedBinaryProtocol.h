@@ -1,0 +1,137 @@
+#ifndef RAVELRPC_LIMITEDBINARYPROTOCOL_H
+#define RAVELRPC_LIMITEDBINARYPROTOCOL_H
+
+#include <thrift/protocol/TBinaryProtocol.h>
+#include <thrift/protocol/TProtocolException.h>
+#include <thrift/protocol/TVirtualProtocol.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "LimitedBufferedTransport.h"
+
+namespace ravel::rpc {
+
+/// Thrift's binary protocol for bytes that anybody may have sent: the same on the wire, but numbers that make
+/// no sense are refused as they are read.
+///
+/// Thrift takes any byte for the type of a field, of an element or of a message, and multiplies the count of
+/// a container before it looks whether so many bytes may come. The one is a value that its enumerations do
+/// not have, the other overflows at a count of 2 billion, and both leave undefined behaviour to the compiler.
+///
+/// A refusal is a TProtocolException (INVALID_DATA for a type, SIZE_LIMIT and NEGATIVE_SIZE for a count),
+/// upon which a server closes the connection. Thrift refuses by itself what is nested more than 64 deep.
+///
+/// Threads and locks: as TBinaryProtocol, one thread at a time and no locks.
+class LimitedBinaryProtocol
+    : public apache::thrift::protocol::TVirtualProtocol<LimitedBinaryProtocol,
+                                                        apache::thrift::protocol::TBinaryProtocol> {
+  using TMessageType = apache::thrift::protocol::TMessageType;
+  using TProtocolException = apache::thrift::protocol::TProtocolException;
+  using TType = apache::thrift::protocol::TType;
+
+ public:
+  /// Most elements of a list or set, and most pairs of a map: as many as the bytes of the longest text. The
+  /// largest pair takes 16 bytes, so the product is far from overflowing.
+  static constexpr std::int32_t maxContainerSize = LimitedBufferedTransport::maxFieldSize;
+
+  explicit LimitedBinaryProtocol(const std::shared_ptr<apache::thrift::transport::TTransport>& transport)
+      : TVirtualProtocol(transport) {}
+
+  std::uint32_t readMessageBegin(std::string& name, TMessageType& type, std::int32_t& sequence) {
+    std::int32_t first = 0;
+    std::uint32_t bytes = readI32(first);
+    if (first < 0) {
+      if ((first & VERSION_MASK) != VERSION_1) {
+        throw TProtocolException(TProtocolException::BAD_VERSION, "Bad version identifier");
+      }
+      type = messageType(first & 0xFF);
+      bytes += readString(name);
+    } else {
+      // The old form, which has no version: the name comes first.
+      bytes += readStringBody(name, first);
+      std::int8_t code = 0;
+      bytes += readByte(code);
+      type = messageType(code);
+    }
+    return bytes + readI32(sequence);
+  }
+
+  std::uint32_t readFieldBegin(std::string& /*name*/, TType& type, std::int16_t& id) {
+    const std::uint32_t bytes = readType(type);
+    if (type != apache::thrift::protocol::T_STOP) {
+      return bytes + readI16(id);
+    }
+    id = 0;
+    return bytes;
+  }
+
+  std::uint32_t readMapBegin(TType& keyType, TType& valueType, std::uint32_t& size) {
+    std::uint32_t bytes = readType(keyType);
+    bytes += readType(valueType);
+    bytes += readSize(size);
+    apache::thrift::protocol::TMap map(keyType, valueType, static_cast<int>(size));
+    checkReadBytesAvailable(map);
+    return bytes;
+  }
+
+  std::uint32_t readListBegin(TType& elementType, std::uint32_t& size) {
+    std::uint32_t bytes = readType(elementType);
+    bytes += readSize(size);
+    apache::thrift::protocol::TList list(elementType, static_cast<int>(size));
+    checkReadBytesAvailable(list);
+    return bytes;
+  }
+
+  /// A set has the form of a list.
+  std::uint32_t readSetBegin(TType& elementType, std::uint32_t& size) {
+    return readListBegin(elementType, size);
+  }
+
+ private:
+  static TMessageType messageType(std::int32_t code) {
+    if (code < apache::thrift::protocol::T_CALL || code > apache::thrift::protocol::T_ONEWAY) {
+      throw TProtocolException(TProtocolException::INVALID_DATA, "message type " + std::to_string(code));
+    }
+    return static_cast<TMessageType>(code);
+  }
+
+  std::uint32_t readType(TType& type) {
+    std::int8_t code = 0;
+    const std::uint32_t bytes = readByte(code);
+    if (code < apache::thrift::protocol::T_STOP || code > apache::thrift::protocol::T_UTF16) {
+      throw TProtocolException(TProtocolException::INVALID_DATA, "type " + std::to_string(code));
+    }
+    type = static_cast<TType>(code);
+    return bytes;
+  }
+
+  std::uint32_t readSize(std::uint32_t& size) {
+    std::int32_t announced = 0;
+    const std::uint32_t bytes = readI32(announced);
+    if (announced < 0) {
+      throw TProtocolException(TProtocolException::NEGATIVE_SIZE);
+    }
+    if (announced > maxContainerSize) {
+      throw TProtocolException(TProtocolException::SIZE_LIMIT,
+                               std::to_string(announced) + " elements are announced, " +
+                                   std::to_string(maxContainerSize) + " are the limit");
+    }
+    size = static_cast<std::uint32_t>(announced);
+    return bytes;
+  }
+};
+
+/// Puts a LimitedBinaryProtocol on each connection of a server.
+class LimitedBinaryProtocolFactory : public apache::thrift::protocol::TBinaryProtocolFactory {
+ public:
+  std::shared_ptr<apache::thrift::protocol::TProtocol> getProtocol(
+      std::shared_ptr<apache::thrift::transport::TTransport> transport) override {
+    return std::make_shared<LimitedBinaryProtocol>(transport);
+  }
+};
+
+}  // namespace ravel::rpc
+
+#endif  // RAVELRPC_LIMITEDBINARYPROTOCOL_H

@@ -1,0 +1,69 @@
+#include "UsbClient.h"
+
+#include <thrift/protocol/TBinaryProtocol.h>
+#include <thrift/transport/TBufferTransports.h>
+
+#include <algorithm>
+#include <chrono>
+
+namespace testsupport {
+
+namespace {
+
+constexpr std::chrono::seconds patience{20};
+
+}  // namespace
+
+UsbClient::UsbClient()
+    : socket_(std::make_shared<ravel::rpc::TUnixSocket>("localhost", 9020)),
+      client_(std::make_shared<apache::thrift::protocol::TBinaryProtocol>(
+          std::make_shared<apache::thrift::transport::TBufferedTransport>(socket_))) {
+  socket_->setRecvTimeout(static_cast<int>(std::chrono::milliseconds(patience).count()));
+  socket_->open();
+}
+
+std::vector<std::int16_t> UsbClient::devices(bool includeHidden) {
+  std::vector<std::int16_t> answer;
+  client_.GetListOfInsertedDevices(answer, includeHidden);
+  return answer;
+}
+
+ravel::rpc::ReturnValueWithString UsbClient::label(std::int16_t deviceId) {
+  ravel::rpc::ReturnValueWithString answer;
+  client_.GetDeviceLabel(answer, deviceId);
+  return answer;
+}
+
+ravel::rpc::ReturnValueWithString UsbClient::uuid(std::int16_t deviceId) {
+  ravel::rpc::ReturnValueWithString answer;
+  client_.GetDeviceUuid(answer, deviceId);
+  return answer;
+}
+
+ravel::rpc::ReturnValueWithString UsbClient::usbVersion(std::int16_t deviceId) {
+  ravel::rpc::ReturnValueWithString answer;
+  client_.GetDeviceUsbVersion(answer, deviceId);
+  return answer;
+}
+
+ravel::rpc::ReturnValueWithString UsbClient::mountPoint(std::int16_t deviceId) {
+  ravel::rpc::ReturnValueWithString answer;
+  client_.GetUsbMountPoint(answer, deviceId);
+  return answer;
+}
+
+ravel::rpc::ReturnValueWithString UsbClient::physicalDevice(std::int16_t deviceId) {
+  ravel::rpc::ReturnValueWithString answer;
+  client_.GetUsbPhysicalDevice(answer, deviceId);
+  return answer;
+}
+
+std::vector<std::string> UsbClient::files(std::int16_t deviceId, const std::string& directory,
+                                          const std::string& extension) {
+  std::vector<std::string> answer;
+  client_.GetFilesByExtension(answer, deviceId, directory, extension);
+  std::sort(answer.begin(), answer.end());
+  return answer;
+}
+
+}  // namespace testsupport

@@ -1,0 +1,220 @@
+// Disks whose headers are damaged: whatever libblkid and the kernel make of them, the daemon answers and goes
+// on.
+
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <thrift/transport/TTransportException.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "Daemon.h"
+#include "Stick.h"
+#include "SystemTest.h"
+
+namespace systest {
+namespace {
+
+using testing::IsEmpty;
+
+/// Bytes by their place in the image.
+using Bytes = std::map<std::uint64_t, std::uint8_t>;
+
+/// Damages an image, each time anew, at places where a fresh file system has data.
+class Damager {
+ public:
+  explicit Damager(const std::string& image)
+      : image_(image, std::ios::in | std::ios::out | std::ios::binary) {
+    constexpr std::size_t mostSectors = 64;
+    std::string sector(sectorSize, '\0');
+    for (std::uint64_t at = 0; at < searched && sectors_.size() < mostSectors; at += sectorSize) {
+      image_.seekg(static_cast<std::streamoff>(at));
+      if (image_.read(sector.data(), sectorSize) && sector.find_first_not_of('\0') != std::string::npos) {
+        sectors_.push_back(at);
+      }
+      image_.clear();
+    }
+    if (sectors_.size() < 2) {
+      throw std::runtime_error(image + " holds no file system");
+    }
+  }
+
+  /// These bytes stay as they are.
+  void spare(std::uint64_t begin, std::uint64_t end) {
+    for (std::uint64_t at = begin; at < end; ++at) {
+      spared_[at] = 0;
+    }
+  }
+
+  /// One to 64 bytes, most often few. Half of them are in the first two sectors that hold anything, where the
+  /// superblock is.
+  void damage() {
+    repair();
+    const std::uint64_t count = std::uint64_t{1} << random_() % 7;
+    for (std::uint64_t i = 0; i < count; ++i) {
+      const std::uint64_t sector = sectors_[random_() % (random_() % 2 == 0 ? 2 : sectors_.size())];
+      const std::uint64_t at = sector + random_() % sectorSize;
+      if (spared_.count(at) == 0) {
+        original_.emplace(at, byteAt(at));
+        write(at, otherByte(byteAt(at)));
+      }
+    }
+    image_.flush();
+  }
+
+  void repair() {
+    for (const auto& [at, byte] : original_) {
+      write(at, byte);
+    }
+    original_.clear();
+    image_.flush();
+  }
+
+ private:
+  static constexpr std::uint64_t sectorSize = 512;
+  static constexpr std::uint64_t searched = std::uint64_t{4} << 20;
+
+  std::uint8_t byteAt(std::uint64_t at) {
+    image_.seekg(static_cast<std::streamoff>(at));
+    return static_cast<std::uint8_t>(image_.get());
+  }
+
+  void write(std::uint64_t at, std::uint8_t byte) {
+    image_.seekp(static_cast<std::streamoff>(at));
+    if (!image_.put(static_cast<char>(byte))) {
+      throw std::runtime_error("an image cannot be written");
+    }
+  }
+
+  /// A bit is turned, or the byte becomes one that lengths and counts go wrong with.
+  std::uint8_t otherByte(std::uint8_t byte) {
+    constexpr std::uint8_t edges[] = {0x00, 0x7F, 0x80, 0xFF};
+    const auto choice = random_() % 12;
+    return choice < 8 ? static_cast<std::uint8_t>(byte ^ 1U << choice) : edges[choice - 8];
+  }
+
+  // The same damage on every run.
+  std::mt19937_64 random_{20240229};
+  std::fstream image_;
+  std::vector<std::uint64_t> sectors_;
+  Bytes original_;
+  Bytes spared_;
+};
+
+std::size_t openDescriptors(const Daemon& daemon) {
+  return namesIn("/proc/" + std::to_string(daemon.pid()) + "/fd").size();
+}
+
+/// File systems of the mount table, and their kin on sticks.
+class DamagedFileSystemTest : public SystemTest, public testing::WithParamInterface<const char*> {};
+
+TEST_P(DamagedFileSystemTest, IsProbedAndRefusedByADaemonThatGoesOn) {
+  constexpr int variants = 400;
+  std::filesystem::create_directory("/tmp/damaged");
+  run({"/usr/bin/python3", "-B", DOCKHAND_SOURCE_DIR "/tests/vm/disks.py", "/tmp/damaged", GetParam(),
+       "HOLIDAY"});
+  const std::string image = "/tmp/damaged/stick.img";
+  // Not a block device: libblkid reads it all the same, and the kernel does not.
+  ASSERT_EQ(symlink(image.c_str(), "/dev/usb_storage_sda"), 0);
+  {
+    Damager damager(image);
+    const Daemon daemon;
+    UsbClient client;
+    ASSERT_EQ(client.label(1).text, "HOLIDAY");
+    ASSERT_FALSE(client->OpenDevice(1));
+    const std::size_t descriptors = openDescriptors(daemon);
+
+    int labelled = 0;
+    int identified = 0;
+    for (int variant = 0; variant < variants; ++variant) {
+      damager.damage();
+      const auto label = client.label(1);
+      ASSERT_TRUE(label.success);
+      labelled += label.text != "NONAME" ? 1 : 0;
+      identified += client.uuid(1).success ? 1 : 0;
+      ASSERT_FALSE(client->OpenDevice(1));
+    }
+    ASSERT_TRUE(daemon.isRunning());
+    // A probe that failed to read is kept until the next one fails.
+    EXPECT_LE(openDescriptors(daemon), descriptors + 1);
+    damager.repair();
+    EXPECT_EQ(client.label(1).text, "HOLIDAY");
+    std::cout << GetParam() << ": " << variants << " damaged images, " << labelled << " with a label, "
+              << identified << " with a UUID\n";
+  }
+  std::filesystem::remove_all("/tmp/damaged");
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, DamagedFileSystemTest,
+                         testing::Values("ext2", "ext3", "ext4", "vfat", "fat32", "ntfs", "hfs", "hfsplus",
+                                         "xfs"),
+                         [](const auto& each) { return std::string(each.param); });
+
+class DamagedDisksTest : public SystemTest {};
+
+// The only file system whose damage the machine's own kernel is made to read.
+TEST_F(DamagedDisksTest, Ext3IsOpenedOrRefusedByADaemonThatGoesOn) {
+  constexpr int variants = 150;
+  StickOptions options;
+  options.bytes = std::uint64_t{2} << 20;
+  options.files = {{"song.mp3", "la la la"}};
+  const Stick stick(options);
+  const std::string sound = readFile(stick.node());
+  Damager damager(stick.node());
+  // What the kernel is to do when it finds an error: one of the answers is to panic.
+  damager.spare(1024 + 0x3C, 1024 + 0x3E);
+
+  const Daemon daemon;
+  UsbClient client;
+  int opened = 0;
+  int mounted = 0;
+  for (int variant = 0; variant < variants; ++variant) {
+    writeFile(stick.node(), sound);
+    damager.damage();
+    opened += client->OpenDevice(1) ? 1 : 0;
+    mounted += mountsAt("/media/disk_1").empty() ? 0 : 1;
+    client.files(1, "", "mp3");
+    client->CloseDevice(1);
+    ASSERT_THAT(mountsAt("/media/disk_1"), IsEmpty());
+  }
+  ASSERT_TRUE(daemon.isRunning());
+  std::cout << "ext3 on a loop device: " << variants << " damaged disks, " << opened << " opened, " << mounted
+            << " mounted\n";
+
+  writeFile(stick.node(), sound);
+  ASSERT_TRUE(client->OpenDevice(1));
+  EXPECT_EQ(readFile("/media/disk_1/song.mp3"), "la la la");
+}
+
+// As it would be with a fault in libblkid, which runs inside the daemon.
+TEST_F(DamagedDisksTest, CrashClosesTheConnectionsAndTheNextStartFindsTheOpenStick) {
+  StickOptions options;
+  options.files = {{"song.mp3", "la la la"}};
+  const Stick stick(options);
+  const Daemon crashing;
+  UsbClient client;
+  ASSERT_TRUE(client->OpenDevice(1));
+
+  ASSERT_EQ(kill(crashing.pid(), SIGSEGV), 0);
+  EXPECT_THROW(client->IsDeviceOpen(1), apache::thrift::transport::TTransportException);
+  EXPECT_EQ(readFile("/media/disk_1/song.mp3"), "la la la");
+
+  const Daemon restarted;
+  UsbClient next;
+  EXPECT_THAT(next.devices(), testing::ElementsAre(1));
+  EXPECT_FALSE(next->IsDeviceOpen(1));
+  EXPECT_TRUE(next->OpenDevice(1));
+  EXPECT_EQ(mountsAt("/media/disk_1").size(), 1U);
+}
+
+}  // namespace
+}  // namespace systest

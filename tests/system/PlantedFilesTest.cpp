@@ -1,0 +1,294 @@
+// What a user without root's rights puts where the daemon's shell is about to write, in /tmp. Some kernels
+// are set to refuse root the use of such files (fs.protected_*); nothing here relies on that.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <functional>
+#include <ostream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "Daemon.h"
+#include "Stick.h"
+#include "SystemLog.h"
+#include "SystemTest.h"
+#include "Users.h"
+
+namespace systest {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+const User planter{4801, 4801, {}};
+
+const std::string logFile = "/tmp/Dockhand.log";
+const std::string versionFile = "/tmp/sda_bcdUSB.txt";
+/// What a planted link leads to.
+const std::string rootsFile = "/tmp/roots_file";
+const std::string rootsWords = "root's own words\n";
+const std::string noFile = "/tmp/no_file";
+
+/// A thing to put at a path, and what kind of file it is there.
+struct Plant {
+  std::string name;
+  fs::file_type type;
+  std::function<bool(const char*)> put;
+};
+
+// For GoogleTest, in messages of failed tests.
+void PrintTo(const Plant& plant, std::ostream* out) {
+  *out << plant.name;
+}
+
+bool asPlanter(const std::function<bool()>& action) {
+  return runAs(planter, [&] { return action() ? 0 : 1; }) == 0;
+}
+
+bool putFile(const char* path, mode_t mode) {
+  const int file = open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+  return file >= 0 && write(file, "forged\n", 7) == 7 && close(file) == 0;
+}
+
+const std::vector<Plant> plants = {
+    {"LinkToAFile", fs::file_type::symlink,
+     [](const char* path) { return asPlanter([=] { return symlink(rootsFile.c_str(), path) == 0; }); }},
+    {"LinkToNothing", fs::file_type::symlink,
+     [](const char* path) { return asPlanter([=] { return symlink(noFile.c_str(), path) == 0; }); }},
+    // By root, as most kernels let nobody else make one; the daemon cannot tell who did.
+    {"HardLink", fs::file_type::regular, [](const char* path) { return link(rootsFile.c_str(), path) == 0; }},
+    {"Fifo", fs::file_type::fifo,
+     [](const char* path) { return asPlanter([=] { return mkfifo(path, 0666) == 0; }); }},
+    {"File", fs::file_type::regular,
+     [](const char* path) { return asPlanter([=] { return putFile(path, 0666); }); }},
+    {"FileThatOnlyItsOwnerWrites", fs::file_type::regular,
+     [](const char* path) { return asPlanter([=] { return putFile(path, 0644); }); }},
+    {"Directory", fs::file_type::directory,
+     [](const char* path) {
+       return asPlanter(
+           [=] { return mkdir(path, 0777) == 0 && putFile((std::string(path) + "/inside").c_str(), 0644); });
+     }},
+};
+
+std::string nameOf(const testing::TestParamInfo<Plant>& plant) {
+  return plant.param.name;
+}
+
+void makeTool(const std::string& name, const std::string& body) {
+  writeFile("/tmp/bin/" + name, "#!/bin/sh\n" + body);
+  fs::permissions("/tmp/bin/" + name, fs::perms::owner_all);
+}
+
+class PlantedFilesTest : public SystemTest {
+ protected:
+  void SetUp() override {
+    SystemTest::SetUp();
+    if (IsSkipped()) {
+      return;
+    }
+    removeOwnFiles();
+    fs::create_directory("/tmp/bin");
+    makeTool("xfs_repair", "echo repaired\ntouch /tmp/ran\n");
+    makeTool("readUsbVersion.sh", "echo 2.00\ntouch /tmp/ran\n");
+    writeFile(rootsFile, rootsWords);
+    fs::permissions(rootsFile, fs::perms::owner_read | fs::perms::owner_write);
+  }
+
+  void TearDown() override {
+    if (!IsSkipped()) {
+      removeOwnFiles();
+    }
+    SystemTest::TearDown();
+  }
+
+  static Environment toolsFirst() { return {{"PATH", "/tmp/bin:/usr/sbin:/usr/bin:/sbin:/bin"}}; }
+
+  static StickOptions recordingDisk() {
+    StickOptions options;
+    options.mkfs = {"mkfs.xfs", "-q", "-f"};
+    options.bytes = std::uint64_t{320} << 20;
+    return options;
+  }
+
+  /// The directories that things planted at `path` were moved into.
+  static std::vector<std::string> placesOfMoved(const std::string& path) {
+    std::vector<std::string> places;
+    const std::string beginning = fs::path(path).filename().string() + ".moved-";
+    for (const std::string& name : namesIn("/tmp")) {
+      if (name.rfind(beginning, 0) == 0) {
+        places.push_back("/tmp/" + name);
+      }
+    }
+    return places;
+  }
+
+  /// That what was planted is out of the way, unharmed, and so is what it led to.
+  static void expectMovedUnharmed(const Plant& plant, const std::string& path) {
+    EXPECT_EQ(readFile(rootsFile), rootsWords);
+    EXPECT_FALSE(fs::exists(noFile));
+    const std::vector<std::string> places = placesOfMoved(path);
+    ASSERT_EQ(places.size(), 1U);
+    struct stat status {};
+    ASSERT_EQ(stat(places[0].c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, 0U);
+    EXPECT_EQ(status.st_mode & 07777U, 0700U);
+    const fs::path moved = fs::path(places[0]) / fs::path(path).filename();
+    EXPECT_EQ(fs::symlink_status(moved).type(), plant.type);
+    if (plant.name == "File" || plant.name == "FileThatOnlyItsOwnerWrites") {
+      EXPECT_EQ(readFile(moved), "forged\n");
+    }
+    if (plant.type == fs::file_type::directory) {
+      EXPECT_EQ(readFile(moved / "inside"), "forged\n");
+    }
+  }
+
+  static void removeOwnFiles() {
+    umount2(logFile.c_str(), MNT_DETACH);
+    umount2(versionFile.c_str(), MNT_DETACH);
+    for (const std::string& path :
+         {logFile, versionFile, rootsFile, noFile, std::string("/tmp/bin"), std::string("/tmp/ran")}) {
+      fs::remove_all(path);
+    }
+    for (const std::string& path : {logFile, versionFile}) {
+      for (const std::string& place : placesOfMoved(path)) {
+        fs::remove_all(place);
+      }
+    }
+  }
+};
+
+class PlantedLogFileTest : public PlantedFilesTest, public testing::WithParamInterface<Plant> {};
+
+TEST_P(PlantedLogFileTest, IsMovedAsideAndTheToolRuns) {
+  SystemLog systemLog;
+  const Stick stick(recordingDisk());
+  const Daemon daemon(toolsFirst());
+  ASSERT_TRUE(GetParam().put(logFile.c_str()));
+  UsbClient client;
+  EXPECT_TRUE(client->RunDiskRepair(1)) << daemon.log();
+
+  expectMovedUnharmed(GetParam(), logFile);
+  EXPECT_EQ(readFile(logFile), "repaired\n");
+  struct stat status {};
+  ASSERT_EQ(lstat(logFile.c_str(), &status), 0);
+  EXPECT_TRUE(S_ISREG(status.st_mode));
+  EXPECT_EQ(status.st_uid, 0U);
+  EXPECT_EQ(status.st_mode & 07777U, 0644U);
+  EXPECT_THAT(systemLog.text(), HasSubstr("Dockhand: repaired"));
+  EXPECT_THAT(systemLog.text(), Not(HasSubstr("root's own words")));
+  EXPECT_THAT(systemLog.text(), Not(HasSubstr("forged")));
+  EXPECT_THAT(daemon.log(), HasSubstr(logFile + " was not ours and has been moved aside"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, PlantedLogFileTest, testing::ValuesIn(plants), nameOf);
+
+class PlantedVersionFileTest : public PlantedFilesTest, public testing::WithParamInterface<Plant> {};
+
+TEST_P(PlantedVersionFileTest, IsMovedAsideAndTheVersionIsTheScripts) {
+  const Stick stick({});
+  const Daemon daemon(toolsFirst());
+  ASSERT_TRUE(GetParam().put(versionFile.c_str()));
+  UsbClient client;
+  const ravel::rpc::ReturnValueWithString version = client.usbVersion(1);
+  EXPECT_TRUE(version.success) << daemon.log();
+  EXPECT_EQ(version.text, "2.00");
+
+  expectMovedUnharmed(GetParam(), versionFile);
+  EXPECT_FALSE(fs::exists(fs::symlink_status(versionFile)));
+  EXPECT_THAT(daemon.log(), HasSubstr(versionFile + " was not ours and has been moved aside"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, PlantedVersionFileTest, testing::ValuesIn(plants), nameOf);
+
+TEST_F(PlantedFilesTest, LogFileThatTheDaemonHasMadeIsUsedAgainAndOutOfAUsersReach) {
+  const Stick stick(recordingDisk());
+  const Daemon daemon(toolsFirst());
+  UsbClient client;
+  ASSERT_TRUE(client->RunDiskRepair(1)) << daemon.log();
+  struct stat first {};
+  ASSERT_EQ(lstat(logFile.c_str(), &first), 0);
+  EXPECT_FALSE(asPlanter([] { return unlink(logFile.c_str()) == 0; }));
+  EXPECT_FALSE(asPlanter([] { return rename(logFile.c_str(), noFile.c_str()) == 0; }));
+  EXPECT_FALSE(asPlanter([] { return truncate(logFile.c_str(), 0) == 0; }));
+
+  makeTool("xfs_repair", "echo again\n");
+  ASSERT_TRUE(client->RunDiskRepair(1)) << daemon.log();
+  struct stat second {};
+  ASSERT_EQ(lstat(logFile.c_str(), &second), 0);
+  EXPECT_EQ(second.st_ino, first.st_ino);
+  EXPECT_EQ(readFile(logFile), "again\n");
+  EXPECT_THAT(placesOfMoved(logFile), IsEmpty());
+}
+
+/// Something that cannot be moved: on a directory of his own a user may have a mount made by fusermount. Here
+/// root stands in for that.
+void plantMount(const std::string& path) {
+  ASSERT_TRUE(asPlanter([&] { return mkdir(path.c_str(), 0755) == 0; }));
+  ASSERT_EQ(mount("planted", path.c_str(), "tmpfs", 0, "mode=0777"), 0);
+  ASSERT_TRUE(asPlanter([&] { return putFile((path + "/inside").c_str(), 0644); }));
+}
+
+TEST_F(PlantedFilesTest, NoToolIsRunWhileALogFileThatIsNotOursStays) {
+  const Stick stick(recordingDisk());
+  const Daemon daemon(toolsFirst());
+  plantMount(logFile);
+  UsbClient client;
+  EXPECT_FALSE(client->RunDiskRepair(1));
+  EXPECT_FALSE(fs::exists("/tmp/ran"));
+  EXPECT_THAT(daemon.log(), HasSubstr("Not executed, since " + logFile + " is not ours"));
+  EXPECT_EQ(mountsAt(logFile).size(), 1U);
+  EXPECT_EQ(readFile(logFile + "/inside"), "forged\n");
+  EXPECT_THAT(placesOfMoved(logFile), IsEmpty());
+
+  // As soon as it is gone, the daemon works again.
+  ASSERT_EQ(umount(logFile.c_str()), 0);
+  EXPECT_TRUE(client->RunDiskRepair(1));
+}
+
+TEST_F(PlantedFilesTest, NoVersionIsReadWhileAVersionFileThatIsNotOursStays) {
+  const Stick stick({});
+  const Daemon daemon(toolsFirst());
+  plantMount(versionFile);
+  UsbClient client;
+  EXPECT_FALSE(client.usbVersion(1).success);
+  EXPECT_FALSE(fs::exists("/tmp/ran"));
+  EXPECT_THAT(daemon.log(), HasSubstr("Not executed, since " + versionFile + " is not ours"));
+  EXPECT_EQ(readFile(versionFile + "/inside"), "forged\n");
+
+  ASSERT_EQ(umount(versionFile.c_str()), 0);
+  EXPECT_EQ(client.usbVersion(1).text, "2.00");
+}
+
+TEST_F(PlantedFilesTest, UsersCanPutNothingWhereSticksAreMounted) {
+  const Stick stick({});
+  const Daemon daemon(toolsFirst());
+  UsbClient client;
+  const auto plantFails = [](const std::string& path) {
+    return asPlanter([&] {
+      return symlink("/etc", path.c_str()) == -1 && errno == EACCES && mkdir(path.c_str(), 0755) == -1 &&
+             errno == EACCES && !putFile(path.c_str(), 0644);
+    });
+  };
+  EXPECT_TRUE(plantFails("/media/disk_1"));
+  ASSERT_TRUE(client->OpenDevice(1));
+  // Nor do they get the mounted stick away.
+  EXPECT_TRUE(asPlanter([] { return umount2("/media/disk_1", MNT_DETACH) == -1 && errno == EPERM; }));
+  EXPECT_TRUE(asPlanter([] { return rename("/media/disk_1", "/media/mine") == -1; }));
+  EXPECT_EQ(mountsAt("/media/disk_1").size(), 1U);
+  ASSERT_TRUE(client->CloseDevice(1));
+  EXPECT_TRUE(plantFails("/media/disk_1"));
+  EXPECT_TRUE(plantFails("/media/disk_tmp"));
+}
+
+}  // namespace
+}  // namespace systest

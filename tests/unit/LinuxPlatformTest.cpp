@@ -1,0 +1,243 @@
+// The real system behind the handler, as far as a test may touch it: a directory of its own, no mounts.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "LinuxPlatform.h"
+#include "Sleep.h"
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::UnorderedElementsAre;
+
+namespace {
+
+class LinuxPlatformTest : public ::testing::Test {
+ protected:
+  LinuxPlatformTest() {
+    std::array<char, 32> name{"/tmp/dockhand-test-XXXXXX"};
+    EXPECT_NE(mkdtemp(name.data()), nullptr);
+    directory_ = name.data();
+  }
+  ~LinuxPlatformTest() override { std::filesystem::remove_all(directory_); }
+
+  std::string path(const std::string& name) const { return directory_ + "/" + name; }
+  std::string makeFile(const std::string& name, const std::string& content = "") const {
+    std::ofstream(path(name)) << content;
+    return path(name);
+  }
+
+  /// The file system of a regular file: an ext2 superblock, as far as libblkid looks at it.
+  std::string makeExt2Image(const std::string& label) const {
+    std::string image(64 * 1024, '\0');
+    constexpr std::size_t superblock = 1024;
+    image.replace(superblock + 56, 2, "\x53\xEF");
+    image.replace(superblock + 104, 16, "0123456789ABCDEF");
+    image.replace(superblock + 120, label.size(), label);
+    return makeFile("image", image);
+  }
+
+  /// errno of a call that fails.
+  static int errorOf(const std::function<bool()>& fails) {
+    errno = 0;
+    EXPECT_TRUE(fails());
+    return errno;
+  }
+
+  Dockhand::LinuxPlatform platform_;
+  std::string directory_;
+};
+
+TEST_F(LinuxPlatformTest, MakesAndRemovesDirectories) {
+  const mode_t mask = umask(0);
+  EXPECT_EQ(platform_.mkdir(path("made"), 0775), 0);
+  umask(mask);
+  struct stat status {};
+  ASSERT_EQ(stat(path("made").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode, S_IFDIR | 0775U);
+  EXPECT_EQ(errorOf([this] { return platform_.mkdir(path("made"), 0775) == -1; }), EEXIST);
+
+  EXPECT_EQ(platform_.rmdir(path("made")), 0);
+  EXPECT_FALSE(std::filesystem::exists(path("made")));
+  EXPECT_EQ(errorOf([this] { return platform_.rmdir(path("made")) == -1; }), ENOENT);
+}
+
+TEST_F(LinuxPlatformTest, TellsWhatMayBeAccessed) {
+  const std::string file = makeFile("file");
+  EXPECT_EQ(platform_.access(file, F_OK), 0);
+  EXPECT_EQ(errorOf([this] { return platform_.access(path("none"), F_OK) == -1; }), ENOENT);
+  // Nobody may run a file without any x, root included.
+  EXPECT_EQ(errorOf([&] { return platform_.access(file, X_OK) == -1; }), EACCES);
+}
+
+int beginsWithA(const dirent* entry) {
+  return entry->d_name[0] == 'a' ? 1 : 0;
+}
+
+TEST_F(LinuxPlatformTest, ScansADirectoryThroughTheFilterAndInOrder) {
+  for (const std::string name : {"a2", "b", "a1", "a3"}) {
+    makeFile(name);
+  }
+  dirent** entries = nullptr;
+  const int count = platform_.scandir(directory_, &entries, beginsWithA, alphasort);
+  std::vector<std::string> names;
+  for (int i = 0; i < count; ++i) {
+    names.emplace_back(entries[i]->d_name);
+    std::free(entries[i]);
+  }
+  std::free(entries);
+  EXPECT_THAT(names, ElementsAre("a1", "a2", "a3"));
+  EXPECT_EQ(errorOf([&] { return platform_.scandir(path("none"), &entries, beginsWithA, alphasort) == -1; }),
+            ENOENT);
+}
+
+TEST_F(LinuxPlatformTest, ReadsADirectoryEntryByEntry) {
+  makeFile("one");
+  makeFile("two");
+  DIR* const opened = platform_.opendir(directory_);
+  ASSERT_NE(opened, nullptr);
+  std::vector<std::string> names;
+  while (const dirent* entry = platform_.readdir(opened)) {
+    names.emplace_back(entry->d_name);
+  }
+  EXPECT_EQ(platform_.closedir(opened), 0);
+  EXPECT_THAT(names, UnorderedElementsAre(".", "..", "one", "two"));
+  EXPECT_EQ(errorOf([this] { return platform_.opendir(path("none")) == nullptr; }), ENOENT);
+}
+
+TEST_F(LinuxPlatformTest, ReadsAFileToItsEnd) {
+  const int file = platform_.open(makeFile("file", "0123456"), O_RDONLY);
+  ASSERT_GE(file, 0);
+  std::array<char, 4> block{};
+  EXPECT_EQ(platform_.read(file, block.data(), block.size()), 4);
+  EXPECT_EQ(std::string(block.data(), 4), "0123");
+  EXPECT_EQ(platform_.read(file, block.data(), block.size()), 3);
+  EXPECT_EQ(std::string(block.data(), 3), "456");
+  EXPECT_EQ(platform_.read(file, block.data(), block.size()), 0);
+  EXPECT_EQ(platform_.close(file), 0);
+}
+
+TEST_F(LinuxPlatformTest, SaysWhyAFileCannotBeOpenedReadOrClosed) {
+  std::array<char, 1> block{};
+  EXPECT_EQ(errorOf([this] { return platform_.open(path("none"), O_RDONLY) == -1; }), ENOENT);
+  EXPECT_EQ(errorOf([&] { return platform_.read(-1, block.data(), block.size()) == -1; }), EBADF);
+  EXPECT_EQ(errorOf([this] { return platform_.close(-1) == -1; }), EBADF);
+}
+
+TEST_F(LinuxPlatformTest, OpensFilesAsAskedAndKeepsThemFromChildren) {
+  const std::string name = makeFile("file");
+  EXPECT_EQ(errorOf([&] { return platform_.open(name, O_RDONLY | O_DIRECTORY) == -1; }), ENOTDIR);
+  const int file = platform_.open(name, O_RDONLY);
+  EXPECT_NE(fcntl(file, F_GETFD) & FD_CLOEXEC, 0);
+  platform_.close(file);
+}
+
+TEST_F(LinuxPlatformTest, RunsACommandInTheShellAndGivesItsRawStatus) {
+  EXPECT_EQ(platform_.system("echo said >" + path("said")), 0);
+  std::string said;
+  std::ifstream(path("said")) >> said;
+  EXPECT_EQ(said, "said");
+  EXPECT_EQ(platform_.system("exit 3"), 3 * 256);
+  EXPECT_EQ(platform_.system("kill -KILL $$"), SIGKILL);
+}
+
+TEST_F(LinuxPlatformTest, SleepsOnAfterASignal) {
+  std::vector<unsigned int> asked;
+  onSleep = [&asked](unsigned int seconds) {
+    asked.push_back(seconds);
+    return asked.size() < 3 ? seconds - 1 : 0;
+  };
+  platform_.sleep(4);
+  EXPECT_THAT(asked, ElementsAre(4, 3, 2));
+  asked.clear();
+  platform_.sleep(0);
+  EXPECT_THAT(asked, IsEmpty());
+  onSleep = nullptr;
+}
+
+TEST_F(LinuxPlatformTest, SaysWhyNothingIsMountedOrUnmounted) {
+  const std::string none = path("none");
+  EXPECT_EQ(errorOf([&] { return platform_.mount("none", none, "tmpfs", MS_NOSUID, "") == -1; }), ENOENT);
+  EXPECT_EQ(errorOf([&] { return platform_.umount(none) == -1; }), ENOENT);
+  EXPECT_EQ(errorOf([&] { return platform_.umount2(none, MNT_DETACH) == -1; }), ENOENT);
+  // The kernel looks at the flags before it looks for the path.
+  EXPECT_EQ(errorOf([&] { return platform_.umount2(none, 0x40000000) == -1; }), EINVAL);
+}
+
+TEST_F(LinuxPlatformTest, ReadsWhatAFileSystemSaysOfItself) {
+  const blkid_probe probe = platform_.blkid_new_probe_from_filename(makeExt2Image("STICK"));
+  ASSERT_NE(probe, nullptr);
+  EXPECT_EQ(platform_.blkid_do_probe(probe), 0);
+  const char* value = "";
+  EXPECT_EQ(platform_.blkid_probe_lookup_value(probe, "TYPE", &value), 0);
+  EXPECT_STREQ(value, "ext2");
+  EXPECT_EQ(platform_.blkid_probe_lookup_value(probe, "LABEL", &value), 0);
+  EXPECT_STREQ(value, "STICK");
+  EXPECT_EQ(platform_.blkid_probe_lookup_value(probe, "UUID", &value), 0);
+  EXPECT_STREQ(value, "30313233-3435-3637-3839-414243444546");
+  EXPECT_EQ(platform_.blkid_probe_lookup_value(probe, "NO_SUCH_KEY", &value), -1);
+  platform_.blkid_free_probe(probe);
+}
+
+TEST_F(LinuxPlatformTest, FindsNothingInAFileWithoutAFileSystem) {
+  const blkid_probe probe =
+      platform_.blkid_new_probe_from_filename(makeFile("empty", std::string(64 * 1024, '\0')));
+  ASSERT_NE(probe, nullptr);
+  EXPECT_EQ(platform_.blkid_do_probe(probe), 1);
+  const char* value = "";
+  EXPECT_EQ(platform_.blkid_probe_lookup_value(probe, "TYPE", &value), -1);
+  platform_.blkid_free_probe(probe);
+  EXPECT_EQ(platform_.blkid_new_probe_from_filename(path("none")), nullptr);
+}
+
+TEST_F(LinuxPlatformTest, MeasuresWhatADescriptorStandsFor) {
+  const int image = platform_.open(makeFile("disk", std::string(12345, '\0')), O_RDONLY);
+  EXPECT_EQ(platform_.blkid_get_dev_size(image), 12345);
+  platform_.close(image);
+  EXPECT_EQ(platform_.blkid_get_dev_size(-1), 0);
+}
+
+TEST_F(LinuxPlatformTest, TakesAPathWithANulByteForNoFileAtAll) {
+  const std::string existing = makeFile("existing");
+  ASSERT_EQ(platform_.mkdir(path("directory"), 0775), 0);
+  const std::string file = existing + std::string("\0cut", 4);
+  const std::string directory = path("directory") + std::string("\0cut", 4);
+  const std::string absent = path("absent") + std::string("\0cut", 4);
+  dirent** entries = nullptr;
+
+  const std::vector<std::function<bool()>> calls = {
+      [&] { return platform_.mount(file, path("directory"), "ext3", 0, "") == -1; },
+      [&] { return platform_.mount(existing, directory, "ext3", 0, "") == -1; },
+      [&] { return platform_.umount(directory) == -1; },
+      [&] { return platform_.umount2(directory, 0) == -1; },
+      [&] { return platform_.mkdir(absent, 0775) == -1; },
+      [&] { return platform_.rmdir(directory) == -1; },
+      [&] { return platform_.access(file, F_OK) == -1; },
+      [&] { return platform_.scandir(directory, &entries, beginsWithA, alphasort) == -1; },
+      [&] { return platform_.opendir(directory) == nullptr; },
+      [&] { return platform_.open(file, O_RDONLY) == -1; },
+      [&] { return platform_.blkid_new_probe_from_filename(file) == nullptr; },
+  };
+  for (std::size_t i = 0; i < calls.size(); ++i) {
+    EXPECT_EQ(errorOf(calls[i]), ENOENT) << i;
+  }
+  EXPECT_FALSE(std::filesystem::exists(path("absent")));
+  EXPECT_TRUE(std::filesystem::exists(path("directory")));
+}
+
+}  // namespace
