@@ -1,6 +1,7 @@
 #ifndef RAVELRPC_LIMITEDBINARYPROTOCOL_H
 #define RAVELRPC_LIMITEDBINARYPROTOCOL_H
 
+#include <thrift/TApplicationException.h>
 #include <thrift/protocol/TBinaryProtocol.h>
 #include <thrift/protocol/TProtocolException.h>
 #include <thrift/protocol/TVirtualProtocol.h>
@@ -22,11 +23,14 @@ namespace ravel::rpc {
 ///
 /// A refusal is a TProtocolException (INVALID_DATA for a type, SIZE_LIMIT and NEGATIVE_SIZE for a count),
 /// upon which a server closes the connection. Thrift refuses by itself what is nested more than 64 deep.
+/// The number that says what kind of failure a TApplicationException is was written by a peer that answers,
+/// so it is no reason to close the connection: one that Thrift does not know is read as UNKNOWN.
 ///
 /// Threads and locks: as TBinaryProtocol, one thread at a time and no locks.
 class LimitedBinaryProtocol
     : public apache::thrift::protocol::TVirtualProtocol<LimitedBinaryProtocol,
                                                         apache::thrift::protocol::TBinaryProtocol> {
+  using TApplicationException = apache::thrift::TApplicationException;
   using TMessageType = apache::thrift::protocol::TMessageType;
   using TProtocolException = apache::thrift::protocol::TProtocolException;
   using TType = apache::thrift::protocol::TType;
@@ -41,7 +45,7 @@ class LimitedBinaryProtocol
 
   std::uint32_t readMessageBegin(std::string& name, TMessageType& type, std::int32_t& sequence) {
     std::int32_t first = 0;
-    std::uint32_t bytes = readI32(first);
+    std::uint32_t bytes = TVirtualProtocol::readI32(first);
     if (first < 0) {
       if ((first & VERSION_MASK) != VERSION_1) {
         throw TProtocolException(TProtocolException::BAD_VERSION, "Bad version identifier");
@@ -55,7 +59,18 @@ class LimitedBinaryProtocol
       bytes += readByte(code);
       type = messageType(code);
     }
-    return bytes + readI32(sequence);
+    isFailure_ = type == apache::thrift::protocol::T_EXCEPTION;
+    return bytes + TVirtualProtocol::readI32(sequence);
+  }
+
+  /// The only i32 in a TApplicationException is its kind.
+  std::uint32_t readI32(std::int32_t& number) {
+    const std::uint32_t bytes = TVirtualProtocol::readI32(number);
+    if (isFailure_ && (number < TApplicationException::UNKNOWN ||
+                       number > TApplicationException::UNSUPPORTED_CLIENT_TYPE)) {
+      number = TApplicationException::UNKNOWN;
+    }
+    return bytes;
   }
 
   std::uint32_t readFieldBegin(std::string& /*name*/, TType& type, std::int16_t& id) {
@@ -109,7 +124,7 @@ class LimitedBinaryProtocol
 
   std::uint32_t readSize(std::uint32_t& size) {
     std::int32_t announced = 0;
-    const std::uint32_t bytes = readI32(announced);
+    const std::uint32_t bytes = TVirtualProtocol::readI32(announced);
     if (announced < 0) {
       throw TProtocolException(TProtocolException::NEGATIVE_SIZE);
     }
@@ -121,6 +136,9 @@ class LimitedBinaryProtocol
     size = static_cast<std::uint32_t>(announced);
     return bytes;
   }
+
+  /// The message that is being read is a TApplicationException.
+  bool isFailure_ = false;
 };
 
 /// Puts a LimitedBinaryProtocol on each connection of a server.

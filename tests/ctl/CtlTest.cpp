@@ -42,9 +42,9 @@ void finishOperations(Connection& connection) {
 }  // namespace
 
 CtlTest::CtlTest() {
+  FakePlatform& system = service().platform;
   Connection connection;
   finishOperations(connection);
-  FakePlatform& system = service().platform;
   system.deviceNodes.clear();
   system.disks.clear();
   system.files.clear();

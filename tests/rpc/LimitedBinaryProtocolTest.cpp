@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <thrift/TApplicationException.h>
 #include <thrift/protocol/TBinaryProtocol.h>
 #include <thrift/protocol/TProtocolException.h>
 #include <usb_rpc_gen_.h>
@@ -10,7 +11,10 @@
 #include "LimitedBinaryProtocol.h"
 #include "LimitedBufferedTransport.h"
 
+using apache::thrift::TApplicationException;
 using apache::thrift::protocol::T_CALL;
+using apache::thrift::protocol::T_EXCEPTION;
+using apache::thrift::protocol::T_I32;
 using apache::thrift::protocol::T_I64;
 using apache::thrift::protocol::T_LIST;
 using apache::thrift::protocol::T_MAP;
@@ -207,6 +211,43 @@ TEST_F(LimitedBinaryProtocolTest, RefusesMessageTypesThatThereAreNot) {
 TEST_F(LimitedBinaryProtocolTest, RefusesAnotherVersion) {
   writeBytes(std::string{"\x80\x02\0\1\0\0\0\1x\0\0\0\0", 13});
   EXPECT_EQ(refusal([&] { readMessage(); }), TProtocolException::BAD_VERSION);
+}
+
+TEST_F(LimitedBinaryProtocolTest, ReadsAKindOfFailureThatThriftDoesNotKnowAsUnknown) {
+  for (const std::int32_t kind : {-1, 11, 12345}) {
+    writer.writeMessageBegin("OpenDevice", T_EXCEPTION, 0);
+    TApplicationException("it failed").write(&writer);
+    writer.writeMessageBegin("OpenDevice", T_EXCEPTION, 0);
+    writer.writeFieldBegin("type", T_I32, 2);
+    writer.writeI32(kind);
+    writer.writeFieldStop();
+    readMessage();
+    TApplicationException failure;
+    failure.read(reader.get());
+    EXPECT_STREQ(failure.what(), "it failed");
+    readMessage();
+    TApplicationException odd;
+    odd.read(reader.get());
+    EXPECT_EQ(odd.getType(), TApplicationException::UNKNOWN) << kind;
+  }
+}
+
+TEST_F(LimitedBinaryProtocolTest, LeavesTheKindsThatThriftKnowsAndTheNumbersOfOtherMessages) {
+  for (const auto kind : {TApplicationException::UNKNOWN, TApplicationException::UNKNOWN_METHOD,
+                          TApplicationException::UNSUPPORTED_CLIENT_TYPE}) {
+    writer.writeMessageBegin("OpenDevice", T_EXCEPTION, 0);
+    TApplicationException(kind, "").write(&writer);
+    readMessage();
+    TApplicationException failure;
+    failure.read(reader.get());
+    EXPECT_EQ(failure.getType(), kind);
+  }
+  writer.writeMessageBegin("OpenDevice", T_CALL, 0);
+  writer.writeI32(12345);
+  readMessage();
+  std::int32_t number = 0;
+  reader->readI32(number);
+  EXPECT_EQ(number, 12345);
 }
 
 TEST_F(LimitedBinaryProtocolTest, EndsAtOnceAtAContainerWhoseElementsDoNotCome) {

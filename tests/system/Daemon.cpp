@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <iostream>
 #include <sstream>
 #include <stdexcept>
 
@@ -108,6 +109,10 @@ bool Daemon::isRunning() const {
 
 void Daemon::kill() {
   if (!reaped_) {
+    // The log goes with the test, and it is the only place that says why a daemon has ended by itself.
+    if (!isRunning()) {
+      std::cerr << "the daemon has ended by itself, and wrote: " << log() << '\n';
+    }
     ::kill(pid_, SIGKILL);
     waitpid(pid_, nullptr, 0);
     reaped_ = true;
