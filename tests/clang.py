@@ -1,0 +1,39 @@
+#!/usr/bin/python3
+"""Has clang read every source of a build, and fails where it warns.
+
+    clang.py BUILD        the folder of a configured build, whose generated sources are there
+"""
+
+import concurrent.futures
+import json
+import os
+import re
+import subprocess
+import sys
+
+# Some sources calm a warning that only the other compiler has.
+CLANG = 'clang++-14 -fsyntax-only -Wno-unknown-warning-option '
+
+
+def complaints(entry):
+    """What clang says about one source; nothing when it has nothing to say."""
+    command = re.sub(r'^.*?\S*(?:c\+\+|g\+\+)\S* ', CLANG, entry['command'], count=1)
+    command = re.sub(r' -o \S+', '', command, count=1)
+    done = subprocess.run(command, shell=True, check=False, cwd=entry['directory'], stdin=subprocess.DEVNULL,
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+    return done.stdout or (f'{entry["file"]}: status {done.returncode}\n' if done.returncode else '')
+
+
+def main():
+    with open(os.path.join(sys.argv[1], 'compile_commands.json')) as file:
+        entries = json.load(file)
+    if not entries:
+        sys.exit('there are no sources')
+    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+        said = [text for text in pool.map(complaints, entries) if text]
+    print(f'{len(entries)} sources\n' + ''.join(said), end='')
+    return 1 if said else 0
+
+
+if __name__ == '__main__':
+    sys.exit(main())
