@@ -11,6 +11,8 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
+#include <sstream>
 #include <stdexcept>
 
 namespace ctltest {
@@ -51,6 +53,17 @@ std::vector<std::string> environmentWith(const std::map<std::string, std::string
   }
   for (const auto& [name, value] : changes) {
     result.push_back(name + "=" + value);
+  }
+  return result;
+}
+
+/// What a program for another processor is started with: DOCKHAND_EMULATOR, words separated by semicolons.
+std::vector<std::string> emulatorWords() {
+  const char* const text = std::getenv("DOCKHAND_EMULATOR");
+  std::istringstream stream(text != nullptr ? text : "");
+  std::vector<std::string> result;
+  for (std::string word; std::getline(stream, word, ';');) {
+    result.push_back(word);
   }
   return result;
 }
@@ -102,7 +115,15 @@ Program::Program(const Arguments& arguments, const RunOptions& options) {
   exchangeAMessage();
   // Between fork and exec of a process with threads nothing may be allocated, so all is ready before.
   const FileDescriptor program(open(DOCKHANDCTL_PROGRAM, O_RDONLY | O_CLOEXEC));
-  std::vector<std::string> words = {"dockhandctl"};
+  const std::vector<std::string> emulator = emulatorWords();
+  // The descriptor, as nobody may not be able to follow the path.
+  const FileDescriptor started(emulator.empty() ? fcntl(program.get(), F_DUPFD_CLOEXEC, 0)
+                                                : open(emulator[0].c_str(), O_RDONLY | O_CLOEXEC));
+  std::vector<std::string> words = emulator;
+  if (!emulator.empty()) {
+    words.insert(words.end(), {"-0", "dockhandctl"});
+  }
+  words.push_back(emulator.empty() ? "dockhandctl" : "/proc/self/fd/" + std::to_string(program.get()));
   words.insert(words.end(), arguments.begin(), arguments.end());
   const auto argumentPointers = pointersTo(words);
   std::vector<std::string> environment = environmentWith(options.environment);
@@ -130,7 +151,10 @@ Program::Program(const Arguments& arguments, const RunOptions& options) {
     }
     constexpr unsigned nobody = 65534;
     if (!options.asNobody || (setgroups(0, nullptr) == 0 && setgid(nobody) == 0 && setuid(nobody) == 0)) {
-      fexecve(program.get(), argumentPointers.data(), environmentPointers.data());
+      if (!emulator.empty()) {
+        fcntl(program.get(), F_SETFD, 0);
+      }
+      fexecve(started.get(), argumentPointers.data(), environmentPointers.data());
     }
     _exit(127);
   }

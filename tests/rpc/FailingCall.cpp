@@ -87,6 +87,14 @@ bool FailingCall::happened() const {
 using transport_test::errorOf;
 using transport_test::fails;
 
+// On a 32-bit processor the calls that know a time_t of 64 bits have names of their own.
+#ifdef __USE_TIME_BITS64
+#define __real_lstat64 __real___lstat64_time64
+#define __wrap_lstat64 __wrap___lstat64_time64
+#define __real_setsockopt __real___setsockopt64
+#define __wrap_setsockopt __wrap___setsockopt64
+#endif
+
 // The linker's --wrap gives them these names.
 extern "C" {
 

@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "DeathTestStyle.h"
 #include "PosixThreadFactory.h"
 
 using apache::thrift::concurrency::FunctionRunner;
@@ -195,7 +196,7 @@ TEST(PosixThreadFactory, RefusesWhatItDoesNotSupport) {
 }
 
 TEST(PosixThreadFactoryDeathTest, EndsTheProcessWithAReportWhenAnExceptionLeavesAThread) {
-  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  useStyleForThreads();
   EXPECT_DEATH(
       {
         PosixThreadFactory().newThread(runnable([] { throw std::runtime_error("out of luck"); }))->start();
@@ -205,7 +206,7 @@ TEST(PosixThreadFactoryDeathTest, EndsTheProcessWithAReportWhenAnExceptionLeaves
 }
 
 TEST(PosixThreadFactoryDeathTest, EndsTheProcessAlsoWhenWhatLeavesAThreadIsNoException) {
-  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  useStyleForThreads();
   EXPECT_DEATH(
       {
         PosixThreadFactory().newThread(runnable([] { throw 42; }))->start();

@@ -160,6 +160,14 @@ TEST_F(TUnixServerSocketTest, LeavesASymbolicLinkAndItsTargetAlone) {
   EXPECT_TRUE(std::filesystem::is_socket(target));
 }
 
+TEST_F(TUnixServerSocketTest, ReplacesAStaleSocketWhoseTimesAreBeyond2038) {
+  plainListener(path(), 1).reset();
+  const timespec times[] = {{4102444800, 0}, {4102444800, 0}};
+  ASSERT_EQ(utimensat(AT_FDCWD, path().c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+  TUnixServerSocket server(9020);
+  expectServes(server);
+}
+
 TEST_F(TUnixServerSocketTest, DoesNotFollowASymbolicLinkInPlaceOfTheLock) {
   const std::string target = (directory_ / "elsewhere").string();
   std::filesystem::create_symlink(target, lockPath());

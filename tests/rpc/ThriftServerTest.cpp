@@ -9,6 +9,7 @@
 #include <future>
 #include <stdexcept>
 
+#include "DeathTestStyle.h"
 #include "TUnixSocket.h"
 #include "TransportTestSupport.h"
 #include "thrift_server.h"
@@ -326,7 +327,7 @@ TEST_F(ThriftServer, ServesMoreThanAHundredMegabytesOnOneConnection) {
 }
 
 TEST(ThriftServerDeathTest, FailsRatherThanHangsWhenAWorkerCannotBeMade) {
-  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  useStyleForThreads();
   EXPECT_EXIT(makeServerWithoutThreads(), testing::ExitedWithCode(0), "");
 }
 

@@ -51,7 +51,7 @@ Faults::Faults(std::uint64_t seed, const std::string& operation) : seed_(seed) {
   if (number % 4 == 0) {
     perMille_ = 1000;
     const std::vector<std::string>& names = namesIn(operation);
-    only_ = names[(number / 4) % names.size()];
+    only_ = names[static_cast<std::size_t>((number / 4) % names.size())];
   } else {
     perMille_ = degrees[(number / 4) % std::size(degrees)];
   }
@@ -65,7 +65,7 @@ int Faults::of(const std::string& call) const {
   if (number % 1000 >= perMille_) {
     return 0;
   }
-  return errors()[(number / 1000) % errors().size()];
+  return errors()[static_cast<std::size_t>((number / 1000) % errors().size())];
 }
 
 }  // namespace soak

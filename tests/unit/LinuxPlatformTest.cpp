@@ -9,6 +9,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -210,6 +211,16 @@ TEST_F(LinuxPlatformTest, MeasuresWhatADescriptorStandsFor) {
   EXPECT_EQ(platform_.blkid_get_dev_size(image), 12345);
   platform_.close(image);
   EXPECT_EQ(platform_.blkid_get_dev_size(-1), 0);
+}
+
+TEST_F(LinuxPlatformTest, MeasuresADiskOfFourTerabytes) {
+  const std::string disk = makeFile("disk");
+  constexpr std::int64_t bytes = 4000787030016;
+  ASSERT_EQ(truncate(disk.c_str(), bytes), 0);
+  const int image = platform_.open(disk, O_RDONLY);
+  ASSERT_GE(image, 0);
+  EXPECT_EQ(platform_.blkid_get_dev_size(image), bytes);
+  platform_.close(image);
 }
 
 TEST_F(LinuxPlatformTest, TakesAPathWithANulByteForNoFileAtAll) {

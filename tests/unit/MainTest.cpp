@@ -12,6 +12,7 @@
 #include <iostream>
 #include <memory>
 
+#include "DeathTestStyle.h"
 #include "Sleep.h"
 #include "SocketDirectory.h"
 #include "TUnixSocket.h"
@@ -50,7 +51,7 @@ using ::testing::Not;
 class MainTest : public ::testing::Test {
  protected:
   MainTest() {
-    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    useStyleForThreads();
     unsetenv("TLOG_TARGET");
     unsetenv("TLOG_LEVEL");
   }

@@ -241,6 +241,7 @@ TEST_F(TlogLine, TimestampIsUtcWithSixDigitsOfMicroseconds) {
   tzset();
   EXPECT_EQ(tlog::formatTimestamp({1795230245, 123456789}), "2026-11-21T03:04:05.123456Z");
   EXPECT_EQ(tlog::formatTimestamp({1795230245, 7999}), "2026-11-21T03:04:05.000007Z");
+  EXPECT_EQ(tlog::formatTimestamp({4102444800, 0}), "2100-01-01T00:00:00.000000Z");
   unsetenv("TZ");
   tzset();
 }
