@@ -46,6 +46,8 @@ pid_t startProgram(const Environment& environment, gid_t group) {
   if (pid == 0) {
     // Also when the test is killed, no daemon stays behind.
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    // In a group of its own, so that the tools of a killed daemon can be told from others.
+    setpgid(0, 0);
     // What the caller of the tests left open is none of the daemon's business.
     close_range(STDERR_FILENO + 1, ~0U, 0);
     for (const auto& [name, value] : environment) {
@@ -91,7 +93,7 @@ Daemon::Daemon(const Environment& environment, gid_t group)
     : pid_(startProgram(environment, group)), logPath_(logPath(pid_)) {
   const auto deadline = std::chrono::steady_clock::now() + patience;
   while (!answersCalls()) {
-    const bool ended = hasEnded(pid_, std::chrono::milliseconds(10));
+    const bool ended = hasEnded(pid_, std::chrono::milliseconds(1));
     if (ended || std::chrono::steady_clock::now() > deadline) {
       kill();
       throw std::runtime_error((ended ? "the daemon ended: " : "the daemon does not answer: ") + log());

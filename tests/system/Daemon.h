@@ -17,7 +17,7 @@ using Environment = std::map<std::string, std::string>;
 
 using testsupport::UsbClient;
 
-/// A running daemon, killed with this object.
+/// A running daemon, killed with this object. Its tools are in a process group that has its pid.
 class Daemon {
  public:
   /// Starts the program, as root and in this group alone, and returns once it answers calls. Throws when it

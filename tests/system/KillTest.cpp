@@ -1,0 +1,335 @@
+// The daemon is killed at random moments of the operations that change disks and mounts. The next one
+// answers, finds the disks and opens them, and what was synced before is there.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "Daemon.h"
+#include "Kills.h"
+#include "Stick.h"
+#include "SystemTest.h"
+
+namespace systest {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr std::uint64_t enoughForXfs = std::uint64_t{520} << 20;
+/// How often an operation is run to its end, to know how long it takes.
+constexpr int measurements = 5;
+
+const Call opening = {[](UsbClient& client) { client->send_OpenDevice(1); },
+                      [](UsbClient& client) { return client->recv_OpenDevice(); }};
+const Call closing = {[](UsbClient& client) { client->send_CloseDevice(1); },
+                      [](UsbClient& client) { return client->recv_CloseDevice(); }};
+const Call removing = {[](UsbClient& client) { client->send_CloseDeviceSafeRemoval(1); },
+                       [](UsbClient& client) { return client->recv_CloseDeviceSafeRemoval(); }};
+const Call preparing = {[](UsbClient& client) { client->send_PrepareDeviceForPvr(1); },
+                        [](UsbClient& client) { return client->recv_PrepareDeviceForPvr(); }};
+const Call repairing = {[](UsbClient& client) { client->send_RunDiskRepair(1); },
+                        [](UsbClient& client) { return client->recv_RunDiskRepair(); }};
+
+/// The image's wrappers come first; every line is written, to tell where the daemon was.
+Environment environmentOfImage() {
+  return {{"PATH", DOCKHAND_SOURCE_DIR "/integration/tools:/usr/sbin:/usr/bin:/sbin:/bin"},
+          {"TLOG_LEVEL", "2"}};
+}
+
+/// Writes a file and has the kernel write it to the disk.
+void writeSynced(const std::string& path, const std::string& text) {
+  writeFile(path, text);
+  const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  const bool synced = file >= 0 && fsync(file) == 0;
+  close(file);
+  if (!synced) {
+    throw std::runtime_error(path + ": " + std::strerror(errno));
+  }
+}
+
+std::string contentOf(int number) {
+  return "synced " + std::to_string(number) + std::string(5000, static_cast<char>('a' + number % 26));
+}
+
+constexpr int filesOfADisk = 10;
+
+void writeSyncedFiles(const std::string& directory) {
+  for (int number = 0; number < filesOfADisk; ++number) {
+    writeSynced(directory + "/synced" + std::to_string(number), contentOf(number));
+  }
+}
+
+void expectSyncedFiles(const std::string& directory) {
+  for (int number = 0; number < filesOfADisk; ++number) {
+    const std::string path = directory + "/synced" + std::to_string(number);
+    EXPECT_TRUE(fs::exists(path) && readFile(path) == contentOf(number)) << path;
+  }
+}
+
+class KillTest : public SystemTest {
+ protected:
+  /// Opens a device, compares its files, closes it, and has its file system checked.
+  static void expectOpensWithItsFiles(UsbClient& client, std::int16_t device, const Stick& stick) {
+    const std::string directory = "/media/disk_" + std::to_string(device);
+    EXPECT_FALSE(client->IsDeviceOpen(device));
+    EXPECT_TRUE(client->OpenDevice(device));
+    ASSERT_EQ(mountsAt(directory).size(), 1U);
+    expectSyncedFiles(directory);
+    EXPECT_TRUE(client->CloseDevice(device));
+    EXPECT_THAT(mountsAt(directory), IsEmpty());
+    EXPECT_FALSE(fs::exists(directory));
+    // It ends with another status when it finds anything.
+    EXPECT_NO_THROW(run({"e2fsck", "-f", "-n", stick.node()}));
+  }
+
+  static Stick copyOf(const std::string& image) {
+    StickOptions options;
+    options.copyOf = image;
+    return Stick(options);
+  }
+};
+
+/// A disk with files whose journal has to be replayed when it is mounted.
+std::string imagePulledOutWhileMounted() {
+  const std::string image = "/tmp/pulled.img";
+  const Stick stick({});
+  mkdir("/media/first", 0755);
+  if (mount(stick.node().c_str(), "/media/first", "ext3", 0, "") != 0) {
+    throw std::runtime_error(std::string("mount: ") + std::strerror(errno));
+  }
+  writeSyncedFiles("/media/first");
+  run({"cp", "--sparse=always", stick.image(), image});
+  umount("/media/first");
+  rmdir("/media/first");
+  return image;
+}
+
+TEST_F(KillTest, OpeningLosesNoSyncedFile) {
+  const std::string image = imagePulledOutWhileMounted();
+  Kills kills("open");
+  std::optional<Daemon> daemon;
+  for (int i = 0; i < measurements; ++i) {
+    const Stick stick = copyOf(image);
+    kills.start(daemon, environmentOfImage());
+    UsbClient client;
+    ASSERT_TRUE(kills.measure(client, opening));
+    ASSERT_TRUE(client->CloseDevice(1));
+    daemon.reset();
+  }
+  for (std::size_t i = 0; kills.before() < Kills::wanted() && !HasFailure(); ++i) {
+    const Stick stick = copyOf(image);
+    {
+      kills.start(daemon, environmentOfImage());
+      UsbClient client;
+      kills.kill(*daemon, client, opening);
+    }
+    kills.start(daemon, environmentOfImage());
+    SCOPED_TRACE(kills.description());
+    UsbClient client;
+    EXPECT_THAT(client.devices(), ElementsAre(1));
+    expectOpensWithItsFiles(client, 1, stick);
+    daemon.reset();
+  }
+  kills.print();
+}
+
+TEST_F(KillTest, ClosingLosesNoSyncedFile) {
+  Kills kills("close");
+  std::optional<Daemon> daemon;
+  const auto openAndWrite = [](UsbClient& client) {
+    EXPECT_TRUE(client->OpenDevice(1));
+    writeSyncedFiles("/media/disk_1");
+    // Closing has something to write.
+    writeFile("/media/disk_1/unsynced", std::string(std::size_t{4} << 20, 'u'));
+  };
+  for (int i = 0; i < measurements; ++i) {
+    const Stick stick({});
+    kills.start(daemon, environmentOfImage());
+    UsbClient client;
+    openAndWrite(client);
+    ASSERT_TRUE(kills.measure(client, closing));
+    daemon.reset();
+  }
+  for (std::size_t i = 0; kills.before() < Kills::wanted() && !HasFailure(); ++i) {
+    const Stick stick({});
+    {
+      kills.start(daemon, environmentOfImage());
+      UsbClient client;
+      openAndWrite(client);
+      kills.kill(*daemon, client, i % 2 == 0 ? closing : removing);
+    }
+    kills.start(daemon, environmentOfImage());
+    SCOPED_TRACE(kills.description());
+    UsbClient client;
+    EXPECT_THAT(client.devices(), ElementsAre(1));
+    expectOpensWithItsFiles(client, 1, stick);
+    daemon.reset();
+  }
+  kills.print();
+}
+
+/// When the daemon has started a tool, since it began to prepare; its log lines have the time.
+Duration startOfTool(const Daemon& daemon, const std::string& tool) {
+  const auto timeOf = [](const std::string& line) {
+    // 2026-11-21T16:04:22.123456Z: a run that goes on over midnight is started again by whoever has that
+    // luck.
+    std::istringstream text(line.substr(line.find('T') + 1));
+    char colon = ' ';
+    double hours = 0;
+    double minutes = 0;
+    double seconds = 0;
+    text >> hours >> colon >> minutes >> colon >> seconds;
+    return Duration(1000 * (seconds + 60 * (minutes + 60 * hours)));
+  };
+  Duration begin(-1);
+  for (const std::string& line : daemon.logLines()) {
+    if (line.find(" PrepareDeviceForPvr(1)") != std::string::npos) {
+      begin = timeOf(line);
+    }
+    if (line.find(" Executing: " + tool) != std::string::npos && begin >= Duration(0)) {
+      return timeOf(line) - begin;
+    }
+  }
+  throw std::runtime_error("no line of " + tool + ": " + daemon.log());
+}
+
+TEST_F(KillTest, PreparingLosesNothingOfAnotherDiskAndCanBeDoneAnew) {
+  constexpr std::size_t killsToAPreparation = 10;
+  StickOptions recorder;
+  recorder.bytes = enoughForXfs;
+  recorder.partitioned = true;
+  const Stick stick(recorder);
+  StickOptions holiday;
+  holiday.kernelName = "sdb";
+  const Stick other(holiday);
+
+  Kills kills("prepare");
+  std::optional<Daemon> daemon;
+  kills.start(daemon, environmentOfImage());
+  {
+    UsbClient client;
+    ASSERT_TRUE(client->OpenDevice(2));
+    writeSyncedFiles("/media/disk_2");
+    const auto begin = std::chrono::steady_clock::now();
+    ASSERT_TRUE(kills.measure(client, preparing)) << daemon->log();
+    const Duration end = std::chrono::steady_clock::now() - begin;
+    // Of the pauses, 4 s before mkfs.xfs and 2 s after it, half a second each: nothing happens in them.
+    const Duration partitioned = startOfTool(*daemon, "mkfs.xfs") - Duration(4000);
+    kills.setParts(
+        {{Duration(0), partitioned + Duration(500)}, {partitioned + Duration(4000), end - Duration(1500)}});
+    daemon.reset();
+  }
+  for (std::size_t i = 0; kills.before() < Kills::wanted() && !HasFailure(); ++i) {
+    {
+      kills.start(daemon, environmentOfImage());
+      UsbClient client;
+      EXPECT_TRUE(client->OpenDevice(2));
+      kills.kill(*daemon, client, preparing);
+    }
+    EXPECT_EQ(mountsAt("/media/disk_2").size(), 1U);
+    kills.start(daemon, environmentOfImage());
+    SCOPED_TRACE(kills.description());
+    UsbClient client;
+    EXPECT_THAT(client.devices(), ElementsAre(1, 2));
+    expectOpensWithItsFiles(client, 2, other);
+    kills.waitForTools();
+    if (kills.before() == Kills::wanted() || (i + 1) % killsToAPreparation == 0) {
+      EXPECT_TRUE(client->PrepareDeviceForPvr(1)) << daemon->log();
+      EXPECT_EQ(run({"blkid", "--probe", "--output", "value", "--match-tag", "TYPE", stick.node()}), "xfs\n");
+    }
+    daemon.reset();
+  }
+  kills.print();
+}
+
+/// A recording disk with files whose second allocation group has lost its headers, so that a repair has work.
+std::string damagedRecordingImage() {
+  const std::string image = "/tmp/recording.img";
+  writeFile(image, "");
+  fs::resize_file(image, enoughForXfs);
+  // Made by mkfs, the files do not depend on the journal, which a kernel without quota does not replay here.
+  std::string proto = "/nowhere\n0 0\nd--755 0 0\n";
+  for (int number = 0; number < filesOfADisk; ++number) {
+    const std::string name = "synced" + std::to_string(number);
+    writeFile("/tmp/" + name, contentOf(number));
+    proto += name + " ---644 0 0 /tmp/" + name + "\n";
+  }
+  writeFile("/tmp/proto", proto + "$\n");
+  run({"mkfs.xfs", "-q", "-p", "/tmp/proto", "-L", "PVR_DISK", image});
+
+  const std::string answer = run({"xfs_db", "-r", "-c", "sb 0", "-c", "print agblocks", image});
+  const std::uint64_t blocks = std::stoull(answer.substr(answer.find('=') + 1));
+  std::fstream file(image, std::ios::in | std::ios::out | std::ios::binary);
+  file.seekp(static_cast<std::streamoff>(blocks * 4096));
+  file << std::string(2048, '\0') << std::flush;
+  return image;
+}
+
+/// Mounts without the quota that this kernel may lack.
+void expectRecordings(const Stick& stick) {
+  mkdir("/media/look", 0755);
+  ASSERT_EQ(mount(stick.node().c_str(), "/media/look", "xfs", MS_RDONLY, ""), 0);
+  expectSyncedFiles("/media/look");
+  umount("/media/look");
+  rmdir("/media/look");
+}
+
+TEST_F(KillTest, RepairingLosesNoFileAndCanBeDoneAnew) {
+  const std::string image = damagedRecordingImage();
+  StickOptions holiday;
+  holiday.kernelName = "sdb";
+  const Stick other(holiday);
+  Kills kills("repair");
+  std::optional<Daemon> daemon;
+  for (int i = 0; i < measurements; ++i) {
+    const Stick stick = copyOf(image);
+    kills.start(daemon, environmentOfImage());
+    UsbClient client;
+    ASSERT_TRUE(client->OpenDevice(2));
+    writeSyncedFiles("/media/disk_2");
+    ASSERT_TRUE(kills.measure(client, repairing));
+    daemon.reset();
+  }
+  for (std::size_t i = 0; kills.before() < Kills::wanted() && !HasFailure(); ++i) {
+    const Stick stick = copyOf(image);
+    {
+      kills.start(daemon, environmentOfImage());
+      UsbClient client;
+      EXPECT_TRUE(client->OpenDevice(2));
+      kills.kill(*daemon, client, repairing);
+    }
+    kills.start(daemon, environmentOfImage());
+    SCOPED_TRACE(kills.description());
+    UsbClient client;
+    EXPECT_THAT(client.devices(), ElementsAre(1, 2));
+    expectOpensWithItsFiles(client, 2, other);
+    // A tool that still runs has the disk to itself.
+    kills.waitForTools();
+    EXPECT_TRUE(client->RunDiskRepair(1)) << daemon->log();
+    EXPECT_THAT(mountsAt("/media/disk_tmp"), IsEmpty());
+    EXPECT_FALSE(fs::exists("/media/disk_tmp"));
+    EXPECT_NO_THROW(run({"xfs_repair", "-n", stick.node()}));
+    expectRecordings(stick);
+    daemon.reset();
+  }
+  kills.print();
+}
+
+}  // namespace
+}  // namespace systest
