@@ -229,10 +229,11 @@ TEST_F(KillTest, PreparingLosesNothingOfAnotherDiskAndCanBeDoneAnew) {
     const auto begin = std::chrono::steady_clock::now();
     ASSERT_TRUE(kills.measure(client, preparing)) << daemon->log();
     const Duration end = std::chrono::steady_clock::now() - begin;
-    // Of the pauses, 4 s before mkfs.xfs and 2 s after it, half a second each: nothing happens in them.
-    const Duration partitioned = startOfTool(*daemon, "mkfs.xfs") - Duration(4000);
-    kills.setParts(
-        {{Duration(0), partitioned + Duration(500)}, {partitioned + Duration(4000), end - Duration(1500)}});
+    // Not in the two pauses, in which nothing happens.
+    const Duration pauseBefore(4000);
+    const Duration pauseAfter(2000);
+    const Duration formatting = startOfTool(*daemon, "mkfs.xfs");
+    kills.setParts({{Duration(0), formatting - pauseBefore}, {formatting, end - pauseAfter}});
     daemon.reset();
   }
   for (std::size_t i = 0; kills.before() < Kills::wanted() && !HasFailure(); ++i) {

@@ -156,6 +156,16 @@ class Starting(daemon.DaemonTestCase):
         self.assertEqual(self.mounts(), [])
 
 
+    def test_what_a_killed_repair_has_mounted_is_unmounted_before_the_daemon_starts(self):
+        stick = self.machine.plug(disks.make(self.folder, "xfs", "PVR_DISK"))
+        self.machine.wait_node(stick, "sda")
+        self.finish_announcements()
+        self.assertEqual(self.machine.mount("/dev/usb_storage_sda", "/media/disk_tmp", "xfs"), 0)
+        self.start_daemon()
+        self.assertEqual(self.mounts(), [])
+        self.assertEqual(self.machine.check(["ls", "/media"]), "")
+
+
 class Properties(daemon.DaemonTestCase):
     def test_type_usb_version_and_capacity_are_those_of_the_stick(self):
         self.start_daemon()

@@ -37,6 +37,19 @@ class Unit(daemon.DaemonTestCase):
     def main_pid(self):
         return int(self.machine.check(["systemctl", "show", "--property=MainPID", "--value", "dockhand"]))
 
+    def kill_main_process(self):
+        """Returns once the next daemon has been started."""
+        before = self.main_pid()
+        self.machine.check(["kill", f"-{int(signal.SIGKILL)}", str(before)])
+        self.machine.check(f"while pid=$(systemctl show --property=MainPID --value dockhand); "
+                           f"test $pid = 0 || test $pid = {before}; do sleep 0.1; done", timeout=120)
+
+    def drop_in(self, text):
+        """Changes the unit for this test."""
+        self.addCleanup(self.machine.check, f"rm -r {DROP_INS} && systemctl daemon-reload")
+        self.machine.put(f"{DROP_INS}/test.conf", text.encode())
+        self.machine.check(["systemctl", "daemon-reload"])
+
     def status_of(self, pid):
         lines = self.machine.get(f"/proc/{pid}/status").decode().splitlines()
         return {name: value.strip() for name, _, value in (line.partition(":") for line in lines)}
@@ -102,9 +115,7 @@ class Unit(daemon.DaemonTestCase):
 
     def test_without_the_launcher_closing_finds_no_mount_in_a_long_table(self):
         self.lengthen_mount_table()
-        self.addCleanup(self.machine.check, f"rm -r {DROP_INS} && systemctl daemon-reload")
-        self.machine.put(f"{DROP_INS}/direct.conf", b"[Service]\nExecStart=\nExecStart=/usr/sbin/dockhand\n")
-        self.machine.check(["systemctl", "daemon-reload"])
+        self.drop_in("[Service]\nExecStart=\nExecStart=/usr/sbin/dockhand\n")
         self.start_unit()
         self.watch()
         self.plug()
@@ -117,16 +128,44 @@ class Unit(daemon.DaemonTestCase):
         self.watch()
         self.plug()
         self.assert_ctl(0, "open", 1)
-        before = self.main_pid()
-        self.machine.check(["kill", f"-{int(signal.SIGKILL)}", str(before)])
-        self.machine.check(f"while pid=$(systemctl show --property=MainPID --value dockhand); "
-                           f"test $pid = 0 || test $pid = {before}; do sleep 0.1; done", timeout=120)
+        self.kill_main_process()
         self.await_daemon()
         self.assertEqual(self.devices(), [1])
         self.assert_ctl(1, "is-open", 1)
         self.assert_ctl(0, "open", 1)
         self.assert_mounted("/media/disk_1", "vfat")
         self.assertEqual(self.mounts(1), self.mounts())
+
+    def test_a_daemon_that_dies_again_and_again_is_started_each_time(self):
+        # More than five starts in ten seconds are too many for systemd as it comes.
+        self.drop_in("[Service]\nRestartSec=100ms\n")
+        self.start_unit()
+        for _ in range(7):
+            self.kill_main_process()
+        self.await_daemon()
+
+    def test_a_repair_whose_daemon_is_killed_ends_before_the_next_start_and_can_be_done_anew(self):
+        tool, began = "/usr/lib/dockhand/tools/xfs_repair", "/run/repair-began"
+        self.addCleanup(self.machine.check, ["rm", "-f", tool, began])
+        self.start_unit()
+        self.watch()
+        self.plug(image=disks.make_partitioned(self.folder, ["xfs"], "PVR_DISK"))
+        self.assert_ctl(0, "open", 1)
+        self.machine.put("/media/disk_1/recording.ts", b"film")
+        self.assert_ctl(0, "close", 1)
+
+        self.machine.put(tool, f"#!/bin/sh\necho $$ >{began}\nexec sleep 1000\n".encode(), mode=0o755)
+        client = self.machine.start(["dockhandctl", "repair", "1"])
+        self.machine.wait_lines(began, 1)
+        self.kill_main_process()
+        self.assertNotEqual(self.machine.wait(client), 0)
+        self.assertNotEqual(self.machine.run(["kill", "-0", self.machine.get(began).decode().strip()]).status, 0)
+        self.await_daemon()
+        self.machine.check(["rm", tool])
+        self.assert_ctl(0, "repair", 1, timeout=300)
+        self.assert_ctl(0, "open", 1, "--pvr")
+        self.assert_mounted("/media/disk_1", "xfs", "rw", "prjquota")
+        self.assertEqual(self.machine.get("/media/disk_1/recording.ts"), b"film")
 
     def test_members_of_the_group_are_served_and_others_are_not(self):
         self.start_unit()
