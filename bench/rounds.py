@@ -1,0 +1,280 @@
+"""The measurements, in rounds: each round takes every figure once, ours next to those that it is compared with."""
+
+import contextlib
+import dataclasses
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import time
+
+from world import BARE_SOCKET, DAEMON_SOCKET, UDISKSD, Disks, NotTaken, Peer, end, pss_of, wait_until
+
+DEVICE = 1
+PAUSES_OF_PREPARATION = 6e6
+
+
+@dataclasses.dataclass(frozen=True)
+class Sizes:
+    """How much is measured: `rounds` rounds, each with so many calls and so on."""
+    rounds: int = 20
+    calls: int = 400
+    load_calls: int = 1500
+    lists: int = 200
+    answers: int = 50
+    mounts: int = 5
+    files: int = 1_000_000
+    searches: int = 2
+    flood: int = 100_000
+    tool_rounds: int = 20
+
+
+SHORT = Sizes(rounds=2, calls=20, load_calls=50, lists=10, answers=5, mounts=1, files=10_000, flood=2_000, tool_rounds=1)
+
+
+class Rounds:
+    """Runs the phases. `figures` has a list for each name, `reasons` why a figure could not be taken."""
+
+    def __init__(self, programs, sizes):
+        self.programs = programs
+        self.sizes = sizes
+        self.figures = {}
+        self.reasons = {}
+        self.listed = {}
+        self.peer = None
+        self.disks = Disks()
+
+    def run(self):
+        try:
+            with self.noting('peer'):
+                self.peer = Peer(self.programs)
+            self.disks.add(8)
+            if self.peer:
+                self.peer.settle()
+            for phase in (self.starting, self.working, self.many_devices, self.much_work, self.many_files,
+                          self.processes, self.recording_disk):
+                print(phase.__name__.replace('_', ' '), file=sys.stderr, flush=True)
+                phase()
+        finally:
+            if self.peer:
+                self.peer.end()
+            self.disks.end()
+
+    @contextlib.contextmanager
+    def noting(self, *names):
+        """What fails is a reason, and no end."""
+        try:
+            yield
+        except (NotTaken, OSError, subprocess.SubprocessError) as failure:
+            for name in names:
+                self.reasons.setdefault(name, ' '.join(str(failure).split()))
+
+    def take(self, names, *command):
+        """Takes figures: `names` says under which name to keep what the command reports."""
+        with self.noting(*names.values()):
+            reported = self.programs.measure(*command)
+            for reported_name, name in names.items():
+                self.figures.setdefault(name, []).append(reported[reported_name])
+            return reported
+        return {}
+
+    def take_time(self, name, *command):
+        return self.take({'microseconds': name}, *command)
+
+    def take_peer(self, names, *command):
+        if self.peer is None:
+            for name in names.values():
+                self.reasons[name] = self.reasons['peer']
+            return {}
+        return self.take(names, *command)
+
+    def peer_paused(self):
+        return self.peer.paused() if self.peer else contextlib.nullcontext()
+
+    @contextlib.contextmanager
+    def servers(self):
+        """Both daemons and the peer, up and answering."""
+        running = [self.programs.start(self.programs.bin / 'dockhand'),
+                   self.programs.start(self.programs.bin / 'bench_daemon', BARE_SOCKET)]
+        try:
+            if self.peer:
+                self.peer.start()
+            wait_until(lambda: self.answers(DAEMON_SOCKET) and self.answers(BARE_SOCKET), 'the daemons')
+            yield running[0]
+        finally:
+            for process in running:
+                end(process)
+            if self.peer:
+                self.peer.stop()
+
+    def answers(self, socket):
+        try:
+            self.programs.measure('raw-call', socket, 1)
+            return True
+        except NotTaken:
+            return False
+
+    # The phases.
+
+    def starting(self):
+        """Start and idle memory: each alone, so that nobody shares a library's pages with one that it competes with."""
+        binaries = self.programs.bin
+        for _ in range(self.sizes.rounds):
+            with self.peer_paused():
+                self.start('dockhand', [], 'start', DAEMON_SOCKET, binaries / 'dockhand')
+                self.start('bare', [], 'start', BARE_SOCKET, binaries / 'bench_daemon', BARE_SOCKET)
+            if self.peer:
+                self.start('peer', self.peer.needed_pids(), 'start-peer', UDISKSD)
+            else:
+                self.reasons['start peer'] = self.reasons['memory peer'] = self.reasons['peer']
+
+    def start(self, who, others, *command):
+        process = self.programs.start_measure(*command)
+        try:
+            with self.noting(f'start {who}', f'memory {who}'):
+                lines = [process.stdout.readline().decode().split() for _ in range(2)]
+                if not lines[1]:
+                    raise NotTaken(f'{who} does not start')
+                time.sleep(0.3)
+                self.figures.setdefault(f'start {who}', []).append(float(lines[1][1]))
+                self.figures.setdefault(f'memory {who}', []).append(pss_of(int(float(lines[0][1])), *others))
+        finally:
+            process.stdin.close()
+            process.wait()
+            process.stdout.close()
+
+    def working(self):
+        """Everything that callers do, with 8 devices."""
+        node = self.disks.nodes[0]
+        with self.servers():
+            for number in range(self.sizes.rounds):
+                self.calls()
+                self.lists('8')
+                self.mounts(node)
+
+    def calls(self):
+        calls, load = self.sizes.calls, self.sizes.load_calls
+        self.take_peer({'microseconds': 'call peer'}, 'peer-ping', calls)
+        self.take_peer({'calls_per_second': 'load peer', 'p99': 'p99 peer'}, 'peer-load', 10, load // 5)
+        with self.peer_paused():
+            self.take_time('call', 'stub-call', calls)
+            self.take_time('call bare', 'raw-call', BARE_SOCKET, calls)
+            self.take_time('call raw', 'raw-call', DAEMON_SOCKET, calls)
+            self.take({'calls_per_second': 'load', 'p99': 'p99'}, 'stub-load', 10, load)
+            self.take({'calls_per_second': 'load bare', 'p99': 'p99 bare'}, 'raw-load', BARE_SOCKET, 10, load)
+            self.take({'calls_per_second': 'load raw', 'p99': 'p99 raw'}, 'raw-load', DAEMON_SOCKET, 10, load)
+
+    def lists(self, devices):
+        lists = self.sizes.lists
+        listed = self.take_peer({'microseconds': f'list{devices} peer'}, 'peer-list', lists)
+        self.listed[devices] = listed.get('devices')
+        with self.peer_paused():
+            self.take_time(f'list{devices}', 'list', lists)
+            self.take_time(f'scan{devices}', 'bare-scan', lists)
+
+    def mounts(self, node):
+        mounts, answers = self.sizes.mounts, self.sizes.answers
+        names = {'open': 'open peer', 'close': 'close peer'}
+        item = self.disks.first_object()
+        self.take_peer(names, 'peer-mount', item, mounts)
+        if self.peer:
+            # Answers are asked for while the disk is mounted, by whom they are asked.
+            with self.noting('answers peer', 'answers together'), self.mounted_by_peer(item):
+                self.take_time('answers peer', 'peer-answers', item, answers)
+                self.take_time('answers together', 'peer-answers-together', item, answers)
+        else:
+            self.reasons['answers peer'] = self.reasons['answers together'] = self.reasons['peer']
+        with self.peer_paused():
+            self.take({'open': 'open', 'close': 'close'}, 'open', DEVICE, mounts)
+            self.take({'open': 'open bare', 'close': 'close bare'}, 'bare-open', node, '/media/bare', mounts)
+            self.take({'open': 'open program', 'close': 'close program'}, 'mount-program', node, '/media/program',
+                      mounts)
+            with self.noting('answers', 'probe'), self.opened():
+                self.take_time('answers', 'answers', DEVICE, answers)
+                self.take_time('probe', 'bare-probe', node, answers)
+
+    @contextlib.contextmanager
+    def mounted_by_peer(self, item):
+        self.programs.measure('peer-call', item, 'Mount')
+        try:
+            yield
+        finally:
+            self.programs.measure('peer-call', item, 'Unmount')
+
+    @contextlib.contextmanager
+    def opened(self):
+        self.programs.measure('open-only', DEVICE)
+        try:
+            yield
+        finally:
+            self.programs.measure('close-only', DEVICE)
+
+    def many_devices(self):
+        self.disks.add(64)
+        if self.peer:
+            self.peer.settle()
+        with self.servers():
+            for _ in range(self.sizes.rounds):
+                self.lists('64')
+                self.disks.show(8)
+                with self.peer_paused():
+                    self.take_time('list8 next to 64', 'list', self.sizes.lists)
+                self.disks.show(64)
+        self.disks.show(8)
+
+    def much_work(self):
+        """Memory after many calls and connections, beside what it was."""
+        with self.servers() as daemon, self.peer_paused(), self.noting('memory before', 'memory after'):
+            time.sleep(0.3)
+            before = pss_of(daemon.pid)
+            self.programs.measure('stub-load', 10, self.sizes.flood)
+            self.programs.measure('many-connections', DAEMON_SOCKET, 200)
+            time.sleep(0.3)
+            self.figures['memory after'] = [pss_of(daemon.pid)]
+            self.figures['memory before'] = [before]
+
+    def many_files(self):
+        self.programs.measure('fill-folder', '/tmp/songs', self.sizes.files)
+        searches = self.sizes.searches
+        with self.servers(), self.peer_paused():
+            for _ in range(self.sizes.rounds):
+                bare = self.take_time('files bare', 'bare-search', '/tmp/songs', searches)
+                self.take_time('files', 'search', DAEMON_SOCKET, 'tmp/songs', int(bare.get('bytes', 1)), searches)
+
+    def processes(self):
+        """How many processes the daemon starts for what it is asked most. One that starts some must be seen to do so."""
+        with self.servers() as daemon, self.noting('processes'):
+            self.programs.measure('stub-call', 1)
+            trace = pathlib.Path('/tmp/trace')
+            tracer = self.programs.start('strace', '-f', '-qq', '-e', 'trace=clone,clone3,fork,vfork,execve',
+                                         '-o', trace, '-p', daemon.pid)
+            try:
+                status = pathlib.Path(f'/proc/{daemon.pid}/task')
+                wait_until(lambda: all(is_traced(task) for task in status.iterdir()), 'strace')
+                self.programs.measure('list', 10)
+                self.programs.measure('open', DEVICE, 2)
+                self.programs.measure('open-only', DEVICE)
+                self.programs.measure('answers', DEVICE, 2)
+                self.programs.measure('close-only', DEVICE)
+                begun = len(re.findall(r'fork|clone|exec', trace.read_text()))
+                self.programs.measure('usb-version', DEVICE)
+                if len(re.findall(r'fork|clone|exec', trace.read_text())) == begun:
+                    raise NotTaken('strace does not see processes that are started')
+                self.figures['processes'] = [begun]
+            finally:
+                tracer.terminate()
+                tracer.wait()
+
+    def recording_disk(self):
+        disk = self.disks.recording_disk()
+        with self.servers(), self.peer_paused():
+            self.programs.measure('list', 1)
+            for _ in range(self.sizes.tool_rounds):
+                names = {'prepare': 'prepare', 'repair': 'repair'}
+                self.take(names, 'prepare', DEVICE)
+                self.take({name: f'{name} tools' for name in names}, 'tools', disk)
+
+
+def is_traced(task):
+    return re.search(r'^TracerPid:\s*[1-9]', (task / 'status').read_text(), re.MULTILINE)

@@ -1,0 +1,237 @@
+"""What is compared: the daemon, a bare daemon, udisksd with what it needs, and disks that all of them use.
+
+Lives in the world that tools/dev/private_root makes, and ends what it starts by its pid.
+"""
+
+import contextlib
+import fcntl
+import os
+import pathlib
+import re
+import shutil
+import signal
+import subprocess
+import sys
+import time
+
+SOURCE = pathlib.Path(__file__).resolve().parents[1]
+sys.path.insert(0, str(SOURCE / 'tools' / 'try'))
+
+import stick
+
+LOOP_CTL_REMOVE = 0x4C81
+DAEMON_SOCKET = '/run/ravel/9020.sock'
+BARE_SOCKET = '/run/bare.sock'
+BUS_SOCKET = '/run/bus.sock'
+UDISKSD = '/usr/libexec/udisks2/udisksd'
+UDEVD = '/lib/systemd/systemd-udevd'
+BUS_SETTINGS = f'''<busconfig>
+  <type>system</type>
+  <listen>unix:path={BUS_SOCKET}</listen>
+  <policy context="default">
+    <allow user="*"/><allow own="*"/><allow send_destination="*" eavesdrop="true"/><allow eavesdrop="true"/>
+  </policy>
+</busconfig>
+'''
+
+
+class NotTaken(Exception):
+    """A figure that could not be had; the text is the reason."""
+
+
+def pss_of(*pids):
+    """KiB of memory, each page shared by several processes counted in parts."""
+    kibibytes = 0
+    for pid in pids:
+        text = pathlib.Path(f'/proc/{pid}/smaps_rollup').read_text()
+        kibibytes += int(text.partition('\nPss:')[2].split()[0])
+    return kibibytes
+
+
+def children_of(pid):
+    return [int(child) for child in pathlib.Path(f'/proc/{pid}/task/{pid}/children').read_text().split()]
+
+
+class Programs:
+    """The programs of a build tree, and how they are run."""
+
+    def __init__(self, build):
+        self.bin = pathlib.Path(build) / 'bin'
+        self.environment = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=f'unix:path={BUS_SOCKET}',
+                                SYSTEMD_IGNORE_CHROOT='1', LC_ALL='C',
+                                PATH=f'{SOURCE}/integration/tools:/usr/sbin:/usr/bin:/sbin:/bin')
+        self.environment.pop('TLOG_LEVEL', None)
+        self.log = open('/tmp/log', 'ab')
+
+    def start(self, *command, **options):
+        """Starts a program that is gone when this one is."""
+        return subprocess.Popen(['setpriv', '--pdeathsig', 'KILL', *map(str, command)], env=self.environment,
+                                stdin=options.pop('stdin', subprocess.DEVNULL),
+                                stdout=options.pop('stdout', self.log), stderr=self.log, **options)
+
+    def start_measure(self, *arguments):
+        return self.start(self.bin / 'bench_measure', *arguments, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+
+    def measure(self, *arguments):
+        """What a command of bench_measure reports, by name."""
+        done = subprocess.run([str(self.bin / 'bench_measure'), *map(str, arguments)], env=self.environment,
+                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=300)
+        if done.returncode != 0:
+            raise NotTaken(done.stderr.decode(errors='replace').strip() or f'{arguments[0]} failed')
+        return {name: float(value) for name, value in map(str.split, done.stdout.decode().splitlines())}
+
+
+def end(process):
+    process.kill()
+    process.wait()
+    for pipe in (process.stdin, process.stdout):
+        if pipe:
+            pipe.close()
+
+
+def wait_until(condition, what, seconds=20):
+    deadline = time.monotonic() + seconds
+    while not condition():
+        if time.monotonic() > deadline:
+            raise NotTaken(f'{what}: not within {seconds} s')
+        time.sleep(0.01)
+
+
+class Peer:
+    """udisksd with a bus and a device manager of its own. Paused, it takes nothing from those that are measured."""
+
+    def __init__(self, programs):
+        self.programs = programs
+        self.needs = []
+        self.udisksd = None
+        for program in (UDISKSD, UDEVD, 'dbus-daemon'):
+            if shutil.which(program) is None:
+                raise NotTaken(f'{program} is not installed')
+        subprocess.run(['mount', '-t', 'tmpfs', 'none', '/var/lib'], check=True)
+        pathlib.Path('/tmp/bus.conf').write_text(BUS_SETTINGS)
+        self.needs.append(programs.start('dbus-daemon', '--config-file=/tmp/bus.conf', '--nofork', '--nopidfile'))
+        self.needs.append(programs.start(UDEVD))
+        wait_until(lambda: os.path.exists(BUS_SOCKET) and os.path.exists('/run/udev/control'), 'bus and udevd')
+
+    def settle(self):
+        """Has the device manager look at all disks, and waits for it."""
+        for command in (['trigger', '--action=add', '--subsystem-match=block'], ['settle', '--timeout=60']):
+            subprocess.run(['udevadm', *command], env=self.programs.environment, check=True)
+
+    def start(self):
+        self.udisksd = self.programs.start(UDISKSD)
+        wait_until(self.answers, 'udisksd')
+
+    def answers(self):
+        try:
+            self.programs.measure('peer-ping', 1)
+            return True
+        except NotTaken:
+            return False
+
+    def stop(self):
+        if self.udisksd:
+            end(self.udisksd)
+            self.udisksd = None
+
+    def needed_pids(self):
+        return [pid for process in self.needs for pid in (process.pid, *children_of(process.pid))]
+
+    def _signal(self, number):
+        for process in (*self.needs, self.udisksd):
+            if process:
+                process.send_signal(number)
+
+    @contextlib.contextmanager
+    def paused(self):
+        self._signal(signal.SIGSTOP)
+        try:
+            yield
+        finally:
+            self._signal(signal.SIGCONT)
+            # It sees what has been mounted and unmounted meanwhile; that is none of its next call.
+            time.sleep(0.05)
+
+    def end(self):
+        self.stop()
+        for process in self.needs:
+            end(process)
+
+
+class Disks:
+    """Loop devices, the first with an ext3 file system, and their nodes in /dev."""
+
+    def __init__(self):
+        self.before = set(loop_numbers())
+        self.numbers = set()
+        self.descriptors = []
+        self.nodes = []
+
+    def add(self, count):
+        """Makes loop devices until there are this many."""
+        while len(self.descriptors) < count:
+            image = f'/tmp/disk{len(self.descriptors)}.img'
+            first = not self.descriptors
+            with open(image, 'wb') as file:
+                file.truncate((64 if first else 1) << 20)
+            if first:
+                subprocess.run(['mkfs.ext3', '-q', '-F', '-L', 'MUSIC', image], check=True)
+            self._attach(image)
+        self.show(count)
+
+    def _attach(self, image, offset=0):
+        descriptor = stick.attach_loop_device(image, offset)
+        self.descriptors.append(descriptor)
+        self.numbers.add(loop_number(os.readlink(f'/proc/self/fd/{descriptor}')))
+
+    def show(self, count):
+        """Gives nodes to so many of them, and to no others."""
+        while len(self.nodes) > count:
+            os.unlink(self.nodes.pop())
+        for number in range(len(self.nodes), count):
+            letters = 'sd' + chr(ord('a') + number // 26) + chr(ord('a') + number % 26)
+            node = f'/dev/usb_storage_{letters}'
+            stick.write_node(node, self.descriptors[number])
+            os.makedirs(f'/sys/block/{letters}', exist_ok=True)
+            pathlib.Path(f'/sys/block/{letters}/removable').write_text('1\n')
+            self.nodes.append(node)
+
+    def first_object(self):
+        """The first disk's name on the bus."""
+        loop = os.path.basename(os.readlink(f'/proc/self/fd/{self.descriptors[0]}'))
+        return f'/org/freedesktop/UDisks2/block_devices/{loop}'
+
+    def recording_disk(self):
+        """A disk that is large enough for xfs, in place of the others; returns its node."""
+        self.show(0)
+        image = '/tmp/recording.img'
+        with open(image, 'wb') as file:
+            file.truncate(520 << 20)
+        node = '/dev/usb_storage_sdr'
+        for offset, suffix in ((0, ''), (stick.PARTITION_OFFSET, '1')):
+            self._attach(image, offset)
+            stick.write_node(node + suffix, self.descriptors[-1])
+            self.nodes.append(node + suffix)
+        return node
+
+    def end(self):
+        self.show(0)
+        for descriptor in self.descriptors:
+            os.close(descriptor)
+        with open('/dev/loop-control') as control:
+            for number in self.numbers - self.before:
+                # The kernel lets go of a closed device in its own time.
+                for _ in range(100):
+                    try:
+                        fcntl.ioctl(control, LOOP_CTL_REMOVE, number)
+                        break
+                    except OSError:
+                        time.sleep(0.01)
+
+
+def loop_number(node):
+    return int(os.path.basename(node).removeprefix('loop'))
+
+
+def loop_numbers():
+    return [loop_number(name) for name in os.listdir('/sys/class/block') if re.fullmatch(r'loop\d+', name)]
