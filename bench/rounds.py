@@ -9,7 +9,7 @@ import subprocess
 import sys
 import time
 
-from world import BARE_SOCKET, DAEMON_SOCKET, UDISKSD, Disks, NotTaken, Peer, end, pss_of, wait_until
+from world import BARE_SOCKET, DAEMON_SOCKET, UDISKSD, Disks, NotTaken, Peer, end, one_processor, pss_of, wait_until
 
 DEVICE = 1
 PAUSES_OF_PREPARATION = 6e6
@@ -19,11 +19,11 @@ PAUSES_OF_PREPARATION = 6e6
 class Sizes:
     """How much is measured: `rounds` rounds, each with so many calls and so on."""
     rounds: int = 20
-    calls: int = 400
+    calls: int = 1000
     load_calls: int = 1500
     lists: int = 200
     answers: int = 50
-    mounts: int = 5
+    mounts: int = 12
     files: int = 1_000_000
     searches: int = 2
     flood: int = 100_000
@@ -43,6 +43,7 @@ class Rounds:
         self.reasons = {}
         self.listed = {}
         self.peer = None
+        self.pids = []
         self.disks = Disks()
 
     def run(self):
@@ -92,6 +93,9 @@ class Rounds:
     def peer_paused(self):
         return self.peer.paused() if self.peer else contextlib.nullcontext()
 
+    def one_processor(self):
+        return one_processor(self.pids + (self.peer.pids() if self.peer else []))
+
     @contextlib.contextmanager
     def servers(self):
         """Both daemons and the peer, up and answering."""
@@ -101,6 +105,7 @@ class Rounds:
             if self.peer:
                 self.peer.start()
             wait_until(lambda: self.answers(DAEMON_SOCKET) and self.answers(BARE_SOCKET), 'the daemons')
+            self.pids = [process.pid for process in running]
             yield running[0]
         finally:
             for process in running:
@@ -118,52 +123,62 @@ class Rounds:
     # The phases.
 
     def starting(self):
-        """Start and idle memory: each alone, so that nobody shares a library's pages with one that it competes with."""
+        """Start and idle memory of one after the other: each alone, so that they share no library's pages."""
         binaries = self.programs.bin
         for _ in range(self.sizes.rounds):
             with self.peer_paused():
-                self.start('dockhand', [], 'start', DAEMON_SOCKET, binaries / 'dockhand')
-                self.start('bare', [], 'start', BARE_SOCKET, binaries / 'bench_daemon', BARE_SOCKET)
+                self.start('dockhand', 'start', DAEMON_SOCKET, binaries / 'dockhand')
+                self.start('bare', 'start', BARE_SOCKET, binaries / 'bench_daemon', BARE_SOCKET)
+                for who, command in (('dockhand', ['dockhand']), ('bare', ['bench_daemon', BARE_SOCKET])):
+                    process = self.programs.start(binaries / command[0], *command[1:])
+                    try:
+                        self.remember_memory(who, DAEMON_SOCKET if who == 'dockhand' else BARE_SOCKET, process.pid)
+                    finally:
+                        end(process)
             if self.peer:
-                self.start('peer', self.peer.needed_pids(), 'start-peer', UDISKSD)
+                self.start('peer', 'start-peer', UDISKSD)
+                self.peer.start()
+                time.sleep(0.3)
+                self.figures.setdefault('memory peer', []).append(pss_of(*self.peer.pids()))
+                self.peer.stop()
             else:
                 self.reasons['start peer'] = self.reasons['memory peer'] = self.reasons['peer']
 
-    def start(self, who, others, *command):
-        process = self.programs.start_measure(*command)
-        try:
-            with self.noting(f'start {who}', f'memory {who}'):
-                lines = [process.stdout.readline().decode().split() for _ in range(2)]
-                if not lines[1]:
-                    raise NotTaken(f'{who} does not start')
-                time.sleep(0.3)
-                self.figures.setdefault(f'start {who}', []).append(float(lines[1][1]))
-                self.figures.setdefault(f'memory {who}', []).append(pss_of(int(float(lines[0][1])), *others))
-        finally:
-            process.stdin.close()
-            process.wait()
-            process.stdout.close()
+    def start(self, who, *command):
+        self.take_time(f'start {who}', *command)
+
+    def remember_memory(self, who, socket, pid):
+        with self.noting(f'memory {who}'):
+            wait_until(lambda: self.answers(socket), who)
+            time.sleep(0.3)
+            self.figures.setdefault(f'memory {who}', []).append(pss_of(pid))
 
     def working(self):
         """Everything that callers do, with 8 devices."""
         node = self.disks.nodes[0]
         with self.servers():
-            for number in range(self.sizes.rounds):
-                self.calls()
-                self.lists('8')
-                self.mounts(node)
+            for _ in range(self.sizes.rounds):
+                self.load()
+                with self.one_processor():
+                    self.calls()
+                    self.lists('8')
+                    self.mounts(node)
+
+    def load(self):
+        calls = self.sizes.load_calls
+        self.take_peer({'calls_per_second': 'load peer', 'p99': 'p99 peer'}, 'peer-load', 10, calls // 5)
+        with self.peer_paused():
+            self.take({'calls_per_second': 'load', 'p99': 'p99'}, 'stub-load', 10, calls)
+            self.take({'calls_per_second': 'load bare', 'p99': 'p99 bare'}, 'raw-load', BARE_SOCKET, 10, calls)
+            self.take({'calls_per_second': 'load raw', 'p99': 'p99 raw'}, 'raw-load', DAEMON_SOCKET, 10, calls)
 
     def calls(self):
-        calls, load = self.sizes.calls, self.sizes.load_calls
+        calls = self.sizes.calls
         self.take_peer({'microseconds': 'call peer'}, 'peer-ping', calls)
-        self.take_peer({'calls_per_second': 'load peer', 'p99': 'p99 peer'}, 'peer-load', 10, load // 5)
         with self.peer_paused():
             self.take_time('call', 'stub-call', calls)
             self.take_time('call bare', 'raw-call', BARE_SOCKET, calls)
             self.take_time('call raw', 'raw-call', DAEMON_SOCKET, calls)
-            self.take({'calls_per_second': 'load', 'p99': 'p99'}, 'stub-load', 10, load)
-            self.take({'calls_per_second': 'load bare', 'p99': 'p99 bare'}, 'raw-load', BARE_SOCKET, 10, load)
-            self.take({'calls_per_second': 'load raw', 'p99': 'p99 raw'}, 'raw-load', DAEMON_SOCKET, 10, load)
 
     def lists(self, devices):
         lists = self.sizes.lists
@@ -216,9 +231,10 @@ class Rounds:
             self.peer.settle()
         with self.servers():
             for _ in range(self.sizes.rounds):
-                self.lists('64')
+                with self.one_processor():
+                    self.lists('64')
                 self.disks.show(8)
-                with self.peer_paused():
+                with self.peer_paused(), self.one_processor():
                     self.take_time('list8 next to 64', 'list', self.sizes.lists)
                 self.disks.show(64)
         self.disks.show(8)

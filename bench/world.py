@@ -52,6 +52,26 @@ def children_of(pid):
     return [int(child) for child in pathlib.Path(f'/proc/{pid}/task/{pid}/children').read_text().split()]
 
 
+def threads_of(pid):
+    return [int(thread) for thread in os.listdir(f'/proc/{pid}/task')]
+
+
+@contextlib.contextmanager
+def one_processor(pids):
+    """Keeps these processes, and what is started meanwhile, on one processor. Of a caller and a server only one runs at
+    a time; whether the scheduler puts them on one processor or on two would decide about all."""
+    everywhere = os.sched_getaffinity(0)
+    threads = [thread for pid in (os.getpid(), *pids) for thread in threads_of(pid)]
+    try:
+        for thread in threads:
+            os.sched_setaffinity(thread, {max(everywhere)})
+        yield
+    finally:
+        for thread in threads:
+            with contextlib.suppress(ProcessLookupError):
+                os.sched_setaffinity(thread, everywhere)
+
+
 class Programs:
     """The programs of a build tree, and how they are run."""
 
@@ -63,14 +83,10 @@ class Programs:
         self.environment.pop('TLOG_LEVEL', None)
         self.log = open('/tmp/log', 'ab')
 
-    def start(self, *command, **options):
+    def start(self, *command):
         """Starts a program that is gone when this one is."""
         return subprocess.Popen(['setpriv', '--pdeathsig', 'KILL', *map(str, command)], env=self.environment,
-                                stdin=options.pop('stdin', subprocess.DEVNULL),
-                                stdout=options.pop('stdout', self.log), stderr=self.log, **options)
-
-    def start_measure(self, *arguments):
-        return self.start(self.bin / 'bench_measure', *arguments, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+                                stdin=subprocess.DEVNULL, stdout=self.log, stderr=self.log)
 
     def measure(self, *arguments):
         """What a command of bench_measure reports, by name."""
@@ -84,9 +100,6 @@ class Programs:
 def end(process):
     process.kill()
     process.wait()
-    for pipe in (process.stdin, process.stdout):
-        if pipe:
-            pipe.close()
 
 
 def wait_until(condition, what, seconds=20):
@@ -133,6 +146,9 @@ class Peer:
         if self.udisksd:
             end(self.udisksd)
             self.udisksd = None
+
+    def pids(self):
+        return self.needed_pids() + ([self.udisksd.pid] if self.udisksd else [])
 
     def needed_pids(self):
         return [pid for process in self.needs for pid in (process.pid, *children_of(process.pid))]
