@@ -21,6 +21,7 @@ class Sizes:
     rounds: int = 20
     calls: int = 1000
     load_calls: int = 1500
+    starts: int = 5
     lists: int = 200
     answers: int = 50
     mounts: int = 12
@@ -30,7 +31,7 @@ class Sizes:
     tool_rounds: int = 20
 
 
-SHORT = Sizes(rounds=2, calls=20, load_calls=50, lists=10, answers=5, mounts=1, files=10_000, flood=2_000, tool_rounds=1)
+SHORT = Sizes(rounds=2, calls=20, load_calls=50, starts=1, lists=10, answers=5, mounts=1, files=10_000, flood=2_000, tool_rounds=1)
 
 
 class Rounds:
@@ -99,8 +100,8 @@ class Rounds:
     @contextlib.contextmanager
     def servers(self):
         """Both daemons and the peer, up and answering."""
-        running = [self.programs.start(self.programs.bin / 'dockhand'),
-                   self.programs.start(self.programs.bin / 'bench_daemon', BARE_SOCKET)]
+        running = [self.programs.start_unshared(self.programs.bin / 'dockhand'),
+                   self.programs.start_unshared(self.programs.bin / 'bench_daemon', BARE_SOCKET)]
         try:
             if self.peer:
                 self.peer.start()
@@ -123,35 +124,35 @@ class Rounds:
     # The phases.
 
     def starting(self):
-        """Start and idle memory of one after the other: each alone, so that they share no library's pages."""
-        binaries = self.programs.bin
+        """Start and idle memory, of one after the other."""
+        starts = self.sizes.starts
+        dockhand = [self.programs.bin / 'dockhand']
+        bare = [self.programs.bin / 'bench_daemon', BARE_SOCKET]
         for _ in range(self.sizes.rounds):
             with self.peer_paused():
-                self.start('dockhand', 'start', DAEMON_SOCKET, binaries / 'dockhand')
-                self.start('bare', 'start', BARE_SOCKET, binaries / 'bench_daemon', BARE_SOCKET)
-                for who, command in (('dockhand', ['dockhand']), ('bare', ['bench_daemon', BARE_SOCKET])):
-                    process = self.programs.start(binaries / command[0], *command[1:])
-                    try:
-                        self.remember_memory(who, DAEMON_SOCKET if who == 'dockhand' else BARE_SOCKET, process.pid)
-                    finally:
-                        end(process)
+                self.take_time('start', 'start', starts, DAEMON_SOCKET, *dockhand)
+                self.take_time('start bare', 'start', starts, BARE_SOCKET, *bare)
+                self.take_memory('memory', DAEMON_SOCKET, dockhand)
+                self.take_memory('memory bare', BARE_SOCKET, bare)
             if self.peer:
-                self.start('peer', 'start-peer', UDISKSD)
-                self.peer.start()
-                time.sleep(0.3)
-                self.figures.setdefault('memory peer', []).append(pss_of(*self.peer.pids()))
-                self.peer.stop()
+                self.take_time('start peer', 'start-peer', 2, UDISKSD)
+                with self.noting('memory peer'):
+                    self.peer.start()
+                    time.sleep(0.3)
+                    self.figures.setdefault('memory peer', []).append(pss_of(*self.peer.pids()))
+                    self.peer.stop()
             else:
                 self.reasons['start peer'] = self.reasons['memory peer'] = self.reasons['peer']
 
-    def start(self, who, *command):
-        self.take_time(f'start {who}', *command)
-
-    def remember_memory(self, who, socket, pid):
-        with self.noting(f'memory {who}'):
-            wait_until(lambda: self.answers(socket), who)
-            time.sleep(0.3)
-            self.figures.setdefault(f'memory {who}', []).append(pss_of(pid))
+    def take_memory(self, name, socket, command):
+        process = self.programs.start_unshared(*command)
+        try:
+            with self.noting(name):
+                wait_until(lambda: self.answers(socket), name)
+                time.sleep(0.3)
+                self.figures.setdefault(name, []).append(pss_of(process.pid))
+        finally:
+            end(process)
 
     def working(self):
         """Everything that callers do, with 8 devices."""

@@ -43,8 +43,8 @@ AGAINST_THE_PEER = (
     plain('`OpenDevice`; mount(8)', 'open', 'open program', 'µs', at_most(1)),
     plain('`CloseDevice`; `Unmount`', 'close', 'close peer', 'µs', at_most(1 / 12)),
     plain('`CloseDevice`; umount(8)', 'close', 'close program', 'µs', at_most(0.6)),
-    plain('start to first answer', 'start dockhand', 'start peer', 'µs', at_most(1 / 6)),
-    plain('idle memory, PSS', 'memory dockhand', 'memory peer', 'KiB', at_most(1 / 3)),
+    plain('start to first answer', 'start', 'start peer', 'µs', at_most(1 / 6)),
+    plain('idle memory, PSS', 'memory', 'memory peer', 'KiB', at_most(1 / 3)),
 )
 
 AGAINST_THE_LIMIT = (
@@ -61,8 +61,8 @@ AGAINST_THE_LIMIT = (
         ('answers', 'probe', 'call'), 'µs', at_most(1)),
     plain('`OpenDevice`, ext3', 'open', 'open bare', 'µs', at_most(1.2)),
     plain('`CloseDevice`', 'close', 'close bare', 'µs', at_most(1.2)),
-    plain('start to first answer', 'start dockhand', 'start bare', 'µs', at_most(3)),
-    plain('idle memory, PSS', 'memory dockhand', 'memory bare', 'KiB', at_most(1.6)),
+    plain('start to first answer', 'start', 'start bare', 'µs', at_most(3)),
+    plain('idle memory, PSS', 'memory', 'memory bare', 'KiB', at_most(1.6)),
     plain('memory after 1 million calls', 'memory after', 'memory before', 'KiB', at_most(1.05)),
     plain('files of 1 million entries', 'files', 'files bare', 'µs', at_most(1.4)),
     Row('preparation without pauses', lambda f: f['prepare'] - PAUSES_OF_PREPARATION,

@@ -25,6 +25,7 @@ BARE_SOCKET = '/run/bare.sock'
 BUS_SOCKET = '/run/bus.sock'
 UDISKSD = '/usr/libexec/udisks2/udisksd'
 UDEVD = '/lib/systemd/systemd-udevd'
+DBUS_DAEMON = '/usr/bin/dbus-daemon'
 BUS_SETTINGS = f'''<busconfig>
   <type>system</type>
   <listen>unix:path={BUS_SOCKET}</listen>
@@ -88,6 +89,17 @@ class Programs:
         return subprocess.Popen(['setpriv', '--pdeathsig', 'KILL', *map(str, command)], env=self.environment,
                                 stdin=subprocess.DEVNULL, stdout=self.log, stderr=self.log)
 
+    def start_unshared(self, *command):
+        """The same with copies of the libraries. How much of a library's memory is a process's depends on how many others
+        use it, and those of this machine come and go."""
+        for library in re.findall(r'=> (/\S+)', subprocess.run(['ldd', command[0]], check=True, text=True,
+                                                               stdout=subprocess.PIPE).stdout):
+            copy = pathlib.Path('/tmp/lib') / os.path.basename(library)
+            if not copy.exists():
+                copy.parent.mkdir(exist_ok=True)
+                shutil.copy(library, copy)
+        return self.start('env', 'LD_LIBRARY_PATH=/tmp/lib', *command)
+
     def measure(self, *arguments):
         """What a command of bench_measure reports, by name."""
         done = subprocess.run([str(self.bin / 'bench_measure'), *map(str, arguments)], env=self.environment,
@@ -117,13 +129,13 @@ class Peer:
         self.programs = programs
         self.needs = []
         self.udisksd = None
-        for program in (UDISKSD, UDEVD, 'dbus-daemon'):
+        for program in (UDISKSD, UDEVD, DBUS_DAEMON):
             if shutil.which(program) is None:
                 raise NotTaken(f'{program} is not installed')
         subprocess.run(['mount', '-t', 'tmpfs', 'none', '/var/lib'], check=True)
         pathlib.Path('/tmp/bus.conf').write_text(BUS_SETTINGS)
-        self.needs.append(programs.start('dbus-daemon', '--config-file=/tmp/bus.conf', '--nofork', '--nopidfile'))
-        self.needs.append(programs.start(UDEVD))
+        self.needs.append(programs.start_unshared(DBUS_DAEMON, '--config-file=/tmp/bus.conf', '--nofork', '--nopidfile'))
+        self.needs.append(programs.start_unshared(UDEVD))
         wait_until(lambda: os.path.exists(BUS_SOCKET) and os.path.exists('/run/udev/control'), 'bus and udevd')
 
     def settle(self):
@@ -132,7 +144,7 @@ class Peer:
             subprocess.run(['udevadm', *command], env=self.programs.environment, check=True)
 
     def start(self):
-        self.udisksd = self.programs.start(UDISKSD)
+        self.udisksd = self.programs.start_unshared(UDISKSD)
         wait_until(self.answers, 'udisksd')
 
     def answers(self):
