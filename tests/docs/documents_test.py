@@ -192,7 +192,7 @@ class CommandsTest(unittest.TestCase):
                 self.assertLessEqual(set(names[1:2]), set(operations), path)
 
     def test_scripts_take_the_options(self):
-        for script in ('./try', 'fuzz/run', 'tests/vm/run', 'tests/examples/build'):
+        for script in ('./try', 'fuzz/run', 'bench/compare', 'tests/vm/run', 'tests/examples/build'):
             for path, arguments in calls_of(script):
                 text = (SOURCE / script).read_text()
                 for option in (word for word in arguments if word.startswith('-')):
