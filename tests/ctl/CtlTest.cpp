@@ -33,8 +33,8 @@ Connection::Connection()
 
 namespace {
 
-/// What a program has asked the service is over, also when the program was ended before the answer: an operation
-/// of our own, under the handler's lock, comes after it.
+/// What a program has asked the service is over, also when the program was ended before the answer: an
+/// operation of our own, under the handler's lock, comes after it.
 void finishOperations(Connection& connection) {
   connection->CheckForAndUpdateNewDevices();
 }
