@@ -160,7 +160,7 @@ class CommandsTest(unittest.TestCase):
 
     def test_checks_of_test_exist(self):
         output = subprocess.run([str(SOURCE / 'test'), 'help'], check=True, stdout=subprocess.PIPE, text=True).stdout
-        known = set(re.findall(r'^  (\w+) ', output, re.MULTILINE)) | {'all', 'help', 'NAME...'}
+        known = set(re.findall(r'^  (\w+)(?: |$)', output, re.MULTILINE)) | {'all', 'help', 'NAME...'}
         calls = list(calls_of('./test'))
         self.assertGreater(len(calls), 10)
         for path, arguments in calls:
@@ -192,7 +192,9 @@ class CommandsTest(unittest.TestCase):
                 self.assertLessEqual(set(names[1:2]), set(operations), path)
 
     def test_scripts_take_the_options(self):
-        for script in ('./try', 'fuzz/run', 'bench/compare', 'tests/vm/run', 'tests/examples/build'):
+        for script in ('./try', 'fuzz/run', 'bench/compare', 'tests/vm/run', 'tests/examples/build',
+                       'packaging/debian/build', 'packaging/cross/sizes', 'packaging/cross/sysroot'):
+            self.assertTrue(os.access(SOURCE / script, os.X_OK), script)
             for path, arguments in calls_of(script):
                 text = (SOURCE / script).read_text()
                 for option in (word for word in arguments if word.startswith('-')):
