@@ -104,6 +104,8 @@ class PackagesTest(unittest.TestCase):
                                     stdout=subprocess.PIPE, text=True).stdout.split()
             found[fields[0]] = fields[1]
         self.assertEqual(found, {name: project_version() for name in NAMES})
+        changelog = (SOURCE / 'packaging' / 'debian' / 'changelog').read_text()
+        self.assertTrue(changelog.startswith(f'dockhand ({project_version()}) '))
 
     def test_files_are_where_a_system_looks_for_them(self):
         self.root.install('dockhand', 'dockhand-client', 'dockhand-dbg')
