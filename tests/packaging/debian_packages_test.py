@@ -167,6 +167,14 @@ class PackagesTest(unittest.TestCase):
         changed = {path for path in before.keys() | after.keys() if before.get(path) != after.get(path)}
         self.assertEqual(changed, set())
 
+    def test_purge_takes_the_files_in_tmp_that_are_roots(self):
+        self.root.install('dockhand')
+        self.root.check('sh', '-c', 'cd /tmp && touch Dockhand.log sda_bcdUSB.txt others && mkdir sdc_bcdUSB.txt && '
+                        'touch sdb_bcdUSB.txt && chown 65534 sdb_bcdUSB.txt && ln -s others sdd_bcdUSB.txt')
+        self.root.check('dpkg', '--purge', 'dockhand')
+        _, names = self.root.run('ls', '/tmp')
+        self.assertEqual(names.split(), ['others', 'sdb_bcdUSB.txt', 'sdc_bcdUSB.txt', 'sdd_bcdUSB.txt'])
+
     def test_lintian_finds_no_error(self):
         done = subprocess.run(['lintian', '--allow-root', '--fail-on', 'error', *files_of_packages()],
                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
