@@ -89,16 +89,19 @@ class Programs:
         return subprocess.Popen(['setpriv', '--pdeathsig', 'KILL', *map(str, command)], env=self.environment,
                                 stdin=subprocess.DEVNULL, stdout=self.log, stderr=self.log)
 
-    def start_unshared(self, *command):
-        """The same with copies of the libraries. How much of a library's memory is a process's depends on how many others
-        use it, and those of this machine come and go."""
-        for library in re.findall(r'=> (/\S+)', subprocess.run(['ldd', command[0]], check=True, text=True,
-                                                               stdout=subprocess.PIPE).stdout):
-            copy = pathlib.Path('/tmp/lib') / os.path.basename(library)
+    def start_unshared(self, program, *arguments):
+        """The same, with copies of the program and its libraries. How much of a library's memory is a process's depends on
+        how many others use it, and how much of a file is taken in at once on how it was written."""
+        listed = subprocess.run(['ldd', program], check=True, stdout=subprocess.PIPE, text=True).stdout
+        copies = pathlib.Path('/tmp/copies')
+        if not copies.exists():
+            copies.mkdir()
+            subprocess.run(['mount', '-t', 'tmpfs', '-o', 'huge=never', 'none', str(copies)], check=True)
+        for file in (program, *re.findall(r'=> (/\S+)', listed)):
+            copy = copies / os.path.basename(file)
             if not copy.exists():
-                copy.parent.mkdir(exist_ok=True)
-                shutil.copy(library, copy)
-        return self.start('env', 'LD_LIBRARY_PATH=/tmp/lib', *command)
+                shutil.copy(file, copy)
+        return self.start('env', f'LD_LIBRARY_PATH={copies}', copies / os.path.basename(program), *arguments)
 
     def measure(self, *arguments):
         """What a command of bench_measure reports, by name."""
