@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <string_view>
 
 #include "DockhandClient.h"
 #include "ModuleLog.h"
@@ -17,7 +18,7 @@ std::string toUpperCase(std::string text) {
 }
 
 /// Everything behind the last dot; the whole name where there is none.
-std::string extensionOf(const std::string& name) {
+std::string_view extensionOf(std::string_view name) {
   return name.substr(name.rfind('.') + 1);
 }
 
@@ -47,14 +48,16 @@ void DockhandClient::GetFilesByExtension(std::vector<std::string>& _return, std:
     return;
   }
   const DirectoryCloser closer(platform_, opened);
+  // A folder may have a million entries, most of which are not looked for: nothing is copied for those.
+  const std::string upperCase = toUpperCase(extension);
   while (const dirent* file = platform_.readdir(opened)) {
-    const std::string name = file->d_name;
+    const std::string_view name = file->d_name;
     if (name == "." || name == "..") {
       continue;
     }
-    const std::string found = extensionOf(name);
-    if (found == extension || found == toUpperCase(extension)) {
-      _return.push_back(name);
+    const std::string_view found = extensionOf(name);
+    if (found == extension || found == upperCase) {
+      _return.emplace_back(name);
     }
   }
 }
