@@ -202,17 +202,21 @@ class Machine:
 
     # USB sticks.
 
-    def plug(self, image, usb=3, behind_hub=0, read_only=False, removable=True, serial=None):
+    def plug(self, image, usb=3, behind_hub=0, read_only=False, removable=True, serial=None, fails=None):
         """Plugs a stick with that image file in.
 
-        `usb` is the speed: 1 (full), 2 (high) or 3 (super). `behind_hub` is the hub's port, from 1 on.
+        `usb` is the speed: 1 (full), 2 (high) or 3 (super). `behind_hub` is the hub's port, from 1 on. `fails` is
+        what the stick has an error for: "read", "write", or nothing.
         """
         first_event = self._ask("event_count", 0)
         identifier = f"stick{self._next_stick}"
         self._next_stick += 1
         # Without locks: the tests look into an image while it is plugged.
+        file = {"driver": "file", "filename": image, "locking": "off"}
+        if fails:
+            file = {"driver": "blkdebug", "image": file, "inject-error": [{"event": "none", "iotype": fails}]}
         self.command("blockdev-add", **{"node-name": identifier, "driver": "raw", "read-only": read_only,
-                                        "file": {"driver": "file", "filename": image, "locking": "off"}})
+                                        "file": file})
         device = {"driver": "usb-storage", "id": identifier, "drive": identifier, "removable": removable,
                   "bus": BUSES[usb]}
         if serial:

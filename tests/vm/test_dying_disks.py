@@ -161,6 +161,43 @@ class Errors(DyingDisks):
         self.assert_serves_the_dying_disk_again()
 
 
+class Sticks(DyingDisks):
+    """The error comes from the stick itself, through the USB driver."""
+
+    def pull(self, stick):
+        self.machine.unplug(stick)
+        self.machine.wait_gone(stick, "sdb")
+        self.finish_announcements()
+        self.assertEqual(self.devices(), [SOUND])
+
+    def test_a_stick_with_errors_is_answered_for_and_keeps_what_was_synced(self):
+        image = disks.make(self.folder, "ext3", "DYING", "dying.img")
+        stick = self.plug("sdb", image)
+        self.assert_ctl(0, "open", 2)
+        self.machine.put("/media/disk_2/kept.txt", KEPT)
+        self.assert_ctl(0, "close", 2)
+        self.pull(stick)
+        for fails in ("read", "write"):
+            with self.subTest(fails=fails):
+                stick = self.machine.plug(image, fails=fails)
+                self.machine.wait_node(stick, "sdb")
+                self.finish_announcements()
+                self.assertEqual(self.devices(), [SOUND, 2])
+                self.assertEqual(self.ask("label", 2)["label"], "NONAME" if fails == "read" else "DYING")
+                opened = self.ctl("open", 2).status
+                print(f"dying disks: a stick that fails to {fails} is{'' if opened == 0 else ' not'} opened: "
+                      f"{self.mounts()}")
+                self.assertEqual(self.call("GetFilesByExtension", 2, "", "txt"), 0)
+                self.call("CloseDevice", 2)
+                self.assertEqual(self.mounts(), [])
+                self.assert_serves_the_sound_disk()
+                self.pull(stick)
+        self.plug("sdb", image)
+        self.assert_ctl(0, "open", 2)
+        self.assertEqual(self.machine.get("/media/disk_2/kept.txt"), KEPT)
+        self.assert_ctl(0, "close", 2)
+
+
 class Hanging(DyingDisks):
     def test_while_a_disk_hangs_only_who_reads_it_waits(self):
         self.plug_dying("ext3")
