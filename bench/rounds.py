@@ -202,10 +202,12 @@ class Rounds:
         else:
             self.reasons['answers peer'] = self.reasons['answers together'] = self.reasons['peer']
         with self.peer_paused():
-            self.take({'open': 'open', 'close': 'close'}, 'open', DEVICE, mounts)
-            self.take({'open': 'open bare', 'close': 'close bare'}, 'bare-open', node, '/media/bare', mounts)
-            self.take({'open': 'open program', 'close': 'close program'}, 'mount-program', node, '/media/program',
-                      mounts)
+            # Whoever is first meets what the peer has left for the kernel to do: that is everybody in turn.
+            ways = [('', 'open', DEVICE), (' bare', 'bare-open', node, '/media/bare'),
+                    (' program', 'mount-program', node, '/media/program')]
+            first = len(self.figures.get('call', ())) % len(ways)
+            for name, *command in ways[first:] + ways[:first]:
+                self.take({'open': f'open{name}', 'close': f'close{name}'}, *command, mounts)
             with self.noting('answers', 'probe'), self.opened():
                 self.take_time('answers', 'answers', DEVICE, answers)
                 self.take_time('probe', 'bare-probe', node, answers)
