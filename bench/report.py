@@ -106,9 +106,8 @@ def machine(command, rounds, packages):
     memory = int(re.search(r'MemTotal:\s*(\d+)', pathlib.Path('/proc/meminfo').read_text())[1]) >> 20
     build = (rounds.programs.bin.parent / 'CMakeCache.txt').read_text()
     thrift = 'statically' if 'DOCKHAND_STATIC_THRIFT:BOOL=ON' in build else 'as a shared library'
-    commit = output_of('git', '-c', 'safe.directory=*', '-C', str(SOURCE), 'describe', '--always', '--dirty')
     lines = [
-        f'- Command: `{command}`, {rounds.sizes.rounds} rounds, on {output_of("date", "+%Y-%m-%d")}, of commit {commit}.',
+        f'- Command: `{command}`, {rounds.sizes.rounds} rounds, on {output_of("date", "+%Y-%m-%d")}.',
         f'- Machine: {output_of("nproc")} processors ({cpu[1] if cpu else "unknown"}), {memory} GiB, a virtual machine, '
         f'Linux {output_of("uname", "-r")}.',
         f'- Built by {output_of("c++", "--version").splitlines()[0]}, with the preset `bench`; libthrift is linked '
