@@ -54,7 +54,10 @@ def children_of(pid):
 
 
 def threads_of(pid):
-    return [int(thread) for thread in os.listdir(f'/proc/{pid}/task')]
+    # The device manager's workers come and go.
+    with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+        return [int(thread) for thread in os.listdir(f'/proc/{pid}/task')]
+    return []
 
 
 @contextlib.contextmanager
@@ -65,7 +68,8 @@ def one_processor(pids):
     threads = [thread for pid in (os.getpid(), *pids) for thread in threads_of(pid)]
     try:
         for thread in threads:
-            os.sched_setaffinity(thread, {max(everywhere)})
+            with contextlib.suppress(ProcessLookupError):
+                os.sched_setaffinity(thread, {max(everywhere)})
         yield
     finally:
         for thread in threads:
