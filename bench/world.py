@@ -44,8 +44,10 @@ def pss_of(*pids):
     """KiB of memory, each page shared by several processes counted in parts."""
     kibibytes = 0
     for pid in pids:
-        text = pathlib.Path(f'/proc/{pid}/smaps_rollup').read_text()
-        kibibytes += int(text.partition('\nPss:')[2].split()[0])
+        # One that has just gone has none.
+        with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+            text = pathlib.Path(f'/proc/{pid}/smaps_rollup').read_text()
+            kibibytes += int(text.partition('\nPss:')[2].split()[0])
     return kibibytes
 
 
