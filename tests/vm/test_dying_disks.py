@@ -209,7 +209,7 @@ class Hanging(DyingDisks):
             self.assertIn(self.call(operation, *arguments), (0, 1), operation)
         self.assert_serves_the_sound_disk()
 
-    def test_a_probe_that_hangs_keeps_every_other_call_waiting_and_all_are_answered_in_the_end(self):
+    def test_a_probe_that_hangs_for_a_minute_keeps_every_other_call_waiting_and_all_are_answered_in_the_end(self):
         self.plug_dying("ext3")
         self.disk.hang()
         probe = self.start_call("GetDeviceLabel", DYING)
@@ -217,6 +217,9 @@ class Hanging(DyingDisks):
                                       ("OpenDevice", SOUND), ("NotifyUsbAdded", "sda"), ("NotifyUsbXriteAdded",)):
             self.assertEqual(self.call(operation, *arguments, timeout=1), WAITS, operation)
         waiting = self.machine.start(["dockhandctl", "call", "--timeout", "300", "GetUsbMountPoint", "1"])
+        # Longer than the kernel gives a disk for one command.
+        self.machine.check(["sleep", "60"], timeout=120)
+        self.assertEqual(self.call("IsDeviceOpen", SOUND, timeout=1), WAITS)
         self.disk.wake()
         for caller in (probe, waiting):
             self.assertEqual(self.machine.wait(caller), 0)
