@@ -53,8 +53,8 @@ if [ -n "$VM_PROGRAMS" ]; then
   cp -R "/host$VM_PROGRAMS/." /root/ || stop "cannot install $VM_PROGRAMS"
 fi
 
-# The host may be a container, this is none.
-rm -f /root/.dockerenv
+# The host may be a container, and its packages may start no services; this is none.
+rm -f /root/.dockerenv /root/usr/sbin/policy-rc.d
 
 if [ "$VM_INIT" = systemd ]; then
   cp -r "/host$folder"/guest-systemd/. /root/etc/systemd/system/

@@ -1,0 +1,105 @@
+"""The Debian packages under systemd: installed, upgraded, purged."""
+
+import os
+import re
+import subprocess
+
+import daemon
+import testcase
+
+PACKAGES = os.path.join(testcase.PROGRAMS, "packages")
+NEWER = "9.0"
+DATABASE = "/tmp/dpkg"
+# Where the scripts of a package and its service leave something. What the packages bring along is looked for besides.
+FOLDERS = ("/etc/systemd /etc/udev /media /run/dockhand /run/ravel /var/lib/systemd/deb-systemd-helper-enabled "
+           "/var/lib/systemd/deb-systemd-helper-masked")
+
+
+class Packages(daemon.DaemonTestCase):
+    init = "systemd"
+    # The machine without our installation: the packages bring it.
+    installed = False
+
+    def setUp(self):
+        super().setUp()
+        # What tests of the rules alone have put in the place of files of the packages.
+        self.machine.check("rm -rf /usr/bin/dockhandctl /usr/lib/dockhand /etc/systemd/system/dockhand* "
+                           "/run/udev/rules.d")
+        self.make_database()
+
+    def original(self, name):
+        package, = (entry.path for entry in os.scandir(PACKAGES) if entry.name.startswith(f"{name}_"))
+        return package
+
+    def make_database(self):
+        """One for dpkg that knows no more than what the packages depend on: here the host's takes minutes to read."""
+        needed = set()
+        for name in ("dockhand", "dockhand-client"):
+            fields = subprocess.run(["dpkg-deb", "--field", self.original(name), "Depends"], check=True,
+                                    stdout=subprocess.PIPE, text=True).stdout
+            needed |= set(re.findall(r"(?:^|, )([a-z0-9+.-]+)", fields))
+        status = subprocess.run(["dpkg-query", "--status", *sorted(needed)], check=True, stdout=subprocess.PIPE).stdout
+        self.machine.check(f"rm -rf {DATABASE} && mkdir -p {DATABASE}/info {DATABASE}/updates")
+        self.machine.put(f"{DATABASE}/status", status)
+
+    def build(self, name, version=""):
+        """The package, also as a later version of itself, in the guest; its path there."""
+        package = os.path.join(self.folder, f"{name}.deb")
+        original = self.original(name)
+        if version:
+            content = os.path.join(self.folder, name)
+            subprocess.run(["dpkg-deb", "--raw-extract", original, content], check=True)
+            control = os.path.join(content, "DEBIAN", "control")
+            with open(control, encoding="utf-8") as file:
+                lines = [f"Version: {version}\n" if line.startswith("Version:") else line for line in file]
+            with open(control, "w", encoding="utf-8") as file:
+                file.writelines(lines)
+            subprocess.run(["dpkg-deb", "--build", "-Zgzip", content, package], check=True, stdout=subprocess.DEVNULL)
+            original = package
+        path = f"/tmp/{name}.deb"
+        with open(original, "rb") as file:
+            self.machine.put(path, file.read())
+        return path
+
+    def dpkg(self, *arguments):
+        self.machine.check(["dpkg", f"--admindir={DATABASE}", *arguments], timeout=240,
+                           env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"})
+
+    def main_pid(self):
+        return int(self.machine.check(["systemctl", "show", "--property=MainPID", "--value", "dockhand"]))
+
+    def version(self):
+        return self.machine.check(["dpkg-query", f"--admindir={DATABASE}", "--show", "--showformat=${Version}",
+                                   "dockhand"])
+
+    def files_of_packages(self):
+        lines = self.machine.check(["dpkg", f"--admindir={DATABASE}", "--listfiles", "dockhand", "dockhand-client"])
+        return [line for line in lines.splitlines() if "dockhand" in line]
+
+    def traces(self):
+        return set(self.machine.run(f"find {FOLDERS}").stdout.splitlines())
+
+    def test_the_service_runs_once_installed_anew_after_an_upgrade_and_leaves_no_trace_when_purged(self):
+        before, groups = self.traces(), self.machine.get("/etc/group")
+        self.dpkg("--install", self.build("dockhand"), self.build("dockhand-client"))
+        self.await_daemon()
+        first = self.main_pid()
+        self.assertGreater(first, 0)
+        self.assertIn(b"\ndockhand:", self.machine.get("/etc/group"))
+        self.assertEqual(self.machine.check(["systemctl", "is-enabled", "dockhand"]), "enabled\n")
+
+        self.dpkg("--install", self.build("dockhand", NEWER))
+        self.assertEqual(self.version(), NEWER)
+        self.await_daemon()
+        second = self.main_pid()
+        self.assertNotIn(second, (0, first))
+
+        files = self.files_of_packages()
+        self.assertIn("/usr/sbin/dockhand", files)
+        self.dpkg("--purge", "dockhand", "dockhand-client")
+        self.assertEqual(self.machine.run(["test", "-e", f"/proc/{second}"]).status, 1)
+        self.assertEqual(self.machine.check(["systemctl", "show", "--property=LoadState", "--value", "dockhand"]),
+                         "not-found\n")
+        self.assertEqual(self.machine.run(["ls", "-d", *files]).stdout, "")
+        self.assertEqual(self.traces(), before)
+        self.assertEqual(self.machine.get("/etc/group"), groups)
