@@ -63,8 +63,8 @@ class thrift_client {
 
  private:
   struct Connection {
-    explicit Connection(const std::shared_ptr<Socket>& connecting)
-        : socket(connecting),
+    explicit Connection(std::shared_ptr<Socket> connecting)
+        : socket(std::move(connecting)),
           transport(std::make_shared<LimitedBufferedTransport>(socket, bufferSize, bufferSize)),
           client(std::make_shared<LimitedBinaryProtocol>(transport)) {}
 
