@@ -58,9 +58,9 @@ atexit.register(_close_all)
 class MachineTestCase(unittest.TestCase):
     """A test case in a machine that is booted once for all cases of its kind.
 
-    A case leaves no program running and no file behind that another would notice; sticks and mounts below
-    /media are taken away for it. After a failure the console log is kept and the next case gets a fresh
-    machine.
+    A case leaves no program running and no file behind that another would notice; sticks, and the mounts and
+    empty directories below /media, are taken away for it. After a failure the console log is kept and the next
+    case gets a fresh machine.
     """
 
     init = "busybox"
@@ -85,6 +85,8 @@ class MachineTestCase(unittest.TestCase):
     def _clear_machine(self):
         for target in self.machine.check("awk '$2 ~ \"^/media/\" { print $2 }' /proc/mounts").split():
             self.assertEqual(self.machine.umount(target, machine.MNT_DETACH), 0)
+        # A daemon that is killed with a stick open leaves its directory, which the next one would reuse.
+        self.machine.check("test ! -d /media || find /media -mindepth 1 -depth -type d -exec rmdir {} +")
         for stick in self.machine.sticks():
             self.machine.unplug(stick)
         self.machine.wait_no_disks()
