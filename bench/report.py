@@ -52,16 +52,15 @@ def amount(value, unit):
     return f'{value:.1f} µs' if unit == 'µs' else f'{value:.0f} {unit}'
 
 
-def single_rows(figures, reasons, size_file):
+def single_rows(figures, reasons, size):
     """What is no ratio: (what, figure, goal, verdict or reason)."""
     if 'processes' in reasons:
         started = ('not taken', reasons['processes'])
     else:
         count = figures['processes'][0]
         started = (f'{count}', 'reached' if count == 0 else 'NOT reached')
-    small = ('not taken', 'no file says it: --size FILE')
-    if size_file:
-        size = int(pathlib.Path(size_file).read_text().split()[0])
+    small = ('not taken', 'nobody has said it: --size BYTES')
+    if size is not None:
         small = (f'{-(-size // 1000)} KB', 'reached' if size <= MOST_BYTES_OF_THE_SMALL_DAEMON else 'NOT reached')
     return [['processes started by listing, opening, closing, probing', started[0], '0', started[1]],
             ['stripped daemon, -Os, libthrift static, arm', small[0], '≤ 700 KB', small[1]]]
@@ -72,7 +71,7 @@ def markdown(heads, rows):
     return '\n'.join(re.sub(r'  +', ' ', line) for line in lines)
 
 
-def tables(figures, reasons, size_file):
+def tables(figures, reasons, size):
     """The text of all tables, and the results by the names of their rows."""
     results = {kind: [Result(row, figures, reasons) for row in rows]
                for kind, rows in (('peer', AGAINST_THE_PEER), ('limit', AGAINST_THE_LIMIT))}
@@ -80,7 +79,7 @@ def tables(figures, reasons, size_file):
     for kind, title, other in (('peer', 'Against the peer', 'peer'), ('limit', 'Against the limit', 'limit')):
         text += [f'### {title}', markdown(['what', 'Dockhand', other, 'ratio (quarters)', 'goal', ''],
                                           [result.cells() for result in results[kind]])]
-    text += ['### Without a ratio', markdown(['what', 'figure', 'goal', ''], single_rows(figures, reasons, size_file))]
+    text += ['### Without a ratio', markdown(['what', 'figure', 'goal', ''], single_rows(figures, reasons, size))]
     missing = sorted({f'- {result.row.what}: {result.reason}' for kind in results.values() for result in kind
                       if result.reason})
     if missing:

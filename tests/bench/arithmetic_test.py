@@ -102,14 +102,10 @@ class TableTest(unittest.TestCase):
         self.assertEqual(report.amount(2000.4, 'calls/s'), '2000/s')
         self.assertEqual(report.amount(1024, 'KiB'), '1024 KiB')
 
-    def test_size_of_the_small_daemon_is_read_from_a_file_and_never_rounded_down(self):
-        with tempfile.NamedTemporaryFile('w') as file:
-            for size, figure, verdict in ((700_000, '700 KB', 'reached'), (700_001, '701 KB', 'NOT reached')):
-                file.seek(0)
-                file.write(f'{size} dockhand\n')
-                file.flush()
-                row = report.single_rows({'processes': [0]}, {}, file.name)[1]
-                self.assertEqual((row[1], row[3]), (figure, verdict))
+    def test_size_of_the_small_daemon_is_never_rounded_down(self):
+        for size, figure, verdict in ((700_000, '700 KB', 'reached'), (700_001, '701 KB', 'NOT reached')):
+            row = report.single_rows({'processes': [0]}, {}, size)[1]
+            self.assertEqual((row[1], row[3]), (figure, verdict))
         self.assertEqual(report.single_rows({'processes': [0]}, {}, None)[1][1], 'not taken')
 
     def test_processes_started_are_counted_and_none_is_the_goal(self):
