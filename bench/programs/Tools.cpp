@@ -1,5 +1,7 @@
 // A recording disk is prepared and repaired: by the daemon, and by its tools alone.
 
+#include <unistd.h>
+
 #include <cstdint>
 #include <cstdlib>
 #include <stdexcept>
@@ -61,8 +63,12 @@ void runTools(const Arguments& arguments) {
            run("dd if=/dev/zero of=" + disk + " bs=512 count=1" + toLog);
            run("echo -e 'n\\np\\n1\\n\\n\\nw' | fdisk " + disk + toLog);
            passLog();
+           // The daemon's pauses, in which processors fall asleep and the disk is written to: a tool that is
+           // run after a pause takes longer than one that is run at once.
+           sleep(4);
            tryToUnmount(partition);
            run("mkfs.xfs -f -l lazy-count=0 -L \"PVR_DISK\" " + partition + toLog);
+           sleep(2);
          }));
   report("repair", timed([&] {
            tryToUnmount(partition);
