@@ -99,6 +99,9 @@ class CheckedHandler : public Dockhand::DockhandClient {
   using Expected = std::function<std::string(Model& model, Calls& calls)>;
   void check(const std::string& name, const std::function<std::string()>& operation,
              const Expected& expected);
+  /// The same for an operation that returns its answer.
+  template <typename Operation, typename ExpectedAnswer>
+  auto checked(const std::string& name, const Operation& operation, const ExpectedAnswer& expected);
   static void onLogLine(int sourceLine);
   /// As fail; the caller has the turn.
   void failInTurn(const std::string& what);
