@@ -138,14 +138,15 @@ int FakePlatform::closedir(DIR* directory) {
 
 int FakePlatform::open(const std::string& path, int flags) {
   record("open " + path);
+  openFlags[path] = flags;
   if ((flags & O_ACCMODE) != O_RDONLY) {
     return answer(EACCES);
   }
   if (files.count(path) == 0 && readErrors.count(path) == 0 && disks.count(path) == 0) {
     return answer(openError);
   }
-  descriptors_[nextDescriptor_] = {path};
-  return nextDescriptor_++;
+  descriptors_[nextDescriptor] = {path};
+  return nextDescriptor++;
 }
 
 ssize_t FakePlatform::read(int descriptor, void* buffer, size_t size) {
@@ -164,6 +165,9 @@ ssize_t FakePlatform::read(int descriptor, void* buffer, size_t size) {
 int FakePlatform::close(int descriptor) {
   const auto file = descriptors_.find(descriptor);
   record("close " + (file != descriptors_.end() ? file->second.path : std::to_string(descriptor)));
+  if (file == descriptors_.end() && descriptor >= 0) {
+    throw std::logic_error("a descriptor was closed that was never opened, or was closed before");
+  }
   if (file == descriptors_.end()) {
     return answer(EBADF);
   }

@@ -60,6 +60,10 @@ class FakePlatform : public Dockhand::Platform {
   /// These files can be opened but not read: errno by path.
   std::map<std::string, int> readErrors;
   int closeError = 0;
+  /// What the next open returns; each one returns the next number.
+  int nextDescriptor = 100;
+  /// The flags with which each path was last opened.
+  std::map<std::string, int> openFlags;
   /// What becomes of claims, by path.
   std::map<std::string, Dockhand::Claim> claims;
   /// Directories by path with the names in them.
@@ -127,7 +131,6 @@ class FakePlatform : public Dockhand::Platform {
   OpenProbe& openProbe(blkid_probe probe);
 
   std::map<int, OpenFile> descriptors_;
-  int nextDescriptor_ = 100;
   std::list<OpenDirectory> openDirectories_;
   std::list<OpenProbe> probes_;
 };

@@ -338,30 +338,11 @@ TEST_F(Closing, TakesAPathForNotMountedWhenTheMountTableCannotBeRead) {
 }
 
 TEST_F(Closing, ReadsAMountTableThatIsOpenedAsDescriptorZero) {
-  class WithoutStandardInput : public FakePlatform {
-   public:
-    int open(const std::string& path, int flags) override {
-      descriptor_ = FakePlatform::open(path, flags);
-      return 0;
-    }
-    ssize_t read(int /*descriptor*/, void* buffer, size_t size) override {
-      return FakePlatform::read(descriptor_, buffer, size);
-    }
-    int close(int /*descriptor*/) override { return FakePlatform::close(descriptor_); }
-
-   private:
-    int descriptor_ = -1;
-  };
-  WithoutStandardInput withoutStandardInput;
-  withoutStandardInput.files["/proc/mounts"] = "/dev/sdb /media/disk vfat rw 0 0\n";
-  TestableHandler closing(withoutStandardInput);
-  journal().clear();
-  {
-    const TestableHandler::Lock lock(closing);
-    EXPECT_TRUE(closing.CheckForAndRemoveMount("/media/disk", false));
-  }
+  platform.nextDescriptor = 0;
+  platform.files["/proc/mounts"] = "/dev/sdb /media/disk vfat rw 0 0\n";
+  EXPECT_TRUE(clear("/media/disk"));
   EXPECT_THAT(journal().eventsBeginning("umount2"), ElementsAre("umount2 /media/disk 0"));
-  EXPECT_EQ(withoutStandardInput.openDescriptors(), 0U);
+  EXPECT_EQ(platform.openDescriptors(), 0U);
 }
 
 TEST_F(Closing, DoesNotFindWhatAnEarlierReadLeft) {

@@ -221,6 +221,14 @@ TEST_F(Discovery, ListsDevicesInAscendingOrderWithARescan) {
                   "log 2 @272 Found a device in the map - last op is 0", "log 2 @284 Added device id of 2"));
 }
 
+TEST_F(Discovery, HoldsTheLockForAllButTheFirstLineOfAListing) {
+  plugIn({"sda"});
+  watchLock();
+  std::vector<std::int16_t> found;
+  handler->GetListOfInsertedDevices(found, false);
+  EXPECT_THAT(unlocked, ElementsAre("GetListOfInsertedDevices"));
+}
+
 TEST_F(Discovery, ListsAnAnnouncedDevice) {
   const auto id = plugIn({"sda"});
   entry(id).lastUsbOperation = Dockhand::UsbOperationAdded;

@@ -3,11 +3,16 @@
 #include <thrift/TApplicationException.h>
 #include <thrift/transport/TTransportException.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <functional>
+#include <future>
 #include <memory>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 #include "HandlerTest.h"
 #include "MediaService.h"
@@ -15,6 +20,7 @@
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::SizeIs;
 
 using testsupport::Callback;
 using testsupport::MediaService;
@@ -35,6 +41,27 @@ class HotPlug : public HandlerTest {
             << callback.observer;
       journal().record(event.str());
     });
+  }
+
+  /// True when the notification, whose observer is called once, ends only when nobody has taken the lock from
+  /// its callback on.
+  bool waitsForTheLockAfterItsCallback(const std::function<void()>& notification) {
+    std::promise<void> taken;
+    std::atomic<bool> ended{false};
+    std::future<bool> holder;
+    mediaService->onCallback([&](const Callback&) {
+      holder = std::async(std::launch::async, [&] {
+        const TestableHandler::Lock lock(*handler);
+        taken.set_value();
+        // A notification that does wait never ends within this time, however slow the machine.
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        return !ended;
+      });
+      taken.get_future().wait();
+    });
+    notification();
+    ended = true;
+    return holder.get();
   }
 
   void listPartitions(const std::string& text) { platform.files["/proc/partitions"] = text; }
@@ -210,6 +237,22 @@ TEST_F(UsbAdded, DoesNothingWhenTheListCannotBeRead) {
   EXPECT_EQ(platform.openDescriptors(), 0U);
 }
 
+TEST_F(UsbAdded, ReadsAListThatIsOpenedAsDescriptorZero) {
+  const auto id = plugIn({"sda1"});
+  platform.nextDescriptor = 0;
+  handler->NotifyUsbAdded("sda1");
+  EXPECT_EQ(entry(id).lastUsbOperation, Dockhand::UsbOperationAdded);
+  EXPECT_EQ(platform.openDescriptors(), 0U);
+}
+
+TEST_F(UsbAdded, AnnouncesNoDeviceWithoutAName) {
+  platform.deviceNodes = {"usb_storage_"};
+  handler->RegisterUsbAddedCallBack(1, 0);
+  handler->NotifyUsbAdded("");
+  EXPECT_EQ(handler->deviceMap.size(), 1U);
+  EXPECT_THAT(callbacks(), IsEmpty());
+}
+
 TEST_F(UsbAdded, CallsNobodyForAnUnknownDevice) {
   handler->RegisterUsbAddedCallBack(1, 0);
   handler->NotifyUsbAdded("sda1");
@@ -265,6 +308,12 @@ TEST_F(UsbAdded, LetsAnObserverCallBackAlsoWithAnotherNotification) {
   EXPECT_THAT(listed, ElementsAre(1));
   // Observer 3 registered too late for the notification under way.
   EXPECT_THAT(callbacks(), ElementsAre("callback for 1", "callback for 7"));
+}
+
+TEST_F(UsbAdded, WaitsForTheLockOnceMoreAfterItsCallbacks) {
+  plugIn({"sda1"});
+  handler->RegisterUsbAddedCallBack(1, 0);
+  EXPECT_TRUE(waitsForTheLockAfterItsCallback([this] { handler->NotifyUsbAdded("sda1"); }));
 }
 
 TEST_F(UsbAdded, FailsToItsCallerButKeepsTheStateWithoutAMediaService) {
@@ -436,6 +485,12 @@ TEST_F(UsbRemoved, HoldsTheLockForTheUnmountAndNotForItsCallbacks) {
   EXPECT_FALSE(heldInCallback);
 }
 
+TEST_F(UsbRemoved, WaitsForTheLockOnceMoreAfterItsCallbacks) {
+  plugIn({"sda"});
+  handler->RegisterUsbRemovedCallBack(1, 0);
+  EXPECT_TRUE(waitsForTheLockAfterItsCallback([this] { handler->NotifyUsbRemoved("sda"); }));
+}
+
 TEST_F(UsbRemoved, ForgetsTheDeviceAlsoWithoutAMediaService) {
   plugIn({"sda"});
   handler->RegisterUsbRemovedCallBack(1, 0);
@@ -500,6 +555,31 @@ TEST_F(Xrite, NotificationsHoldNoLockWhileTheyCall) {
   handler->NotifyUsbXriteAdded();
   handler->NotifyUsbXriteRemoved();
   EXPECT_THAT(held, ElementsAre(false, false));
+}
+
+TEST_F(Xrite, NotificationsWaitForTheLockBeforeTheyCall) {
+  handler->RegisterUsbAddedCallBack(7, 0);
+  handler->RegisterUsbRemovedCallBack(7, 0);
+  for (const std::function<void()>& notification : std::vector<std::function<void()>>{
+           [this] { handler->NotifyUsbXriteAdded(); }, [this] { handler->NotifyUsbXriteRemoved(); }}) {
+    journal().clear();
+    std::future<void> run;
+    {
+      const TestableHandler::Lock lock(*handler);
+      run = std::async(std::launch::async, notification);
+      EXPECT_EQ(run.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+      EXPECT_THAT(callbacks(), IsEmpty());
+    }
+    run.get();
+    EXPECT_THAT(callbacks(), SizeIs(1));
+  }
+}
+
+TEST_F(Xrite, NotificationsWaitForTheLockOnceMoreAfterTheirCallbacks) {
+  handler->RegisterUsbAddedCallBack(7, 0);
+  handler->RegisterUsbRemovedCallBack(7, 0);
+  EXPECT_TRUE(waitsForTheLockAfterItsCallback([this] { handler->NotifyUsbXriteAdded(); }));
+  EXPECT_TRUE(waitsForTheLockAfterItsCallback([this] { handler->NotifyUsbXriteRemoved(); }));
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 // Opening devices.
 
+#include <fcntl.h>
+
 #include <cerrno>
 #include <sstream>
 
@@ -161,6 +163,19 @@ TEST_F(Opening, HoldsTheNodeOpenWhileItProbesAndMounts) {
   };
   EXPECT_TRUE(handler->OpenDevice(id));
   EXPECT_THAT(unheld, IsEmpty());
+  EXPECT_EQ(platform.openDescriptors(), 0U);
+}
+
+TEST_F(Opening, HoldsTheNodeForReadingWithoutWaitingForTheDevice) {
+  const auto id = plugIn({"sdb"}, "vfat");
+  EXPECT_TRUE(handler->OpenDevice(id));
+  EXPECT_EQ(platform.openFlags.at("/dev/usb_storage_sdb"), O_RDONLY | O_NONBLOCK);
+}
+
+TEST_F(Opening, LetsANodeGoThatIsOpenedAsDescriptorZero) {
+  const auto id = plugIn({"sdb"}, "vfat");
+  platform.nextDescriptor = 0;
+  EXPECT_TRUE(handler->OpenDevice(id));
   EXPECT_EQ(platform.openDescriptors(), 0U);
 }
 

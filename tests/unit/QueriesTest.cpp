@@ -10,6 +10,8 @@
 using ravel::rpc::ReturnValueWithString;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::IsSupersetOf;
+using ::testing::Pair;
 
 namespace {
 
@@ -374,23 +376,28 @@ TEST_F(Queries, GivesTheCapacityWithoutALineWhenNoLevelIsWanted) {
   EXPECT_THAT(journal().logs(), IsEmpty());
 }
 
-TEST_F(Queries, OpensADiskForItsCapacityReadOnly) {
-  class FlagsPlatform : public FakePlatform {
-   public:
-    int open(const std::string& path, int flags) override {
-      openFlags.push_back(flags);
-      return FakePlatform::open(path, flags);
-    }
-    std::vector<int> openFlags;
-  };
-  FlagsPlatform flagsPlatform;
-  flagsPlatform.deviceNodes = {"usb_storage_sdb"};
-  TestableHandler another(flagsPlatform);
-  another.GetDeviceCapacity(1);
-  another.GetDeviceType(1);
-  ReturnValueWithString version;
-  another.GetDeviceUsbVersion(version, 1);
-  EXPECT_THAT(flagsPlatform.openFlags, ElementsAre(O_RDONLY, O_RDONLY, O_RDONLY));
+TEST_F(Queries, OpensWhatItReadsForReadingOnly) {
+  const auto id = plugIn({"sdb"});
+  handler->GetDeviceCapacity(id);
+  handler->GetDeviceType(id);
+  usbVersion(id);
+  EXPECT_THAT(platform.openFlags, IsSupersetOf({Pair("/dev/usb_storage_sdb", O_RDONLY),
+                                                Pair("/sys/block/sdb/removable", O_RDONLY),
+                                                Pair("/tmp/sdb_bcdUSB.txt", O_RDONLY)}));
+}
+
+TEST_F(Queries, ReadsWhatIsOpenedAsDescriptorZero) {
+  const auto id = plugIn({"sdb"});
+  platform.disks["/dev/usb_storage_sdb"].size = 3 << 20;
+  platform.files["/sys/block/sdb/removable"] = "1\n";
+  platform.files["/tmp/sdb_bcdUSB.txt"] = "2.00\n";
+  platform.nextDescriptor = 0;
+  EXPECT_EQ(handler->GetDeviceCapacity(id), 3);
+  platform.nextDescriptor = 0;
+  EXPECT_EQ(handler->GetDeviceType(id), 2);
+  platform.nextDescriptor = 0;
+  EXPECT_EQ(usbVersion(id).text, "2.00");
+  EXPECT_EQ(platform.openDescriptors(), 0U);
 }
 
 TEST_F(Queries, MeasuresADiskWithTheLockHeld) {
