@@ -102,7 +102,7 @@ int FakePlatform::scandir(const std::string& path, dirent*** entries, int (*filt
   }
   std::stable_sort(accepted.begin(), accepted.end(),
                    [compare](const dirent* left, const dirent* right) { return compare(&left, &right) < 0; });
-  *entries = static_cast<dirent**>(std::calloc(accepted.size() + 1, sizeof(dirent*)));
+  *entries = static_cast<dirent**>(std::calloc(accepted.size(), sizeof(dirent*)));
   std::copy(accepted.begin(), accepted.end(), *entries);
   return static_cast<int>(accepted.size());
 }
