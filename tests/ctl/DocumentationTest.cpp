@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <regex>
@@ -10,6 +9,7 @@
 #include <sstream>
 
 #include "CtlTest.h"
+#include "Emulator.h"
 
 namespace ctltest {
 namespace {
@@ -140,7 +140,7 @@ TEST_F(Documentation, IsFormattedWithoutWarnings) {
 }
 
 TEST_F(Documentation, IsCompletedByTheShell) {
-  if (std::getenv("DOCKHAND_EMULATOR") != nullptr) {
+  if (isEmulated()) {
     GTEST_SKIP() << "the shell cannot start a program for another processor";
   }
   plugInStick();

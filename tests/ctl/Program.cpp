@@ -12,8 +12,9 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <sstream>
 #include <stdexcept>
+
+#include "Emulator.h"
 
 namespace ctltest {
 namespace {
@@ -53,17 +54,6 @@ std::vector<std::string> environmentWith(const std::map<std::string, std::string
   }
   for (const auto& [name, value] : changes) {
     result.push_back(name + "=" + value);
-  }
-  return result;
-}
-
-/// What a program for another processor is started with: DOCKHAND_EMULATOR, words separated by semicolons.
-std::vector<std::string> emulatorWords() {
-  const char* const text = std::getenv("DOCKHAND_EMULATOR");
-  std::istringstream stream(text != nullptr ? text : "");
-  std::vector<std::string> result;
-  for (std::string word; std::getline(stream, word, ';');) {
-    result.push_back(word);
   }
   return result;
 }

@@ -3,8 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
+#include "Emulator.h"
 #include "SimulatedSystem.h"
 #include "Soak.h"
 #include "SocketDirectory.h"
@@ -90,7 +89,7 @@ TEST_F(SoakTest, EveryCallThatCanFailHasFailed) {
 // The sanitizers' allocators keep freed memory back.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 TEST_F(SoakTest, MemoryDoesNotGrowFromTheMiddleToTheEnd) {
-  if (std::getenv("DOCKHAND_EMULATOR") != nullptr) {
+  if (isEmulated()) {
     GTEST_SKIP() << "resident memory is that of the emulator";
   }
   ASSERT_FALSE(run_->handler().hasFailed()) << "the run has ended early";

@@ -3,13 +3,12 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
+#include "Emulator.h"
 
 /// For a death test of a program that has threads by then: it starts the program anew. QEMU cannot start a
-/// program for another processor from within one, so there (the environment variable DOCKHAND_EMULATOR) it is
-/// a copy.
+/// program for another processor from within one, so there it is a copy.
 inline void useStyleForThreads() {
-  testing::FLAGS_gtest_death_test_style = std::getenv("DOCKHAND_EMULATOR") != nullptr ? "fast" : "threadsafe";
+  testing::FLAGS_gtest_death_test_style = isEmulated() ? "fast" : "threadsafe";
 }
 
 #endif  // TESTS_SUPPORT_DEATHTESTSTYLE_H

@@ -12,6 +12,15 @@ namespace {
 
 constexpr std::chrono::seconds patience{20};
 
+using Client = ravel::rpc::usb_rpc_gen_Client;
+using TextOperation = void (Client::*)(ravel::rpc::ReturnValueWithString& _return, std::int16_t deviceId);
+
+ravel::rpc::ReturnValueWithString textOf(Client& client, TextOperation operation, std::int16_t deviceId) {
+  ravel::rpc::ReturnValueWithString answer;
+  (client.*operation)(answer, deviceId);
+  return answer;
+}
+
 }  // namespace
 
 UsbClient::UsbClient()
@@ -29,33 +38,23 @@ std::vector<std::int16_t> UsbClient::devices(bool includeHidden) {
 }
 
 ravel::rpc::ReturnValueWithString UsbClient::label(std::int16_t deviceId) {
-  ravel::rpc::ReturnValueWithString answer;
-  client_.GetDeviceLabel(answer, deviceId);
-  return answer;
+  return textOf(client_, &Client::GetDeviceLabel, deviceId);
 }
 
 ravel::rpc::ReturnValueWithString UsbClient::uuid(std::int16_t deviceId) {
-  ravel::rpc::ReturnValueWithString answer;
-  client_.GetDeviceUuid(answer, deviceId);
-  return answer;
+  return textOf(client_, &Client::GetDeviceUuid, deviceId);
 }
 
 ravel::rpc::ReturnValueWithString UsbClient::usbVersion(std::int16_t deviceId) {
-  ravel::rpc::ReturnValueWithString answer;
-  client_.GetDeviceUsbVersion(answer, deviceId);
-  return answer;
+  return textOf(client_, &Client::GetDeviceUsbVersion, deviceId);
 }
 
 ravel::rpc::ReturnValueWithString UsbClient::mountPoint(std::int16_t deviceId) {
-  ravel::rpc::ReturnValueWithString answer;
-  client_.GetUsbMountPoint(answer, deviceId);
-  return answer;
+  return textOf(client_, &Client::GetUsbMountPoint, deviceId);
 }
 
 ravel::rpc::ReturnValueWithString UsbClient::physicalDevice(std::int16_t deviceId) {
-  ravel::rpc::ReturnValueWithString answer;
-  client_.GetUsbPhysicalDevice(answer, deviceId);
-  return answer;
+  return textOf(client_, &Client::GetUsbPhysicalDevice, deviceId);
 }
 
 std::vector<std::string> UsbClient::files(std::int16_t deviceId, const std::string& directory,

@@ -19,6 +19,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "Emulator.h"
 #include "World.h"
 
 namespace systest {
@@ -39,6 +40,13 @@ void redirect(int descriptor, const std::string& path) {
 }
 
 pid_t startProgram(const Environment& environment, gid_t group) {
+  std::vector<std::string> words = emulatorWords();
+  words.push_back(DOCKHAND_PROGRAM);
+  std::vector<char*> command;
+  for (std::string& word : words) {
+    command.push_back(word.data());
+  }
+  command.push_back(nullptr);
   const pid_t pid = fork();
   if (pid < 0) {
     throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
@@ -59,7 +67,7 @@ pid_t startProgram(const Environment& environment, gid_t group) {
     if (group != getgid() && (setgroups(0, nullptr) != 0 || setgid(group) != 0)) {
       _exit(127);
     }
-    execl(DOCKHAND_PROGRAM, DOCKHAND_PROGRAM, static_cast<char*>(nullptr));
+    execv(command.front(), command.data());
     _exit(127);
   }
   return pid;
