@@ -187,8 +187,7 @@ TEST_F(KillTest, ClosingLosesNoSyncedFile) {
 /// When the daemon has started a tool, since it began to prepare; its log lines have the time.
 Duration startOfTool(const Daemon& daemon, const std::string& tool) {
   const auto timeOf = [](const std::string& line) {
-    // 2026-11-21T16:04:22.123456Z: a run that goes on over midnight is started again by whoever has that
-    // luck.
+    // 2026-11-21T16:04:22.123456Z
     std::istringstream text(line.substr(line.find('T') + 1));
     char colon = ' ';
     double hours = 0;
@@ -203,7 +202,9 @@ Duration startOfTool(const Daemon& daemon, const std::string& tool) {
       begin = timeOf(line);
     }
     if (line.find(" Executing: " + tool) != std::string::npos && begin >= Duration(0)) {
-      return timeOf(line) - begin;
+      const Duration passed = timeOf(line) - begin;
+      // The times have no day.
+      return passed < Duration(0) ? passed + std::chrono::hours(24) : passed;
     }
   }
   throw std::runtime_error("no line of " + tool + ": " + daemon.log());
