@@ -81,13 +81,19 @@ void TUnixSocket::waitForInput() {
   using std::chrono::milliseconds;
   using std::chrono::steady_clock;
 
-  if (deadline_ == steady_clock::time_point::max()) {
+  const auto never = steady_clock::time_point::max();
+  const auto silent = recvTimeout_ > 0 ? steady_clock::now() + milliseconds(recvTimeout_) : never;
+  const auto end = std::min(deadline_, silent);
+  if (end == never) {
     return;
   }
+  // Waiting in recv instead would not do: one that has a timeout fails at every signal, even the end of a
+  // program that another thread has started and that nobody here listens to, and TSocket puts up with a few
+  // of them only.
   pollfd input{getSocketFD(), POLLIN, 0};
   int ready = 0;
   do {
-    const auto left = std::chrono::ceil<milliseconds>(deadline_ - steady_clock::now());
+    const auto left = std::chrono::ceil<milliseconds>(end - steady_clock::now());
     // Also where there is something to read: there may be no end of it.
     if (left <= milliseconds::zero()) {
       throw TTransportException(TTransportException::TIMED_OUT, path_ + ": no complete answer in time");

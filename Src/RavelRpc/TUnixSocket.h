@@ -14,7 +14,8 @@ namespace ravel::rpc {
 ///
 /// Differs from Thrift's TSocket in open(): the descriptor is close-on-exec from the beginning, the connect
 /// timeout also holds where the service does not accept, and after a failure the socket is closed and can be
-/// opened again. And in having a deadline, since TSocket's timeout begins anew with every read.
+/// opened again. And in read(): it can have a deadline, since TSocket's timeout begins anew with every read,
+/// and no signal ends one that has a timeout.
 ///
 /// Threads: one at a time, as TSocket. No locks.
 class TUnixSocket : public apache::thrift::transport::TSocket {
@@ -35,7 +36,8 @@ class TUnixSocket : public apache::thrift::transport::TSocket {
   /// cannot keep its client for longer. None at first.
   void setDeadline(std::chrono::steady_clock::time_point deadline) { deadline_ = deadline; }
 
-  /// As TSocket's, and TIMED_OUT once the deadline is over.
+  /// As TSocket's, and TIMED_OUT once the deadline is over. With a timeout or a deadline, signals are waited
+  /// through.
   std::uint32_t read(std::uint8_t* buffer, std::uint32_t length) override;
 
  private:

@@ -3,7 +3,9 @@
 #include <thrift/Thrift.h>
 
 #include <csignal>
+#include <functional>
 #include <future>
+#include <utility>
 #include <vector>
 
 #include "TUnixSocket.h"
@@ -172,33 +174,60 @@ TEST_F(TUnixSocketTest, StopsWaitingForRoomInTheBacklogAndOpensLater) {
   EXPECT_NO_THROW(client.open());
 }
 
-TEST_F(TUnixSocketTest, GoesOnConnectingAfterASignal) {
-  struct sigaction ignore {};
-  ignore.sa_handler = [](int) {};
-  struct sigaction before {};
-  ASSERT_EQ(sigaction(SIGUSR1, &ignore, &before), 0);
+/// A client's call, made by a thread of its own that gets signals meanwhile which only interrupt.
+class CallUnderSignals {
+ public:
+  explicit CallUnderSignals(std::function<void()> call)
+      : result_(std::async(std::launch::async, [this, call = std::move(call)] {
+          thread_.set_value(pthread_self());
+          call();
+        })) {
+    struct sigaction interrupt {};
+    interrupt.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &interrupt, &before_);
+    const pthread_t thread = thread_.get_future().get();
+    for (int signal = 0; signal < 50; ++signal) {
+      if (result_.wait_for(std::chrono::milliseconds(1)) == std::future_status::ready) {
+        return;
+      }
+      pthread_kill(thread, SIGUSR1);
+    }
+  }
+  ~CallUnderSignals() { sigaction(SIGUSR1, &before_, nullptr); }
+  CallUnderSignals(const CallUnderSignals&) = delete;
+  CallUnderSignals& operator=(const CallUnderSignals&) = delete;
 
+  /// Waits for the end of the call and throws what it threw.
+  void end() { result_.get(); }
+
+ private:
+  struct sigaction before_ {};
+  std::promise<pthread_t> thread_;
+  std::future<void> result_;
+};
+
+TEST_F(TUnixSocketTest, GoesOnConnectingAfterASignal) {
   FileDescriptor listener = plainListener(path(), 0);
   auto waiting = fillBacklog(path());
-  std::promise<void> connected;
-  std::thread connecting([&connected] {
-    TUnixSocket client("localhost", 9014);
-    client.setConnTimeout(60000);
-    try {
-      client.open();
-      connected.set_value();
-    } catch (...) {
-      connected.set_exception(std::current_exception());
-    }
-  });
-  for (int signal = 0; signal < 50; ++signal) {
-    pthread_kill(connecting.native_handle(), SIGUSR1);
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
+  TUnixSocket client("localhost", 9014);
+  client.setConnTimeout(60000);
+  CallUnderSignals connecting([&client] { client.open(); });
   FileDescriptor(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC)).reset();
-  EXPECT_NO_THROW(connected.get_future().get());
-  connecting.join();
-  sigaction(SIGUSR1, &before, nullptr);
+  EXPECT_NO_THROW(connecting.end());
+}
+
+TEST_F(TUnixSocketTest, GoesOnReadingAfterManySignals) {
+  TUnixServerSocket server(9014);
+  TUnixSocket client("localhost", 9014);
+  client.setRecvTimeout(60000);
+  client.open();
+  const std::shared_ptr<TTransport> connection = server.accept();
+  std::uint8_t received = 0;
+  CallUnderSignals reading([&client, &received] { client.read(&received, 1); });
+  const std::uint8_t sent = 42;
+  connection->write(&sent, 1);
+  EXPECT_NO_THROW(reading.end());
+  EXPECT_EQ(received, sent);
 }
 
 }  // namespace
