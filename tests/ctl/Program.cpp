@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "ArgumentVector.h"
 #include "Emulator.h"
 
 namespace ctltest {
@@ -34,15 +35,6 @@ struct Pipe {
     writing.reset(ends[1]);
   }
 };
-
-std::vector<char*> pointersTo(std::vector<std::string>& texts) {
-  std::vector<char*> result;
-  for (std::string& text : texts) {
-    result.push_back(text.data());
-  }
-  result.push_back(nullptr);
-  return result;
-}
 
 std::vector<std::string> environmentWith(const std::map<std::string, std::string>& changes) {
   std::vector<std::string> result;
@@ -115,9 +107,9 @@ Program::Program(const Arguments& arguments, const RunOptions& options) {
   }
   words.push_back(emulator.empty() ? "dockhandctl" : "/proc/self/fd/" + std::to_string(program.get()));
   words.insert(words.end(), arguments.begin(), arguments.end());
-  const auto argumentPointers = pointersTo(words);
+  const std::vector<char*> argumentPointers = argumentVector(words);
   std::vector<std::string> environment = environmentWith(options.environment);
-  const auto environmentPointers = pointersTo(environment);
+  const std::vector<char*> environmentPointers = argumentVector(environment);
   const FileDescriptor input(open(options.inputFile.c_str(), O_RDONLY | O_CLOEXEC));
   const FileDescriptor file(
       options.outputFile.empty() ? -1 : open(options.outputFile.c_str(), O_WRONLY | O_CLOEXEC));

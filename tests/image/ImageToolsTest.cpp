@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "ArgumentVector.h"
+
 namespace fs = std::filesystem;
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
@@ -62,11 +64,7 @@ class ImageTools : public ::testing::Test {
       EXPECT_NE(freopen((directory / "given").c_str(), "r", stdin), nullptr);
       EXPECT_NE(freopen((directory / "stdout").c_str(), "w", stdout), nullptr);
       EXPECT_NE(freopen((directory / "stderr").c_str(), "w", stderr), nullptr);
-      std::vector<char*> words;
-      for (std::string& word : command) {
-        words.push_back(word.data());
-      }
-      words.push_back(nullptr);
+      const std::vector<char*> words = argumentVector(command);
       execvp(words[0], words.data());
       _exit(126);
     }

@@ -19,6 +19,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "ArgumentVector.h"
 #include "Emulator.h"
 #include "World.h"
 
@@ -42,11 +43,7 @@ void redirect(int descriptor, const std::string& path) {
 pid_t startProgram(const Environment& environment, gid_t group) {
   std::vector<std::string> words = emulatorWords();
   words.push_back(DOCKHAND_PROGRAM);
-  std::vector<char*> command;
-  for (std::string& word : words) {
-    command.push_back(word.data());
-  }
-  command.push_back(nullptr);
+  const std::vector<char*> command = argumentVector(words);
   const pid_t pid = fork();
   if (pid < 0) {
     throw std::runtime_error(std::string("fork: ") + std::strerror(errno));

@@ -16,6 +16,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "ArgumentVector.h"
+
 namespace systest {
 
 namespace fs = std::filesystem;
@@ -124,13 +126,8 @@ std::vector<std::string> namesIn(const std::string& directory) {
   return names;
 }
 
-std::string run(const std::vector<std::string>& command) {
-  std::vector<char*> words;
-  for (const std::string& word : command) {
-    words.push_back(const_cast<char*>(word.c_str()));
-  }
-  words.push_back(nullptr);
-
+std::string run(std::vector<std::string> command) {
+  const std::vector<char*> words = argumentVector(command);
   std::array<int, 2> output{};
   if (pipe2(output.data(), O_CLOEXEC) != 0) {
     throw std::runtime_error(std::string("pipe2: ") + std::strerror(errno));

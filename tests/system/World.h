@@ -40,7 +40,7 @@ std::string readLink(const std::string& path);
 std::vector<std::string> namesIn(const std::string& directory);
 
 /// Runs a program to its end and returns what it wrote. Throws when it fails.
-std::string run(const std::vector<std::string>& command);
+std::string run(std::vector<std::string> command);
 
 }  // namespace systest
 

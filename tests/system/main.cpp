@@ -7,6 +7,7 @@
 #include <cstring>
 #include <vector>
 
+#include "ArgumentVector.h"
 #include "World.h"
 
 namespace {
@@ -19,11 +20,7 @@ int enterPrivateRoot(char** argv) {
   for (char** argument = argv + 1; *argument != nullptr; ++argument) {
     words.emplace_back(*argument);
   }
-  std::vector<char*> command;
-  for (std::string& word : words) {
-    command.push_back(word.data());
-  }
-  command.push_back(nullptr);
+  const std::vector<char*> command = argumentVector(words);
   execv(command[0], command.data());
   std::fprintf(stderr, "%s: %s\n", script.c_str(), std::strerror(errno));
   return EXIT_FAILURE;
