@@ -82,8 +82,8 @@ void TUnixSocket::waitForInput() {
   using std::chrono::steady_clock;
 
   const auto never = steady_clock::time_point::max();
-  const auto silent = recvTimeout_ > 0 ? steady_clock::now() + milliseconds(recvTimeout_) : never;
-  const auto end = std::min(deadline_, silent);
+  const auto timeoutEnd = recvTimeout_ > 0 ? steady_clock::now() + milliseconds(recvTimeout_) : never;
+  const auto end = std::min(deadline_, timeoutEnd);
   if (end == never) {
     return;
   }
