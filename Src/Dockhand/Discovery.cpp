@@ -135,6 +135,7 @@ void DockhandClient::eraseVanishedDevices() {
 }
 
 void DockhandClient::GetListOfInsertedDevices(std::vector<std::int16_t>& _return, bool includeHidden) {
+  _return.clear();
   usbClientLog.write(2, 262, "GetListOfInsertedDevices");
   const Lock lock(*this);
 

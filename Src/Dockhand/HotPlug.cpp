@@ -68,14 +68,14 @@ void DockhandClient::NotifyUsbAdded(const std::string& usbDevice) {
     return;
   }
 
-  std::int16_t deviceId = 0;
+  std::uint32_t deviceId = 0;
   ObserverTable observers;
   {
     const Lock lock(*this);
     usbClientLog.writeStackTrace();
     CheckForAndUpdateNewDevices();
     const auto device = findByKernelName(usbDevice);
-    if (!isListedOnce(usbDevice) || device == deviceMap.end()) {
+    if (!isListedOnce(usbDevice) || device == deviceMap.end() || device->first == 0) {
       return;
     }
     UsbDeviceEntry& entry = device->second;
@@ -84,7 +84,7 @@ void DockhandClient::NotifyUsbAdded(const std::string& usbDevice) {
     }
     entry.lastUsbOperation = UsbOperationAdded;
     entry.safelyRemoved = false;
-    deviceId = static_cast<std::int16_t>(device->first);
+    deviceId = device->first;
     observers = addedObservers;
   }
 
@@ -94,7 +94,8 @@ void DockhandClient::NotifyUsbAdded(const std::string& usbDevice) {
     }
     usbClientLog.write(2, 364, "Calling ADD callback function with usbDevice ", deviceId,
                        " and observerId is ", int{observerId}, " and observer is 0x", std::hex, observer);
-    callObserver(&MediaServiceStub::SendUsbAddedCallback, deviceId, observerId, observer);
+    callObserver(&MediaServiceStub::SendUsbAddedCallback, static_cast<std::int16_t>(deviceId), observerId,
+                 observer);
   }
 
   // Not before whatever the observers have set off: the notification waits for the lock once more.
@@ -108,7 +109,7 @@ void DockhandClient::NotifyUsbRemoved(const std::string& usbDevice) {
     return;
   }
 
-  std::int16_t deviceId = 0;
+  std::uint32_t deviceId = 0;
   ObserverTable observers;
   {
     const Lock lock(*this);
@@ -129,12 +130,12 @@ void DockhandClient::NotifyUsbRemoved(const std::string& usbDevice) {
       return;
     }
     entry.lastUsbOperation = UsbOperationRemoved;
-    deviceId = static_cast<std::int16_t>(device->first);
+    deviceId = device->first;
     if (entry.deviceOpen) {
       usbClientLog.write(4, 416, "NotifyUsbRemoved: Device was mounted, force unmount(", entry.deviceName,
                          ", ", entry.mountPoint, ")");
       // The hardware is gone whether or not this succeeds, and the failure is in the log.
-      releaseDevice(deviceId, true);
+      releaseDevice(static_cast<std::int16_t>(deviceId), true);
     }
     usbClientLog.write(2, 424, "deviceMap.erase: deviceId=", deviceId);
     deviceMap.erase(device);
@@ -147,7 +148,8 @@ void DockhandClient::NotifyUsbRemoved(const std::string& usbDevice) {
     }
     usbClientLog.write(2, 436, "SendUsbRemovedCallback: usbDevice=", deviceId,
                        " and observerId=", int{observerId}, " and observer=0x", std::hex, observer);
-    callObserver(&MediaServiceStub::SendUsbRemovedCallback, deviceId, observerId, observer);
+    callObserver(&MediaServiceStub::SendUsbRemovedCallback, static_cast<std::int16_t>(deviceId), observerId,
+                 observer);
   }
 
   // Not before whatever the observers have set off: the notification waits for the lock once more.

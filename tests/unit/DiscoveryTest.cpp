@@ -100,6 +100,37 @@ TEST_F(Discovery, KeepsEverythingButThePartitionFlagsWhenDevCannotBeRead) {
               ElementsAre("log 2 @142 CheckForAndUpdateNewDevices", "log 4 @162 scandir failed, errno=13"));
 }
 
+TEST_F(Discovery, KeepsAndListsEveryRecordWhenDevCannotBeRead) {
+  for (const char* node : {"sda1", "sdb", "sdc1"}) {
+    plugIn({node});
+  }
+  entry(1).deviceOpen = true;
+  entry(1).mountPoint = "/media/disk_1";
+  entry(2).safelyRemoved = true;
+  entry(3).lastUsbOperation = Dockhand::UsbOperationAdded;
+  pullOut({"sda1", "sdb", "sdc1"});
+  platform.scandirError = EIO;
+  journal().clear();
+  EXPECT_THAT(list(), ElementsAre(1, 3));
+  EXPECT_THAT(keys(), ElementsAre(1, 2, 3));
+  for (const std::int16_t id : {std::int16_t{1}, std::int16_t{2}, std::int16_t{3}}) {
+    EXPECT_EQ(entry(id).partitionCount, 0U) << id;
+    EXPECT_FALSE(entry(id).foundInScan) << id;
+  }
+  EXPECT_TRUE(entry(1).deviceOpen);
+  EXPECT_EQ(entry(1).mountPoint, "/media/disk_1");
+  EXPECT_TRUE(entry(2).safelyRemoved);
+  EXPECT_EQ(entry(3).lastUsbOperation, Dockhand::UsbOperationAdded);
+
+  // Nothing of this outlives the next scan that can.
+  platform.scandirError = 0;
+  platform.deviceNodes = {"usb_storage_sda1", "usb_storage_sdb", "usb_storage_sdc1"};
+  EXPECT_THAT(list(), ElementsAre(1, 3));
+  EXPECT_EQ(entry(1).partitionCount, 1U);
+  EXPECT_EQ(entry(2).partitionCount, 0U);
+  EXPECT_EQ(entry(3).partitionCount, 1U);
+}
+
 TEST_F(Discovery, KeepsADeviceWhoseNodeIsStillThere) {
   const auto id = plugIn({"sda1"});
   entry(id).mountPoint = "/media/disk_1";
@@ -221,6 +252,13 @@ TEST_F(Discovery, ListsDevicesInAscendingOrderWithARescan) {
                   "log 2 @272 Found a device in the map - last op is 0", "log 2 @284 Added device id of 2"));
 }
 
+TEST_F(Discovery, ReplacesWhatTheListHeldBefore) {
+  const auto id = plugIn({"sda"});
+  std::vector<std::int16_t> found = {id, 9};
+  handler->GetListOfInsertedDevices(found, false);
+  EXPECT_THAT(found, ElementsAre(id));
+}
+
 TEST_F(Discovery, HoldsTheLockForAllButTheFirstLineOfAListing) {
   plugIn({"sda"});
   watchLock();
@@ -240,6 +278,26 @@ TEST_F(Discovery, NeverListsADeviceWhoseLastOperationIsTwoOrMore) {
   for (const int operation : {2, 3, -1}) {
     entry(id).lastUsbOperation = static_cast<Dockhand::UsbOperation>(operation);
     EXPECT_THAT(list(true), IsEmpty()) << operation;
+  }
+}
+
+TEST_F(Discovery, NeverListsSuchADeviceWhateverItsOtherFlagsAre) {
+  const auto id = plugIn({"sda", "sda1"});
+  for (const int operation : {2, 3, 0x7FFFFFFF}) {
+    for (unsigned flags = 0; flags < 8; ++flags) {
+      entry(id).lastUsbOperation = static_cast<Dockhand::UsbOperation>(operation);
+      entry(id).deviceOpen = (flags & 1U) != 0;
+      entry(id).mountPoint = entry(id).deviceOpen ? "/media/disk_1" : "";
+      entry(id).safelyRemoved = (flags & 2U) != 0;
+      entry(id).hidden = (flags & 4U) != 0;
+      for (const bool includeHidden : {false, true}) {
+        journal().clear();
+        EXPECT_THAT(list(includeHidden), IsEmpty()) << operation << " " << flags;
+        // Its last operation alone decides, and without a word about the flags.
+        EXPECT_EQ(journal().logs().back(),
+                  "log 2 @272 Found a device in the map - last op is " + std::to_string(operation));
+      }
+    }
   }
 }
 

@@ -270,6 +270,30 @@ TEST_F(UsbAdded, RescansButCallsNobodyForOddNames) {
   }
 }
 
+TEST_F(UsbAdded, LeavesARecordWithTheNumberZeroAlone) {
+  plugIn({"sda1"});
+  handler->deviceMap[0] = entry(1);
+  handler->deviceMap.erase(1);
+  handler->RegisterUsbAddedCallBack(1, 0);
+  handler->NotifyUsbAdded("sda1");
+  EXPECT_EQ(entry(0).lastUsbOperation, Dockhand::UsbOperationNone);
+  EXPECT_THAT(journal().eventsBeginning("close"), ElementsAre("close /proc/partitions"));
+  EXPECT_THAT(callbacks(), IsEmpty());
+}
+
+TEST_F(UsbAdded, LogsANumberThatItsObserversGetOnly16BitsOf) {
+  plugIn({"sda1"});
+  handler->deviceMap[65538] = entry(1);
+  handler->deviceMap.erase(1);
+  handler->RegisterUsbAddedCallBack(1, 0);
+  handler->NotifyUsbAdded("sda1");
+  EXPECT_THAT(
+      journal().eventsBeginning("log 2 @364"),
+      ElementsAre("log 2 @364 Calling ADD callback function with usbDevice 65538 and observerId is 1 and "
+                  "observer is 0x0"));
+  EXPECT_THAT(callbacks(), ElementsAre("callback added 2 1 0"));
+}
+
 TEST_F(UsbAdded, WritesItsFirstLineOnlyDuringAPreparation) {
   const auto id = plugIn({"sda1"});
   handler->pvrPreparationRunning = true;
@@ -451,6 +475,19 @@ TEST_F(UsbRemoved, LeavesARecordWithTheNumberZeroAlone) {
   handler->NotifyUsbRemoved("sda");
   EXPECT_EQ(handler->deviceMap.count(0), 1U);
   EXPECT_EQ(entry(0).lastUsbOperation, Dockhand::UsbOperationNone);
+}
+
+TEST_F(UsbRemoved, LogsANumberThatItsObserversGetOnly16BitsOf) {
+  plugIn({"sda1"});
+  handler->deviceMap[65538] = entry(1);
+  handler->deviceMap.erase(1);
+  handler->RegisterUsbRemovedCallBack(1, 0);
+  handler->NotifyUsbRemoved("sda1");
+  EXPECT_THAT(
+      journal().eventsBeginning("log 2 @4"),
+      ElementsAre("log 2 @424 deviceMap.erase: deviceId=65538",
+                  "log 2 @436 SendUsbRemovedCallback: usbDevice=65538 and observerId=1 and observer=0x0"));
+  EXPECT_THAT(callbacks(), ElementsAre("callback removed 2 1 0"));
 }
 
 TEST_F(UsbRemoved, WritesItsFirstLineOnlyDuringAPreparation) {
