@@ -126,9 +126,29 @@ TEST_F(Closing, RefusesADeviceThatIsNotMounted) {
 
 TEST_F(Closing, DoesNotHideADeviceThatWasNotMountedWhenItWasSafelyRemoved) {
   const auto id = plugIn({"sdb"}, "vfat");
+  // Never opened; opened and closed.
+  for (const bool wasOpen : {false, true}) {
+    if (wasOpen) {
+      ASSERT_TRUE(handler->OpenDevice(id));
+      ASSERT_TRUE(handler->CloseDevice(id));
+    }
+    journal().clear();
+    EXPECT_FALSE(handler->CloseDeviceSafeRemoval(id));
+    EXPECT_THAT(journal().events(), ElementsAre("log 2 @816 CloseDeviceSafeRemoval(1)"));
+    EXPECT_FALSE(entry(id).safelyRemoved);
+    std::vector<std::int16_t> found;
+    handler->GetListOfInsertedDevices(found, false);
+    EXPECT_THAT(found, ElementsAre(id));
+    EXPECT_TRUE(handler->OpenDevice(id));
+    ASSERT_TRUE(handler->CloseDevice(id));
+  }
+}
+
+TEST_F(Closing, RefusesASecondSafeRemovalAndKeepsTheFirst) {
+  const auto id = plugInOpen();
+  ASSERT_TRUE(handler->CloseDeviceSafeRemoval(id));
   EXPECT_FALSE(handler->CloseDeviceSafeRemoval(id));
-  EXPECT_FALSE(entry(id).safelyRemoved);
-  EXPECT_THAT(journal().events(), ElementsAre("log 2 @816 CloseDeviceSafeRemoval(1)"));
+  EXPECT_TRUE(entry(id).safelyRemoved);
 }
 
 TEST_F(Closing, GoesByTheMountPointAloneWhenItIsEmpty) {

@@ -114,6 +114,10 @@ TEST_F(Probing, GivesAnUnknownDeviceTheDefaultLabelWithoutProbing) {
 
 TEST_F(Probing, GivesAnUnknownDeviceTheDefaultUuidWithoutProbing) {
   plugIn({"sdb"}, "vfat");
+  // What -1 and -32768 would find if they were cut to 16 bits.
+  for (const std::uint32_t key : {65535U, 32768U}) {
+    handler->deviceMap[key] = entry(1);
+  }
   for (const int id : {-32768, -1, 0, 2, 32767}) {
     journal().clear();
     const auto result = uuid(id);
