@@ -137,7 +137,8 @@ service usb_rpc_gen_ extends common_service_rpc_gen_ {
 
   /**
    * USB version of the device, as the device image's script readUsbVersion.sh prints it (its first line). success is
-   * false, and the text empty, for an unknown device and when the script fails.
+   * false, and the text empty, for an unknown device, when the script fails, and when it is not run because somebody
+   * else has its output file, /tmp/NAME_bcdUSB.txt. A script that prints nothing gives an empty text with success.
    */
   ReturnValueWithString GetDeviceUsbVersion(
     /** Device number. */
@@ -155,8 +156,12 @@ service usb_rpc_gen_ extends common_service_rpc_gen_ {
 
   /**
    * Repairs the XFS file system of a device that is not open. Runs for as long as the repair takes; other calls are
-   * served meanwhile, opening this device is refused. False for an unknown or open device, another file system,
-   * and a failed repair.
+   * served meanwhile, opening this device is refused.
+   *
+   * False, and nothing is changed, for an unknown or open device, a file system that is not XFS or cannot be read, and
+   * while another repair runs. False also when xfs_repair is not run because somebody else has the log file,
+   * /tmp/Dockhand.log: only the journal may have been replayed then. False when xfs_repair fails and xfs_repair -L,
+   * which drops a journal that cannot be replayed, fails or is not run too.
    */
   bool RunDiskRepair(
     /** Device number. */
@@ -221,10 +226,13 @@ service usb_rpc_gen_ extends common_service_rpc_gen_ {
 
   /**
    * Turns a disk into a recording disk. DESTROYS ITS CONTENTS: one partition over the whole disk, formatted with XFS.
-   * The label is carried over, cut to 11 characters; without one it becomes "PVR_DISK". An open device is unmounted
+   * The label is carried over, cut to 11 bytes at most; without one it becomes "PVR_DISK". An open device is unmounted
    * by force. Takes six seconds at least, during which the other operations wait and plug events are ignored.
-   * False for an unknown device (plug events are then ignored until a preparation of a known one ends), and when
-   * partitioning or formatting fails.
+   *
+   * False for an unknown device: plug events are then ignored until a preparation of a known one ends. False when
+   * fdisk or mkfs.xfs fails, and when dd, fdisk or mkfs.xfs is not run because somebody else has the log file,
+   * /tmp/Dockhand.log. No step runs after the failed one, and nothing is undone: unless dd was not run, the old
+   * contents are lost.
    */
   bool PrepareDeviceForPvr(
     /** Device number. */

@@ -24,17 +24,27 @@ bool DockhandClient::RunDiskRepair(std::int16_t deviceId) {
   } else if (!beginRepair(deviceId)) {
     usbClientLog.write(5, 1201, "RunDiskRepair(", deviceId, ") - repair already running!");
   } else {
-    replayJournal(partition.mountDevice);
-    forceUnmount(partition.mountDevice, 1237, "");
-    repaired = executeShellCommand("xfs_repair " + partition.mountDevice, 1241, true) == 0;
-    if (!repaired) {
-      // Zeroes a log that cannot be replayed.
-      repaired = executeShellCommand("xfs_repair -L " + partition.mountDevice, 1248, true) == 0;
-    }
-    endRepair();
+    // Also when a step throws: no second repair would ever be let in.
+    struct Announcement {
+      DockhandClient& client;
+      ~Announcement() { client.endRepair(); }
+    };
+    const Announcement announcement{*this};
+    repaired = repair(partition.mountDevice);
   }
   usbClientLog.write(3, 1263, "xfs_repair ", repaired ? "PASSED" : "FAILED");
   return repaired;
+}
+
+bool DockhandClient::repair(const std::string& mountDevice) {
+  replayJournal(mountDevice);
+  forceUnmount(mountDevice, 1237, "");
+  bool wasRun = false;
+  if (executeShellCommand("xfs_repair " + mountDevice, 1241, true, &wasRun) == 0) {
+    return true;
+  }
+  // Drops what the log holds. So only after a repair that could not use it, and not where none was tried.
+  return wasRun && executeShellCommand("xfs_repair -L " + mountDevice, 1248, true) == 0;
 }
 
 void DockhandClient::replayJournal(const std::string& mountDevice) {

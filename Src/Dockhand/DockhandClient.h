@@ -182,9 +182,11 @@ class DockhandClient : public ravel::rpc::usb_rpc_gen_If {
 
   /// Runs a command line (without redirections) in the shell, with its output in /tmp/Dockhand.log, and
   /// passes that file to the system log when the command fails, with `passLogAlways` also when it succeeds.
-  /// `sourceLine` tells readers of the log which step ran it. The raw status of system(): 0 is success; -1
-  /// also where a user has that file, and the command is not run. Takes no lock and needs none.
-  int executeShellCommand(const std::string& command, int sourceLine, bool passLogAlways);
+  /// `sourceLine` tells readers of the log which step ran it. Returns the raw status of system(): 0 is
+  /// success. Where that file is not ours to write, the command is not run: the status is -1 then, as for a
+  /// failed fork, and `*wasRun` (if not null) false. Takes no lock and needs none.
+  int executeShellCommand(const std::string& command, int sourceLine, bool passLogAlways,
+                          bool* wasRun = nullptr);
   /// Before the shell writes to a file in /tmp: sees to it that the file is ours and no user's. False, and
   /// logged, where that cannot be had: the command must not be run. Takes no lock and needs none.
   bool claimForShell(const std::string& file);
@@ -194,6 +196,8 @@ class DockhandClient : public ravel::rpc::usb_rpc_gen_If {
 
   // PvrPreparation.cpp
 
+  /// Partitions and formats the disk of a known device. True when both have succeeded. Lock held.
+  bool prepareDisk(std::int16_t deviceId, const UsbDeviceEntry& entry);
   /// The label that the recording disk is to have, as it stands in the shell command. Lock held.
   std::string pvrLabel(std::int16_t deviceId, bool deviceOpen);
   /// Lock held.
@@ -203,6 +207,8 @@ class DockhandClient : public ravel::rpc::usb_rpc_gen_If {
 
   // DiskRepair.cpp
 
+  /// Repairs an XFS file system. True when it is sound now. Needs no lock.
+  bool repair(const std::string& mountDevice);
   /// Mounts and unmounts an XFS file system once, so that the kernel replays its journal. Needs no lock.
   void replayJournal(const std::string& mountDevice);
   /// Announces a repair; false when one is running already. Needs no lock.

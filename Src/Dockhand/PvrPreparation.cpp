@@ -12,19 +12,32 @@ namespace {
 
 constexpr std::string_view defaultPvrLabel = "PVR_DISK";
 
-/// The first 11 bytes of a label, or a few less: a UTF-8 character is not cut in two.
+bool continuesCharacter(char c) {
+  return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
+}
+
+/// How many bytes a UTF-8 character has that begins with this one; 0 for a byte that begins none of several.
+std::size_t lengthOfCharacter(char first) {
+  const auto byte = static_cast<unsigned char>(first);
+  if (byte < 0xC2 || byte > 0xF4) {
+    return 0;
+  }
+  return byte < 0xE0 ? 2 : byte < 0xF0 ? 3 : 4;
+}
+
+/// The first 11 bytes of a label, or a few less: a UTF-8 character is not cut in two. A label need not be
+/// UTF-8, and a byte that only looks like the middle of a character costs it nothing.
 std::string cutLabel(const std::string& label) {
   constexpr std::size_t longest = 11;
-  constexpr std::size_t longestCharacter = 4;
   if (label.size() <= longest) {
     return label;
   }
-  std::size_t end = longest;
-  while (longest - end < longestCharacter && (static_cast<unsigned char>(label[end]) & 0xC0) == 0x80) {
-    --end;
+  std::size_t begin = longest;
+  while (begin > 0 && continuesCharacter(label[begin])) {
+    --begin;
   }
-  // So many continuation bytes make no character: such a label is just bytes.
-  return label.substr(0, longest - end < longestCharacter ? end : longest);
+  const bool isCutInTwo = begin + lengthOfCharacter(label[begin]) > longest;
+  return label.substr(0, isCutInTwo ? begin : longest);
 }
 
 /// A label as it can stand between double quotes in a command of the shell. The label comes from a disk that
@@ -57,31 +70,46 @@ bool DockhandClient::PrepareDeviceForPvr(std::int16_t deviceId) {
     usbClientLog.write(4, 866, "PrepareDeviceForPvr() - Unknown device: ", deviceId);
     return false;
   }
-  if (entry->deviceOpen) {
+  bool prepared = false;
+  {
+    // Also when a step throws: plug events are ignored until then.
+    struct Announcement {
+      DockhandClient& client;
+      ~Announcement() { client.setPvrPreparationRunning(false); }
+    };
+    const Announcement announcement{*this};
+    prepared = prepareDisk(deviceId, *entry);
+  }
+  CheckForAndUpdateNewDevices();
+  return prepared;
+}
+
+bool DockhandClient::prepareDisk(std::int16_t deviceId, const UsbDeviceEntry& entry) {
+  requireLock();
+  if (entry.deviceOpen) {
     usbClientLog.write(4, 872, "PrepareDeviceForPvr() - Device is Open!");
   }
 
-  const std::string disk = "/dev/usb_storage_" + entry->deviceName;
+  const std::string disk = "/dev/usb_storage_" + entry.deviceName;
   const std::string partition = disk + '1';
-  const std::string label = pvrLabel(deviceId, entry->deviceOpen);
+  const std::string label = pvrLabel(deviceId, entry.deviceOpen);
 
   forceUnmount(partition, 903, "");
   // The old table, for the system log only.
   executeShellCommand("sfdisk -l " + disk, 908, true);
-  executeShellCommand("dd if=/dev/zero of=" + disk + " bs=512 count=1", 913, false);
-  bool prepared = executeShellCommand("echo -e 'n\\np\\n1\\n\\n\\nw' | fdisk " + disk, 917, true) == 0;
-  if (prepared) {
-    // The kernel and udev take the old partition away and make the new one.
-    platform_.sleep(4);
-    forceUnmount(partition, 930, " (after partition (re)created)");
-    prepared =
-        executeShellCommand("mkfs.xfs -f -l lazy-count=0 -L \"" + label + "\" " + partition, 934, false) == 0;
-    platform_.sleep(2);
+  // A wipe that fails does not matter, but fdisk's answers fit an empty table only.
+  bool wiped = false;
+  executeShellCommand("dd if=/dev/zero of=" + disk + " bs=512 count=1", 913, false, &wiped);
+  if (!wiped || executeShellCommand("echo -e 'n\\np\\n1\\n\\n\\nw' | fdisk " + disk, 917, true) != 0) {
+    return false;
   }
-
-  setPvrPreparationRunning(false);
-  CheckForAndUpdateNewDevices();
-  return prepared;
+  // The kernel and udev take the old partition away and make the new one.
+  platform_.sleep(4);
+  forceUnmount(partition, 930, " (after partition (re)created)");
+  const bool formatted =
+      executeShellCommand("mkfs.xfs -f -l lazy-count=0 -L \"" + label + "\" " + partition, 934, false) == 0;
+  platform_.sleep(2);
+  return formatted;
 }
 
 std::string DockhandClient::pvrLabel(std::int16_t deviceId, bool deviceOpen) {

@@ -5,12 +5,16 @@
 
 namespace Dockhand {
 
-int DockhandClient::executeShellCommand(const std::string& command, int sourceLine, bool passLogAlways) {
+int DockhandClient::executeShellCommand(const std::string& command, int sourceLine, bool passLogAlways,
+                                        bool* wasRun) {
   static const std::string logFile = "/tmp/Dockhand.log";
   static const std::string passLog = "logger -s -t Dockhand <" + logFile;
 
   usbClientLog.write(3, 124, "Executing: ", command, " # from Line=", sourceLine);
   const bool logFileIsOurs = claimForShell(logFile);
+  if (wasRun != nullptr) {
+    *wasRun = logFileIsOurs;
+  }
   const int status = logFileIsOurs ? platform_.system(command + " 1>" + logFile + " 2>&1") : -1;
   if (status != 0) {
     // Before the warning, so that the tool's own words stand above it in the system log.

@@ -13,6 +13,8 @@ SECTION_OF_ROUTINE = {
     'insertDevice': 'CheckForAndUpdateNewDevices',
     'clearAutomounts': 'OpenDeviceAt',
     'replayJournal': 'RunDiskRepair',
+    'repair': 'RunDiskRepair',
+    'prepareDisk': 'PrepareDeviceForPvr',
     'acceptMountError': 'Texts for a failed mount',
     'logRpcMessage': 'Start and connections',
     'main': 'Start and connections',

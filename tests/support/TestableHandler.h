@@ -29,6 +29,7 @@ class TestableHandler : public Dockhand::DockhandClient {
   using DockhandClient::mountByTable;
   using DockhandClient::NodeHold;
   using DockhandClient::PartitionInfo;
+  using DockhandClient::prepareDisk;
   using DockhandClient::pvrLabel;
   using DockhandClient::pvrPreparationRunning;
   using DockhandClient::releaseDevice;

@@ -4,11 +4,13 @@
 #include <cerrno>
 #include <future>
 #include <limits>
+#include <new>
 
 #include "HandlerTest.h"
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::SizeIs;
 
 namespace {
 
@@ -159,6 +161,34 @@ TEST_F(DiskRepair, FailsWhenBothRepairsFail) {
                             "log 3 @1263 xfs_repair FAILED"));
     EXPECT_TRUE(isIdle());
   }
+}
+
+TEST_F(DiskRepair, ZeroesNoLogWhenTheFirstRepairWasNotRun) {
+  platform.claims["/tmp/Dockhand.log"] = Dockhand::Claim::refused;
+  EXPECT_FALSE(handler->RunDiskRepair(1));
+  EXPECT_EQ(
+      journal().events(),
+      afterLookUp("xfs",
+                  {"mkdir /media/disk_tmp 775", replay, "umount /media/disk_tmp", "rmdir /media/disk_tmp",
+                   forceUnmount, "log 3 @124 Executing: xfs_repair /dev/usb_storage_sdb1 # from Line=1241",
+                   "claimFile /tmp/Dockhand.log",
+                   "log 5 @138 Not executed, since /tmp/Dockhand.log is not ours and cannot be moved",
+                   "log 4 @129 Warning: xfs_repair /dev/usb_storage_sdb1 returned -1 # from Line=1241",
+                   "log 3 @1263 xfs_repair FAILED"}));
+  EXPECT_TRUE(isIdle());
+}
+
+TEST_F(DiskRepair, FailsWhenTheLogFileIsLostBeforeTheSecondRepair) {
+  platform.systemStatus = [this](const std::string& command) {
+    if (begins(command, "xfs_repair ")) {
+      platform.claims["/tmp/Dockhand.log"] = Dockhand::Claim::refused;
+    }
+    return 256;
+  };
+  EXPECT_FALSE(handler->RunDiskRepair(1));
+  EXPECT_THAT(journal().eventsBeginning(repairZeroingTheLog), IsEmpty());
+  EXPECT_THAT(journal().eventsBeginning("log 3 @124 Executing: xfs_repair -L"), SizeIs(1));
+  EXPECT_TRUE(isIdle());
 }
 
 // Refusals
@@ -322,6 +352,14 @@ TEST_F(DiskRepair, IsAnnouncedFromTheMountPointToTheLastRepair) {
                           "getBlkidLookupValue(1,TYPE; device=/dev/usb_storage_sdb1)=xfs",
                           "GetUsbMountDevice", "xfs_repair FAILED"));
   EXPECT_TRUE(isIdle());
+}
+
+TEST_F(DiskRepair, IsNotAnnouncedAnyMoreAfterItHasThrown) {
+  platform.systemStatus = [](const std::string&) -> int { throw std::bad_alloc(); };
+  EXPECT_THROW(handler->RunDiskRepair(1), std::bad_alloc);
+  EXPECT_TRUE(isIdle());
+  platform.systemStatus = [](const std::string&) { return 0; };
+  EXPECT_TRUE(handler->RunDiskRepair(1));
 }
 
 TEST_F(DiskRepair, HoldsTheLockOnlyToLookTheDeviceUp) {

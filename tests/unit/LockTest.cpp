@@ -27,6 +27,7 @@ TEST_F(LockTest, IsRequiredInADebugBuildByEachFunctionThatReliesOnIt) {
       {"keepFailedProbe", [&] { handler->keepFailedProbe(nullptr); }},
       {"findByKernelName", [&] { handler->findByKernelName("sdb"); }},
       {"isListedOnce", [&] { handler->isListedOnce("sdb"); }},
+      {"prepareDisk", [&] { handler->prepareDisk(id, entry(id)); }},
       {"pvrLabel", [&] { handler->pvrLabel(id, true); }},
       {"setPvrPreparationRunning", [&] { handler->setPvrPreparationRunning(false); }},
   };

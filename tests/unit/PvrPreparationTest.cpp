@@ -4,10 +4,12 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <limits>
+#include <new>
 #include <stdexcept>
 
 #include "HandlerTest.h"
@@ -253,6 +255,40 @@ TEST_F(PvrPreparation, StopsBeforeThePauseWhenTheDiskCannotBePartitioned) {
   }
 }
 
+TEST_F(PvrPreparation, PartitionsNothingWhenWipingTheOldTableWasNotRun) {
+  const std::string notExecuted =
+      "log 5 @138 Not executed, since /tmp/Dockhand.log is not ours and cannot be moved";
+  platform.claims["/tmp/Dockhand.log"] = Dockhand::Claim::refused;
+  EXPECT_FALSE(handler->PrepareDeviceForPvr(1));
+  EXPECT_FALSE(handler->pvrPreparationRunning);
+  const auto events = journal().events();
+  const auto begin = std::find(events.begin(), events.end(), "system " + forceUnmount);
+  EXPECT_THAT(
+      std::vector<std::string>(begin, events.end()),
+      ElementsAre("system " + forceUnmount, "log 3 @124 Executing: " + listTable + " # from Line=908",
+                  "claimFile /tmp/Dockhand.log", notExecuted,
+                  "log 4 @129 Warning: " + listTable + " returned -1 # from Line=908",
+                  "log 3 @124 Executing: " + wipeTable + " # from Line=913", "claimFile /tmp/Dockhand.log",
+                  notExecuted, "log 4 @129 Warning: " + wipeTable + " returned -1 # from Line=913",
+                  "log 2 @142 CheckForAndUpdateNewDevices", "scandir /dev",
+                  "log 2 @196 entry: name=sdb number= matchFound=1",
+                  "log 2 @196 entry: name=sdb1 number=1 matchFound=1"));
+}
+
+TEST_F(PvrPreparation, PartitionsADiskWhoseOldTableTheShellCouldNotStartToWipe) {
+  for (const int status : {-1, 127 * 256}) {
+    letFail("dd", status);
+    EXPECT_TRUE(handler->PrepareDeviceForPvr(1)) << status;
+  }
+}
+
+TEST_F(PvrPreparation, IsNotAnnouncedAnyMoreAfterItHasThrown) {
+  platform.systemStatus = [](const std::string&) -> int { throw std::bad_alloc(); };
+  EXPECT_THROW(handler->PrepareDeviceForPvr(1), std::bad_alloc);
+  EXPECT_FALSE(handler->pvrPreparationRunning);
+  EXPECT_FALSE(lockIsHeld());
+}
+
 TEST_F(PvrPreparation, FailsAfterThePauseWhenTheFileSystemCannotBeMade) {
   letFail("mkfs.xfs", 256);
   EXPECT_FALSE(handler->PrepareDeviceForPvr(1));
@@ -373,7 +409,10 @@ TEST_F(PvrPreparation, CutsALabelToElevenCharacters) {
 
 TEST_F(PvrPreparation, CutsNoCharacterInTwo) {
   for (const std::string& character :
-       {std::string("\xC3\xA4"), std::string("\xE2\x82\xAC"), std::string("\xF0\x9F\x8E\xA5")}) {
+       {std::string("\xC3\xA4"), std::string("\xE2\x82\xAC"), std::string("\xF0\x9F\x8E\xA5"),
+        // The first and the last of each length.
+        std::string("\xC2\x80"), std::string("\xDF\xBF"), std::string("\xE0\xA0\x80"),
+        std::string("\xEF\xBF\xBF"), std::string("\xF0\x90\x80\x80"), std::string("\xF4\x8F\xBF\xBF")}) {
     for (std::size_t before = 0; before <= 12; ++before) {
       std::string label(before, 'a');
       std::string kept = label.substr(0, 11);
@@ -393,6 +432,15 @@ TEST_F(PvrPreparation, CutsBytesThatAreNoCharactersAtElevenBytes) {
     EXPECT_EQ(fileSystemCommand(std::string(16, byte)), makeFileSystem(std::string(11, byte)));
     EXPECT_EQ(fileSystemCommand("abc" + std::string(16, byte)), makeFileSystem("abc" + std::string(8, byte)));
     EXPECT_EQ(fileSystemCommand(std::string(11, byte)), makeFileSystem(std::string(11, byte)));
+  }
+  // The 12th byte continues no character, or one that is complete.
+  for (const std::string label :
+       {"Aufnahme 20\xB0"
+        "C",
+        "abcdefgh\xE2\x82\xAC\xAC", "abcdefghi\xC3\xA4\xA4", "abcdefg\xF0\x9F\x8E\xA5\x80",
+        "abcdefghij\xC1\xA4", "abcdefghij\xF5\x80\x80\x80", "abcdefgh\xC3\xA4\x80\x80",
+        "abcdefg\x80\x80\x80\x80\x80"}) {
+    EXPECT_EQ(fileSystemCommand(label), makeFileSystem(label.substr(0, 11))) << label;
   }
   // No character is this long.
   EXPECT_EQ(fileSystemCommand("1234567\xFB" + std::string(8, '\x80')),
