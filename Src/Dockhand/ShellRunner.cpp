@@ -34,8 +34,11 @@ bool DockhandClient::claimForShell(const std::string& file) {
     usbClientLog.write(4, 136, file, " was not ours and has been moved aside, to ", file, ".moved-*");
   } else if (claim == Claim::refused) {
     usbClientLog.write(5, 138, "Not executed, since ", file, " is not ours and cannot be moved");
+  } else if (claim == Claim::tooManyMoved) {
+    usbClientLog.write(5, 140, "Not executed, since ", file, " is not ours, and there are ", maxMovedAside,
+                       " directories ", file, ".moved-*: remove them");
   }
-  return claim != Claim::refused;
+  return claim == Claim::ours || claim == Claim::movedAside;
 }
 
 void DockhandClient::forceUnmount(const std::string& node, int sourceLine, const char* occasion) {

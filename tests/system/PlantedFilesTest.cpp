@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -31,6 +32,9 @@ using testing::IsEmpty;
 using testing::Not;
 
 const User planter{4801, 4801, {}};
+
+/// Where the questions to the silent file system go; -1 while there is none.
+int silentFileSystem = -1;
 
 const std::string logFile = "/tmp/Dockhand.log";
 const std::string versionFile = "/tmp/sda_bcdUSB.txt";
@@ -230,24 +234,77 @@ TEST_F(PlantedFilesTest, LogFileThatTheDaemonHasMadeIsUsedAgainAndOutOfAUsersRea
   EXPECT_THAT(placesOfMoved(logFile), IsEmpty());
 }
 
-/// Something that cannot be moved: on a directory of his own a user may have a mount made by fusermount. Here
-/// root stands in for that.
-void plantMount(const std::string& path) {
-  ASSERT_TRUE(asPlanter([&] { return mkdir(path.c_str(), 0755) == 0; }));
-  ASSERT_EQ(mount("planted", path.c_str(), "tmpfs", 0, "mode=0777"), 0);
-  ASSERT_TRUE(asPlanter([&] { return putFile((path + "/inside").c_str(), 0644); }));
+/// Something that cannot be moved: on a file or directory of his own a user may have a mount made by
+/// fusermount. Here root stands in for that.
+struct MountPlant {
+  std::string name;
+  std::function<void(const std::string& path)> put;
+};
+
+void PrintTo(const MountPlant& plant, std::ostream* out) {
+  *out << plant.name;
 }
 
-TEST_F(PlantedFilesTest, NoToolIsRunWhileALogFileThatIsNotOursStays) {
+const std::string fuseNode = "/dev/fuse";
+
+/// A file that seems to be root's, and of whose file system nobody ever answers a question.
+void mountSilentFile(const std::string& path) {
+  ASSERT_TRUE(asPlanter([&] { return putFile(path.c_str(), 0644); }));
+  ASSERT_EQ(mknod(fuseNode.c_str(), S_IFCHR | 0600, makedev(10, 229)), 0);
+  const int descriptor = open(fuseNode.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_GE(descriptor, 0);
+  const std::string options =
+      "fd=" + std::to_string(descriptor) + ",rootmode=100644,user_id=0,group_id=0,allow_other";
+  ASSERT_EQ(mount("silent", path.c_str(), "fuse", MS_NOSUID | MS_NODEV, options.c_str()), 0);
+  // Stays open, or whoever asks would get an error at once.
+  silentFileSystem = descriptor;
+}
+
+const std::vector<MountPlant> mountPlants = {
+    {"OverADirectory",
+     [](const std::string& path) {
+       ASSERT_TRUE(asPlanter([&] { return mkdir(path.c_str(), 0755) == 0; }));
+       ASSERT_EQ(mount("planted", path.c_str(), "tmpfs", 0, "mode=0777"), 0);
+       ASSERT_TRUE(asPlanter([&] { return putFile((path + "/inside").c_str(), 0644); }));
+     }},
+    {"OverAFile",
+     [](const std::string& path) {
+       writeFile(rootsFile, rootsWords);
+       ASSERT_TRUE(asPlanter([&] { return putFile(path.c_str(), 0644); }));
+       ASSERT_EQ(mount(rootsFile.c_str(), path.c_str(), nullptr, MS_BIND, nullptr), 0);
+     }},
+    {"OverAFileAndNeverAnswers", mountSilentFile},
+};
+
+class MountedPlantTest : public PlantedFilesTest, public testing::WithParamInterface<MountPlant> {
+ protected:
+  void SetUp() override {
+    if (GetParam().name == "OverAFileAndNeverAnswers" && !kernelKnowsFileSystem("fuse")) {
+      GTEST_SKIP() << "the kernel knows no file systems of users";
+    }
+    PlantedFilesTest::SetUp();
+  }
+  void TearDown() override {
+    if (silentFileSystem >= 0) {
+      // Whoever waits gets an error.
+      close(silentFileSystem);
+      silentFileSystem = -1;
+    }
+    fs::remove(fuseNode);
+    PlantedFilesTest::TearDown();
+  }
+};
+
+TEST_P(MountedPlantTest, KeepsToolsFromBeingRunWhileItIsTheLogFile) {
   const Stick stick(recordingDisk());
   const Daemon daemon(toolsFirst());
-  plantMount(logFile);
+  GetParam().put(logFile);
   UsbClient client;
   EXPECT_FALSE(client->RunDiskRepair(1));
   EXPECT_FALSE(fs::exists("/tmp/ran"));
   EXPECT_THAT(daemon.log(), HasSubstr("Not executed, since " + logFile + " is not ours"));
   EXPECT_EQ(mountsAt(logFile).size(), 1U);
-  EXPECT_EQ(readFile(logFile + "/inside"), "forged\n");
+  EXPECT_EQ(readFile(rootsFile), rootsWords);
   EXPECT_THAT(placesOfMoved(logFile), IsEmpty());
 
   // As soon as it is gone, the daemon works again.
@@ -255,19 +312,23 @@ TEST_F(PlantedFilesTest, NoToolIsRunWhileALogFileThatIsNotOursStays) {
   EXPECT_TRUE(client->RunDiskRepair(1));
 }
 
-TEST_F(PlantedFilesTest, NoVersionIsReadWhileAVersionFileThatIsNotOursStays) {
+TEST_P(MountedPlantTest, KeepsTheVersionFromBeingReadWhileItIsItsFile) {
   const Stick stick({});
   const Daemon daemon(toolsFirst());
-  plantMount(versionFile);
+  GetParam().put(versionFile);
   UsbClient client;
   EXPECT_FALSE(client.usbVersion(1).success);
   EXPECT_FALSE(fs::exists("/tmp/ran"));
   EXPECT_THAT(daemon.log(), HasSubstr("Not executed, since " + versionFile + " is not ours"));
-  EXPECT_EQ(readFile(versionFile + "/inside"), "forged\n");
+  EXPECT_EQ(mountsAt(versionFile).size(), 1U);
+  EXPECT_EQ(readFile(rootsFile), rootsWords);
 
   ASSERT_EQ(umount(versionFile.c_str()), 0);
   EXPECT_EQ(client.usbVersion(1).text, "2.00");
 }
+
+INSTANTIATE_TEST_SUITE_P(Kinds, MountedPlantTest, testing::ValuesIn(mountPlants),
+                         [](const testing::TestParamInfo<MountPlant>& plant) { return plant.param.name; });
 
 TEST_F(PlantedFilesTest, UsersCanPutNothingWhereSticksAreMounted) {
   const Stick stick({});

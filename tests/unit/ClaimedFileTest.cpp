@@ -1,27 +1,41 @@
 // Claiming a file, in a directory of the test's own. Files of other users are in the system tests.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <climits>
+#include <cstddef>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <future>
 #include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "ClaimedFile.h"
+#include "Emulator.h"
 
 namespace fs = std::filesystem;
 using Dockhand::Claim;
 using Dockhand::claimFile;
 using ::testing::IsEmpty;
+using ::testing::SizeIs;
 
 namespace {
 
@@ -123,7 +137,7 @@ TEST_F(ClaimedFile, TakesThePlaceOfADirectory) {
   write(file / "inside", "precious");
   EXPECT_EQ(claimFile(file), Claim::movedAside);
   EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(file)));
-  ASSERT_THAT(moved(), ::testing::SizeIs(1));
+  ASSERT_THAT(moved(), SizeIs(1));
   EXPECT_EQ(read(moved()[0] / "inside"), "precious");
 }
 
@@ -173,7 +187,7 @@ TEST_F(ClaimedFile, IsOursAlsoWhenSeveralThreadsClaimItAtATime) {
     std::for_each(threads.begin(), threads.end(), [](std::thread& thread) { thread.join(); });
     EXPECT_EQ(movers, 1);
     EXPECT_EQ(owners, 3);
-    EXPECT_THAT(moved(), ::testing::SizeIs(1));
+    EXPECT_THAT(moved(), SizeIs(1));
   }
 }
 
@@ -194,5 +208,149 @@ TEST_F(ClaimedFile, IsOursOrRefusedWhileSomebodyKeepsPuttingALinkInItsPlace) {
   done = true;
   planter.join();
 }
+
+TEST_F(ClaimedFile, IsRefusedWhileSixteenThingsAreKeptThatWereInItsWay) {
+  for (int round = 0; round < 16; ++round) {
+    fs::create_symlink(directory / "target", file);
+    EXPECT_EQ(claimFile(file), Claim::movedAside) << round;
+    fs::remove(file);
+  }
+  fs::create_symlink(directory / "target", file);
+  EXPECT_EQ(claimFile(file), Claim::tooManyMoved);
+  EXPECT_TRUE(fs::is_symlink(file));
+  EXPECT_THAT(moved(), SizeIs(16));
+  // Nothing is in the way of another file.
+  EXPECT_EQ(claimFile(directory / "other"), Claim::ours);
+
+  fs::remove_all(moved()[7].parent_path());
+  EXPECT_EQ(claimFile(file), Claim::movedAside);
+}
+
+TEST_F(ClaimedFile, TakesNothingForMovedAsideThatIsNoDirectoryOfOurs) {
+  for (int i = 0; i < 20; ++i) {
+    const std::string number = std::to_string(i);
+    write(directory / ("log.moved-file" + number), "");
+    fs::create_directory(directory / ("log.move" + number));
+    fs::create_directory(directory / ("a_log.moved-" + number));
+    const fs::path users = directory / ("log.moved-user" + number);
+    fs::create_directory(users);
+    // Only root can give a directory away.
+    if (chown(users.c_str(), 4801, 4801) != 0) {
+      fs::remove(users);
+    }
+  }
+  fs::create_symlink(directory / "target", file);
+  EXPECT_EQ(claimFile(file), Claim::movedAside);
+}
+
+/// What is mounted where a file is to be. Each claim is made by a thread that has mounts of its own.
+class MountedOver : public ClaimedFile, public ::testing::WithParamInterface<bool> {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) {
+      GTEST_SKIP() << "only root may mount";
+    }
+    if (beforeLinux58() && isEmulated()) {
+      GTEST_SKIP() << "QEMU refuses no system call on request";
+    }
+  }
+  static bool beforeLinux58() { return GetParam(); }
+
+  /// What becomes of the claim to the file once all this is mounted.
+  Claim claimAfter(const std::function<void()>& mountAll) const {
+    std::future<Claim> claim = std::async(std::launch::async, [&] {
+      EXPECT_EQ(unshare(CLONE_NEWNS), 0);
+      EXPECT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+      mountAll();
+      if (beforeLinux58()) {
+        refuseStatx();
+      }
+      return claimFile(file);
+    });
+    const bool waits = claim.wait_for(std::chrono::seconds(20)) == std::future_status::timeout;
+    EXPECT_FALSE(waits);
+    // Whoever waits for it gets an error.
+    close(fuse);
+    return claim.get();
+  }
+  /// As if the kernel had no such call, for this thread.
+  static void refuseStatx() {
+    sock_filter program[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                             BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_statx, 0, 1),
+                             BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+                             BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+    const sock_fprog filter = {4, program};
+    EXPECT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+    EXPECT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter), 0);
+  }
+  /// A file system of which the kernel knows nothing but this mode, as nobody ever answers for it.
+  void mountSilent(const fs::path& target, const std::string& mode) {
+    fuse = open("/dev/fuse", O_RDWR | O_CLOEXEC);
+    const std::string options =
+        "fd=" + std::to_string(fuse) + ",rootmode=" + mode + ",user_id=0,group_id=0,allow_other";
+    EXPECT_EQ(mount("silent", target.c_str(), "fuse", MS_NOSUID | MS_NODEV, options.c_str()), 0);
+  }
+
+  int fuse = -1;
+};
+
+TEST_P(MountedOver, AFileThatLooksLikeOursIsNotOurs) {
+  write(directory / "target", "precious");
+  write(file, "planted");
+  const auto mountTarget = [this] {
+    EXPECT_EQ(mount((directory / "target").c_str(), file.c_str(), nullptr, MS_BIND, nullptr), 0);
+  };
+  EXPECT_EQ(claimAfter(mountTarget), Claim::refused);
+  EXPECT_EQ(read(file), "planted");
+  EXPECT_THAT(moved(), IsEmpty());
+}
+
+TEST_P(MountedOver, AFileWhoseFileSystemNeverAnswersIsNotWaitedFor) {
+  write(file, "planted");
+  EXPECT_EQ(claimAfter([this] { mountSilent(file, "100644"); }), Claim::refused);
+  EXPECT_EQ(read(file), "planted");
+  EXPECT_THAT(moved(), IsEmpty());
+}
+
+TEST_P(MountedOver, ADirectoryStays) {
+  fs::create_directory(file);
+  const auto mountDirectory = [this] { EXPECT_EQ(mount("planted", file.c_str(), "tmpfs", 0, nullptr), 0); };
+  EXPECT_EQ(claimAfter(mountDirectory), Claim::refused);
+  EXPECT_THAT(moved(), IsEmpty());
+}
+
+TEST_P(MountedOver, ADirectoryIsNotWaitedForAndNotTakenForSomethingMovedAside) {
+  for (int i = 0; i < 16; ++i) {
+    fs::create_directory(directory / ("log.moved-" + std::to_string(i)));
+  }
+  fs::create_symlink(directory / "target", file);
+  EXPECT_EQ(claimAfter([this] { mountSilent(directory / "log.moved-7", "40755"); }), Claim::movedAside);
+  EXPECT_THAT(moved(), SizeIs(1));
+}
+
+TEST_P(MountedOver, WhatIsNoMountIsJudgedAsEver) {
+  const auto mountNothing = [] {};
+  EXPECT_EQ(claimAfter(mountNothing), Claim::ours);
+  write(file, "what the last tool said");
+  EXPECT_EQ(claimAfter(mountNothing), Claim::ours);
+  EXPECT_EQ(read(file), "what the last tool said");
+  fs::create_hard_link(file, directory / "target");
+  EXPECT_EQ(claimAfter(mountNothing), Claim::movedAside);
+  fs::remove(file);
+  fs::create_symlink(directory / "target", file);
+  EXPECT_EQ(claimAfter(mountNothing), Claim::movedAside);
+  ASSERT_EQ(chmod(file.c_str(), 0666), 0);
+  EXPECT_EQ(claimAfter(mountNothing), Claim::movedAside);
+  ASSERT_EQ(chown(file.c_str(), 4801, 4801), 0);
+  EXPECT_EQ(claimAfter(mountNothing), Claim::movedAside);
+  EXPECT_EQ(claimAfter(mountNothing), Claim::ours);
+  file = directory / "none" / "log";
+  EXPECT_EQ(claimAfter(mountNothing), Claim::ours);
+}
+
+INSTANTIATE_TEST_SUITE_P(Kernels, MountedOver, ::testing::Bool(),
+                         [](const ::testing::TestParamInfo<bool>& kernel) {
+                           return kernel.param ? "Before58" : "Today";
+                         });
 
 }  // namespace

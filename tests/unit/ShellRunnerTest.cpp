@@ -135,6 +135,16 @@ TEST_F(ShellRunner, RunsNothingWhileTheLogFileIsNotOurs) {
                           "log 4 @129 Warning: tool returned -1 # from Line=1"));
 }
 
+TEST_F(ShellRunner, RunsNothingOnceTooMuchHasBeenMovedAsideAndSaysWhatToDo) {
+  platform.claims["/tmp/Dockhand.log"] = Dockhand::Claim::tooManyMoved;
+  EXPECT_EQ(handler->executeShellCommand("tool", 1, true), -1);
+  EXPECT_THAT(journal().events(),
+              ElementsAre("log 3 @124 Executing: tool # from Line=1", "claimFile /tmp/Dockhand.log",
+                          "log 5 @140 Not executed, since /tmp/Dockhand.log is not ours, and there are 16 "
+                          "directories /tmp/Dockhand.log.moved-*: remove them",
+                          "log 4 @129 Warning: tool returned -1 # from Line=1"));
+}
+
 TEST_F(ShellRunner, TakesNoLock) {
   commandsEndWith(256);
   watchLock();
