@@ -1,4 +1,4 @@
-// Lists the USB sticks, opens them, reads their labels, and tells what comes and goes until Ctrl-C.
+// Lists the USB sticks, opens them, reads their labels, then reports what comes and goes until Ctrl-C.
 
 #include <pthread.h>
 #include <thrift/Thrift.h>
@@ -40,7 +40,7 @@ using ravel::rpc::ReturnValueWithString;
 namespace {
 
 constexpr std::int8_t observer = 42;
-constexpr int patienceMilliseconds = 30000;
+constexpr int timeoutMilliseconds = 30000;
 
 std::string socketPath(int number) {
   const char* directory = std::getenv("RAVEL_SOCKET_DIR");
@@ -48,15 +48,15 @@ std::string socketPath(int number) {
   return std::string(given ? directory : "/run/ravel") + "/" + std::to_string(number) + ".sock";
 }
 
-/// A connection for a few calls. Dockhand serves ten at a time, so do not keep one that you do not use.
+/// A connection for a few calls. Dockhand serves ten at a time, so do not keep an idle one.
 class Dockhand {
  public:
   Dockhand()
       : socket_(std::make_shared<TSocket>(socketPath(9020))),
         client_(std::make_shared<TBinaryProtocol>(std::make_shared<TBufferedTransport>(socket_))) {
-    socket_->setConnTimeout(patienceMilliseconds);
-    socket_->setRecvTimeout(patienceMilliseconds);
-    socket_->setSendTimeout(patienceMilliseconds);
+    socket_->setConnTimeout(timeoutMilliseconds);
+    socket_->setRecvTimeout(timeoutMilliseconds);
+    socket_->setSendTimeout(timeoutMilliseconds);
     try {
       socket_->open();
     } catch (const TTransportException& failure) {
@@ -76,7 +76,7 @@ struct Event {
   std::int16_t device = 0;
 };
 
-/// Events on their way from other threads to main.
+/// Passes events from other threads to main.
 class Events {
  public:
   void push(Event event) {
@@ -101,9 +101,8 @@ class Events {
   std::queue<Event> events_;
 };
 
-/// Dockhand calls the media service, never the observers themselves. A device that has a media service hears
-/// of sticks from it; here we are the media service. Dockhand waits for the answer, so the work is done
-/// elsewhere.
+/// Dockhand calls the media service, never the observers themselves. On a device with a media service,
+/// subscribe there; here we are the media service. Dockhand waits for the reply, so main does the work.
 class MediaService : public ravel::rpc::corvane_rpc_gen_If {
  public:
   explicit MediaService(Events& events) : events_(events) {}
@@ -120,15 +119,15 @@ class MediaService : public ravel::rpc::corvane_rpc_gen_If {
   Events& events_;
 };
 
-/// Listens from the start, so that no event comes too early.
+/// Listens as soon as it is made, so that no event comes too early.
 class ListeningSocket : public TServerSocket {
  public:
   explicit ListeningSocket(const std::string& path) : TServerSocket(path) { TServerSocket::listen(); }
-  /// What the server would do.
+  /// The server would listen again.
   void listen() override {}
 };
 
-/// A socket that nobody serves any more would be in the way.
+/// bind fails if a socket file that nobody serves is left at the path.
 void removeStaleSocket(const std::string& path) {
   try {
     TSocket(path).open();
@@ -136,10 +135,10 @@ void removeStaleSocket(const std::string& path) {
     unlink(path.c_str());
     return;
   }
-  throw std::runtime_error(path + ": a media service is there");
+  throw std::runtime_error("\"" + path + "\" already has a media service; subscribe there");
 }
 
-/// Needs several threads: while one call waits, Dockhand may make another on a new connection.
+/// Needs several threads: while one call waits, Dockhand may make another call on a new connection.
 void serveMediaService(Events& events) {
   const std::string path = socketPath(9014);
   removeStaleSocket(path);
@@ -150,8 +149,8 @@ void serveMediaService(Events& events) {
   std::thread([server] { server->serve(); }).detach();
 }
 
-/// A text from a disk is bytes, which need not be UTF-8, and must not drive the terminal. As the name of a
-/// file it is to be used as it is.
+/// A text from a disk may be any bytes, not only UTF-8, and must not control the terminal. To open a file,
+/// use its name unchanged.
 std::string printable(const std::string& text) {
   std::string result;
   for (const char c : text) {
@@ -166,7 +165,7 @@ std::string printable(const std::string& text) {
   return result;
 }
 
-/// Opens a stick unless it is open: opening it once more would mount it anew.
+/// Opens a stick unless it is open, because opening it again would mount it again.
 std::string describe(Dockhand& dockhand, std::int16_t device) {
   const bool isOpen = dockhand->IsDeviceOpen(device) || dockhand->OpenDevice(device);
   ReturnValueWithString label;
@@ -183,8 +182,8 @@ std::string describe(Dockhand& dockhand, std::int16_t device) {
 void watch(Events& events) {
   serveMediaService(events);
   {
-    // First registered, then listed: a stick that comes in between is told twice, not missed. Dockhand
-    // forgets us when it is restarted: a service under systemd is best made PartOf=dockhand.service.
+    // Register first, then list: a stick that comes in between is reported twice, not missed. Dockhand
+    // forgets us when it restarts, so a service under systemd should be PartOf=dockhand.service.
     Dockhand dockhand;
     dockhand->RegisterUsbAddedCallBack(observer, 0);
     dockhand->RegisterUsbRemovedCallBack(observer, 0);
@@ -214,10 +213,10 @@ void watch(Events& events) {
 }  // namespace
 
 int main() {
-  // Thrift would write on standard error what it throws besides.
+  // Thrift also writes to standard error what it throws.
   GlobalOutput.setOutputFunction([](const char*) {});
 
-  // Before any thread is made, which inherits it.
+  // Before the first thread, because threads inherit the mask.
   sigset_t ending;
   sigemptyset(&ending);
   sigaddset(&ending, SIGINT);
@@ -238,6 +237,6 @@ int main() {
     std::cerr << "sticks: " << failure.what() << std::endl;
     status = EXIT_FAILURE;
   }
-  // Without waiting for the threads: Dockhand keeps its connection, and the server would wait for its end.
+  // Do not wait for the threads: Dockhand keeps its connection, and the server waits until it ends.
   std::_Exit(status);
 }

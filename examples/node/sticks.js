@@ -1,5 +1,5 @@
 'use strict';
-// Lists the USB sticks, opens them, reads their labels, and tells what comes and goes until Ctrl-C.
+// Lists the USB sticks, opens them, reads their labels, then reports what comes and goes until Ctrl-C.
 
 const fs = require('fs');
 const net = require('net');
@@ -8,39 +8,39 @@ const MediaService = require('./gen-nodejs/corvane_rpc_gen_');
 const UsbService = require('./gen-nodejs/usb_rpc_gen_');
 
 const OBSERVER = 42;
-const PATIENCE_MILLISECONDS = 30000;
+const TIMEOUT_MILLISECONDS = 30000;
 
 function socketPath(number) {
   return `${process.env.RAVEL_SOCKET_DIR || '/run/ravel'}/${number}.sock`;
 }
 
-// Gives texts as Buffers, which functions of fs take as paths, and takes strings and Buffers.
+// Reads texts as Buffers, which functions of fs accept as paths. Writes strings and Buffers.
 //
-// Labels and file names need not be UTF-8. TBinaryProtocol puts U+FFFD in the place of bytes that are not, without a
-// word, and the name is lost.
+// Labels and file names need not be UTF-8. TBinaryProtocol silently replaces other bytes with U+FFFD, and the name is
+// lost.
 class DiskTextProtocol extends thrift.TBinaryProtocol {
   readString() {
     return this.readBinary();
   }
 
-  // Thrift itself looks for the name of the operation among the methods.
+  // Thrift looks the name of the operation up among the methods, so it must be a string.
   readMessageBegin() {
     const message = super.readMessageBegin();
     return { ...message, fname: message.fname.toString() };
   }
 }
 
-// Runs calls on a connection of their own. Dockhand serves ten at a time, so do not keep one that you do not use.
+// Runs calls on their own connection. Dockhand serves ten at a time, so do not keep an idle one.
 function withDockhand(calls) {
   return new Promise((resolve, reject) => {
     const connection = thrift.createUDSConnection(socketPath(9020), {
       transport: thrift.TBufferedTransport,
       protocol: DiskTextProtocol,
-      timeout: PATIENCE_MILLISECONDS,
+      timeout: TIMEOUT_MILLISECONDS,
     });
-    // Thrift never settles the promise of a call whose connection ends.
+    // Thrift never settles the promise of a call whose connection ends, so reject it here.
     connection.on('error', reject);
-    connection.on('close', () => reject(new Error('the connection to Dockhand has ended')));
+    connection.on('close', () => reject(new Error('Dockhand closed the connection')));
     connection.on('timeout', () => connection.destroy());
     calls(thrift.createClient(UsbService, connection))
       .then(resolve, reject)
@@ -48,13 +48,13 @@ function withDockhand(calls) {
   });
 }
 
-// A socket that nobody serves any more would be in the way.
+// listen fails if a socket file that nobody serves is left at the path.
 function removeStaleSocket(path) {
   return new Promise((resolve, reject) => {
     const probe = net.connect(path);
     probe.on('connect', () => {
       probe.destroy();
-      reject(new Error(`${path}: a media service is there`));
+      reject(new Error(`"${path}" already has a media service; subscribe there`));
     });
     probe.on('error', (error) => {
       if (error.code === 'ECONNREFUSED') {
@@ -65,13 +65,13 @@ function removeStaleSocket(path) {
   });
 }
 
-// Dockhand calls the media service, never the observers themselves. A device that has a media service hears of sticks
-// from it; here we are the media service.
+// Dockhand calls the media service, never the observers themselves. On a device with a media service, subscribe there;
+// here we are the media service.
 async function serveMediaService(onEvent) {
   const path = socketPath(9014);
   await removeStaleSocket(path);
-  // All three parameters have to be there: by their number Thrift tells that no callback is wanted for the answer.
-  // Dockhand waits for it, so the work is done later.
+  // Declare all three parameters: Thrift counts them to see that the method takes no callback for the reply.
+  // Dockhand waits for the reply, so do the work later.
   const handler = {
     SendUsbAddedCallback: (usbDevice, observerId, observer) => void onEvent('added', usbDevice),
     SendUsbRemovedCallback: (usbDevice, observerId, observer) => void onEvent('removed', usbDevice),
@@ -86,7 +86,7 @@ async function serveMediaService(onEvent) {
   });
 }
 
-// A text from a disk must not drive the terminal.
+// A text from a disk must not control the terminal.
 function printable(bytes) {
   try {
     const text = new TextDecoder('utf-8', { fatal: true }).decode(bytes);
@@ -94,12 +94,12 @@ function printable(bytes) {
       return text;
     }
   } catch (notUtf8) {
-    // Shown byte by byte.
+    // Print it byte by byte.
   }
   return bytes.toString('latin1').replace(/[^ -~]/g, (c) => '\\x' + c.charCodeAt(0).toString(16).padStart(2, '0'));
 }
 
-// Opens a stick unless it is open: opening it once more would mount it anew.
+// Opens a stick unless it is open, because opening it again would mount it again.
 async function describe(dockhand, device) {
   const isOpen = (await dockhand.IsDeviceOpen(device)) || (await dockhand.OpenDevice(device));
   const label = printable((await dockhand.GetDeviceLabel(device)).text);
@@ -115,7 +115,7 @@ function fail(error) {
 }
 
 async function main() {
-  // One event after the other, in their order.
+  // Handle events one after another, in their order.
   let work = Promise.resolve();
   const later = (step) => {
     work = work.then(step).catch(fail);
@@ -133,8 +133,8 @@ async function main() {
     })
   );
 
-  // First registered, then listed: a stick that comes in between is told twice, not missed. Dockhand forgets us when it
-  // is restarted: a service under systemd is best made PartOf=dockhand.service.
+  // Register first, then list: a stick that comes in between is reported twice, not missed. Dockhand forgets us when it
+  // restarts, so a service under systemd should be PartOf=dockhand.service.
   await withDockhand(async (dockhand) => {
     await dockhand.RegisterUsbAddedCallBack(OBSERVER, 0);
     await dockhand.RegisterUsbRemovedCallBack(OBSERVER, 0);

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Lists the USB sticks, opens them, reads their labels, and tells what comes and goes until Ctrl-C."""
+"""Lists the USB sticks, opens them, reads their labels, then reports what comes and goes until Ctrl-C."""
 
 import logging
 import os
@@ -18,7 +18,7 @@ from thrift.transport.TSocket import TServerSocket, TSocket
 from thrift.transport.TTransport import TBufferedTransport, TBufferedTransportFactory
 
 OBSERVER = 42
-PATIENCE_MILLISECONDS = 30000
+TIMEOUT_MILLISECONDS = 30000
 
 
 def socket_path(number):
@@ -26,12 +26,12 @@ def socket_path(number):
 
 
 class DiskTextProtocol(TBinaryProtocol):
-    """Takes texts as Python takes file names: whatever bytes they are, os.fsencode() gives them back, and functions
-    that take a path take such a text.
+    """Reads texts as Python reads file names: os.fsencode() returns the bytes of any text, and functions that take a
+    path accept it.
 
-    Labels and file names need not be UTF-8. On one that is not, TBinaryProtocol raises UnicodeDecodeError with the
-    answer half read, so that the next call on the connection waits for ever; TBinaryProtocolAccelerated puts U+FFFD in
-    the place of bytes, and the name is lost. The generator's option no_utf8strings does nothing in Python 3."""
+    Labels and file names need not be UTF-8. For one that is not, TBinaryProtocol raises UnicodeDecodeError with the
+    reply half read, and the next call on the connection waits forever. TBinaryProtocolAccelerated replaces bytes with
+    U+FFFD, and the name is lost. The generator's option no_utf8strings does nothing in Python 3."""
 
     def readString(self):
         return os.fsdecode(self.readBinary())
@@ -42,9 +42,9 @@ class DiskTextProtocol(TBinaryProtocol):
 
 @contextmanager
 def dockhand():
-    """A connection for a few calls. Dockhand serves ten at a time, so do not keep one that you do not use."""
+    """A connection for a few calls. Dockhand serves ten at a time, so do not keep an idle one."""
     socket = TSocket(unix_socket=socket_path(9020))
-    socket.setTimeout(PATIENCE_MILLISECONDS)
+    socket.setTimeout(TIMEOUT_MILLISECONDS)
     transport = TBufferedTransport(socket)
     transport.open()
     try:
@@ -54,22 +54,22 @@ def dockhand():
 
 
 class ListeningSocket(TServerSocket):
-    """Listens from the start, so that no event comes too early."""
+    """Listens as soon as it is made, so that no event comes too early."""
 
     def __init__(self, path):
         super().__init__(unix_socket=path)
         try:
             super().listen()
         except OSError as failure:
-            raise OSError(f'{path} cannot be served: {failure}') from failure
+            raise OSError(f'cannot serve "{path}": {failure}') from failure
 
     def listen(self):
-        """What the server would do."""
+        """The server would listen again."""
 
 
 class MediaService:
-    """Dockhand calls the media service, never the observers themselves. A device that has a media service hears of
-    sticks from it; here we are the media service. Dockhand waits for the answer, so the work is done elsewhere."""
+    """Dockhand calls the media service, never the observers themselves. On a device with a media service, subscribe
+    there; here we are the media service. Dockhand waits for the reply, so main does the work."""
 
     def __init__(self, events):
         self.events = events
@@ -82,14 +82,14 @@ class MediaService:
 
 
 def serve_media_service(events):
-    """Needs several threads: while one call waits, Dockhand may make another on a new connection."""
+    """Needs several threads: while one call waits, Dockhand may make another call on a new connection."""
     server = TThreadedServer(corvane_rpc_gen_.Processor(MediaService(events)), ListeningSocket(socket_path(9014)),
                              TBufferedTransportFactory(), TBinaryProtocolFactory(), daemon=True)
     threading.Thread(target=server.serve, daemon=True).start()
 
 
 def printable(text):
-    """A text from a disk must not drive the terminal."""
+    """A text from a disk must not control the terminal."""
     data = os.fsencode(text)
     try:
         if data.decode().isprintable():
@@ -100,7 +100,7 @@ def printable(text):
 
 
 def describe(client, device):
-    """Opens a stick unless it is open: opening it once more would mount it anew."""
+    """Opens a stick unless it is open, because opening it again would mount it again."""
     is_open = client.IsDeviceOpen(device) or client.OpenDevice(device)
     label = printable(client.GetDeviceLabel(device).text)
     if not is_open:
@@ -109,14 +109,14 @@ def describe(client, device):
 
 
 def main():
-    # Thrift would write on standard error what it raises besides.
+    # Thrift also writes to standard error what it raises.
     logging.getLogger('thrift').setLevel(logging.CRITICAL)
     events = queue.SimpleQueue()
     for number in (signal.SIGINT, signal.SIGTERM):
         signal.signal(number, lambda *_: events.put(('end', None)))
     serve_media_service(events)
-    # First registered, then listed: a stick that comes in between is told twice, not missed. Dockhand forgets us when
-    # it is restarted: a service under systemd is best made PartOf=dockhand.service.
+    # Register first, then list: a stick that comes in between is reported twice, not missed. Dockhand forgets us when
+    # it restarts, so a service under systemd should be PartOf=dockhand.service.
     with dockhand() as client:
         client.RegisterUsbAddedCallBack(OBSERVER, 0)
         client.RegisterUsbRemovedCallBack(OBSERVER, 0)

@@ -1,8 +1,8 @@
 #!/usr/bin/python3
-"""The examples in C++, Python and Node, against the real daemon and sticks that come and go.
+"""Runs the examples in C++, Python and Node against the real daemon and sticks that come and go.
 
-Runs in the world that tools/dev/private_root makes. The environment variable DOCKHAND_BUILD_DIR names the build tree,
-DOCKHAND_EXAMPLES_DIR the folder in which ./test has built the examples.
+Runs inside tools/dev/private_root. The environment variable DOCKHAND_BUILD_DIR names the build tree,
+DOCKHAND_EXAMPLES_DIR the folder in which ./test builds the examples.
 """
 
 import logging
@@ -29,18 +29,18 @@ from thrift.protocol.TBinaryProtocol import TBinaryProtocol, TBinaryProtocolAcce
 from thrift.transport.TSocket import TSocket
 from thrift.transport.TTransport import TBufferedTransport, TTransportException
 
-PATIENCE_SECONDS = 60
+TIMEOUT_SECONDS = 60
 USB_SERVICE = '/run/ravel/9020.sock'
 MEDIA_SERVICE = '/run/ravel/9014.sock'
-# What a stick from an older computer is called: "café" in Latin-1, which is no UTF-8.
+# A label from an older computer: "café" in Latin-1, which is not UTF-8.
 NOT_UTF8 = b'caf\xe9'
 
-# Thrift's own complaints about a daemon that does not serve yet.
+# Thrift logs each failed try to connect to a daemon that does not serve yet.
 logging.getLogger('thrift').setLevel(logging.CRITICAL)
 
 
 class Example:
-    """A running example, whose lines can be waited for."""
+    """A running example; `line` waits for its next line."""
 
     def __init__(self, command):
         self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
@@ -55,11 +55,11 @@ class Example:
         self.lines.put('(no more output)')
 
     def line(self):
-        return self.lines.get(timeout=PATIENCE_SECONDS)
+        return self.lines.get(timeout=TIMEOUT_SECONDS)
 
     def end(self):
         self.process.send_signal(signal.SIGTERM)
-        return self.process.wait(PATIENCE_SECONDS)
+        return self.process.wait(TIMEOUT_SECONDS)
 
     def discard(self):
         self.process.kill()
@@ -94,7 +94,7 @@ class WorldTest(unittest.TestCase):
 
     def connect(self, protocol=TBinaryProtocol):
         socket = TSocket(unix_socket=USB_SERVICE)
-        socket.setTimeout(PATIENCE_SECONDS * 1000)
+        socket.setTimeout(TIMEOUT_SECONDS * 1000)
         transport = TBufferedTransport(socket)
         self.addCleanup(transport.close)
         transport.open()
@@ -106,7 +106,7 @@ class WorldTest(unittest.TestCase):
                                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         self.addCleanup(daemon.wait)
         self.addCleanup(daemon.kill)
-        deadline = time.monotonic() + PATIENCE_SECONDS
+        deadline = time.monotonic() + TIMEOUT_SECONDS
         while True:
             try:
                 return self.connect()
@@ -117,7 +117,7 @@ class WorldTest(unittest.TestCase):
 
 
 class LanguageTest:
-    """What the examples of all languages do."""
+    """The tests of every language."""
 
     command = []
 
@@ -146,14 +146,14 @@ class LanguageTest:
 
         self.assertEqual(example.end(), 0)
         self.assertEqual(example.line(), '(no more output)')
-        # Would raise if there were an observer, now that nobody serves the media service's socket.
+        # This would raise with a registered observer, because nobody serves the media service's socket now.
         self.plug(other)
         device_manager.NotifyUsbAdded('sdb')
 
-    def test_stick_that_cannot_be_mounted_is_told(self):
+    def test_stick_that_cannot_be_mounted_is_reported(self):
         stick = self.make_stick('sda', b'HOLIDAY')
         self.plug(stick)
-        # Nothing can be mounted from a character device.
+        # A character device cannot be mounted.
         os.unlink(stick.node)
         os.mknod(stick.node, stat.S_IFCHR | 0o600, os.makedev(1, 3))
         self.start_daemon()
@@ -173,7 +173,7 @@ class LanguageTest:
         self.assertEqual(first.line(), 'watching')
         second = self.start_example()
         self.assertIn(MEDIA_SERVICE, second.line())
-        self.assertEqual(second.process.wait(PATIENCE_SECONDS), 1)
+        self.assertEqual(second.process.wait(TIMEOUT_SECONDS), 1)
         self.assertEqual(first.end(), 0)
 
     def test_missing_daemon_is_reported(self):
@@ -182,7 +182,7 @@ class LanguageTest:
             os.unlink(USB_SERVICE)
         example = self.start_example()
         self.assertRegex(example.line(), r'^sticks(\.\w+)?: .*9020.sock')
-        self.assertEqual(example.process.wait(PATIENCE_SECONDS), 1)
+        self.assertEqual(example.process.wait(TIMEOUT_SECONDS), 1)
 
     def leave_socket(self, path):
         code = f'import socket; socket.socket(socket.AF_UNIX).bind({path!r})'
@@ -202,7 +202,7 @@ class NodeExampleTest(LanguageTest, WorldTest):
 
 
 class UsualProtocolsTest(WorldTest):
-    """Why the examples have protocols of their own: what becomes of a label that is no UTF-8 without them."""
+    """Shows why the examples have their own protocols: the usual ones lose a label that is not UTF-8."""
 
     def setUp(self):
         super().setUp()
