@@ -1,7 +1,7 @@
 # shellcheck shell=bash
 # Sourced by the commands at the root of the repository.
 
-# Installs those of the named Debian packages that are missing; without the right to do so it names them and ends.
+# Installs the missing ones of the given Debian packages. Without root it prints them and exits.
 require_packages() {
   local installed missing=() package
   installed=$(dpkg-query --show --showformat '${Package} ${db:Status-Status}\n' "$@" 2>/dev/null || true)
@@ -10,7 +10,7 @@ require_packages() {
   done
   [ ${#missing[@]} -gt 0 ] || return 0
   if [ "$(id -u)" != 0 ]; then
-    echo "Missing Debian packages, which root has to install: ${missing[*]}" >&2
+    echo "Debian packages are missing; install them as root: ${missing[*]}" >&2
     exit 1
   fi
   echo "Installing ${missing[*]}"
@@ -27,10 +27,10 @@ require_packages() {
 
 export DEBIAN_FRONTEND=noninteractive
 
-# What it takes to build the daemon and the stubs.
+# For building the daemon and the stubs.
 # shellcheck disable=SC2034
 build_packages=(cmake ninja-build g++ pkg-config thrift-compiler libthrift-dev libboost-dev libblkid-dev libcli11-dev nlohmann-json3-dev)
 
-# What runs the Python clients; python3-thrift needs python3-six and does not say so.
+# For the Python clients. python3-thrift needs python3-six, but does not depend on it.
 # shellcheck disable=SC2034
 python_packages=(python3 python3-thrift python3-six)

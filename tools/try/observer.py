@@ -1,4 +1,4 @@
-"""A media service: the process that Dockhand calls when a stick comes or goes."""
+"""The media service: the process that Dockhand calls when a stick comes or goes."""
 
 import os
 import threading
@@ -13,7 +13,7 @@ SOCKET = '/run/ravel/9014.sock'
 
 
 class Observer(corvane_rpc_gen_.Iface):
-    """Keeps the callbacks that have arrived. Dockhand waits for the answer, so be quick in here."""
+    """Keeps the callbacks that arrive. Dockhand waits for the reply, so return quickly."""
 
     def __init__(self):
         self.callbacks = []

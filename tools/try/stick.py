@@ -1,4 +1,4 @@
-"""A USB stick made of a file: an image, loop devices over it and, while it is plugged in, nodes in /dev."""
+"""A USB stick made from a file: an image, loop devices on it and, while it is plugged in, nodes in /dev."""
 
 import errno
 import fcntl
@@ -16,12 +16,12 @@ PARTITION_OFFSET = 1 << 20
 
 
 def attach_loop_device(image, offset=0):
-    """Returns the descriptor of a loop device over the image. The kernel takes the device away by itself once the
-    descriptor is closed and nothing is mounted any more, however this program ends."""
-    # A whole disk has to let fdisk read its table again; the device of a partition has no table.
+    """Returns the descriptor of a loop device on the image. However this program ends, the kernel removes the device
+    once the descriptor is closed and the device is unmounted."""
+    # fdisk must be able to re-read the table of a whole disk; the device of a partition has no table.
     flags = LO_FLAGS_AUTOCLEAR | (LO_FLAGS_PARTSCAN if offset == 0 else 0)
     with open('/dev/loop-control') as control, open(image, 'r+b') as file:
-        # struct loop_config: the image's descriptor, the offset, the flags, and nothing else that is not zero.
+        # struct loop_config: only the image's descriptor, the offset and the flags are not zero.
         config = struct.pack('=2I 5Q 4I 176x 64x', file.fileno(), 0, 0, 0, 0, offset, 0, 0, 0, 0, flags)
         while True:
             number = fcntl.ioctl(control, LOOP_CTL_GET_FREE)
@@ -37,7 +37,7 @@ def attach_loop_device(image, offset=0):
                 return descriptor
             except OSError as failure:
                 os.close(descriptor)
-                # Somebody else took the device in the meantime: on to the next one.
+                # Somebody else took the device first: try the next one.
                 if failure.errno != errno.EBUSY:
                     raise
 
@@ -47,13 +47,13 @@ def write_node(path, descriptor):
 
 
 def list_partition(name):
-    """A line in the world's /proc/partitions."""
+    """Adds a line to the private root's /proc/partitions."""
     with open('/tmp/partitions', 'a') as file:
         file.write(f'   8        0     532480 {name}\n')
 
 
 class Stick:
-    """A stick called by `kernel_name` (sda): ext3 without a partition table, as long as nobody makes one."""
+    """A stick with the kernel name `kernel_name` (sda): ext3 without a partition table, until somebody makes one."""
 
     def __init__(self, kernel_name, label, uuid, mebibytes, files):
         self.kernel_name = kernel_name
@@ -69,11 +69,11 @@ class Stick:
                     file.write(text)
             subprocess.run(['mkfs.ext3', '-q', '-F', '-L', label, '-U', uuid, '-d', content, image], check=True)
         self.disk = attach_loop_device(image)
-        # A kernel that reads partition tables of loop devices would make this one by itself; many do not.
+        # Many kernels do not read the partition tables of loop devices, so make this device here.
         self.partition = attach_loop_device(image, PARTITION_OFFSET)
 
     def plug(self):
-        """Does what the kernel and the device manager do for a real stick, except for telling Dockhand."""
+        """Does what the kernel and the device manager do for a real stick, but does not notify Dockhand."""
         write_node(self.node, self.disk)
         os.makedirs(f'/sys/block/{self.kernel_name}')
         with open(f'/sys/block/{self.kernel_name}/removable', 'w') as file:
@@ -81,7 +81,7 @@ class Stick:
         list_partition(self.kernel_name)
 
     def show_partition(self):
-        """The node of the first partition, which the device manager makes while a disk is being prepared."""
+        """Makes the node of the first partition, as the device manager does while a disk is being prepared."""
         write_node(self.node + '1', self.partition)
         list_partition(self.kernel_name + '1')
 
@@ -95,7 +95,7 @@ class Stick:
             file.write('major minor  #blocks  name\n\n')
 
     def discard(self):
-        """The kernel takes the loop devices away once nothing of the stick is mounted."""
+        """Releases the loop devices; the kernel removes them once they are unmounted."""
         os.close(self.disk)
         os.close(self.partition)
         os.unlink(self.image)

@@ -1,9 +1,9 @@
 #!/usr/bin/python3
-"""Plays the life of one USB stick with a real daemon and shows every call and its answer.
+"""Plays the life of one USB stick with a real daemon and shows every call and its reply.
 
     story.py BUILD_DIRECTORY
 
-Runs inside the world that tools/dev/private_root makes: nothing here touches the machine's own /dev and /media.
+Runs inside tools/dev/private_root, so nothing here touches the machine's own /dev and /media.
 """
 
 import signal
@@ -41,8 +41,8 @@ FILES = {
     'photo.jpg': 'a beach',
     'Films/beach.mp4': 'waves',
 }
-PATIENCE_SECONDS = 20
-# Room enough for an XFS; the image takes what is written to it.
+TIMEOUT_SECONDS = 20
+# Large enough for XFS. The image is sparse: it takes only the space that is written.
 STICK_MEBIBYTES = 520
 
 in_colour = sys.stdout.isatty() and 'NO_COLOR' not in os.environ
@@ -53,7 +53,7 @@ def coloured(code, text):
 
 
 def shown(value):
-    """An answer as a reader wants to see it."""
+    """A reply in the form that a reader wants."""
     if value is None:
         return 'done'
     if hasattr(value, 'success'):
@@ -62,7 +62,7 @@ def shown(value):
 
 
 class Story:
-    """Shows answers, and counts those that are not as they should be."""
+    """Shows replies, and counts the right and the wrong ones."""
 
     def __init__(self, client):
         self.client = client
@@ -85,8 +85,8 @@ class Story:
         sys.stdout.flush()
 
     def call(self, operation, *arguments, expect=None, timed=False):
-        """Calls an operation of the daemon. A pair as `expect` stands for a ReturnValueWithString; lists are shown
-        sorted; `timed` shows how long it took."""
+        """Calls an operation of the daemon. A pair in `expect` means a ReturnValueWithString. Lists are shown sorted.
+        `timed` shows the duration."""
         start = time.monotonic()
         try:
             answer = getattr(self.client, operation)(*arguments)
@@ -104,7 +104,7 @@ class Story:
 
 
 def play(story, observer, stick):
-    story.chapter('A service wants to hear of sticks')
+    story.chapter('A service registers for plug events')
     story.call('RegisterUsbAddedCallBack', 1, 4711)
     story.call('RegisterUsbRemovedCallBack', 1, 4712)
     story.call('GetListOfInsertedDevices', False, expect=[])
@@ -135,7 +135,7 @@ def play(story, observer, stick):
     story.call('IsDeviceOpen', 1, expect=False)
     story.compare('directories left in /media', os.listdir('/media'), [])
 
-    story.chapter('It is opened once more, and removed safely')
+    story.chapter('It is opened again, and removed safely')
     story.call('OpenDevice', 1, expect=True)
     story.call('CloseDeviceSafeRemoval', 1, expect=True)
     story.call('GetListOfInsertedDevices', False, expect=[])
@@ -170,10 +170,10 @@ def file_system_of(node):
 
 
 def show_what_the_kernel_lacks():
-    """What Dockhand mounts and this machine's kernel does not know."""
+    """Lists the file systems that Dockhand mounts and this machine's kernel does not support."""
     lacking = [name for name in ('vfat', 'ntfs', 'ext3', 'hfs', 'hfsplus', 'xfs') if not kernel_knows(name)]
     if kernel_knows('xfs') and not kernel_has_xfs_quota():
-        lacking.append('xfs with project quota, which opening a recording disk asks for')
+        lacking.append('xfs with project quota, which opening a recording disk needs')
     if lacking:
         print('\n' + coloured('1', "What this machine's kernel cannot mount"))
         for name in lacking:
@@ -188,7 +188,7 @@ def kernel_knows(file_system):
 
 
 def kernel_has_xfs_quota():
-    """Tried on an XFS of its own: the kernel says so nowhere else."""
+    """Mounts a new XFS with quota, because the kernel reports this nowhere."""
     image, target = '/tmp/quota.img', '/tmp/quota'
     with open(image, 'wb') as file:
         file.truncate(300 << 20)
@@ -213,12 +213,12 @@ def content(path):
 
 
 def start_daemon(log):
-    """Starts the daemon, which ends with this process at the latest, and returns once it serves."""
+    """Starts the daemon and returns once it serves. The daemon ends no later than this process."""
     program = os.path.join(BUILD, 'bin', 'dockhand')
     daemon = subprocess.Popen(['setpriv', '--pdeathsig', 'KILL', program], stdin=subprocess.DEVNULL,
                               stdout=subprocess.DEVNULL, stderr=log, start_new_session=True,
                               env=dict(os.environ, TLOG_LEVEL='2', PATH=f'{IMAGE_TOOLS}:{os.environ["PATH"]}'))
-    deadline = time.monotonic() + PATIENCE_SECONDS
+    deadline = time.monotonic() + TIMEOUT_SECONDS
     while True:
         try:
             with connection() as client:
@@ -237,7 +237,7 @@ def stop_daemon(daemon):
 
 
 def show_log():
-    """The lines that the daemon writes when it is not asked for more: level 3 and above."""
+    """Shows the lines that the daemon writes by default: level 3 and above."""
     print('\n' + coloured('1', 'What the daemon logged') + f' (all of it: {LOG})')
     with open(LOG, errors='replace') as log:
         for line in log:
@@ -247,7 +247,7 @@ def show_log():
 
 
 def main():
-    # Thrift's own complaints about a daemon that does not serve yet.
+    # Thrift logs each failed try to connect to a daemon that does not serve yet.
     logging.getLogger('thrift').setLevel(logging.CRITICAL)
     observer = Observer()
     observer.serve_in_background()
@@ -263,14 +263,14 @@ def main():
     show_log()
     show_what_the_kernel_lacks()
     if story.wrong > 0:
-        sys.exit(f'\n{story.wrong} of {story.right + story.wrong} answers are wrong.')
+        sys.exit(f'\n{story.wrong} of {story.right + story.wrong} replies are wrong.')
     print(f'\nA stick was plugged in, read, pulled out, made a recording disk and repaired: '
-          f'all {story.right} answers are right.')
+          f'all {story.right} replies are right.')
 
 
 if os.environ.get('PRIVATE_ROOT') != '1':
-    sys.exit('This needs a world of its own: ' + os.environ.get('PRIVATE_ROOT_MISSING', 'run ./try'))
+    sys.exit('The demonstration needs a private root: ' + os.environ.get('PRIVATE_ROOT_MISSING', 'run ./try'))
 try:
     main()
 except TTransportException as failure:
-    sys.exit(f'\nThe daemon does not answer: {failure}; its log is {LOG}')
+    sys.exit(f'\nThe daemon does not reply: {failure}; its log is "{LOG}"')

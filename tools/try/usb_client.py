@@ -1,6 +1,6 @@
-"""A connection to Dockhand, as a service makes it.
+"""Connects to Dockhand as a service does.
 
-The stubs are generated from rpc/usb_rpc.thrift, which says what every operation means:
+The stubs are generated from rpc/usb_rpc.thrift, which documents every operation:
 
     thrift --gen py rpc/usb_rpc.thrift
 """
@@ -17,7 +17,7 @@ SOCKET = '/run/ravel/9020.sock'
 
 @contextmanager
 def connection():
-    """Yields a client. Close a connection that is not needed: Dockhand serves ten at a time."""
+    """Yields a client. Close a connection after use: Dockhand serves ten at a time."""
     transport = TBufferedTransport(TSocket(unix_socket=SOCKET))
     transport.open()
     try:
