@@ -35,10 +35,11 @@ service usb_rpc_gen_ extends common_service_rpc_gen_ {
   /**
    * Announces that the kernel has added a USB block device; meant for the device manager's plug event.
    *
-   * Rescans /dev, marks the device as added, lifts an earlier safe removal, and calls every observer of added
+   * Rescans /dev, marks the device as added and not safely removed, and calls every observer of added
    * devices except number 7. Does nothing further, and reports nothing, when: a disk is being prepared for
    * recording; /proc/partitions cannot be read; its first 1023 bytes do not hold the name exactly once (a whole
-   * disk whose partition is listed too appears twice); no device has that name; the device is already announced.
+   * disk whose partition is listed too appears twice); no device has that name; the device is already announced
+   * (so that a second announcement does not take a safe removal back, either).
    *
    * Raises a TApplicationException when the media service cannot be reached or answers with a failure. The
    * device stays announced; the observers after the failing one are not called.
@@ -87,20 +88,33 @@ service usb_rpc_gen_ extends common_service_rpc_gen_ {
    * first, then all of them. A read-only mount counts as success. Opening an open device mounts it anew.
    *
    * True when the device is mounted, or when the kernel's last answer was "busy" or "invalid superblock" (kept for
-   * the services that rely on it: check with IsDeviceOpen and a look at the directory). False for an unknown
-   * or removed device, one under repair, one safely removed, a directory that cannot be created, a failed mount.
+   * the services that rely on it: a look at the mount table tells the two apart, IsDeviceOpen does not). False for
+   * an unknown or removed device, one under repair, one safely removed, a directory that cannot be created, a
+   * failed mount.
+   *
+   * Opening a device that is open at another directory leaves the mount there, and forgets it: close it first.
+   * A failed mount or directory leaves the path behind as the mount point: GetUsbMountPoint answers with it, and
+   * closing, also for safe removal, answers true.
    */
   bool OpenDeviceAt(
     /** Device number. */
     1: i16 deviceId,
-    /** Absolute path of the directory. */
+    /**
+     * Absolute path of the directory, as the mount table will have it: closing looks for this very text in the first
+     * 1024 bytes of /proc/mounts, with each blank written \040. A path with a link, a double slash, "." or "..", a
+     * slash at the end, a tab, a newline or a backslash is mounted, but not found there: closing then answers true
+     * and the device stays mounted.
+     */
     2: string mountPoint,
     /** True hides the device from GetListOfInsertedDevices(false) from now on, also when the opening fails. */
     3: bool isPvrDevice)
 
   /**
-   * Unmounts a device and removes its directory. False for an unknown device, one that is not mounted, and when
+   * Unmounts a device and removes its directory. False for an unknown device, one without a mount point, and when
    * the unmounting fails (a file is in use, for instance): the device then stays open.
+   *
+   * True also when no mount was found at the mount point: after a failed opening, and where the path is none of
+   * those that close (see OpenDeviceAt) or stands behind the first 1024 bytes of the mount table.
    */
   bool CloseDevice(
     /** Device number. */
@@ -108,13 +122,18 @@ service usb_rpc_gen_ extends common_service_rpc_gen_ {
 
   /**
    * CloseDevice for a user who is about to pull the device out: after success it is neither listed nor opened until
-   * it is announced again or plugged in anew. On a device that is not open: false, and nothing changes.
+   * it has been pulled out and plugged in. Announcing it takes that back only if it was not announced before. On
+   * a device without a mount point: false, and nothing changes. As with CloseDevice, true does not prove that
+   * nothing is mounted: look at the mount table.
    */
   bool CloseDeviceSafeRemoval(
     /** Device number. */
     1: i16 deviceId)
 
-  /** True when the device is mounted by this service. False also for an unknown device. */
+  /**
+   * True when an opening by this service counted as done and no closing has since. Says nothing of the mount table:
+   * OpenDeviceAt counts as done without a mount too, and others may unmount. False also for an unknown device.
+   */
   bool IsDeviceOpen(
     /** Device number. */
     1: i16 deviceId)

@@ -22,7 +22,7 @@ enum UsbOperation : std::int32_t {
 ///     open       deviceOpen and mountPoint are set: mounted, any number of times     (Opening.cpp)
 ///     released   deviceOpen and mountPoint are cleared together: unmounted           (Closing.cpp)
 ///     hidden     safelyRemoved is set with a release on the user's behalf: neither
-///                listed nor opened until it is announced again                       (Closing.cpp)
+///                listed nor opened until it is pulled out and plugged in             (Closing.cpp)
 ///     removed    lastUsbOperation becomes Removed; unmounted by force, then erased   (HotPlug.cpp)
 ///     erased     a scan no longer sees its node; whatever is mounted stays mounted   (Discovery.cpp)
 ///
@@ -32,11 +32,12 @@ struct UsbDeviceEntry {
   std::string deviceName;
   /// 1 when the last scan saw a node with digits after the letters, else 0. Never a real count.
   std::uint32_t partitionCount = 0;
-  /// Mounted by this service.
+  /// The last opening counted as done, with or without a mount, and no closing has since.
   bool deviceOpen = false;
   /// The running scan, or else the last one, saw a node of this device.
   bool foundInScan = false;
-  /// Closed for safe removal.
+  /// Closed for safe removal. Goes with the record, or with its first announcement: a repeated one is
+  /// swallowed before it gets here.
   bool safelyRemoved = false;
   /// Where it is mounted, or where a failed opening was to mount it. Empty: nowhere.
   std::string mountPoint;
