@@ -83,7 +83,7 @@ TEST_F(Connections, EndBeforeTheResultIsPrinted) {
 }
 
 TEST_F(Connections, EndBeforeAComplaintIsPrinted) {
-  platform().mountError = [](const FakePlatform::Mount&) { return ENODEV; };
+  setMountError(ENODEV);
   for (const Arguments& command : std::vector<Arguments>{{"open", "1"},
                                                          {"close", "1"},
                                                          {"mount-point", "1"},

@@ -1,17 +1,92 @@
 #include "CtlTest.h"
 
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <thrift/protocol/TBinaryProtocol.h>
 #include <thrift/transport/TBufferTransports.h>
 
+#include <algorithm>
 #include <cstdlib>
-#include <filesystem>
+#include <fstream>
+#include <regex>
 #include <stdexcept>
+#include <utility>
 
 #include "ModuleLog.h"
 
 namespace ctltest {
 
-Service::Service() {
+World::World(std::filesystem::path root) : root_(std::move(root)) {
+  setenv("DOCKHANDCTL_TEST_ROOT", root_.c_str(), 1);
+  clear();
+}
+
+void World::clear() {
+  std::filesystem::remove_all(root_);
+  for (const char* const folder : {"dev", "proc/self", "run/udev/data"}) {
+    std::filesystem::create_directories(root_ / folder);
+  }
+  mounts_.clear();
+  write();
+}
+
+namespace {
+
+std::string numberOf(const std::filesystem::path& node) {
+  struct stat status {};
+  if (stat(node.c_str(), &status) != 0) {
+    throw std::runtime_error("no node " + node.string());
+  }
+  return std::to_string(major(status.st_rdev)) + ":" + std::to_string(minor(status.st_rdev));
+}
+
+std::string escaped(const std::string& target) {
+  return std::regex_replace(target, std::regex(" "), "\\040");
+}
+
+}  // namespace
+
+void World::addNode(const std::string& kernelName, const std::string& device, const std::string& fileSystem) {
+  const auto node = root_ / "dev" / ("usb_storage_" + kernelName);
+  std::filesystem::remove(node);
+  std::filesystem::create_symlink(device, node);
+  std::ofstream(root_ / "run/udev/data" / ("b" + numberOf(node)))
+      << "S:disk/by-id/usb\n"
+      << (fileSystem.empty() ? "" : "E:ID_FS_TYPE=" + fileSystem + "\n") << "E:ID_BUS=usb\n";
+}
+
+void World::mount(const std::string& kernelName, const std::string& target, const std::string& fileSystem) {
+  mounts_.push_back({kernelName, target, fileSystem});
+  write();
+}
+
+void World::unmount(const std::string& target) {
+  mounts_.erase(std::remove_if(mounts_.begin(), mounts_.end(),
+                               [&](const Mount& mount) { return mount.target == target; }),
+                mounts_.end());
+  write();
+}
+
+std::string World::procMounts() const {
+  std::string result;
+  for (const Mount& mount : mounts_) {
+    result += "/dev/usb_storage_" + mount.kernelName + " " + escaped(mount.target) + " " + mount.fileSystem +
+              " rw 0 0\n";
+  }
+  return result;
+}
+
+void World::write() const {
+  std::ofstream table(root_ / "proc/self/mountinfo");
+  table << "20 1 0:19 / / rw - tmpfs none rw\n";
+  for (const Mount& mount : mounts_) {
+    const std::string source = "usb_storage_" + mount.kernelName;
+    table << "30 20 " << numberOf(root_ / "dev" / source) << " / " << escaped(mount.target) << " rw - "
+          << mount.fileSystem << " /dev/" << source << " rw\n";
+  }
+}
+
+Service::Service() : world(sockets.path() / "root") {
   Dockhand::usbClientLog.context->setThreshold(2);
   server = std::make_unique<Dockhand::DockhandServer>(platform);
   if (std::atexit([] { std::filesystem::remove_all(service().sockets.path()); }) != 0) {
@@ -51,7 +126,15 @@ CtlTest::CtlTest() {
   system.directories.clear();
   system.umount2Error = 0;
   system.systemStatus = [](const std::string&) { return 0; };
-  system.mountError = [](const FakePlatform::Mount&) { return 0; };
+  setMountError(0);
+  world().clear();
+  system.onCall = [&system](const std::string& event) {
+    const std::string unmounting = "umount2 ";
+    if (event.rfind(unmounting, 0) == 0 && system.umount2Error == 0) {
+      world().unmount(event.substr(unmounting.size(), event.rfind(' ') - unmounting.size()));
+      system.files["/proc/mounts"] = world().procMounts();
+    }
+  };
   // One scan may leave a record behind.
   connection->CheckForAndUpdateNewDevices();
   connection->CheckForAndUpdateNewDevices();
@@ -71,6 +154,9 @@ CtlTest::~CtlTest() {
 void CtlTest::plugInStick(const std::string& label) {
   FakePlatform& system = platform();
   system.deviceNodes = {"usb_storage_sda", "usb_storage_sda1"};
+  world().addNode("sda", "/dev/full");
+  world().addNode("sda1", "/dev/null", "vfat");
+  world().addNode("sda2", "/dev/zero", "ext4");
   FakePlatform::Disk partition;
   partition.values = {{"LABEL", label}, {"UUID", "4F2A-1B3C"}, {"TYPE", "vfat"}};
   system.disks["/dev/usb_storage_sda1"] = partition;
@@ -80,6 +166,17 @@ void CtlTest::plugInStick(const std::string& label) {
   system.files["/sys/block/sda/removable"] = "1\n";
   system.files["/tmp/sda_bcdUSB.txt"] = "2.10\n";
   system.files["/proc/partitions"] = "major minor  #blocks  name\n\n   8        1   15633408 sda1\n";
+}
+
+void CtlTest::setMountError(int error) {
+  platform().mountError = [error](const FakePlatform::Mount& mount) {
+    if (error == 0) {
+      world().mount(mount.source.substr(std::string("/dev/usb_storage_").size()), mount.target,
+                    mount.fileSystemType);
+      platform().files["/proc/mounts"] = world().procMounts();
+    }
+    return error;
+  };
 }
 
 std::string CtlTest::socketOf(int number) {

@@ -1,7 +1,10 @@
 // The commands that read.
 
+#include <filesystem>
+#include <fstream>
 #include <nlohmann/json.hpp>
 
+#include "Commands.h"
 #include "CtlTest.h"
 
 namespace ctltest {
@@ -64,6 +67,9 @@ TEST_F(Reading, ShowsAllDevicesInJson) {
                                                 {"usbVersion", "2.10"},
                                                 {"open", false},
                                                 {"mountPoint", nullptr},
+                                                {"mountedAt", json::array()},
+                                                {"fileSystem", "vfat"},
+                                                {"contradiction", nullptr},
                                                 {"hidden", false}}}));
 }
 
@@ -79,11 +85,47 @@ TEST_F(Reading, ShowsAllAboutADevice) {
                                        "Capacity:     15267 MiB\n"
                                        "USB version:  2.10\n"
                                        "Open:         yes\n"
-                                       "Mount point:  /media/disk_1\n",
+                                       "Mount point:  /media/disk_1\n"
+                                       "Mounted at:   \"/media/disk_1\"\n"
+                                       "File system:  vfat\n",
                                        ""));
   const json info = readJson({"info", "1"});
   EXPECT_EQ(info.at("mountPoint"), "/media/disk_1");
   EXPECT_EQ(info.at("open"), true);
+  EXPECT_EQ(info.at("mountedAt"), json({"/media/disk_1"}));
+}
+
+TEST_F(Reading, SaysWhereTheMountTableSaysSomethingElse) {
+  plugInStick();
+  world().addNode("sda1", "/dev/null", "ext4");
+  setMountError(EINVAL);
+  run({"open", "1"});
+  const std::string complaint =
+      "counts as open, but nothing is mounted at \"/media/disk_1\": its file system is ext4; close it "
+      "(dockhandctl "
+      "close 1), and see dockhand's log";
+  for (const Arguments& command : {Arguments{"status"}, Arguments{"info", "1"}}) {
+    EXPECT_THAT(run(command),
+                Ends(1, HasSubstr("/media/disk_1"), "dockhandctl: device 1: " + complaint + "\n"));
+  }
+  for (const json& device : {readJson({"status"}, 1).at(0), readJson({"info", "1"}, 1)}) {
+    EXPECT_EQ(device.at("contradiction"), complaint);
+    EXPECT_EQ(device.at("mountedAt"), json::array());
+    EXPECT_EQ(device.at("fileSystem"), "ext4");
+  }
+  run({"close", "1"});
+  world().mount("sda1", "/mnt/my stick", "ext4");
+  EXPECT_THAT(run({"info", "1"}), Ends(1, HasSubstr("Mounted at:   \"/mnt/my stick\"\nFile system:  ext4\n"),
+                                       "dockhandctl: device 1: not open, but mounted at \"/mnt/my stick\"; "
+                                       "unmount it (umount) before it is "
+                                       "pulled out\n"));
+  EXPECT_EQ(readJson({"status"}, 1).at(0).at("mountedAt"), json({"/mnt/my stick"}));
+}
+
+TEST_F(Reading, FailsWithoutAMountTable) {
+  plugInStick();
+  EXPECT_THAT(run({"status"}, {{{"DOCKHANDCTL_TEST_ROOT", "/nonexistent"}}}),
+              Ends(9, "", HasSubstr("\"/nonexistent/proc/self/mountinfo\" cannot be read")));
 }
 
 TEST_F(Reading, PrintsOneValue) {
@@ -127,7 +169,7 @@ TEST_F(Reading, AnswersNoWithAReasonWhereThereIsNoValue) {
 
 TEST_F(Reading, TellsWhereAFailedOpeningWasTried) {
   plugInStick();
-  platform().mountError = [](const FakePlatform::Mount&) { return ENODEV; };
+  setMountError(ENODEV);
   run({"open", "1"});
   EXPECT_THAT(run({"mount-point", "1"}),
               Ends(1, "", HasSubstr("not open; the last attempt to open it at /media/disk_1 failed")));
@@ -141,9 +183,39 @@ TEST_F(Reading, ListsFilesOfAnOpenDevice) {
   EXPECT_THAT(run({"files", "1", "music", "mp3"}), Ends(0, "a.mp3\nB.MP3\n", ""));
   EXPECT_THAT(run({"files", "1", "", "mp3"}), Ends(0, "-.mp3\n", ""));
   EXPECT_THAT(run({"files", "1", "nowhere", "mp3"}), Ends(0, "", ""));
-  EXPECT_EQ(
-      readJson({"files", "1", "music", "mp3"}),
-      json({{"device", 1}, {"directory", "music"}, {"extension", "mp3"}, {"files", {"a.mp3", "B.MP3"}}}));
+  EXPECT_EQ(readJson({"files", "1", "music", "mp3"}), json({{"device", 1},
+                                                            {"directory", "music"},
+                                                            {"extension", "mp3"},
+                                                            {"files", {"a.mp3", "B.MP3"}},
+                                                            {"mayBeCut", nullptr}}));
+}
+
+TEST_F(Reading, WarnsWhenTheDaemonMayNotHaveReadADirectoryToItsEnd) {
+  plugInStick();
+  const std::string stick = std::filesystem::canonical(service().sockets.path()) / "bomb";
+  std::filesystem::create_directories(stick + "/music");
+  for (const std::string name : {"a.mp3", "b.mp3", "c"}) {
+    std::ofstream(stick + "/music/" + name) << "x";
+  }
+  run({"open", "1", "--at", stick});
+  platform().directories[stick + "/music"] = {"a.mp3"};
+  // "." and ".." count: 5 entries with 14 bytes.
+  for (const auto& [bounds, mayBeCut] : std::vector<std::pair<dockhandctl::DirectoryBounds, bool>>{
+           {{5, 1000}, true}, {{6, 1000}, false}, {{1000, 14}, true}, {{1000, 15}, false}, {{}, false}}) {
+    dockhandctl::Settings settings;
+    settings.json = true;
+    settings.directoryBounds = bounds;
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(dockhandctl::files(settings, 1, "music", "mp3"), 0);
+    EXPECT_EQ(json::parse(testing::internal::GetCapturedStdout()).at("mayBeCut"), mayBeCut);
+    EXPECT_EQ(
+        testing::internal::GetCapturedStderr(),
+        mayBeCut
+            ? "dockhandctl: device 1: files may be missing here: \"" + stick +
+                  "/music\" has more names than dockhand reads of one directory; put the files into several\n"
+            : "");
+  }
 }
 
 TEST_F(Reading, ListsNoFilesOfADeviceThatIsNotOpen) {

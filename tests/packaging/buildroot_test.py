@@ -82,7 +82,7 @@ class OptionsTest(TreeTest):
     def test_package_chooses_what_it_is_built_with_and_what_it_runs(self):
         self.choose(*TOOLCHAIN, 'BR2_PACKAGE_LIBURCU_ARCH_SUPPORTS', 'BR2_PACKAGE_DOCKHAND')
         for name in ('BOOST', 'CLI11', 'JSON_FOR_MODERN_CPP', 'THRIFT', 'UTIL_LINUX', 'UTIL_LINUX_LIBBLKID',
-                     'UTIL_LINUX_BINARIES', 'XFSPROGS'):
+                     'UTIL_LINUX_LIBMOUNT', 'UTIL_LINUX_BINARIES', 'XFSPROGS'):
             self.assertEqual(self.value(f'BR2_PACKAGE_{name}'), 'y', name)
         self.options.syms['BR2_PACKAGE_DOCKHAND_RECORDING'].set_value('n')
         self.assertEqual(self.value('BR2_PACKAGE_XFSPROGS'), 'n')

@@ -47,11 +47,13 @@ class FileSystems(daemon.DaemonTestCase):
         self.assertEqual(self.machine.get(f"/media/disk_1/{name}"), b"kept\n")
         self.assertEqual(self.names_of_files(1, name.rpartition(".")[2]), [name])
 
-    def assert_opens_without_a_mount(self, last_failure):
-        """The kernel finds no superblock in the last attempt, which counts as done."""
-        self.open()
+    def assert_opens_without_a_mount(self, what_it_is):
+        """The kernel finds no superblock in the last attempt, which counts as done; the client sees that it is not."""
+        result = self.assert_ctl(1, "open", 1)
+        self.assertIn(f'counts as open, but nothing is mounted at "/media/disk_1": {what_it_is};', result.stderr)
+        self.assert_ctl(0, "is-open", 1)
         self.assertEqual(self.mounts(), [])
-        self.assertIn(last_failure, self.daemon_log())
+        self.assertIn("invalid superblock", self.daemon_log())
 
     def test_vfat_keeps_files_and_their_names_in_utf8(self):
         for _ in self.bare_and_partitioned("vfat", "my stick"):
@@ -86,18 +88,18 @@ class FileSystems(daemon.DaemonTestCase):
     def test_hfs_is_refused_by_the_kernel_for_its_options(self):
         for _ in self.bare_and_partitioned("hfs"):
             self.assertEqual(self.ask("label", 1)["label"], LABEL)
-            self.assert_opens_without_a_mount("invalid superblock")
+            self.assert_opens_without_a_mount("its file system is hfs")
 
     def test_ntfs_is_unknown_to_the_kernel_by_that_name(self):
         for _ in self.bare_and_partitioned("ntfs"):
             self.assertEqual(self.ask("label", 1)["label"], LABEL)
             self.assertEqual(self.machine.mount("/dev/sda", "/media/ntfs", "ntfs"), errno.ENODEV)
-            self.assert_opens_without_a_mount("invalid superblock")
+            self.assert_opens_without_a_mount("its file system is ntfs")
 
     def test_ext4_with_extents_is_no_ext3(self):
         for _ in self.bare_and_partitioned("ext4"):
             self.assertEqual(self.ask("label", 1)["label"], LABEL)
-            self.assert_opens_without_a_mount("invalid superblock")
+            self.assert_opens_without_a_mount("its file system is ext4")
 
     def test_an_empty_stick_and_one_with_garbage_have_nothing_to_mount(self):
         for content in ("empty", "garbage"):
@@ -105,7 +107,7 @@ class FileSystems(daemon.DaemonTestCase):
                 stick = self.plug(disks.make(self.folder, content))
                 self.assertEqual(self.ask("label", 1)["label"], "NONAME")
                 self.assert_ctl(1, "uuid", 1)
-                self.assert_opens_without_a_mount("invalid superblock")
+                self.assert_opens_without_a_mount("no file system is known on it")
                 self.pull(stick)
 
     def test_a_write_protected_stick_is_opened_for_reading(self):

@@ -29,7 +29,7 @@ export DEBIAN_FRONTEND=noninteractive
 
 # For building the daemon and the stubs.
 # shellcheck disable=SC2034
-build_packages=(cmake ninja-build g++ pkg-config thrift-compiler libthrift-dev libboost-dev libblkid-dev libcli11-dev nlohmann-json3-dev)
+build_packages=(cmake ninja-build g++ pkg-config thrift-compiler libthrift-dev libboost-dev libblkid-dev libmount-dev libcli11-dev nlohmann-json3-dev)
 
 # For the Python clients. python3-thrift needs python3-six, but does not depend on it.
 # shellcheck disable=SC2034

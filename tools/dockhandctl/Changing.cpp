@@ -1,9 +1,14 @@
+#include <unistd.h>
+
 #include <algorithm>
 #include <iostream>
+#include <stdexcept>
 
 #include "Commands.h"
 #include "Device.h"
 #include "Failure.h"
+#include "Holders.h"
+#include "Mounts.h"
 #include "Text.h"
 #include "UsbService.h"
 
@@ -12,64 +17,112 @@ namespace {
 
 using Client = UsbService::Client;
 
+std::string usualDirectory(std::int16_t device) {
+  return "/media/disk_" + std::to_string(device);
+}
+
+/// Opening it at another directory would leave the first mount behind, which the daemon then forgets.
+std::string reasonNotToOpenAgain(UsbService& service, std::int16_t device, const std::string& directory) {
+  if (!service.call([&](Client& client) { return client.IsDeviceOpen(device); })) {
+    return {};
+  }
+  const std::string path = service.text(&Client::GetUsbMountPoint, device).text;
+  if (canonicalPath(path) == canonicalPath(directory)) {
+    return {};
+  }
+  return "it is open at " + quotedList({path}) + "; close it first (dockhandctl close " +
+         std::to_string(device) + "), or give --again to mount it at " + quotedList({directory}) + " too";
+}
+
 std::string reasonForNotOpening(UsbService& service, std::int16_t device) {
   const auto devices = service.deviceNumbers(true);
   if (std::find(devices.begin(), devices.end(), device) == devices.end()) {
-    return "it was closed for safe removal; plug it in anew, or announce it (dockhandctl notify added NAME)";
+    return "it was closed for safe removal; pull it out and plug it in again";
   }
   return "its file system cannot be mounted, the directory cannot be made, or the device is under repair; "
          "dockhand's log tells which";
 }
 
-std::string reasonForNotClosing(UsbService& service, std::int16_t device) {
-  const std::string path = service.text(&Client::GetUsbMountPoint, device).text;
-  if (path.empty()) {
-    return "it is not open";
+std::string reasonForNotClosing(const Device& device) {
+  if (device.mountPoint.empty()) {
+    const std::string text = contradiction(device);
+    return text.empty() ? "it is not open" : text;
   }
-  return printable(path) + " cannot be unmounted; most often a file or a directory there is in use";
+  const std::string path = quotedList({device.mountPoint});
+  const Holders holders = holdersOf(canonicalPath(device.mountPoint));
+  std::string text = holders.lines.empty()
+                         ? path +
+                               " cannot be unmounted; no process that can be seen here holds it, but a mount "
+                               "below it, a loop device or a swap file may; dockhand's log has the error"
+                         : path + " is in use; end these or have them let go, and close it again:";
+  for (const std::string& line : holders.lines) {
+    text += "\n  " + line;
+  }
+  return holders.complete ? text
+                          : text + "\n  (not all processes could be looked into" +
+                                (::geteuid() == 0 ? ")" : "; run as root)");
+}
+
+int complainThatNotDone(std::int16_t device, const std::string& what, const std::string& reason) {
+  complain(nameOf(device) + ": not " + what + ": " + reason);
+  return answerIsNo;
 }
 
 }  // namespace
 
-int open(const Settings& settings, std::int16_t device, const std::string& directory, bool pvr) {
+int open(const Settings& settings, std::int16_t device, const std::string& directory, bool pvr, bool again) {
+  std::string path = usualDirectory(device);
+  try {
+    path = directory.empty() ? path : closablePath(directory);
+  } catch (const std::runtime_error& reason) {
+    return complainThatNotDone(device, "opened", reason.what());
+  }
   std::string reasonForNot;
-  std::string path;
+  Device opened;
   ask(settings.timeout, [&](UsbService& service) {
-    const bool opened = service.call([&](Client& client) {
-      if (directory.empty() && !pvr) {
-        return client.OpenDevice(device);
-      }
-      const std::string usual = "/media/disk_" + std::to_string(device);
-      return client.OpenDeviceAt(device, directory.empty() ? usual : directory, pvr);
+    reasonForNot = again ? "" : reasonNotToOpenAgain(service, device, path);
+    if (!reasonForNot.empty()) {
+      return;
+    }
+    const bool isOpened = service.call([&](Client& client) {
+      return directory.empty() && !pvr ? client.OpenDevice(device) : client.OpenDeviceAt(device, path, pvr);
     });
-    if (opened) {
-      path = service.text(&Client::GetUsbMountPoint, device).text;
+    if (isOpened) {
+      opened = readMountState(service, device);
     } else {
       requireDevice(service, device);
       reasonForNot = reasonForNotOpening(service, device);
     }
   });
   if (!reasonForNot.empty()) {
-    complain(nameOf(device) + ": not opened: " + reasonForNot);
-    return answerIsNo;
+    return complainThatNotDone(device, "opened", reasonForNot);
   }
-  std::cout << nameOf(device) << " is open at " << printable(path) << '\n';
-  return done;
+  const int exitCode = complainOfContradiction(opened);
+  if (exitCode == done) {
+    const auto& at = opened.mounted.at;
+    std::cout << nameOf(device) << " is open at " << printable(opened.mountPoint)
+              << (at.size() > 1 ? "; it is mounted at " + quotedList(at) : "") << '\n';
+  }
+  return exitCode;
 }
 
 int close(const Settings& settings, std::int16_t device, bool safe) {
-  std::string reasonForNot;
+  bool closed = false;
+  Device state;
   ask(settings.timeout, [&](UsbService& service) {
-    const bool closed = service.call([&](Client& client) {
+    closed = service.call([&](Client& client) {
       return safe ? client.CloseDeviceSafeRemoval(device) : client.CloseDevice(device);
     });
-    if (!closed) {
-      requireDevice(service, device);
-      reasonForNot = reasonForNotClosing(service, device);
-    }
+    state = readMountState(service, device);
   });
-  if (!reasonForNot.empty()) {
-    complain(nameOf(device) + ": not closed: " + reasonForNot);
+  if (!closed) {
+    return complainThatNotDone(device, "closed", reasonForNotClosing(state));
+  }
+  // What is pulled out is the whole disk.
+  const auto mountedAt = safe ? mountPointsOfDisk(state.kernelName) : state.mounted.at;
+  if (!mountedAt.empty()) {
+    complain(nameOf(device) + ": closed, but " + (state.mounted.at.empty() ? "its disk is " : "") +
+             "still mounted at " + quotedList(mountedAt) + "; unmount it (umount) before it is pulled out");
     return answerIsNo;
   }
   std::cout << nameOf(device) << (safe ? " may be pulled out" : " is closed") << '\n';

@@ -35,6 +35,7 @@ struct Request {
   double timeout = 30;
   bool all = false;
   bool pvr = false;
+  bool again = false;
   bool safe = false;
   bool yes = false;
   bool xrite = false;
@@ -129,19 +130,21 @@ void addMountingCommands(CLI::App& app, Request& request) {
   openCommand->add_option("--at", request.directory, "Mount it at this directory, not at /media/disk_ID")
       ->type_name("DIR")
       ->check([](const std::string& path) {
-        return !path.empty() && path.front() == '/' ? "" : "the path has to be absolute";
+        return !path.empty() && path.front() == '/' ? "" : "\"" + path + "\": the path has to be absolute";
       });
   openCommand->add_flag("--pvr", request.pvr, "As a recording disk, which list and status hide from now on");
+  openCommand->add_flag("--again", request.again,
+                        "Also when it is open at another directory, where it then stays");
   openCommand->callback([&request] {
     request.command = [&request] {
-      return open(request.settings, request.device, request.directory, request.pvr);
+      return open(request.settings, request.device, request.directory, request.pvr, request.again);
     };
   });
 
   CLI::App* const closeCommand = app.add_subcommand("close", "Unmount a device");
   addDevice(*closeCommand, request);
   closeCommand->add_flag("--safe", request.safe,
-                         "For pulling it out: it is not used until it is plugged in anew");
+                         "For pulling it out: it is not used until it is pulled out and plugged in");
   closeCommand->callback([&request] {
     request.command = [&request] { return close(request.settings, request.device, request.safe); };
   });

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "DirectoryBounds.h"
+
 /// The commands. Each writes its result to standard output, a complaint to standard error, and returns the
 /// exit code, or throws Failure. None keeps a connection to the daemon beyond its calls.
 namespace dockhandctl {
@@ -17,6 +19,8 @@ struct Settings {
   std::chrono::milliseconds timeout = std::chrono::seconds(30);
   /// JSON instead of text for people.
   bool json = false;
+  /// What the daemon reads of one directory, for files.
+  DirectoryBounds directoryBounds;
 };
 
 // Reading.
@@ -37,8 +41,9 @@ int files(const Settings& settings, std::int16_t device, const std::string& dire
 
 // Mounting and events.
 
-/// An empty `directory` stands for the daemon's own choice.
-int open(const Settings& settings, std::int16_t device, const std::string& directory, bool pvr);
+/// An empty `directory` stands for the daemon's own choice. A device that is open at another directory is
+/// opened only `again`.
+int open(const Settings& settings, std::int16_t device, const std::string& directory, bool pvr, bool again);
 int close(const Settings& settings, std::int16_t device, bool safe);
 int rescan(const Settings& settings);
 /// `event` is added, removed, xrite-added or xrite-removed; `name` belongs to the first two.

@@ -1,8 +1,10 @@
 #include "Device.h"
 
+#include <algorithm>
 #include <vector>
 
 #include "Failure.h"
+#include "Text.h"
 
 namespace dockhandctl {
 namespace {
@@ -49,19 +51,51 @@ std::string requireDevice(UsbService& service, std::int16_t device) {
 }
 
 Device readDevice(UsbService& service, std::int16_t number) {
-  Device device;
-  device.number = number;
-  device.kernelName = requireDevice(service, number);
+  Device device = readMountState(service, number);
+  if (!device.open) {
+    device.mountPoint.clear();
+  }
   device.label = service.text(&Client::GetDeviceLabel, number).text;
   device.uuid = asOptional(service.text(&Client::GetDeviceUuid, number));
   device.type = typeName(service.call([&](Client& client) { return client.GetDeviceType(number); }));
   device.capacity = service.call([&](Client& client) { return client.GetDeviceCapacity(number); });
   device.usbVersion = asOptional(service.text(&Client::GetDeviceUsbVersion, number));
-  device.open = service.call([&](Client& client) { return client.IsDeviceOpen(number); });
-  if (device.open) {
-    device.mountPoint = service.text(&Client::GetUsbMountPoint, number).text;
-  }
   return device;
+}
+
+Device readMountState(UsbService& service, std::int16_t number) {
+  Device device;
+  device.number = number;
+  device.kernelName = requireDevice(service, number);
+  device.open = service.call([&](Client& client) { return client.IsDeviceOpen(number); });
+  device.mountPoint = service.text(&Client::GetUsbMountPoint, number).text;
+  device.mounted = readMounted(device.kernelName);
+  return device;
+}
+
+std::string contradiction(const Device& device) {
+  const std::vector<std::string>& at = device.mounted.at;
+  if (!device.open) {
+    return at.empty() ? ""
+                      : "not open, but mounted at " + quotedList(at) +
+                            "; unmount it (umount) before it is pulled out";
+  }
+  if (std::find(at.begin(), at.end(), canonicalPath(device.mountPoint)) != at.end()) {
+    return "";
+  }
+  const std::string counts = "counts as open, but nothing is mounted at " + quotedList({device.mountPoint});
+  const std::string close = "; close it (dockhandctl close " + std::to_string(device.number) + ")";
+  if (!at.empty()) {
+    return counts + ": it is mounted at " + quotedList(at) + close;
+  }
+  return counts + ": " +
+         (device.mounted.fileSystem ? "its file system is " + printable(*device.mounted.fileSystem)
+                                    : "no file system is known on it") +
+         close + ", and see dockhand's log";
+}
+
+std::string diskName(const std::string& kernelName) {
+  return kernelName.substr(0, kernelName.find_last_not_of("0123456789") + 1);
 }
 
 std::string typeName(std::int32_t type) {
@@ -80,6 +114,7 @@ std::string capacityText(std::int32_t capacity) {
 }
 
 Json toJson(const Device& device) {
+  const std::string text = contradiction(device);
   return {{"device", device.number},
           {"kernelName", device.kernelName},
           {"label", device.label},
@@ -88,7 +123,19 @@ Json toJson(const Device& device) {
           {"capacityMiB", device.capacity == 0 ? Json(nullptr) : Json(device.capacity)},
           {"usbVersion", orNull(device.usbVersion)},
           {"open", device.open},
-          {"mountPoint", device.mountPoint.empty() ? Json(nullptr) : Json(device.mountPoint)}};
+          {"mountPoint", device.mountPoint.empty() ? Json(nullptr) : Json(device.mountPoint)},
+          {"mountedAt", device.mounted.at},
+          {"fileSystem", orNull(device.mounted.fileSystem)},
+          {"contradiction", text.empty() ? Json(nullptr) : Json(text)}};
+}
+
+int complainOfContradiction(const Device& device) {
+  const std::string text = contradiction(device);
+  if (text.empty()) {
+    return done;
+  }
+  complain(nameOf(device.number) + ": " + text);
+  return answerIsNo;
 }
 
 }  // namespace dockhandctl

@@ -6,11 +6,12 @@
 #include <string>
 
 #include "Json.h"
+#include "Mounts.h"
 #include "UsbService.h"
 
 namespace dockhandctl {
 
-/// All that the daemon says about a device; texts as the disk has them.
+/// All that the daemon says about a device, and where the kernel has it mounted; texts as the disk has them.
 struct Device {
   std::int16_t number = 0;
   std::string kernelName;
@@ -21,7 +22,14 @@ struct Device {
   std::optional<std::string> usbVersion;
   bool open = false;
   std::string mountPoint;  ///< Empty unless it is open.
+  Mounted mounted;
 };
+
+/// Where the mount table says something else than the daemon, and what to do then; empty: nowhere.
+std::string contradiction(const Device& device);
+
+/// The whole disk that a device is on: sda for sda and sda1.
+std::string diskName(const std::string& kernelName);
 
 /// "device 5".
 std::string nameOf(std::int16_t device);
@@ -30,8 +38,12 @@ std::string nameOf(std::int16_t device);
 /// not know the device even after a rescan.
 std::string requireDevice(UsbService& service, std::int16_t device);
 
-/// Throws Failure (noSuchDevice) for an unknown device.
+/// Throws Failure (noSuchDevice) for an unknown device, and as readMounted().
 Device readDevice(UsbService& service, std::int16_t number);
+
+/// As readDevice(), but kernel name, openness and mounts only, which need no look at the disk. A device that
+/// is not open has the directory of a failed opening.
+Device readMountState(UsbService& service, std::int16_t number);
 
 /// What the number of GetDeviceType means: "fixed", "removable" or "unknown".
 std::string typeName(std::int32_t type);
@@ -40,6 +52,9 @@ std::string typeName(std::int32_t type);
 std::string capacityText(std::int32_t capacity);
 
 Json toJson(const Device& device);
+
+/// Complains of a contradiction. Returns the exit code of a command that shows this device.
+int complainOfContradiction(const Device& device);
 
 }  // namespace dockhandctl
 

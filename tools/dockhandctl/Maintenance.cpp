@@ -33,11 +33,6 @@ bool runShowingTime(const std::string& title, const std::function<bool()>& opera
   return result.get();
 }
 
-/// The whole disk that a device is on: sda for sda and sda1.
-std::string diskName(const std::string& kernelName) {
-  return kernelName.substr(0, kernelName.find_last_not_of("0123456789") + 1);
-}
-
 std::string reasonForNotRepairing(UsbService& service, std::int16_t device) {
   if (service.call([&](Client& client) { return client.IsDeviceOpen(device); })) {
     return "it is open; close it first";

@@ -1,4 +1,6 @@
+#include <algorithm>
 #include <iostream>
+#include <optional>
 #include <set>
 #include <utility>
 
@@ -66,6 +68,17 @@ int printText(const Settings& settings, std::int16_t device, const char* key, co
   return printValue(settings, device, key, text.empty() ? Json(nullptr) : Json(text), text, reasonForNone);
 }
 
+void printTable(const std::vector<ListedDevice>& devices) {
+  Table table({"NO", "NAME", "LABEL", "TYPE", "CAPACITY", "USB", "OPEN", "MOUNT POINT"});
+  for (const auto& [device, hidden] : devices) {
+    table.add({std::to_string(device.number) + (hidden ? " (hidden)" : ""), printable(device.kernelName),
+               printable(device.label), device.type, capacityText(device.capacity),
+               printable(device.usbVersion.value_or("unknown")), device.open ? "yes" : "no",
+               printable(device.mountPoint)});
+  }
+  table.print(std::cout);
+}
+
 }  // namespace
 
 int status(const Settings& settings, bool includeHidden) {
@@ -77,17 +90,14 @@ int status(const Settings& settings, bool includeHidden) {
       result.back()["hidden"] = hidden;
     }
     std::cout << toText(result) << '\n';
-    return done;
+  } else {
+    printTable(devices);
   }
-  Table table({"NO", "NAME", "LABEL", "TYPE", "CAPACITY", "USB", "OPEN", "MOUNT POINT"});
-  for (const auto& [device, hidden] : devices) {
-    table.add({std::to_string(device.number) + (hidden ? " (hidden)" : ""), printable(device.kernelName),
-               printable(device.label), device.type, capacityText(device.capacity),
-               printable(device.usbVersion.value_or("unknown")), device.open ? "yes" : "no",
-               printable(device.mountPoint)});
+  int exitCode = done;
+  for (const auto& listed : devices) {
+    exitCode = std::max(exitCode, complainOfContradiction(listed.device));
   }
-  table.print(std::cout);
-  return done;
+  return exitCode;
 }
 
 int list(const Settings& settings, bool includeHidden) {
@@ -107,7 +117,7 @@ int info(const Settings& settings, std::int16_t number) {
       ask(settings.timeout, [&](UsbService& service) { return readDevice(service, number); });
   if (settings.json) {
     std::cout << toText(toJson(device)) << '\n';
-    return done;
+    return complainOfContradiction(device);
   }
   const auto print = [](const char* title, const std::string& text) {
     std::cout << title << printable(text) << '\n';
@@ -121,7 +131,10 @@ int info(const Settings& settings, std::int16_t number) {
   print("USB version:  ", device.usbVersion.value_or("unknown"));
   print("Open:         ", device.open ? "yes" : "no");
   print("Mount point:  ", device.open ? device.mountPoint : "none");
-  return done;
+  std::cout << "Mounted at:   " << (device.mounted.at.empty() ? "nowhere" : quotedList(device.mounted.at))
+            << '\n';
+  print("File system:  ", device.mounted.fileSystem.value_or("unknown"));
+  return complainOfContradiction(device);
 }
 
 int label(const Settings& settings, std::int16_t device) {
@@ -195,26 +208,37 @@ int isOpen(const Settings& settings, std::int16_t device) {
 int files(const Settings& settings, std::int16_t device, const std::string& directory,
           const std::string& extension) {
   std::vector<std::string> names;
+  std::string path;
   const bool isOpen = askAbout(settings, device, [&](UsbService& service) {
     // Without a mount point the daemon would look the directory up from the root of its own file system.
     if (!service.call([&](Client& client) { return client.IsDeviceOpen(device); })) {
       return false;
     }
     service.call([&](Client& client) { client.GetFilesByExtension(names, device, directory, extension); });
+    path = service.text(&Client::GetUsbMountPoint, device).text + "/" + directory;
     return true;
   });
   if (!isOpen) {
     complain(nameOf(device) + ": it is not open, so its files cannot be listed");
     return answerIsNo;
   }
+  const std::optional<bool> mayBeCut = reaches(path, settings.directoryBounds);
   if (settings.json) {
-    std::cout
-        << toText({{"device", device}, {"directory", directory}, {"extension", extension}, {"files", names}})
-        << '\n';
-    return done;
+    std::cout << toText({{"device", device},
+                         {"directory", directory},
+                         {"extension", extension},
+                         {"files", names},
+                         {"mayBeCut", mayBeCut ? Json(*mayBeCut) : Json(nullptr)}})
+              << '\n';
+  } else {
+    for (const std::string& name : names) {
+      std::cout << printable(name) << '\n';
+    }
   }
-  for (const std::string& name : names) {
-    std::cout << printable(name) << '\n';
+  if (mayBeCut.value_or(false)) {
+    complain(nameOf(device) + ": files may be missing here: " + quotedList({path}) +
+             " has more names than "
+             "dockhand reads of one directory; put the files into several");
   }
   return done;
 }

@@ -41,7 +41,7 @@ _dockhandctl() {
       info | label | uuid | usb-version | type | capacity | mount-point | kernel-name | is-open | files)
         choices+=' --json'
         ;;
-      open) choices+=' --at --pvr' ;;
+      open) choices+=' --again --at --pvr' ;;
       close) choices+=' --safe' ;;
       prepare | call) choices+=' --yes' ;;
       watch) choices+=' --json --observer-id --xrite' ;;

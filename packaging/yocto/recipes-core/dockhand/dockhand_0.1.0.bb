@@ -4,6 +4,7 @@ and goes, through an Apache Thrift service on a local socket."
 SECTION = "base"
 LICENSE = "CLOSED"
 
+# util-linux: libblkid, and libmount for the client.
 DEPENDS = "boost cli11 nlohmann-json thrift thrift-native util-linux"
 
 inherit cmake pkgconfig externalsrc systemd update-rc.d useradd bash-completion

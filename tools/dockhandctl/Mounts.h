@@ -1,0 +1,44 @@
+#ifndef DOCKHANDCTL_MOUNTS_H
+#define DOCKHANDCTL_MOUNTS_H
+
+#include <optional>
+#include <string>
+#include <vector>
+
+/// What the kernel says of mounts, in the mount table of this process: what users see. The daemon's own
+/// answers say what it has done, and neither look at the table nor learn what others do to it.
+///
+/// In tests the environment variable DOCKHANDCTL_TEST_ROOT names a folder that stands for / here.
+namespace dockhandctl {
+
+/// What the kernel and udev say of a device.
+struct Mounted {
+  /// Every directory where it is mounted, in the order of the table.
+  std::vector<std::string> at;
+  /// The type of its file system: the kernel's where it is mounted, else what udev has found on it.
+  std::optional<std::string> fileSystem;
+};
+
+/// Of the node /dev/usb_storage_NAME. A node that is gone is mounted nowhere. Throws Failure (ownFailure)
+/// when the table cannot be read.
+Mounted readMounted(const std::string& kernelName);
+
+/// Where anything of the disk is mounted that this kernel name belongs to: all partitions, and the disk
+/// itself. Throws as readMounted().
+std::vector<std::string> mountPointsOfDisk(const std::string& kernelName);
+
+/// The path as the mount table has it: without links, double slashes and a slash at the end. The last part
+/// need not exist. A path that cannot be resolved is returned as it is.
+std::string canonicalPath(const std::string& path);
+
+/// The canonical path of a directory where closing works: the daemon looks for it as text in the first 1024
+/// bytes of /proc/mounts, with nothing but blanks escaped. Throws std::runtime_error with the reason for a
+/// path that the daemon could not find there, and for one that cannot be resolved.
+std::string closablePath(const std::string& path);
+
+/// `"/media/a", "/media/b"`, for people.
+std::string quotedList(const std::vector<std::string>& paths);
+
+}  // namespace dockhandctl
+
+#endif  // DOCKHANDCTL_MOUNTS_H
