@@ -87,7 +87,7 @@ class StartScriptTest:
         self.write(programs / 'start-stop-daemon', f'#!/bin/sh\nexec {self.program} "$@"\n')
         text = (SOURCE / 'integration' / 'init' / 'dockhand').read_text()
         for installed, here in (('PATH=/usr/lib/dockhand/tools', f'PATH={programs}'),
-                                ('/usr/lib/dockhand/dockhand-launch', str(SOURCE / 'integration' / 'dockhand-launch')),
+                                ('/usr/lib/dockhand/dockhand-launch', f'{BUILD}/bin/dockhand-launch'),
                                 ('/usr/sbin/dockhand\n', f'{BUILD}/bin/dockhand\n'),
                                 ('/usr/sbin/dockhand &', f'{BUILD}/bin/dockhand &'),
                                 ('--chuid root:dockhand', '--chuid root:daemon')):

@@ -105,9 +105,8 @@ class LayerTest(unittest.TestCase):
         self.assertEqual(metadata['GROUPADD_PARAM:dockhand'], '--system dockhand')
         self.assertIn('-DDOCKHAND_GROUP=dockhand ', metadata['EXTRA_OECMAKE'])
 
-    def test_tools_of_the_launcher_come_with_systemd_only(self):
-        self.assertIn('util-linux-unshare', recipe('systemd')['RDEPENDS:dockhand'].split())
-        self.assertNotIn('util-linux-unshare', recipe('sysvinit')['RDEPENDS:dockhand'].split())
+    def test_tools_of_the_start_script_come_with_it_only(self):
+        self.assertNotIn('util-linux-flock', recipe('systemd')['RDEPENDS:dockhand'].split())
         self.assertIn('util-linux-flock', recipe('sysvinit')['RDEPENDS:dockhand'].split())
 
 

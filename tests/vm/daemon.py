@@ -37,10 +37,11 @@ class DaemonTestCase(testcase.MachineTestCase):
             self.machine.check("test ! -e /run/dockhand || flock /run/dockhand/plug-events.lock true",
                                timeout=120)
 
-    def start_daemon(self, level="2"):
+    def start_daemon(self, level="2", **environment):
         self.machine.check(["rm", "-f", DAEMON_LOG])
+        environment = {"PATH": TOOLS_PATH, "TLOG_LEVEL": level, **environment}
         self.daemon = self.machine.start(["/usr/lib/dockhand/dockhand-launch", "/usr/sbin/dockhand"],
-                                         log=DAEMON_LOG, env={"PATH": TOOLS_PATH, "TLOG_LEVEL": level})
+                                         log=DAEMON_LOG, env=environment)
         self.addCleanup(self.kill_daemon)
         self.await_daemon()
 

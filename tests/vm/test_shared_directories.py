@@ -85,7 +85,7 @@ class SharedDirectories(SharedDirectoriesTestCase):
         roots = "/run/roots_directory"
         self.addCleanup(self.machine.check, f"umount {roots}; rm -rf {roots} /tmp/usb; true")
         self.machine.put(f"{roots}/file", b"root's own words\n")
-        self.start_daemon()
+        self.start_daemon(DOCKHAND_NAMESPACE="never")
         self.plug("vfat")
         self.assertEqual(self.as_user(f"ln -s {roots} /tmp/usb"), 0)
 
@@ -104,7 +104,7 @@ class SharedDirectories(SharedDirectoriesTestCase):
         self.addCleanup(self.machine.check,
                         f"umount {roots}; rm -rf {roots} /media/disk_1; chmod 755 /media; true")
         self.machine.put(f"{roots}/file", b"root's own words\n")
-        self.start_daemon()
+        self.start_daemon(DOCKHAND_NAMESPACE="never")
         self.plug("vfat")
         self.machine.check(["chmod", "777", "/media"])
         self.assertEqual(self.as_user(f"ln -s {roots} /media/disk_1"), 0)

@@ -80,11 +80,8 @@ RDEPENDS:${PN} = "\
     util-linux-sfdisk \
     xfsprogs-mkfs \
     xfsprogs-repair \
-    ${@bb.utils.contains('DISTRO_FEATURES', 'systemd', '${LAUNCHER_RDEPENDS}', '', d)} \
     ${@bb.utils.contains('DISTRO_FEATURES', 'sysvinit', 'util-linux-flock', '', d)} \
 "
-# A system with systemd has a mount table that is too long for the daemon as it is.
-LAUNCHER_RDEPENDS = "util-linux-mount util-linux-mountpoint util-linux-umount util-linux-unshare"
 
 # As far as the kernel has them as modules.
 RRECOMMENDS:${PN} = "\
