@@ -239,7 +239,9 @@ TEST_F(LauncherTest, ProgramIsStartedAsItIsWhereNoNamespaceCanBeMade) {
 }
 
 TEST_F(LauncherTest, EndOfItsChildIsHeardOfAlsoWhereThatIsIgnored) {
-  EXPECT_THAT(inSystem("export DOCKHAND_NAMESPACE=always; env --ignore-signal=CHLD \"$LAUNCHER\" sh -ec \"$COMMANDS whose\""), EndsWith("\nown\n"));
+  EXPECT_THAT(inSystem("export DOCKHAND_NAMESPACE=always; env --ignore-signal=CHLD \"$LAUNCHER\" sh -ec "
+                       "\"$COMMANDS whose\""),
+              EndsWith("\nown\n"));
 }
 
 TEST_F(LauncherTest, WhatAKilledRepairHasMountedIsUnmountedAndNothingElse) {
