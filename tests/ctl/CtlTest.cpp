@@ -4,6 +4,7 @@
 #include <sys/sysmacros.h>
 #include <thrift/protocol/TBinaryProtocol.h>
 #include <thrift/transport/TBufferTransports.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -23,7 +24,7 @@ World::World(std::filesystem::path root) : root_(std::move(root)) {
 
 void World::clear() {
   std::filesystem::remove_all(root_);
-  for (const char* const folder : {"dev", "proc/self", "run/udev/data"}) {
+  for (const char* const folder : {"dev", "run/udev/data"}) {
     std::filesystem::create_directories(root_ / folder);
   }
   mounts_.clear();
@@ -67,6 +68,13 @@ void World::unmount(const std::string& target) {
   write();
 }
 
+void World::mountForTheServiceAlone(const std::string& kernelName, const std::string& target) {
+  const std::vector<Mount> those = mounts_;
+  mounts_.push_back({kernelName, target, "vfat"});
+  write(std::to_string(getpid()));
+  mounts_ = those;
+}
+
 std::string World::procMounts() const {
   std::string result;
   for (const Mount& mount : mounts_) {
@@ -76,8 +84,10 @@ std::string World::procMounts() const {
   return result;
 }
 
-void World::write() const {
-  std::ofstream table(root_ / "proc/self/mountinfo");
+void World::write(const std::string& process) const {
+  const auto folder = root_ / "proc" / process;
+  std::filesystem::create_directories(folder);
+  std::ofstream table(folder / "mountinfo");
   table << "20 1 0:19 / / rw - tmpfs none rw\n";
   for (const Mount& mount : mounts_) {
     const std::string source = "usb_storage_" + mount.kernelName;

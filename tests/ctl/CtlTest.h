@@ -33,6 +33,9 @@ class World {
   void mount(const std::string& kernelName, const std::string& target,
              const std::string& fileSystem = "vfat");
   void unmount(const std::string& target);
+  /// From now on the service, whose process we are, has a mount table of its own, with this mount beside the
+  /// others.
+  void mountForTheServiceAlone(const std::string& kernelName, const std::string& target);
   /// As the service reads it.
   std::string procMounts() const;
 
@@ -43,7 +46,7 @@ class World {
     std::string fileSystem;
   };
 
-  void write() const;
+  void write(const std::string& process = "self") const;
 
   const std::filesystem::path root_;
   std::vector<Mount> mounts_;

@@ -99,9 +99,9 @@ int open(const Settings& settings, std::int16_t device, const std::string& direc
   }
   const int exitCode = complainOfContradiction(opened);
   if (exitCode == done) {
-    const auto& at = opened.mounted.at;
     std::cout << nameOf(device) << " is open at " << printable(opened.mountPoint)
-              << (at.size() > 1 ? "; it is mounted at " + quotedList(at) : "") << '\n';
+              << (opened.mounted.at.size() > 1 ? "; it is mounted at " + placesText(opened.mounted) : "")
+              << '\n';
   }
   return exitCode;
 }
@@ -109,20 +109,21 @@ int open(const Settings& settings, std::int16_t device, const std::string& direc
 int close(const Settings& settings, std::int16_t device, bool safe) {
   bool closed = false;
   Device state;
+  Mounted left;
   ask(settings.timeout, [&](UsbService& service) {
     closed = service.call([&](Client& client) {
       return safe ? client.CloseDeviceSafeRemoval(device) : client.CloseDevice(device);
     });
     state = readMountState(service, device);
+    // What is pulled out is the whole disk.
+    left = safe ? readMountedOfDisk(state.kernelName, service.daemon()) : state.mounted;
   });
   if (!closed) {
     return complainThatNotDone(device, "closed", reasonForNotClosing(state));
   }
-  // What is pulled out is the whole disk.
-  const auto mountedAt = safe ? mountPointsOfDisk(state.kernelName) : state.mounted.at;
-  if (!mountedAt.empty()) {
-    complain(nameOf(device) + ": closed, but " + (state.mounted.at.empty() ? "its disk is " : "") +
-             "still mounted at " + quotedList(mountedAt) + "; unmount it (umount) before it is pulled out");
+  if (isMounted(left)) {
+    complain(nameOf(device) + ": closed, but " + (isMounted(state.mounted) ? "" : "its disk is ") +
+             "still mounted at " + placesText(left) + unmountFirst);
     return answerIsNo;
   }
   std::cout << nameOf(device) << (safe ? " may be pulled out" : " is closed") << '\n';

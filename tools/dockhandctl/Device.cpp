@@ -69,24 +69,27 @@ Device readMountState(UsbService& service, std::int16_t number) {
   device.kernelName = requireDevice(service, number);
   device.open = service.call([&](Client& client) { return client.IsDeviceOpen(number); });
   device.mountPoint = service.text(&Client::GetUsbMountPoint, number).text;
-  device.mounted = readMounted(device.kernelName);
+  device.mounted = readMounted(device.kernelName, service.daemon());
   return device;
 }
 
 std::string contradiction(const Device& device) {
   const std::vector<std::string>& at = device.mounted.at;
   if (!device.open) {
-    return at.empty() ? ""
-                      : "not open, but mounted at " + quotedList(at) +
-                            "; unmount it (umount) before it is pulled out";
+    return isMounted(device.mounted) ? "not open, but mounted at " + placesText(device.mounted) + unmountFirst
+                                     : "";
   }
   if (std::find(at.begin(), at.end(), canonicalPath(device.mountPoint)) != at.end()) {
     return "";
   }
   const std::string counts = "counts as open, but nothing is mounted at " + quotedList({device.mountPoint});
   const std::string close = "; close it (dockhandctl close " + std::to_string(device.number) + ")";
+  if (at.empty() && isMounted(device.mounted)) {
+    return "counts as open, but is mounted at " + placesText(device.mounted) + close +
+           " and choose a directory below /media";
+  }
   if (!at.empty()) {
-    return counts + ": it is mounted at " + quotedList(at) + close;
+    return counts + ": it is mounted at " + placesText(device.mounted) + close;
   }
   return counts + ": " +
          (device.mounted.fileSystem ? "its file system is " + printable(*device.mounted.fileSystem)

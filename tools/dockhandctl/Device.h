@@ -25,6 +25,9 @@ struct Device {
   Mounted mounted;
 };
 
+/// The end of a complaint about what is still mounted.
+constexpr auto unmountFirst = "; unmount it (umount) before it is pulled out";
+
 /// Where the mount table says something else than the daemon, and what to do then; empty: nowhere.
 std::string contradiction(const Device& device);
 

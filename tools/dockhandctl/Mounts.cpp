@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -52,13 +53,13 @@ std::string textOf(const char* text) {
   return text != nullptr ? text : "";
 }
 
-std::vector<Mount> readMountTable() {
-  const std::string path = systemPath("/proc/self/mountinfo");
+/// Nothing when it cannot be read.
+std::optional<std::vector<Mount>> readMountTable(const std::string& process) {
+  const std::string path = systemPath("/proc/" + process + "/mountinfo");
   const std::unique_ptr<libmnt_table, TableDeleter> table(mnt_new_table_from_file(path.c_str()));
   const std::unique_ptr<libmnt_iter, IteratorDeleter> iterator(mnt_new_iter(MNT_ITER_FORWARD));
   if (table == nullptr || iterator == nullptr) {
-    throw Failure(ownFailure,
-                  "\"" + path + "\" cannot be read, so what is mounted is not known; mount /proc");
+    return std::nullopt;
   }
   std::vector<Mount> result;
   libmnt_fs* entry = nullptr;
@@ -118,31 +119,55 @@ std::optional<std::string> resolve(const std::string& path) {
 
 }  // namespace
 
-Mounted readMounted(const std::string& kernelName) {
+Mounted readMounted(const std::string& kernelName, pid_t daemon) {
   Mounted result;
   const dev_t device = numberOf(kernelName);
-  for (const Mount& mount : readMountTable()) {
-    if (device != 0 && mount.device == device) {
-      result.at.push_back(mount.target);
-      result.fileSystem = mount.fileSystem;
+  const auto add = [&](const std::vector<Mount>& table, std::vector<std::string>& to) {
+    for (const Mount& mount : table) {
+      if (device != 0 && mount.device == device &&
+          std::find(result.at.begin(), result.at.end(), mount.target) == result.at.end()) {
+        to.push_back(mount.target);
+        result.fileSystem = mount.fileSystem;
+      }
     }
+  };
+  const auto table = readMountTable("self");
+  if (!table) {
+    throw Failure(ownFailure, "\"" + systemPath("/proc/self/mountinfo") +
+                                  "\" cannot be read, so what is mounted is not known; mount /proc");
   }
+  add(*table, result.at);
+  add(readMountTable(std::to_string(daemon)).value_or(std::vector<Mount>()), result.atForDaemonOnly);
   if (!result.fileSystem) {
     result.fileSystem = typeByUdev(device);
   }
   return result;
 }
 
-std::vector<std::string> mountPointsOfDisk(const std::string& kernelName) {
+Mounted readMountedOfDisk(const std::string& kernelName, pid_t daemon) {
   const std::string disk = nodePrefix + diskName(kernelName);
-  std::vector<std::string> result;
+  Mounted result;
   std::error_code ignored;  // without /dev there is no node
   for (const auto& entry : fs::directory_iterator(systemPath(nodeFolder), ignored)) {
     const std::string name = entry.path().filename();
     if (name.rfind(disk, 0) == 0 && name.find_first_not_of("0123456789", disk.size()) == std::string::npos) {
-      const auto found = readMounted(name.substr(std::string(nodePrefix).size())).at;
-      result.insert(result.end(), found.begin(), found.end());
+      const Mounted found = readMounted(name.substr(std::string(nodePrefix).size()), daemon);
+      result.at.insert(result.at.end(), found.at.begin(), found.at.end());
+      result.atForDaemonOnly.insert(result.atForDaemonOnly.end(), found.atForDaemonOnly.begin(),
+                                    found.atForDaemonOnly.end());
     }
+  }
+  return result;
+}
+
+bool isMounted(const Mounted& mounted) {
+  return !mounted.at.empty() || !mounted.atForDaemonOnly.empty();
+}
+
+std::string placesText(const Mounted& mounted) {
+  std::string result = quotedList(mounted.at);
+  for (const std::string& path : mounted.atForDaemonOnly) {
+    result += (result.empty() ? "" : ", ") + quotedList({path}) + " (for dockhand alone)";
   }
   return result;
 }

@@ -131,7 +131,7 @@ int info(const Settings& settings, std::int16_t number) {
   print("USB version:  ", device.usbVersion.value_or("unknown"));
   print("Open:         ", device.open ? "yes" : "no");
   print("Mount point:  ", device.open ? device.mountPoint : "none");
-  std::cout << "Mounted at:   " << (device.mounted.at.empty() ? "nowhere" : quotedList(device.mounted.at))
+  std::cout << "Mounted at:   " << (isMounted(device.mounted) ? placesText(device.mounted) : "nowhere")
             << '\n';
   print("File system:  ", device.mounted.fileSystem.value_or("unknown"));
   return complainOfContradiction(device);

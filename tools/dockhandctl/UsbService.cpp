@@ -108,6 +108,13 @@ UsbService::UsbService(std::chrono::milliseconds timeout)
   }
 }
 
+pid_t UsbService::daemon() const {
+  ucred peer{};
+  socklen_t size = sizeof(peer);
+  const bool known = ::getsockopt(socket_->getSocketFD(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0;
+  return known ? peer.pid : 0;
+}
+
 ravel::rpc::ReturnValueWithString UsbService::text(TextOperation operation, std::int16_t device) {
   ravel::rpc::ReturnValueWithString result;
   call([&](Client& client) { (client.*operation)(result, device); });

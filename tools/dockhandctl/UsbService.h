@@ -1,6 +1,8 @@
 #ifndef DOCKHANDCTL_USBSERVICE_H
 #define DOCKHANDCTL_USBSERVICE_H
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -26,6 +28,9 @@ class UsbService {
 
   /// Connects. `timeout` bounds the connecting and the wait for each answer.
   explicit UsbService(std::chrono::milliseconds timeout);
+
+  /// The process that serves the socket; 0: not known.
+  pid_t daemon() const;
 
   /// From now on an answer is waited for without end.
   void waitWithoutEnd() { socket_->setRecvTimeout(0); }
