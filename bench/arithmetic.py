@@ -1,11 +1,11 @@
-"""Ratios of measurements that were taken in turns, rounded against ourselves."""
+"""Ratios of measurements that are taken in turns, rounded to the side that is worse for us."""
 
 import dataclasses
 import math
 
 
 def quantile(values, share):
-    """The value below which a share (0 to 1) of the values lies, between two of them in proportion."""
+    """The value below which `share` (0 to 1) of the values lie, interpolated between two neighbours."""
     ordered = sorted(values)
     position = share * (len(ordered) - 1)
     below = math.floor(position)
@@ -19,7 +19,7 @@ def median(values):
 
 @dataclasses.dataclass(frozen=True)
 class Goal:
-    """What a ratio is to be: `at_most` this, or with `at_most` false at least this."""
+    """The goal for a ratio: at most `bound`, or at least `bound` if `at_most` is false."""
     bound: float
     at_most: bool = True
 
@@ -32,43 +32,43 @@ class Goal:
 
 @dataclasses.dataclass(frozen=True)
 class Ratio:
-    """The middle of the rounds' ratios, and the quarters below and above it."""
+    """The median of the rounds' ratios, and the quartiles below and above it."""
     middle: float
     low: float
     high: float
 
 
 def ratio_of(ours, others):
-    """Each round's figure is compared with the same round's: what slows a round slows both."""
+    """Compares figures of the same round only, because a disturbance slows both."""
     if len(ours) != len(others) or not ours:
-        raise ValueError('not as many figures of the one as of the other')
+        raise ValueError(f'{len(ours)} figures of ours, but {len(others)} of the other')
     ratios = [one / other for one, other in zip(ours, others)]
     return Ratio(median(ratios), quantile(ratios, 0.25), quantile(ratios, 0.75))
 
 
 def simple(bound):
-    """A bound as it stands in the goals: 1/12, 0.5, 6."""
+    """A bound in the form of the goals: 1/12, 0.5, 6."""
     if 0 < bound < 0.5:
         return f'1/{round(1 / bound)}'
     return f'{bound:g}'
 
 
 def rounded(ratio, less_is_better):
-    """A ratio with three digits, rounded to the side that is worse for us; below a half as one over a number."""
+    """A ratio with three digits, rounded to the side that is worse for us. Below a half it reads 1/number."""
     if ratio <= 0:
         return '0'
     if ratio < 0.5:
         inverse = 1 / ratio
         step = 10 ** (math.floor(math.log10(inverse)) - 2)
         steps = inverse / step
-        # Less of one over a number is more of the number.
+        # A smaller 1/number has a larger number.
         return '1/' + digits(towards(steps, not less_is_better) * step, step)
     step = 10 ** (math.floor(math.log10(ratio)) - 2)
     return digits(towards(ratio / step, less_is_better) * step, step)
 
 
 def towards(steps, up):
-    # What is a whole number of steps but for the last bits stays that number.
+    # Do not round on an error in the last bits.
     nearest = round(steps)
     if abs(steps - nearest) < 1e-9 * max(1, abs(steps)):
         return nearest
@@ -80,6 +80,6 @@ def digits(value, step):
 
 
 def spread(ratio, less_is_better):
-    """A ratio with its quarters, as it stands in the tables."""
+    """A ratio with its quartiles, in the form of the tables."""
     middle, low, high = (rounded(value, less_is_better) for value in (ratio.middle, ratio.low, ratio.high))
     return f'{middle} ({low} to {high})'

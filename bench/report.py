@@ -1,4 +1,4 @@
-"""The tables: on the terminal, in docs/BENCHMARKS.md, and as data."""
+"""Writes the tables: to the terminal, into docs/BENCHMARKS.md, and as JSON."""
 
 import pathlib
 import re
@@ -10,11 +10,11 @@ from world import SOURCE, UDISKSD
 
 DOCUMENT = SOURCE / 'docs' / 'BENCHMARKS.md'
 BEGIN, END = '<!-- figures: bench/compare --write -->', '<!-- end of figures -->'
-MOST_BYTES_OF_THE_SMALL_DAEMON = 700 * 1000
+MAX_SMALL_DAEMON_BYTES = 700 * 1000
 
 
 class Result:
-    """A row with its figures: `ours` and `other` in the middle of the rounds, or a reason why there are none."""
+    """A row with its figures: `ours` and `other` are medians of the rounds. Without figures, `reason` says why."""
 
     def __init__(self, row, figures, reasons):
         self.row = row
@@ -44,7 +44,7 @@ class Result:
 
 
 def amount(value, unit):
-    """A figure as people read it; ratios are made of the figures themselves."""
+    """A figure for people to read. Ratios use the unrounded figures."""
     if unit == 'µs' and value >= 10_000:
         return f'{value / 1000:.1f} ms'
     if unit == 'calls/s':
@@ -53,15 +53,15 @@ def amount(value, unit):
 
 
 def single_rows(figures, reasons, size):
-    """What is no ratio: (what, figure, goal, verdict or reason)."""
+    """The rows without a ratio: (what, figure, goal, verdict or reason)."""
     if 'processes' in reasons:
         started = ('not taken', reasons['processes'])
     else:
         count = figures['processes'][0]
         started = (f'{count}', 'reached' if count == 0 else 'NOT reached')
-    small = ('not taken', 'nobody has said it: --size BYTES')
+    small = ('not taken', 'give it with --size BYTES')
     if size is not None:
-        small = (f'{-(-size // 1000)} KB', 'reached' if size <= MOST_BYTES_OF_THE_SMALL_DAEMON else 'NOT reached')
+        small = (f'{-(-size // 1000)} KB', 'reached' if size <= MAX_SMALL_DAEMON_BYTES else 'NOT reached')
     return [['processes started by listing, opening, closing, probing', started[0], '0', started[1]],
             ['stripped daemon, -Os, libthrift static, arm', small[0], '≤ 700 KB', small[1]]]
 
@@ -72,12 +72,12 @@ def markdown(heads, rows):
 
 
 def tables(figures, reasons, size):
-    """The text of all tables, and the results by the names of their rows."""
+    """The text of all tables, and the results of each table."""
     results = {kind: [Result(row, figures, reasons) for row in rows]
                for kind, rows in (('peer', AGAINST_THE_PEER), ('limit', AGAINST_THE_LIMIT))}
     text = []
     for kind, title, other in (('peer', 'Against the peer', 'peer'), ('limit', 'Against the limit', 'limit')):
-        text += [f'### {title}', markdown(['what', 'Dockhand', other, 'ratio (quarters)', 'goal', ''],
+        text += [f'### {title}', markdown(['what', 'Dockhand', other, 'ratio (quartiles)', 'goal', ''],
                                           [result.cells() for result in results[kind]])]
     text += ['### Without a ratio', markdown(['what', 'figure', 'goal', ''], single_rows(figures, reasons, size))]
     missing = sorted({f'- {result.row.what}: {result.reason}' for kind in results.values() for result in kind
@@ -93,7 +93,7 @@ def output_of(*command):
 
 
 def versions():
-    """Of what is measured and what it is made of."""
+    """Versions of the packages that are measured or linked."""
     packages = ('udisks2', 'udev', 'dbus-daemon', 'libblkid1', 'libthrift-dev', 'libstdc++6', 'mount')
     return [f'{name} {version}' for name in packages
             if (version := output_of('dpkg-query', '--show', '--showformat', '${Version}', name))]
@@ -120,7 +120,7 @@ def machine(command, rounds, packages):
 
 
 def wrapped(line):
-    """No document has longer lines than 120 columns."""
+    """Wraps at 120 columns, the limit of all documents."""
     lines = ['']
     for word in line.split():
         if len(lines[-1]) + 1 + len(word) > 120:

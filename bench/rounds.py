@@ -1,4 +1,4 @@
-"""The measurements, in rounds: each round takes every figure once, ours next to those that it is compared with."""
+"""The measurements, in rounds. Each round takes every figure once, and ours next to the one it is compared with."""
 
 import contextlib
 import dataclasses
@@ -12,12 +12,13 @@ import time
 from world import BARE_SOCKET, DAEMON_SOCKET, UDISKSD, Disks, NotTaken, Peer, end, one_processor, pss_of, wait_until
 
 DEVICE = 1
-PAUSES_OF_PREPARATION = 6e6
+# PrepareDeviceForPvr sleeps 4 s and 2 s.
+PREPARATION_PAUSES_MICROSECONDS = 6e6
 
 
 @dataclasses.dataclass(frozen=True)
 class Sizes:
-    """How much is measured: `rounds` rounds, each with so many calls and so on."""
+    """How much to measure: the number of rounds, and the number of calls and so on in each round."""
     rounds: int = 20
     calls: int = 1000
     load_calls: int = 1500
@@ -35,7 +36,7 @@ SHORT = Sizes(rounds=2, calls=20, load_calls=50, starts=1, lists=10, answers=5, 
 
 
 class Rounds:
-    """Runs the phases. `figures` has a list for each name, `reasons` why a figure could not be taken."""
+    """Runs the phases. `figures` has a list for each name; `reasons` says why a figure is missing."""
 
     def __init__(self, programs, sizes):
         self.programs = programs
@@ -65,7 +66,7 @@ class Rounds:
 
     @contextlib.contextmanager
     def noting(self, *names):
-        """What fails is a reason, and no end."""
+        """Turns a failure into the reason for missing figures, and goes on."""
         try:
             yield
         except (NotTaken, OSError, subprocess.SubprocessError) as failure:
@@ -73,7 +74,7 @@ class Rounds:
                 self.reasons.setdefault(name, ' '.join(str(failure).split()))
 
     def take(self, names, *command):
-        """Takes figures: `names` says under which name to keep what the command reports."""
+        """Takes figures. `names` maps each name that the command reports to the name of the figure."""
         with self.noting(*names.values()):
             reported = self.programs.measure(*command)
             for reported_name, name in names.items():
@@ -99,7 +100,7 @@ class Rounds:
 
     @contextlib.contextmanager
     def servers(self):
-        """Both daemons and the peer, up and answering."""
+        """Runs both daemons and the peer, and waits until they reply."""
         running = [self.programs.start_unshared(self.programs.bin / 'dockhand'),
                    self.programs.start_unshared(self.programs.bin / 'bench_daemon', BARE_SOCKET)]
         try:
@@ -121,10 +122,8 @@ class Rounds:
         except NotTaken:
             return False
 
-    # The phases.
-
     def starting(self):
-        """Start and idle memory, of one after the other."""
+        """Start and idle memory, one program after another."""
         starts = self.sizes.starts
         dockhand = [self.programs.bin / 'dockhand']
         bare = [self.programs.bin / 'bench_daemon', BARE_SOCKET]
@@ -155,7 +154,7 @@ class Rounds:
             end(process)
 
     def working(self):
-        """Everything that callers do, with 8 devices."""
+        """All calls, with 8 devices."""
         node = self.disks.nodes[0]
         with self.servers():
             for _ in range(self.sizes.rounds):
@@ -195,14 +194,14 @@ class Rounds:
         item = self.disks.first_object()
         self.take_peer(names, 'peer-mount', item, mounts)
         if self.peer:
-            # Answers are asked for while the disk is mounted, by whom they are asked.
+            # Ask while the disk is mounted, and mount it with the program that is asked.
             with self.noting('answers peer', 'answers together'), self.mounted_by_peer(item):
                 self.take_time('answers peer', 'peer-answers', item, answers)
                 self.take_time('answers together', 'peer-answers-together', item, answers)
         else:
             self.reasons['answers peer'] = self.reasons['answers together'] = self.reasons['peer']
         with self.peer_paused():
-            # Whoever is first meets what the peer has left for the kernel to do: that is everybody in turn.
+            # The first one pays for work that the peer left to the kernel, so let each be first in turn.
             ways = [('', 'open', DEVICE), (' bare', 'bare-open', node, '/media/bare'),
                     (' program', 'mount-program', node, '/media/program')]
             first = len(self.figures.get('call', ())) % len(ways)
@@ -243,7 +242,7 @@ class Rounds:
         self.disks.show(8)
 
     def much_work(self):
-        """Memory after many calls and connections, beside what it was, and what it was after a few of them."""
+        """Memory after many calls and connections, compared with none and with a few."""
         names = ('memory before', 'memory warm', 'memory after')
         with self.servers() as daemon, self.peer_paused(), self.noting(*names):
             for name, calls in zip(names, (0, self.sizes.flood // 50, self.sizes.flood)):
@@ -262,7 +261,9 @@ class Rounds:
                 self.take_time('files', 'search', DAEMON_SOCKET, 'tmp/songs', int(bare.get('bytes', 1)), searches)
 
     def processes(self):
-        """How many processes the daemon starts for what it is asked most. One that starts some must be seen to do so."""
+        """Counts the processes that the daemon starts for the most frequent calls.
+
+        Then makes a call that does start one, to prove that strace sees it."""
         with self.servers() as daemon, self.noting('processes'):
             self.programs.measure('stub-call', 1)
             trace = pathlib.Path('/tmp/trace')
@@ -279,7 +280,7 @@ class Rounds:
                 begun = len(re.findall(r'fork|clone|exec', trace.read_text()))
                 self.programs.measure('usb-version', DEVICE)
                 if len(re.findall(r'fork|clone|exec', trace.read_text())) == begun:
-                    raise NotTaken('strace does not see processes that are started')
+                    raise NotTaken('strace does not see the started processes')
                 self.figures['processes'] = [begun]
             finally:
                 tracer.terminate()

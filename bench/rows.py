@@ -1,15 +1,15 @@
-"""The rows of the tables: what is compared with what, and what the ratio is to be."""
+"""The rows of the tables: what is compared with what, and the goal for the ratio."""
 
 import dataclasses
 from collections.abc import Callable
 
 from arithmetic import Goal
-from rounds import PAUSES_OF_PREPARATION
+from rounds import PREPARATION_PAUSES_MICROSECONDS
 
 
 @dataclasses.dataclass(frozen=True)
 class Row:
-    """`ours` and `other` make one figure of each round's. A row without a goal is there to explain another one."""
+    """`ours` and `other` compute one figure from the figures of a round. A row without a goal explains another row."""
     what: str
     ours: Callable
     other: Callable
@@ -20,7 +20,7 @@ class Row:
 
 
 def plain(what, ours, other, unit, goal=None, less_is_better=True):
-    """A row that compares two figures as they are."""
+    """A row that compares two figures directly."""
     return Row(what, lambda f: f[ours], lambda f: f[other], (ours, other), unit, goal, less_is_better)
 
 
@@ -66,8 +66,9 @@ AGAINST_THE_LIMIT = (
     plain('memory after 1 million calls', 'memory after', 'memory before', 'KiB', at_most(1.05)),
     plain('the same; after 20,000 calls', 'memory after', 'memory warm', 'KiB'),
     plain('files of 1 million entries', 'files', 'files bare', 'µs', at_most(1.4)),
-    Row('preparation without pauses', lambda f: f['prepare'] - PAUSES_OF_PREPARATION,
-        lambda f: f['prepare tools'] - PAUSES_OF_PREPARATION + 30e3, ('prepare', 'prepare tools'), 'µs', at_most(1)),
+    Row('preparation without pauses', lambda f: f['prepare'] - PREPARATION_PAUSES_MICROSECONDS,
+        lambda f: f['prepare tools'] - PREPARATION_PAUSES_MICROSECONDS + 30e3, ('prepare', 'prepare tools'), 'µs',
+        at_most(1)),
     Row('repair', lambda f: f['repair'], lambda f: f['repair tools'] + 30e3, ('repair', 'repair tools'), 'µs',
         at_most(1)),
 )

@@ -1,6 +1,6 @@
-"""What is compared: the daemon, a bare daemon, udisksd with what it needs, and disks that all of them use.
+"""The programs that are compared (the daemon, a bare daemon, udisksd with its helpers), and the disks they all use.
 
-Lives in the world that tools/dev/private_root makes, and ends what it starts by its pid.
+Runs inside tools/dev/private_root. Ends only processes that it started, by pid.
 """
 
 import contextlib
@@ -37,14 +37,14 @@ BUS_SETTINGS = f'''<busconfig>
 
 
 class NotTaken(Exception):
-    """A figure that could not be had; the text is the reason."""
+    """A figure could not be taken; the text is the reason."""
 
 
 def pss_of(*pids):
-    """KiB of memory, each page shared by several processes counted in parts."""
+    """PSS in KiB: a page that n processes share counts as 1/n for each."""
     kibibytes = 0
     for pid in pids:
-        # One that has just gone has none.
+        # A process that has just exited has no file.
         with contextlib.suppress(FileNotFoundError, ProcessLookupError):
             text = pathlib.Path(f'/proc/{pid}/smaps_rollup').read_text()
             kibibytes += int(text.partition('\nPss:')[2].split()[0])
@@ -56,7 +56,7 @@ def children_of(pid):
 
 
 def threads_of(pid):
-    # The device manager's workers come and go.
+    # The workers of udevd come and go.
     with contextlib.suppress(FileNotFoundError, ProcessLookupError):
         return [int(thread) for thread in os.listdir(f'/proc/{pid}/task')]
     return []
@@ -64,8 +64,10 @@ def threads_of(pid):
 
 @contextlib.contextmanager
 def one_processor(pids):
-    """Keeps these processes, and what is started meanwhile, on one processor. Of a caller and a server only one runs at
-    a time; whether the scheduler puts them on one processor or on two would decide about all."""
+    """Keeps these processes, and those that start meanwhile, on one processor.
+
+    Only one of a caller and its server runs at a time. Without this, the scheduler's choice of one processor or two
+    decides the result."""
     everywhere = os.sched_getaffinity(0)
     threads = [thread for pid in (os.getpid(), *pids) for thread in threads_of(pid)]
     try:
@@ -80,7 +82,7 @@ def one_processor(pids):
 
 
 class Programs:
-    """The programs of a build tree, and how they are run."""
+    """Runs the programs of a build tree."""
 
     def __init__(self, build):
         self.bin = pathlib.Path(build) / 'bin'
@@ -91,13 +93,15 @@ class Programs:
         self.log = open('/tmp/log', 'ab')
 
     def start(self, *command):
-        """Starts a program that is gone when this one is."""
+        """Starts a program that ends with this one."""
         return subprocess.Popen(['setpriv', '--pdeathsig', 'KILL', *map(str, command)], env=self.environment,
                                 stdin=subprocess.DEVNULL, stdout=self.log, stderr=self.log)
 
     def start_unshared(self, program, *arguments):
-        """The same, with copies of the program and its libraries. How much of a library's memory is a process's depends on
-        how many others use it, and how much of a file is taken in at once on how it was written."""
+        """The same, with copies of the program and its libraries.
+
+        The PSS of a library depends on how many other processes use it. How much of a file is read at once depends on
+        how the file was written."""
         listed = subprocess.run(['ldd', program], check=True, stdout=subprocess.PIPE, text=True).stdout
         copies = pathlib.Path('/tmp/copies')
         if not copies.exists():
@@ -110,7 +114,7 @@ class Programs:
         return self.start('env', f'LD_LIBRARY_PATH={copies}', copies / os.path.basename(program), *arguments)
 
     def measure(self, *arguments):
-        """What a command of bench_measure reports, by name."""
+        """Runs a command of bench_measure and returns its figures by name."""
         done = subprocess.run([str(self.bin / 'bench_measure'), *map(str, arguments)], env=self.environment,
                               stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=300)
         if done.returncode != 0:
@@ -127,12 +131,12 @@ def wait_until(condition, what, seconds=20):
     deadline = time.monotonic() + seconds
     while not condition():
         if time.monotonic() > deadline:
-            raise NotTaken(f'{what}: not within {seconds} s')
+            raise NotTaken(f'{what}: not ready within {seconds} s')
         time.sleep(0.01)
 
 
 class Peer:
-    """udisksd with a bus and a device manager of its own. Paused, it takes nothing from those that are measured."""
+    """udisksd with its own bus and its own udevd. While it is paused, it does not disturb other measurements."""
 
     def __init__(self, programs):
         self.programs = programs
@@ -148,7 +152,7 @@ class Peer:
         wait_until(lambda: os.path.exists(BUS_SOCKET) and os.path.exists('/run/udev/control'), 'bus and udevd')
 
     def settle(self):
-        """Has the device manager look at all disks, and waits for it."""
+        """Lets udevd probe all disks, and waits until it has."""
         for command in (['trigger', '--action=add', '--subsystem-match=block'], ['settle', '--timeout=60']):
             subprocess.run(['udevadm', *command], env=self.programs.environment, check=True)
 
@@ -186,7 +190,7 @@ class Peer:
             yield
         finally:
             self._signal(signal.SIGCONT)
-            # It sees what has been mounted and unmounted meanwhile; that is none of its next call.
+            # It now reads what was mounted and unmounted meanwhile. That must not count for its next call.
             time.sleep(0.05)
 
     def end(self):
@@ -196,7 +200,7 @@ class Peer:
 
 
 class Disks:
-    """Loop devices, the first with an ext3 file system, and their nodes in /dev."""
+    """Loop devices and their nodes in /dev. The first has an ext3 file system."""
 
     def __init__(self):
         self.before = set(loop_numbers())
@@ -205,7 +209,7 @@ class Disks:
         self.nodes = []
 
     def add(self, count):
-        """Makes loop devices until there are this many."""
+        """Makes loop devices until there are `count`."""
         while len(self.descriptors) < count:
             image = f'/tmp/disk{len(self.descriptors)}.img'
             first = not self.descriptors
@@ -222,7 +226,7 @@ class Disks:
         self.numbers.add(loop_number(os.readlink(f'/proc/self/fd/{descriptor}')))
 
     def show(self, count):
-        """Gives nodes to so many of them, and to no others."""
+        """Makes nodes for the first `count` devices, and for no others."""
         while len(self.nodes) > count:
             os.unlink(self.nodes.pop())
         for number in range(len(self.nodes), count):
@@ -239,7 +243,7 @@ class Disks:
         return f'/org/freedesktop/UDisks2/block_devices/{loop}'
 
     def recording_disk(self):
-        """A disk that is large enough for xfs, in place of the others; returns its node."""
+        """Replaces the disks with one that is large enough for xfs; returns its node."""
         self.show(0)
         image = '/tmp/recording.img'
         with open(image, 'wb') as file:
@@ -257,7 +261,7 @@ class Disks:
             os.close(descriptor)
         with open('/dev/loop-control') as control:
             for number in self.numbers - self.before:
-                # The kernel lets go of a closed device in its own time.
+                # The kernel releases a closed device with a delay.
                 for _ in range(100):
                     try:
                         fcntl.ioctl(control, LOOP_CTL_REMOVE, number)

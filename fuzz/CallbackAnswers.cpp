@@ -1,5 +1,5 @@
-// Raw bytes as the media service's answers to callbacks, through the client's own transport and protocol: a
-// call returns or fails, and after whatever is no answer the next one is made on a new connection.
+// Raw bytes as the media service's replies to callbacks, through the client's own transport and protocol. A
+// call returns or fails. After anything but a reply, the next call uses a new connection.
 
 #include <thrift/TApplicationException.h>
 #include <thrift/protocol/TBinaryProtocol.h>
@@ -27,7 +27,7 @@ std::string goodAnswer() {
   return wire->getBufferAsString();
 }
 
-/// Stands in for the client's socket: the first connection delivers the input, every later one a good answer.
+/// Replaces the client's socket: the first connection delivers the input, every later one a good reply.
 class AnswerSocket : public TVirtualTransport<AnswerSocket> {
  public:
   AnswerSocket(const std::string& /*host*/, int /*number*/) {}
@@ -63,7 +63,7 @@ int AnswerSocket::opened = 0;
 
 using MediaClient = ravel::rpc::thrift_client<ravel::rpc::corvane_rpc_gen_Client, 9014, AnswerSocket>;
 
-/// True when the service answered, be it with a failure.
+/// True if the service replied, even with an exception.
 bool isAnswered(MediaClient& client) {
   try {
     client.call([](ravel::rpc::corvane_rpc_gen_Client& service) { service.SendUsbAddedCallback(1, 2, 3); });
@@ -82,9 +82,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   AnswerSocket::opened = 0;
   MediaClient client;
   while (isAnswered(client)) {
-    fuzz::require(AnswerSocket::opened == 1, "an answered call leaves its connection for the next one");
+    fuzz::require(AnswerSocket::opened == 1, "a call with a reply keeps its connection for the next one");
   }
-  fuzz::require(AnswerSocket::opened == 1, "a call that is not answered is not made again");
-  fuzz::require(isAnswered(client) && AnswerSocket::opened == 2, "the next call is made on a new connection");
+  fuzz::require(AnswerSocket::opened == 1, "a call without a reply is not retried");
+  fuzz::require(isAnswered(client) && AnswerSocket::opened == 2, "the next call uses a new connection");
   return 0;
 }

@@ -1,7 +1,7 @@
-// Directory entries with names of any bytes: the search returns those that end in the extension.
+// Directory entries with names of any bytes: the search returns the names with the extension.
 //
-// The input holds, separated by NUL bytes: the extension, the directory, and the names in it, separated by
-// slashes.
+// The input has these fields, separated by NUL bytes: the extension, the directory, and the names in it,
+// separated by slashes.
 
 #include "Fuzzing.h"
 
@@ -11,7 +11,7 @@ bool endsWith(const std::string& text, const std::string& end) {
   return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
-/// A name without a dot is all extension; no extension has a dot in it.
+/// A name without a dot is an extension as a whole. No extension contains a dot.
 bool hasExtension(const std::string& name, const std::string& extension) {
   return extension.find('.') == std::string::npos && (name == extension || endsWith(name, "." + extension));
 }
@@ -50,7 +50,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   fuzz::require(found == expected, "the names with the extension are found, in the directory's order");
 
   handler.GetFilesByExtension(found, 2, directory, extension);
-  fuzz::require(found == expected, "nothing is found where there is no directory");
+  fuzz::require(found == expected, "a missing directory yields nothing");
   fuzz::requireNothingOpen(platform);
   return 0;
 }

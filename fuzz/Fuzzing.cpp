@@ -28,11 +28,11 @@ std::vector<std::string> fields(const std::string& text, std::size_t count) {
 }
 
 std::vector<std::string> directoryEntries(const std::string& text) {
-  constexpr std::size_t longest = 255;
+  constexpr std::size_t maxBytes = 255;
   std::vector<std::string> names;
   for (const std::string& name : split(text, '/')) {
     if (!name.empty()) {
-      names.push_back(name.substr(0, longest));
+      names.push_back(name.substr(0, maxBytes));
     }
   }
   return names;
@@ -40,7 +40,7 @@ std::vector<std::string> directoryEntries(const std::string& text) {
 
 void require(bool holds, const char* whatMustHold) {
   if (!holds) {
-    std::fprintf(stderr, "must hold, and does not: %s\n", whatMustHold);
+    std::fprintf(stderr, "must hold, but does not: %s\n", whatMustHold);
     std::abort();
   }
 }
@@ -48,17 +48,17 @@ void require(bool holds, const char* whatMustHold) {
 void requireNothingOpen(const FakePlatform& platform) {
   require(platform.openDescriptors() == 0, "every descriptor is closed");
   require(platform.openDirectories() == 0, "every directory is closed");
-  require(platform.liveProbes() <= 1, "one probe is kept at most");
+  require(platform.liveProbes() <= 1, "at most one probe is kept");
 }
 
 }  // namespace fuzz
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-  // There is no media service: nobody can make this directory.
+  // There is no media service, because nobody can make this directory.
   setenv("RAVEL_SOCKET_DIR", "/proc/nowhere", 1);
-  // Every line but the stack dumps, which are about the fuzzer's functions and take long.
+  // All lines but the stack dumps: they show the fuzzer's functions and are slow.
   Dockhand::usbClientLog.context->setThreshold(2);
-  // As the daemon does with the RPC library's messages.
+  // The daemon does the same with the messages of the RPC library.
   apache::thrift::GlobalOutput.setOutputFunction(
       [](const char* message) { Dockhand::usbClientLog.write(4, 14, message); });
   return 0;

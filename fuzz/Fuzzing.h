@@ -10,32 +10,32 @@
 #include "Journal.h"
 #include "TestableHandler.h"
 
-/// What the fuzz targets share.
+/// Shared by the fuzz targets.
 ///
-/// Every target makes a new handler over a new fake system for each input, so that one input leaves nothing
-/// to the next. Log lines are composed and written by the real logging library, every one of them; fuzz/run
-/// has libFuzzer drop standard output and standard error.
+/// Every target makes a new handler over a new fake system for each input, so that no state passes from one
+/// input to the next. The real logging library writes every log line; fuzz/run makes libFuzzer discard
+/// standard output and standard error.
 namespace fuzz {
 
-/// The input as it comes from libFuzzer.
+/// The input from libFuzzer as a string.
 inline std::string textOf(const std::uint8_t* data, std::size_t size) {
   return {reinterpret_cast<const char*>(data), size};
 }
 
-/// What stands between the separators, at least one text.
+/// The texts between the separators, at least one.
 std::vector<std::string> split(const std::string& text, char separator);
 
-/// The first `count` texts between NUL bytes, empty ones where there are fewer; the rest is ignored.
+/// The first `count` texts between NUL bytes. Missing ones are empty; the rest is ignored.
 std::vector<std::string> fields(const std::string& text, std::size_t count);
 
-/// The names between slashes, as a directory may hold them: none is empty, none is longer than 255 bytes.
+/// The names between slashes, valid for a directory: none is empty or longer than 255 bytes.
 std::vector<std::string> directoryEntries(const std::string& text);
 
-/// Ends the program, which libFuzzer reports as a finding, when what must hold does not.
+/// Aborts the program if `holds` is false; libFuzzer reports that as a finding.
 void require(bool holds, const char* whatMustHold);
 
-/// That an operation, or a whole connection, has left nothing open on the fake system. A probe whose reading
-/// failed is kept by the handler, one at a time.
+/// Requires that an operation, or a whole connection, leaves nothing open on the fake system. The handler may
+/// keep one failed probe.
 void requireNothingOpen(const FakePlatform& platform);
 
 }  // namespace fuzz

@@ -1,16 +1,16 @@
-// Volume labels, which anybody can write on a disk, through the preparation of a recording disk: the command
-// line that root's shell is given is then run by a real shell among programs that only record. Nothing but
-// mkfs.xfs runs, once, and the label is the one that the disk is to have.
+// Volume labels, which anybody can write to a disk, through the preparation of a recording disk. A real shell
+// runs the command line that root's shell would get, with programs that only record their arguments. Only
+// mkfs.xfs runs, once, with the right label.
 //
-// The input is the label, as libblkid hands it out: without NUL bytes.
+// The input is the label as libblkid returns it: without NUL bytes.
 
 #include "Fuzzing.h"
 #include "ShellBox.h"
 
 namespace {
 
-/// The longest beginning of 11 bytes or less that ends where a UTF-8 character ends. A text with more than
-/// three continuation bytes in a row is none, and cut anywhere.
+/// The longest prefix of at most 11 bytes that ends where a UTF-8 character ends. A text with more than three
+/// continuation bytes in a row is not UTF-8, and is cut anywhere.
 std::string cut(const std::string& label) {
   const auto continues = [&](std::size_t at) {
     return at < label.size() && static_cast<unsigned char>(label[at]) >> 6 == 2;
@@ -23,7 +23,7 @@ std::string cut(const std::string& label) {
   return label.substr(0, 11);
 }
 
-/// The label that the recording disk is to have.
+/// The label that the recording disk should get.
 std::string newLabel(const std::string& label) {
   if (label.size() < 2 || label == "NONAME" || label == "New Volume" || label == "KRX_LOGS") {
     return "PVR_DISK";
@@ -37,7 +37,7 @@ std::string newLabel(const std::string& label) {
   return printable.empty() ? "PVR_DISK" : printable;
 }
 
-/// The command line, with its output in another file than /tmp/Dockhand.log.
+/// The command line with its output redirected to `file` instead of /tmp/Dockhand.log.
 std::string withOutput(const std::string& commandLine, const std::string& file) {
   const std::string redirection = " 1>/tmp/Dockhand.log 2>&1";
   const std::size_t end = commandLine.size() - std::min(commandLine.size(), redirection.size());
@@ -50,9 +50,8 @@ void requireOnlyMkfs(const std::string& commandLine, const std::string& label) {
   const fuzz::ShellBox::Run run = box.run(withOutput(commandLine, box.output()));
   const std::vector<std::string> mkfs = {
       "mkfs.xfs", "-f", "-l", "lazy-count=0", "-L", label, "/dev/usb_storage_sda1"};
-  fuzz::require(run.programs == std::vector<std::vector<std::string>>{mkfs},
-                "mkfs.xfs runs, once, and nothing else");
-  fuzz::require(run.status == 0 && run.output.empty(), "the shell has nothing to say");
+  fuzz::require(run.programs == std::vector<std::vector<std::string>>{mkfs}, "only mkfs.xfs runs, once");
+  fuzz::require(run.status == 0 && run.output.empty(), "the shell prints nothing");
   fuzz::require(run.files.empty(), "no file appears");
 }
 
@@ -90,7 +89,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                                    "system dd if=/dev/zero of=/dev/usb_storage_sda bs=512 count=1" + log,
                                    "system echo -e 'n\\np\\n1\\n\\n\\nw' | fdisk /dev/usb_storage_sda" + log,
                                    passLog, unmount, mkfs},
-      "the label is in the last command only");
+      "only the last command contains the label");
   fuzz::requireNothingOpen(platform);
   return 0;
 }

@@ -1,7 +1,7 @@
-// Listings of /dev: every name becomes a record with the number that it should have, or none at all.
+// Listings of /dev: every name becomes a record with the right number, or no record.
 //
-// The input holds scans, separated by NUL bytes; a scan is the names in /dev, separated by slashes. (A file
-// name may hold any other byte.) The scan "!" fails.
+// The input has scans, separated by NUL bytes. A scan has the names in /dev, separated by slashes, because a
+// file name may contain any other byte. The scan "!" fails.
 
 #include <algorithm>
 #include <cerrno>
@@ -25,7 +25,7 @@ std::string only(const std::string& text, const char* characters) {
   return found;
 }
 
-/// What the handler should know, kept in a list in the order of the numbers.
+/// The records that the handler should have, in a list in the order of their numbers.
 class Model {
  public:
   void failedScan() { forgetWhatWasSeen(); }
@@ -42,7 +42,8 @@ class Model {
       device.seen = true;
       device.hasPartition = device.hasPartition || !only(text, "0123456789").empty();
     }
-    // After each one that has gone the search goes on behind the first record, wherever it was.
+    // The handler restarts at the second record after each removal, so a record that becomes the first
+    // survives.
     for (std::size_t i = 0; i < known_.size();) {
       if (known_[i].seen) {
         ++i;
@@ -82,19 +83,19 @@ class Model {
 };
 
 void requireSame(const Model& model, TestableHandler& handler) {
-  fuzz::require(handler.deviceMap.size() == model.known().size(), "there are as many records as devices");
+  fuzz::require(handler.deviceMap.size() == model.known().size(), "every device has one record");
   for (const Known& device : model.known()) {
     const auto record = handler.deviceMap.find(device.number);
-    fuzz::require(record != handler.deviceMap.end(), "a device has the number that was free");
+    fuzz::require(record != handler.deviceMap.end(), "a device has the first free number");
     fuzz::require(record->second.deviceName == device.letters, "a record has the letters of its node");
     fuzz::require(record->second.partitionCount == (device.hasPartition ? 1 : 0),
-                  "a record knows of its digits");
-    fuzz::require(record->second.foundInScan == device.seen, "a record knows whether its node is there");
+                  "a record knows whether its node has digits");
+    fuzz::require(record->second.foundInScan == device.seen, "a record knows whether its node exists");
 
     ravel::rpc::ReturnValueWithString name;
     handler.GetUsbPhysicalDevice(name, static_cast<std::int16_t>(device.number));
     fuzz::require(name.success && name.text == device.letters + (device.hasPartition ? "1" : ""),
-                  "the kernel name has a 1 where there is a partition");
+                  "the kernel name ends in 1 if there is a partition");
   }
 }
 

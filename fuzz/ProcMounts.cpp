@@ -1,9 +1,9 @@
-// The kernel's mount table, and the paths that are looked for in it: only what its beginning names is
-// unmounted, and only where opening and closing have business.
+// The kernel's mount table, and the paths that the daemon looks up in it. It unmounts only paths that the
+// beginning of the table contains, and only paths that opening and closing use.
 //
-// The input holds, separated by NUL bytes: letters for what happens (u: unmounting fails, r: the device is
-// pulled out rather than closed), the label and the UUID of the disk, the mount point, and the mount table at
-// the time of the opening and of the closing.
+// The input has these fields, separated by NUL bytes: letters for what happens (u: unmounting fails, r: the
+// device is pulled out instead of closed), the label and the UUID of the disk, the mount point, the mount
+// table at the opening, and the mount table at the closing.
 
 #include <sys/mount.h>
 
@@ -14,7 +14,7 @@
 
 namespace {
 
-/// Which directories there are, and what cleaning up a mount path should do about one of them.
+/// The directories that exist, and the calls that the clean-up of a mount path should make.
 class Model {
  public:
   Model(std::set<std::string> existing, bool unmountingFails)
@@ -41,7 +41,7 @@ class Model {
   const std::vector<std::string>& calls() const { return calls_; }
 
  private:
-  /// How the kernel writes a path with blanks, and the blank behind it.
+  /// A path as the kernel writes it, with escaped blanks, and its trailing blank.
   static std::string fieldOf(const std::string& path) {
     std::string field = path;
     for (std::size_t at = 0; (at = field.find(' ', at)) != std::string::npos;) {
@@ -72,7 +72,7 @@ void requireCalls(const Model& model) {
     }
   }
   fuzz::require(calls == model.calls(),
-                "the mount table decides what is unmounted, and nothing else is touched");
+                "the mount table decides what is unmounted, and no other path is touched");
 }
 
 bool isOneName(const std::string& name) {
@@ -99,7 +99,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Model model(platform.existing, unmountingFails);
 
   platform.files["/proc/mounts"] = input[4];
-  fuzz::require(handler.OpenDeviceAt(1, mountPoint, false), "the device opens, whatever the table says");
+  fuzz::require(handler.OpenDeviceAt(1, mountPoint, false), "the device opens with any mount table");
   for (const std::string& name : {label, uuid}) {
     if (isOneName(name) && name.size() > 1) {
       model.cleanUp("/media/" + name, input[4], 0);
@@ -112,7 +112,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   platform.files["/proc/mounts"] = input[5];
   if (pulledOut) {
     handler.NotifyUsbRemoved("sda");
-    fuzz::require(handler.deviceMap.empty(), "what is pulled out is forgotten");
+    fuzz::require(handler.deviceMap.empty(), "a device that is pulled out is forgotten");
   } else {
     handler.CloseDevice(1);
   }

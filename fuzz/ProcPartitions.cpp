@@ -1,7 +1,7 @@
-// The kernel's list of partitions, and the names that are looked for in it: a device is announced when a
-// record has its name and the beginning of the list holds it exactly once.
+// The kernel's list of partitions, and the names that the daemon looks up in it. A device is announced if a
+// record has its name and the beginning of the list contains it exactly once.
 //
-// The input holds, separated by NUL bytes: the name that is announced, the names of the nodes behind
+// The input has these fields, separated by NUL bytes: the announced name, the names of the nodes after
 // "usb_storage_", separated by slashes, and the list.
 
 #include <thrift/transport/TTransportException.h>
@@ -10,7 +10,7 @@
 
 namespace {
 
-/// True when the device's one observer was called: there is no media service, so that fails.
+/// True if the device's only observer is called: the call fails, because there is no media service.
 bool callsObserver(const std::function<void()>& notification) {
   try {
     notification();
@@ -31,7 +31,7 @@ int timesIn(const std::string& text, const std::string& name) {
   return times;
 }
 
-/// The number of the first device that the kernel calls so; 0 without one.
+/// The number of the first device with this kernel name; 0 without one.
 std::uint32_t numberOf(const std::string& name, const TestableHandler& handler) {
   for (const auto& [number, entry] : handler.deviceMap) {
     if (entry.deviceName + (entry.partitionCount == 0 ? "" : "1") == name) {
@@ -61,26 +61,24 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::uint32_t number = numberOf(name, handler);
   const bool isAnnounced = number != 0 && timesIn(list.substr(0, 1023), name) == 1;
   const auto added = [&] { handler.NotifyUsbAdded(name); };
-  fuzz::require(callsObserver(added) == isAnnounced,
-                "a known device that is listed once is announced, no other one");
+  fuzz::require(callsObserver(added) == isAnnounced, "only a known device that is listed once is announced");
   fuzz::require(
       journal().calls() == std::vector<std::string>{"scandir /dev", "open /proc/partitions",
                                                     "read /proc/partitions 1023", "close /proc/partitions"},
-      "the beginning of the list is read, once");
+      "the beginning of the list is read once");
   for (const auto& [key, entry] : handler.deviceMap) {
     const bool shouldBeMarked = isAnnounced && key == number;
     fuzz::require((entry.lastUsbOperation == Dockhand::UsbOperationAdded) == shouldBeMarked,
-                  "the announced device is marked, no other one");
+                  "only the announced device is marked");
   }
   fuzz::require(!callsObserver(added), "a device is announced once");
 
   const std::size_t devices = handler.deviceMap.size();
   const auto removed = [&] { handler.NotifyUsbRemoved(name); };
-  fuzz::require(callsObserver(removed) == (number != 0),
-                "a known device that goes is announced, no other one");
+  fuzz::require(callsObserver(removed) == (number != 0), "only a known device that goes is announced");
   fuzz::require(
       handler.deviceMap.size() == devices - (number != 0 ? 1 : 0) && handler.deviceMap.count(number) == 0,
-      "the device is forgotten, no other one");
+      "only the device is forgotten");
   fuzz::requireNothingOpen(platform);
   return 0;
 }

@@ -1,6 +1,5 @@
-// The only program that the shell finds in a ShellBox, under many names: appends its arguments, its name
-// first, to the file that the environment variable RECORD names. A line with their count comes before them, a
-// NUL byte after each.
+// The only program in a ShellBox, under many names. It appends its arguments, its name first, to the file in
+// the environment variable RECORD. A line with their count comes before them, a NUL byte after each.
 
 #include <cstdio>
 #include <cstdlib>

@@ -1,7 +1,7 @@
 // Raw bytes on a connection, through the server's own transports, protocol and processor to the handler.
 //
-// The first byte of the input says what fails on the fake system, the second in how small pieces the bytes
-// arrive; the rest is what the client sends.
+// The first byte of the input selects the failures of the fake system. The second is the size of the pieces
+// in which the bytes arrive, minus one. The rest is what the client sends.
 
 #include <thrift/TApplicationException.h>
 #include <thrift/protocol/TBinaryProtocol.h>
@@ -29,8 +29,7 @@ using apache::thrift::transport::TVirtualTransport;
 
 namespace {
 
-/// A client's end of a connection: delivers the input piece by piece, then the end, and keeps what is
-/// answered.
+/// The client's end of a connection: delivers the input piece by piece, then the end, and keeps the replies.
 class Wire : public TVirtualTransport<Wire> {
  public:
   Wire(std::string input, std::size_t piece) : input_(std::move(input)), piece_(piece) {}
@@ -58,7 +57,7 @@ class Wire : public TVirtualTransport<Wire> {
   std::string answers_;
 };
 
-/// Two devices, one with a partition and one without, and all that the operations ask for.
+/// Sets up two devices, one with a partition and one without, and everything that the operations read.
 void furnish(FakePlatform& platform, unsigned failures) {
   const auto fails = [failures](unsigned bit) { return (failures >> bit & 1U) != 0; };
 
@@ -94,7 +93,7 @@ void furnish(FakePlatform& platform, unsigned failures) {
   }
 }
 
-/// Serves one connection to its end, as a worker of the server does. What was answered.
+/// Serves one connection to its end, as a worker of the server does. Returns the replies.
 std::string serve(const std::shared_ptr<TestableHandler>& handler, const std::string& bytes,
                   std::size_t piece) {
   const auto wire = std::make_shared<Wire>(bytes, piece);
@@ -106,7 +105,7 @@ std::string serve(const std::shared_ptr<TestableHandler>& handler, const std::st
   return wire->answers();
 }
 
-/// Whole messages only, and an exception only where the interface says so.
+/// Requires whole messages only, and exceptions only where the interface allows them.
 void requireGoodAnswers(const std::string& answers) {
   const auto buffer = std::make_shared<TMemoryBuffer>();
   buffer->write(reinterpret_cast<const std::uint8_t*>(answers.data()),
@@ -123,9 +122,8 @@ void requireGoodAnswers(const std::string& answers) {
       const bool fromHandler = exception.getType() == TApplicationException::UNKNOWN;
       const bool withoutMediaService = name.rfind("NotifyUsb", 0) == 0 &&
                                        std::string(exception.what()).find("/9014.sock") != std::string::npos;
-      fuzz::require(
-          !fromHandler || withoutMediaService,
-          "an operation raises nothing, but for a notification that does not reach the media service");
+      fuzz::require(!fromHandler || withoutMediaService,
+                    "only a notification that does not reach the media service raises an exception");
     } else {
       fuzz::require(type == apache::thrift::protocol::T_REPLY, "an answer is a reply or an exception");
       protocol.skip(apache::thrift::protocol::T_STRUCT);
@@ -134,8 +132,8 @@ void requireGoodAnswers(const std::string& answers) {
   }
 }
 
-/// The next client, on another worker, finds the lock free and gets its answer. To be called in another
-/// thread, since the lock is recursive.
+/// The next client, on another worker, finds the lock free and gets its reply. Call it in another thread,
+/// because the lock is recursive.
 void requireGoodCallIsAnswered(const std::shared_ptr<TestableHandler>& handler) {
   fuzz::require(handler->handlerMutex.try_lock(), "the handler's lock is free");
   handler->handlerMutex.unlock();
@@ -162,7 +160,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto handler = std::make_shared<TestableHandler>(platform);
     requireGoodAnswers(serve(handler, fuzz::textOf(data + 2, size - 2), data[1] + 1U));
     fuzz::requireNothingOpen(platform);
-    // One thread for all inputs: the sanitizer keeps something of each that there was.
+    // One thread for all inputs, because the sanitizer keeps memory for every thread that ever ran.
     static boost::asio::thread_pool otherWorker(1);
     std::packaged_task<void()> goodCall([&handler] { requireGoodCallIsAnswered(handler); });
     auto answered = goodCall.get_future();

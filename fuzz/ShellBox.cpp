@@ -18,8 +18,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-/// Programs that the shell finds: those of a preparation, and some that an escaped label would be likely to
-/// run.
+/// Programs that the shell finds: those of a preparation, and some that an escaped label would probably run.
 constexpr const char* programs[] = {"mkfs.xfs", "umount", "sfdisk", "dd", "fdisk", "logger", "sh",
                                     "touch",    "rm",     "id",     "ls", "env",   "reboot", "true"};
 
@@ -99,7 +98,7 @@ int ShellBox::runShell(const std::string& commandLine) const {
   require(error == 0, "a shell can be started");
   int status = 0;
   while (waitpid(child, &status, 0) != child) {
-    // libFuzzer has a timer of its own.
+    // The signal of libFuzzer's timer interrupts the wait.
     require(errno == EINTR, "a shell can be waited for");
   }
   return status;

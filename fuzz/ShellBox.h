@@ -7,20 +7,20 @@
 
 namespace fuzz {
 
-/// Where a command line may be run that anybody may have written: /bin/sh in an empty directory, as a user
-/// who may do nothing (where this process runs as root), in a session of its own, with an environment that
-/// leads to no program but stand-ins that record how they were called.
+/// Runs an untrusted command line safely: /bin/sh in an empty directory and in its own session. If this
+/// process is root, the shell runs as an unprivileged user. Its PATH has only stand-ins that record how they
+/// are called.
 class ShellBox {
  public:
-  /// What came of a command line.
+  /// The result of a command line.
   struct Run {
-    /// As waitpid tells it.
+    /// As waitpid returns it.
     int status;
     /// The programs that ran, each with its arguments, its name first.
     std::vector<std::vector<std::string>> programs;
-    /// What the command line has written to `output()`.
+    /// What the command line wrote to `output()`.
     std::string output;
-    /// The names in the directory that was empty.
+    /// The names of new files in the directory that was empty.
     std::vector<std::string> files;
   };
 
@@ -29,7 +29,7 @@ class ShellBox {
   ShellBox& operator=(const ShellBox&) = delete;
   ~ShellBox();
 
-  /// A file for the command line to write to, if it redirects its output.
+  /// A file that the command line may redirect its output to.
   std::string output() const { return root_ / "out" / "output"; }
 
   Run run(const std::string& commandLine);

@@ -1,4 +1,4 @@
-// Scanning /dev and listing the devices, over a system that answers at once and over the real one.
+// Scanning /dev and listing the devices, over a fake system without delays and over the real one.
 
 #include <benchmark/benchmark.h>
 
@@ -14,7 +14,7 @@
 
 namespace {
 
-/// The real system with another folder in place of /dev, which is not ours to fill.
+/// The real system with another folder in place of /dev: we must not put nodes into the real one.
 class LinuxWithOwnDev : public Dockhand::LinuxPlatform {
  public:
   explicit LinuxWithOwnDev(const std::string& dev) : dev_(dev) {}
@@ -48,7 +48,7 @@ void list(benchmark::State& state, Dockhand::Platform& platform) {
   }
 }
 
-/// Runs one of the above with as many nodes as the benchmark's argument says.
+/// Runs one of the above; the benchmark's argument is the number of nodes.
 template <void (*operation)(benchmark::State&, Dockhand::Platform&)>
 void overInstantPlatform(benchmark::State& state) {
   bench::InstantPlatform platform;

@@ -1,5 +1,4 @@
-// What the RPC layer adds to an operation: a call is decoded, handled and its answer encoded, without a
-// socket.
+// The cost of the RPC layer: a call is decoded and handled, and its reply is encoded, without a socket.
 
 #include <benchmark/benchmark.h>
 #include <thrift/protocol/TBinaryProtocol.h>
@@ -27,7 +26,7 @@ using apache::thrift::transport::TMemoryBuffer;
 using ravel::rpc::LimitedBinaryProtocol;
 using ravel::rpc::LimitedBufferedTransport;
 
-/// A processor over a handler, with memory in place of its connection.
+/// A processor over a handler, with memory in place of a connection.
 class Service {
  public:
   explicit Service(std::vector<std::string> names)
@@ -39,7 +38,7 @@ class Service {
     out_ = std::make_shared<LimitedBinaryProtocol>(std::make_shared<LimitedBufferedTransport>(reply_));
   }
 
-  /// Sends what `call` writes, again for each iteration.
+  /// Records what `call` writes, and sends it in each iteration.
   void answer(benchmark::State& state,
               const std::function<void(ravel::rpc::usb_rpc_gen_Client& client)>& call) {
     const auto recorded = std::make_shared<TMemoryBuffer>();

@@ -1,4 +1,4 @@
-// Files by extension: folders in which every tenth file is one that is looked for.
+// Files by extension, in folders where every tenth file matches.
 
 #include <benchmark/benchmark.h>
 
@@ -15,7 +15,7 @@ namespace {
 
 void search(benchmark::State& state, Dockhand::Platform& platform, const std::string& folder) {
   Dockhand::DockhandClient handler(platform);
-  // No device has this number: the folder is then looked for from the root on.
+  // No device has this number, so the folder is relative to /.
   constexpr std::int16_t noDevice = 0;
   std::vector<std::string> files;
   for (auto _ : state) {

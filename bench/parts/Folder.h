@@ -8,8 +8,8 @@
 
 namespace bench {
 
-/// A folder full of empty files, gone with this object. It is in memory where the machine has /dev/shm, so
-/// that no disk is measured.
+/// A folder of empty files, which ends with this object. It is in /dev/shm if the machine has it, so that no
+/// disk is measured.
 class Folder {
  public:
   explicit Folder(const std::vector<std::string>& names);
@@ -23,10 +23,10 @@ class Folder {
   std::filesystem::path path_;
 };
 
-/// Names as in the /dev of a device: `nodes` of storage devices among 150 others.
+/// Names like those in the /dev of a device: `nodes` storage nodes and 150 others.
 std::vector<std::string> deviceNames(std::size_t nodes);
 
-/// Names of music: one in ten ends in ".mp3", the others in ".ogg".
+/// Names of songs: one in ten ends in ".mp3", the others in ".ogg".
 std::vector<std::string> songNames(std::size_t count);
 
 }  // namespace bench

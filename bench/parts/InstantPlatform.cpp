@@ -46,7 +46,7 @@ int InstantPlatform::access(const std::string& /*path*/, int /*mode*/) {
 
 int InstantPlatform::scandir(const std::string& /*path*/, dirent*** entries, int (*filter)(const dirent*),
                              int (* /*compare*/)(const dirent**, const dirent**)) {
-  // As the real one: an array, and each entry, that the caller frees.
+  // Like the real scandir: the caller frees the array and each entry.
   *entries = static_cast<dirent**>(std::malloc(names.size() * sizeof(dirent*)));
   int count = 0;
   for (const std::string& name : names) {

@@ -9,8 +9,8 @@
 
 namespace bench {
 
-/// A system that answers at once and keeps no record: what is measured over it is the handler's own work.
-/// Every directory holds `names`, in this order; everything else succeeds or is missing.
+/// A fake system without delays and without a journal, so that only the handler's own work is measured.
+/// Every directory holds `names`, in this order. Every other call succeeds or fails with ENOENT.
 class InstantPlatform : public Dockhand::Platform {
  public:
   std::vector<std::string> names;

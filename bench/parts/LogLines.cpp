@@ -1,4 +1,4 @@
-// What a log line costs the handler: one that nobody wants, and one that is written.
+// The cost of a log line: one below the threshold, and one that is written.
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
@@ -14,7 +14,7 @@ namespace {
 const Dockhand::ModuleLog moduleLog{TlogContext::GetLogContext("Dockhand.bench", "bench/parts/LogLines", 1),
                                     "bench/parts/LogLines"};
 
-/// Standard error leads nowhere while this object lives: the terminal's speed is not ours.
+/// Discards standard error while this object lives, so that the terminal's speed is not measured.
 class SilentStandardError {
  public:
   SilentStandardError() : saved_(dup(STDERR_FILENO)) {

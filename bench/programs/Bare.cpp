@@ -23,8 +23,7 @@ int isStorageNode(const dirent* entry) {
   return std::strstr(entry->d_name, "usb_storage_") != nullptr ? 1 : 0;
 }
 
-/// Looks for a mount in the beginning of the mount table, takes it away where there is one, and then the
-/// directory.
+/// Unmounts `path` if the beginning of the mount table has it, then removes the directory.
 void clearMount(const std::string& path) {
   const int table = open("/proc/mounts", O_RDONLY | O_CLOEXEC);
   std::array<char, 1024> text;
@@ -67,7 +66,7 @@ std::string probe(const std::string& node, const char* key) {
 
 void bareOpen(const std::string& node, const std::string& target) {
   scanDev();
-  // Held, so that the second and third probe read from memory.
+  // Held open, so that the second and third probe read from memory.
   const int held = open(node.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   clearMount("/media/" + probe(node, "LABEL"));
   clearMount("/media/" + probe(node, "UUID"));

@@ -1,5 +1,5 @@
-// bench_daemon SOCKET: as little of a daemon as there can be. A thread accepts connections and ten serve
-// them, one at a time each; every call gets the same answer.
+// bench_daemon SOCKET: the smallest possible daemon. One thread accepts connections. Ten threads serve them,
+// one connection at a time each. Every call gets the same reply.
 
 #include <sys/socket.h>
 #include <sys/un.h>

@@ -8,8 +8,8 @@
 
 namespace bench {
 
-/// A connection to the peer over the system bus, as DBUS_SYSTEM_BUS_ADDRESS names it. Calls wait for their
-/// answer and throw std::runtime_error when there is none, or an error.
+/// A connection to the peer over the system bus at DBUS_SYSTEM_BUS_ADDRESS. Calls wait for their reply. They
+/// throw std::runtime_error if there is none, or if it is an error.
 class Bus {
  public:
   Bus();
@@ -17,13 +17,13 @@ class Bus {
   Bus& operator=(const Bus&) = delete;
   ~Bus();
 
-  /// The call that does nothing. Answers false, and starts nothing, where nobody has the peer's name.
+  /// The call that does nothing. Returns false if nobody owns the peer's name, and does not start the peer.
   bool ping();
-  /// How many block devices the peer knows.
+  /// The number of block devices that the peer lists.
   std::size_t countBlockDevices();
   /// Mounts or unmounts ("Mount", "Unmount") the file system of an object.
   void callFilesystem(const std::string& object, const char* method);
-  /// Reads one property, or all of an interface, and lets go of what comes.
+  /// Reads one property, or all of an interface, and discards the values.
   void readProperty(const std::string& object, const char* interface, const char* property);
   void readProperties(const std::string& object, const char* interface);
 

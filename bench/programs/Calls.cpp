@@ -1,4 +1,4 @@
-// Calls that do nothing: on one connection, and on several at once.
+// Calls that do nothing, on one connection and on several at once.
 
 #include <atomic>
 #include <cstddef>
@@ -21,8 +21,8 @@ namespace {
 
 using Calls = std::vector<double>;
 
-/// Calls from several threads at once, each with a connection that `connect` makes, until each has made
-/// `count` of them. `connect` answers with the call to make.
+/// Makes `count` calls from each of several threads at once. `connect` opens the connection of a thread and
+/// returns the call to make.
 template <typename Connect>
 void load(std::size_t connections, std::size_t count, const Connect& connect) {
   std::vector<Calls> calls(connections);
@@ -87,7 +87,7 @@ void peerPing(const Arguments& arguments) {
   Bus bus;
   reportMedian(sample(number(arguments.at(0)), [&] {
     if (!bus.ping()) {
-      throw std::runtime_error("the peer is not there");
+      throw std::runtime_error("the peer does not run");
     }
   }));
 }
@@ -109,7 +109,7 @@ void peerLoad(const Arguments& arguments) {
 }
 
 void manyConnections(const Arguments& arguments) {
-  // All at once: more than there are workers, so that most of them wait for their turn.
+  // All at once: there are more connections than workers, so most of them wait.
   std::vector<std::unique_ptr<RawConnection>> connections;
   for (std::size_t i = 0; i < number(arguments.at(1)); ++i) {
     connections.push_back(std::make_unique<RawConnection>(arguments.at(0)));

@@ -3,9 +3,9 @@
 
 #include "Sampling.h"
 
-/// The commands of bench_measure. Each measures one thing and reports it; Measure.cpp says how it is called.
-/// "Stub" is the client that Thrift generates, "raw" one that sends bytes encoded beforehand, "peer" udisksd
-/// over the system bus, and "bare" the system calls by themselves.
+/// The commands of bench_measure. Each measures one thing and reports it; Measure.cpp lists the arguments.
+/// "Stub" is the client that Thrift generates. "Raw" sends bytes that are encoded beforehand. "Peer" is
+/// udisksd over the system bus. "Bare" is the system calls by themselves.
 namespace bench {
 
 // Calls.cpp

@@ -1,4 +1,4 @@
-// Files by extension in a folder of many.
+// Files by extension, in a folder with many files.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -26,7 +26,7 @@ using apache::thrift::protocol::TBinaryProtocol;
 using apache::thrift::transport::TMemoryBuffer;
 
 constexpr const char* extension = "mp3";
-constexpr const char* otherForm = "MP3";
+constexpr const char* upperCaseExtension = "MP3";
 
 std::vector<std::string> matchingFiles(const std::string& folder) {
   DIR* const directory = opendir(folder.c_str());
@@ -37,7 +37,7 @@ std::vector<std::string> matchingFiles(const std::string& folder) {
   while (const dirent* entry = readdir(directory)) {
     const char* const dot = std::strrchr(entry->d_name, '.');
     const char* const suffix = dot != nullptr ? dot + 1 : entry->d_name;
-    if (std::strcmp(suffix, extension) == 0 || std::strcmp(suffix, otherForm) == 0) {
+    if (std::strcmp(suffix, extension) == 0 || std::strcmp(suffix, upperCaseExtension) == 0) {
       files.emplace_back(entry->d_name);
     }
   }
@@ -45,7 +45,7 @@ std::vector<std::string> matchingFiles(const std::string& folder) {
   return files;
 }
 
-/// The answer as it goes over the socket; how many bytes that are.
+/// Encodes the reply as it goes over the socket; returns its size in bytes.
 std::size_t encode(std::vector<std::string> files) {
   const auto buffer = std::make_shared<TMemoryBuffer>();
   TBinaryProtocol protocol(buffer);
@@ -63,7 +63,7 @@ std::size_t encode(std::vector<std::string> files) {
 void fillFolder(const Arguments& arguments) {
   const std::string& folder = arguments.at(0);
   mkdir(folder.c_str(), 0755);
-  // Names of one file: a folder in memory takes any number of them, and they are soon made.
+  // Hard links are fast to make, and tmpfs has no limit on them.
   const std::string first = folder + "/song.ogg";
   close(open(first.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
   const std::size_t count = number(arguments.at(1));
@@ -79,7 +79,7 @@ void fillFolder(const Arguments& arguments) {
 void searchFiles(const Arguments& arguments) {
   const RawConnection connection(arguments.at(0));
   const auto buffer = std::make_shared<TMemoryBuffer>();
-  // No device has the number 0: the folder is looked for from the root on.
+  // No device has the number 0, so the folder is relative to /.
   ravel::rpc::usb_rpc_gen_Client(std::make_shared<TBinaryProtocol>(buffer))
       .send_GetFilesByExtension(0, arguments.at(1), extension);
   const std::string message = buffer->getBufferAsString();

@@ -1,5 +1,5 @@
-// bench_measure COMMAND ARGUMENT...: takes one measurement and writes it as lines of a name and a number. It
-// is run by bench/compare, in a world of its own.
+// bench_measure COMMAND ARGUMENT...: takes one measurement and prints it as lines of a name and a number.
+// bench/compare runs it in a private root.
 
 #include <cstdio>
 #include <cstdlib>
@@ -43,7 +43,7 @@ int main(int argc, char** argv) {
   };
   const auto command = argc > 1 ? commands.find(argv[1]) : commands.end();
   if (command == commands.end()) {
-    std::fprintf(stderr, "bench_measure: see Measure.cpp\n");
+    std::fprintf(stderr, "bench_measure: unknown command; Measure.cpp lists them\n");
     return 2;
   }
   try {

@@ -20,11 +20,10 @@ namespace bench {
 
 namespace {
 
-/// Reports both halves, each by itself: the one cannot be had without the other. Of several times the
-/// shortest: mounting waits for threads of the kernel, which have to wait for whatever else the machine is
-/// doing.
+/// Opens and closes in turn, and reports the shortest time of each. Mounting waits for threads of the kernel,
+/// which other work of the machine delays.
 template <typename Open, typename Close>
-void inTurns(std::size_t count, const Open& open, const Close& close) {
+void openAndCloseInTurn(std::size_t count, const Open& open, const Close& close) {
   open();
   close();
   std::vector<double> opening;
@@ -62,7 +61,7 @@ void runProgram(std::vector<std::string> words) {
 void openAndClose(const Arguments& arguments) {
   const auto device = static_cast<std::int16_t>(number(arguments.at(0)));
   Stub stub;
-  inTurns(
+  openAndCloseInTurn(
       number(arguments.at(1)), [&] { require(stub->OpenDevice(device), "OpenDevice"); },
       [&] { require(stub->CloseDevice(device), "CloseDevice"); });
 }
@@ -70,7 +69,7 @@ void openAndClose(const Arguments& arguments) {
 void peerMountAndUnmount(const Arguments& arguments) {
   const std::string& object = arguments.at(0);
   Bus bus;
-  inTurns(
+  openAndCloseInTurn(
       number(arguments.at(1)), [&] { bus.callFilesystem(object, "Mount"); },
       [&] { bus.callFilesystem(object, "Unmount"); });
 }
@@ -94,7 +93,7 @@ void mountProgram(const Arguments& arguments) {
   const std::string& node = arguments.at(0);
   const std::string& target = arguments.at(1);
   mkdir(target.c_str(), 0775);
-  inTurns(
+  openAndCloseInTurn(
       number(arguments.at(2)),
       [&] {
         runProgram({"mount", "-t", "ext3", "-o", "nosuid", node, target});
@@ -108,7 +107,7 @@ void mountProgram(const Arguments& arguments) {
 void bareOpenAndClose(const Arguments& arguments) {
   const std::string& node = arguments.at(0);
   const std::string& target = arguments.at(1);
-  inTurns(
+  openAndCloseInTurn(
       number(arguments.at(2)), [&] { bareOpen(node, target); }, [&] { bareClose(target); });
 }
 

@@ -1,4 +1,4 @@
-// Listing the devices, and what is known of one.
+// Listing the devices, and reading the properties of one.
 
 #include <cstdint>
 #include <stdexcept>
@@ -58,7 +58,7 @@ void answers(const Arguments& arguments) {
   }));
   if (!label.success || !uuid.success || type == 0 || capacity == 0 || mountPoint.text.empty() ||
       !name.success) {
-    throw std::runtime_error("a question about the device has no answer");
+    throw std::runtime_error("a query about the device has no answer");
   }
 }
 

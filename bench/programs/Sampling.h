@@ -11,7 +11,7 @@ namespace bench {
 
 using Arguments = std::vector<std::string>;
 
-/// "WHAT: " and the text of errno.
+/// `what`, ": " and the text of errno.
 std::string errorText(const std::string& what);
 
 /// Microseconds that `action` takes.
@@ -22,18 +22,18 @@ double timed(const Action& action) {
   return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - begin).count();
 }
 
-/// The value below which `share` (0 to 1) of the values are.
+/// The value below which `share` (0 to 1) of the values lie.
 double quantile(std::vector<double> values, double share);
 
-/// Microseconds of `count` runs, after a few that are not counted.
+/// Microseconds of each of `count` runs, after a few warm-up runs.
 std::vector<double> sample(std::size_t count, const std::function<void()>& action);
 
-/// Writes one result for the program that runs this one.
+/// Prints one result for the calling program.
 void report(const std::string& name, double value);
-/// The median of what `sample` gives, as "microseconds".
+/// Reports the median as "microseconds".
 void reportMedian(const std::vector<double>& values);
 
-/// The positive number that an argument stands for.
+/// Parses a positive number; throws std::logic_error if it is none.
 std::size_t number(const std::string& argument);
 
 }  // namespace bench

@@ -1,4 +1,4 @@
-// From the start of a process to its first answer.
+// The time from the start of a process to its first reply.
 
 #include <signal.h>
 #include <sys/prctl.h>
@@ -31,7 +31,7 @@ class Child {
     pointers.push_back(nullptr);
     pid_ = vfork();
     if (pid_ == 0) {
-      // Nothing is left behind where this program is killed.
+      // The child must not outlive this program, even if that is killed.
       prctl(PR_SET_PDEATHSIG, SIGKILL);
       execv(pointers[0], pointers.data());
       _exit(127);
@@ -54,15 +54,15 @@ class Child {
   pid_t pid_ = -1;
 };
 
-/// Microseconds from the start of a program to the first answer; ends it then.
+/// Microseconds from the start of a program to its first reply; then ends the program.
 double start(const Arguments& words, const std::function<bool()>& answers) {
-  constexpr std::chrono::seconds patience{20};
+  constexpr std::chrono::seconds timeout{20};
   constexpr int pauseMicroseconds = 50;
   const auto begin = std::chrono::steady_clock::now();
   const Child child(words);
   while (!answers()) {
-    if (child.hasEnded() || std::chrono::steady_clock::now() - begin > patience) {
-      throw std::runtime_error(words.at(0) + " does not answer");
+    if (child.hasEnded() || std::chrono::steady_clock::now() - begin > timeout) {
+      throw std::runtime_error(words.at(0) + " does not reply");
     }
     usleep(pauseMicroseconds);
   }
@@ -70,7 +70,7 @@ double start(const Arguments& words, const std::function<bool()>& answers) {
   return passed.count();
 }
 
-/// Reports the shortest of several starts: whatever else the machine is doing makes the others longer.
+/// Reports the shortest of several starts, because other work of the machine makes the others longer.
 void reportStarts(const std::string& count, const std::function<double()>& startOnce) {
   std::vector<double> starts;
   for (std::size_t i = 0; i < number(count); ++i) {
@@ -98,7 +98,7 @@ void startOnSocket(const Arguments& arguments) {
 void startPeer(const Arguments& arguments) {
   const Arguments words(arguments.begin() + 1, arguments.end());
   Bus bus;
-  // The name of the one before has to go first.
+  // Wait until the previous peer no longer owns its name.
   reportStarts(arguments.at(0), [&] {
     while (bus.ping()) {
     }

@@ -11,7 +11,7 @@
 
 namespace bench {
 
-/// The generated client on a connection of its own, as README tells callers to make one.
+/// The generated client on its own connection, made as README tells callers.
 class Stub {
  public:
   Stub()

@@ -1,4 +1,4 @@
-// A recording disk is prepared and repaired: by the daemon, and by its tools alone.
+// Preparing and repairing a recording disk: by the daemon, and by its tools alone.
 
 #include <unistd.h>
 
@@ -22,7 +22,7 @@ void run(const std::string& command) {
   }
 }
 
-/// The daemon does not look at how these end: there is nothing to unmount, and there may be no system log.
+/// Ignores the exit status, as the daemon does: nothing is mounted, and there may be no system log.
 void tryToRun(const std::string& command) {
   if (std::system(command.c_str()) == -1) {
     throw std::runtime_error(errorText(command));
@@ -63,8 +63,8 @@ void runTools(const Arguments& arguments) {
            run("dd if=/dev/zero of=" + disk + " bs=512 count=1" + toLog);
            run("echo -e 'n\\np\\n1\\n\\n\\nw' | fdisk " + disk + toLog);
            passLog();
-           // The daemon's pauses, in which processors fall asleep and the disk is written to: a tool that is
-           // run after a pause takes longer than one that is run at once.
+           // Sleep as the daemon does. A tool takes longer after a pause, because processors have gone to
+           // sleep and the disk has been written to.
            sleep(4);
            tryToUnmount(partition);
            run("mkfs.xfs -f -l lazy-count=0 -L \"PVR_DISK\" " + partition + toLog);

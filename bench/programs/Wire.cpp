@@ -44,7 +44,7 @@ void RawConnection::callNothing() const {
   std::string answer(answerBytes.size(), '\0');
   exchange(callBytes, answer);
   if (answer != answerBytes) {
-    throw std::runtime_error("the answer is not what it was when these bytes were written down");
+    throw std::runtime_error("the reply differs from the bytes in Wire.h");
   }
 }
 

@@ -6,13 +6,13 @@
 
 namespace bench {
 
-/// The bytes of a call that does nothing, IsDeviceOpen(0), and of its answer, as the stubs write them.
+/// The bytes of a call that does nothing, IsDeviceOpen(0), and of its reply, as the stubs write them.
 inline constexpr std::string_view callBytes{
     "\x80\x01\x00\x01\x00\x00\x00\x0cIsDeviceOpen\x00\x00\x00\x00\x06\x00\x01\x00\x00\x00", 30};
 inline constexpr std::string_view answerBytes{
     "\x80\x01\x00\x02\x00\x00\x00\x0cIsDeviceOpen\x00\x00\x00\x00\x02\x00\x00\x00\x00", 29};
 
-/// A connection to a local socket, for bytes that somebody else has encoded. Throws std::runtime_error.
+/// A connection to a local socket, for bytes that are already encoded. Throws std::runtime_error.
 class RawConnection {
  public:
   explicit RawConnection(const std::string& path);
@@ -20,9 +20,9 @@ class RawConnection {
   RawConnection& operator=(const RawConnection&) = delete;
   ~RawConnection();
 
-  /// Sends a message and waits for an answer of `answer.size()` bytes.
+  /// Sends a message and waits for a reply of `answer.size()` bytes.
   void exchange(std::string_view message, std::string& answer) const;
-  /// The call above; throws where the answer is another than the one above.
+  /// Makes the call above; throws if the reply is not the one above.
   void callNothing() const;
 
  private:

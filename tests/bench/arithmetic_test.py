@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""The arithmetic of the benchmarks' tables, and how they are written."""
+"""Tests the arithmetic of the benchmark tables, and how the tables are written."""
 
 import pathlib
 import sys
@@ -17,11 +17,11 @@ from rows import plain
 
 class QuantileTest(unittest.TestCase):
 
-    def test_median_is_the_middle_or_between_the_two_in_the_middle(self):
+    def test_median_is_the_middle_value_or_the_mean_of_the_middle_two(self):
         self.assertEqual(median([9, 1, 5]), 5)
         self.assertEqual(median([4, 1, 2, 9]), 3)
 
-    def test_quarters_lie_between_values_in_proportion(self):
+    def test_quartiles_are_interpolated_between_values(self):
         self.assertEqual(quantile([10, 20, 30, 40], 0.25), 17.5)
         self.assertEqual(quantile([10, 20, 30, 40], 0.75), 32.5)
         self.assertEqual(quantile([7], 0.75), 7)
@@ -30,7 +30,7 @@ class QuantileTest(unittest.TestCase):
 class RatioTest(unittest.TestCase):
 
     def test_each_round_is_compared_with_itself(self):
-        # The second round was ten times slower, for both: the ratio of the medians would be another one.
+        # The second round is ten times slower for both. The ratio of the medians would differ.
         ratio = ratio_of([1, 20, 3], [2, 20, 12])
         self.assertEqual((ratio.low, ratio.middle, ratio.high), (0.375, 0.5, 0.75))
 
@@ -39,7 +39,7 @@ class RatioTest(unittest.TestCase):
             with self.assertRaises(ValueError):
                 ratio_of(ours, others)
 
-    def test_goals_hold_up_to_their_bound(self):
+    def test_a_goal_includes_its_bound(self):
         self.assertTrue(Goal(1.5).is_reached_by(1.5))
         self.assertFalse(Goal(1.5).is_reached_by(1.5001))
         self.assertTrue(Goal(6, at_most=False).is_reached_by(6))
@@ -48,7 +48,7 @@ class RatioTest(unittest.TestCase):
 
 class RoundingTest(unittest.TestCase):
 
-    def test_a_ratio_that_is_to_be_small_is_never_rounded_down(self):
+    def test_a_ratio_that_should_be_small_is_never_rounded_down(self):
         self.assertEqual(rounded(1.4301, True), '1.44')
         self.assertEqual(rounded(0.9901, True), '0.991')
         self.assertEqual(rounded(12.31, True), '12.4')
@@ -56,12 +56,12 @@ class RoundingTest(unittest.TestCase):
         self.assertEqual(rounded(1 / 11.96, True), '1/11.9')
         self.assertEqual(rounded(1 / 2.349, True), '1/2.34')
 
-    def test_a_ratio_that_is_to_be_large_is_never_rounded_up(self):
+    def test_a_ratio_that_should_be_large_is_never_rounded_up(self):
         self.assertEqual(rounded(5.999, False), '5.99')
         self.assertEqual(rounded(0.5009, False), '0.500')
         self.assertEqual(rounded(1 / 2.341, False), '1/2.35')
 
-    def test_what_needs_no_rounding_stays(self):
+    def test_a_ratio_that_needs_no_rounding_is_unchanged(self):
         self.assertEqual(rounded(1.2, True), '1.20')
         self.assertEqual(rounded(1.2, False), '1.20')
         self.assertEqual(rounded(1 / 12, True), '1/12.0')
@@ -69,12 +69,12 @@ class RoundingTest(unittest.TestCase):
         self.assertEqual(rounded(0, True), '0')
         self.assertEqual(rounded(123.4, True), '124')
 
-    def test_bounds_stand_in_the_goals_as_people_say_them(self):
+    def test_bounds_of_goals_are_simple_fractions_and_numbers(self):
         self.assertEqual([simple(bound) for bound in (1 / 12, 1 / 3, 0.5, 1.5, 6)], ['1/12', '1/3', '0.5', '1.5', '6'])
         self.assertEqual(str(Goal(1 / 8)), '≤ 1/8')
         self.assertEqual(str(Goal(6, at_most=False)), '≥ 6')
 
-    def test_spread_names_the_middle_and_both_quarters(self):
+    def test_spread_has_the_median_and_both_quartiles(self):
         self.assertEqual(spread(Ratio(1.101, 1.0, 1.3), True), '1.11 (1.00 to 1.30)')
 
 
@@ -88,7 +88,7 @@ class TableTest(unittest.TestCase):
         figures = {'ours': [3], 'theirs': [4]}
         self.assertEqual(report.Result(self.row, figures, {}).cells()[-1], 'NOT reached')
 
-    def test_a_row_without_figures_stays_and_has_a_reason(self):
+    def test_a_row_without_figures_is_kept_with_a_reason(self):
         for figures, reasons, reason in (({}, {'theirs': 'not installed'}, 'not installed'),
                                          ({}, {}, 'a round has no figure'),
                                          ({'ours': [1, 2], 'theirs': [1]}, {}, 'a round has no figure')):
@@ -116,7 +116,7 @@ class TableTest(unittest.TestCase):
 
 class DocumentTest(unittest.TestCase):
 
-    def test_only_what_stands_between_the_marks_is_replaced(self):
+    def test_only_the_text_between_the_marks_is_replaced(self):
         with tempfile.TemporaryDirectory() as folder:
             document = pathlib.Path(folder) / 'BENCHMARKS.md'
             document.write_text(f'before\n\n{report.BEGIN}\n\nold\n\n{report.END}\n\nafter\n')

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Every benchmark runs and has a figure. What the figures say is nobody's concern here: no test depends on a time.
+"""Every benchmark runs and has a figure. The figures themselves are not checked: no test depends on a time.
 
 The environment variable DOCKHAND_BENCH_DIR names the build tree.
 """
@@ -26,7 +26,7 @@ def output_of(*command):
 class PartsTest(unittest.TestCase):
 
     def test_every_part_has_a_figure(self):
-        # Folders of a million files take longer than all the others.
+        # Skip folders of a million files: they take longer than all the others.
         program = [BUILD / 'bin' / 'dockhand_bench', '--benchmark_filter=-1000000']
         names = output_of(*program, '--benchmark_list_tests').splitlines()
         results = json.loads(output_of(*program, '--benchmark_min_time=0.001', '--benchmark_format=json'))['benchmarks']
@@ -64,7 +64,7 @@ class CompareTest(unittest.TestCase):
         for row in self.data['rows']:
             self.assertIn(f"| {row['what']} | ", self.text)
 
-    def test_what_callers_ask_most_starts_no_process(self):
+    def test_the_most_frequent_calls_start_no_process(self):
         self.assertEqual(self.data['figures']['processes'], [0])
 
 
