@@ -1,5 +1,7 @@
-"""The survivors that are known, from accepted.txt: entries of four lines, a source's name, the line before and after
-the change, and the reason. An entry goes by the text of its line and stands for every mutant that looks like it."""
+"""Reads the accepted survivors from accepted.txt.
+
+An entry has four lines: the name of the source, the line before the change, the line after it, and the reason. An entry
+matches by the text of its lines, so it covers every mutant with these lines."""
 
 import os
 
@@ -18,7 +20,7 @@ class Accepted:
         return entry in self.entries
 
     def left(self):
-        """The lines of entries that no survivor has had."""
+        """The entries that match no survivor."""
         return [f'{name}: {after}' for name, before, after in sorted(self.entries - self.used)]
 
 

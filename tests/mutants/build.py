@@ -1,4 +1,4 @@
-"""A copy of the tree, built once, in which single sources are replaced by mutants."""
+"""Builds a copy of the tree once, then replaces single sources with mutants."""
 
 import glob
 import json
@@ -13,7 +13,7 @@ ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__)
 CORE = 'Src/Dockhand'
 TESTS = 'dockhand_unit_tests'
 
-# What takes the compiler longest to read. No header of the handler itself: it may be the mutant.
+# The headers that take longest to compile. No header of the handler itself, because it may be the mutant.
 PRECOMPILED = '''
 #include <boost/thread/lock_types.hpp>
 #include <boost/thread/recursive_mutex.hpp>
@@ -37,14 +37,14 @@ def run(command, folder):
 
 
 def replaced(command, option, value):
-    """The command with another argument to an option."""
+    """The command with `value` as the argument of `option`."""
     at = command.index(option)
     return command[:at + 1] + [value] + command[at + 2:]
 
 
 class Tree:
     def __init__(self, folder, jobs):
-        """Copies and builds what the unit tests need, without optimisation, which would cost more than it saves."""
+        """Copies and builds what the unit tests need. Optimisation would cost more time than it saves."""
         self.folder = folder
         self.root = os.path.join(folder, 'tree')
         self.build = os.path.join(folder, 'build')
@@ -74,7 +74,7 @@ class Tree:
         self.compile = {os.path.basename(source): command for source, command in commands.items()
                         if os.path.dirname(source) == core}
         last = run(['ninja', '-t', 'commands', TESTS], self.build).splitlines()[-1]
-        # Between the "&&" that surround it.
+        # CMake puts the link command between two "&&".
         self.link = shlex.split(last.split(' && ')[1])
 
     def precompile(self):
@@ -91,7 +91,7 @@ class Tree:
             return file.read()
 
     def suites_of(self, name):
-        """A filter for the tests that are written for a source, by the name of their file; '' where there are none."""
+        """A filter for the tests of a source, found by the name of their file; '' if there are none."""
         path = os.path.join(self.root, 'tests/unit', os.path.splitext(name)[0] + 'Test.cpp')
         if not os.path.exists(path):
             return ''
@@ -100,7 +100,7 @@ class Tree:
         return ':'.join(f'{suite}.*' for suite in suites)
 
     def users_of(self, name):
-        """The sources of the handler that read a header, by way of other headers, too."""
+        """The sources of the handler that include a header, directly or through other headers."""
         users = {name}
         while True:
             more = {os.path.basename(path) for path in glob.glob(os.path.join(self.root, CORE, '*'))
@@ -111,12 +111,12 @@ class Tree:
             users |= more
 
     def build_mutant(self, folder, name, mutant):
-        """The test program with a mutant in it, built in an empty folder; None when the mutant does not compile."""
+        """Builds the test program with a mutant in an empty folder; None if the mutant does not compile."""
         with open(os.path.join(folder, name), 'w') as file:
             file.write(mutant.apply(self.source(name)))
         sources = [name]
         if name.endswith('.h'):
-            # A source finds the headers beside it first, so those that read the mutant have to stand beside it.
+            # A source finds the headers of its own folder first, so put the includers next to the mutant.
             sources = self.users_of(name)
             for path in glob.glob(os.path.join(self.root, CORE, '*.*')):
                 if os.path.basename(path) != name:
@@ -130,8 +130,8 @@ class Tree:
                 return None
             objects.append(made)
         program = os.path.join(folder, TESTS)
-        # In front of the libraries, whose object of the same source is then not needed, and in front of the tests,
-        # whose copies of the handler's inline functions then are not taken.
+        # Link the mutant before the libraries, so that their object of the same source is not used. Link it before the
+        # tests, so that their copies of the handler's inline functions are not used.
         first = next(index for index, word in enumerate(self.link) if word.endswith('.o'))
         link = replaced(self.link[:first] + objects + self.link[first:], '-o', program)
         return None if self.fails(link) else program

@@ -1,7 +1,7 @@
-"""The small changes by which a C++ source becomes a mutant, found token by token.
+"""Finds the small changes that turn a C++ source into a mutant, token by token.
 
-They rely on the sources being formatted as clang-format formats them here: a comparison has blanks on both sides, a
-template's angle bracket has not, and every branch has braces.
+This relies on our clang-format style: a comparison has blanks on both sides, the angle bracket of a template has none,
+and every branch has braces.
 """
 
 import dataclasses
@@ -19,7 +19,7 @@ TOKEN = re.compile(r'''
 SIGNS = {'==': '!=', '!=': '==', '<': '<=', '<=': '<', '>': '>=', '>=': '>', '&&': '||', '||': '&&', '+': '-', '-': '+'}
 COMPARISONS = {'==', '!=', '<', '<=', '>', '>='}
 
-# A named constant becomes another one that the compiler takes in its place.
+# Each named constant becomes another one that the compiler accepts in its place.
 NAMES = {
     'true': 'false', 'false': 'true',
     'UsbOperationNone': 'UsbOperationAdded',
@@ -46,7 +46,7 @@ class Token:
 
 @dataclasses.dataclass(frozen=True)
 class Mutant:
-    """The characters from start to end of a source, and what stands in their place."""
+    """Replaces the characters from start to end of a source."""
     start: int
     end: int
     replacement: str
@@ -65,7 +65,7 @@ class Mutant:
 
 
 def closing(tokens, opening):
-    """The index of the bracket that closes the one at the index given."""
+    """The index of the bracket that closes the bracket at `opening`."""
     depth = 0
     for index in range(opening, len(tokens)):
         if tokens[index].text in ('(', '[', '{'):
@@ -78,7 +78,7 @@ def closing(tokens, opening):
 
 
 def tokens_of(source):
-    """The tokens but for those of static assertions, which are the compiler's own tests."""
+    """The tokens, without those of static assertions, which only the compiler checks."""
     tokens = [Token(match.lastgroup, match.group(), match.start(), match.end())
               for match in TOKEN.finditer(source) if match.lastgroup != 'skip']
     while True:
@@ -99,7 +99,7 @@ def other_number(text):
 
 
 def other_text(text):
-    """The literal with its first letter changed, or its first character where it has no letter."""
+    """The literal with its first letter changed, or its first character if it has no letter."""
     inside = text[1:-1]
     if not inside:
         return f'{text[0]}x{text[0]}'
@@ -121,7 +121,7 @@ def of_values(tokens):
         elif token.text in NAMES:
             yield Mutant(token.start, token.end, NAMES[token.text])
         elif token.kind == 'name' and ERROR_NAME.fullmatch(token.text):
-            # In no table of ours.
+            # None of our tables contains EXDEV.
             yield Mutant(token.start, token.end, 'EXDEV')
 
 
@@ -133,13 +133,13 @@ def of_signs(tokens, source):
             yield Mutant(token.start, token.end, '')
         elif token.text in SIGNS and source[token.start - 1].isspace() and source[token.end].isspace():
             neighbours = {tokens[index - 1].kind, tokens[index + 1].kind}
-            # A minus between texts does not compile.
+            # A minus between strings does not compile.
             if token.text not in ('+', '-') or not neighbours & {'string', 'char'}:
                 yield Mutant(token.start, token.end, SIGNS[token.text])
 
 
 def has_its_own_mutant(condition):
-    """A condition whose negation is what another mutant makes of it: one comparison, or one that begins with a not."""
+    """Whether another mutant already negates the condition: a single comparison, or one that begins with !."""
     texts = [token.text for token in condition]
     if '&&' in texts or '||' in texts:
         return False
@@ -168,7 +168,7 @@ def of_conditions(tokens, source):
 
 
 def is_expression(statement):
-    """Whether the tokens are a call, an assignment or a step, and not a declaration."""
+    """Whether the tokens are a call, an assignment or an increment, and not a declaration."""
     if statement[0].text in ('++', '--'):
         return True
     if statement[0].kind != 'name' or statement[0].text in NO_EXPRESSION:
@@ -180,7 +180,7 @@ def is_expression(statement):
 
 
 def end_of_statement(tokens, begin):
-    """The index of the semicolon that ends the statement; None where there is a block instead."""
+    """The index of the semicolon that ends the statement; None if a block follows instead."""
     index = begin
     while index < len(tokens) and tokens[index].text not in (';', '{', '}'):
         index = closing(tokens, index) + 1 if tokens[index].text in ('(', '[') else index + 1
@@ -188,7 +188,7 @@ def end_of_statement(tokens, begin):
 
 
 def of_statements(tokens):
-    """Statements left out: calls, assignments, the ways out of a loop, and the taking of the lock."""
+    """Removes statements: calls, assignments, break and continue, and taking the lock."""
     for index, token in enumerate(tokens):
         if index == 0 or tokens[index - 1].text not in (';', '{', '}'):
             continue
@@ -202,7 +202,7 @@ def of_statements(tokens):
 
 
 def mutants_of(source):
-    """All mutants of a source, in the order of their places, none twice."""
+    """All mutants of a source, in the order of their positions, none twice."""
     tokens = tokens_of(source)
     found = {*of_values(tokens), *of_signs(tokens, source), *of_conditions(tokens, source), *of_statements(tokens)}
     return sorted(found, key=lambda mutant: (mutant.start, mutant.end, mutant.replacement))
