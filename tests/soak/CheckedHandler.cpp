@@ -12,10 +12,10 @@ namespace soak {
 
 namespace {
 
-// Log lines that tell where an operation is. Their numbers are fixed for good.
+// These log lines show the position of an operation. Their numbers never change.
 constexpr int removalLooksForItsDevice = 397;       // with the lock
-constexpr int additionIsAboutToCallObserver = 364;  // without
-constexpr int removalIsAboutToCallObserver = 436;   // without
+constexpr int additionIsAboutToCallObserver = 364;  // without the lock
+constexpr int removalIsAboutToCallObserver = 436;   // without the lock
 
 std::string table(const std::map<unsigned, std::string>& records, bool withPartitions) {
   std::ostringstream text;
@@ -25,7 +25,7 @@ std::string table(const std::map<unsigned, std::string>& records, bool withParti
   return text.str() + (withPartitions ? "" : "  (partitions apart)\n");
 }
 
-/// A record of either side in the same words.
+/// A record as text, the same for the handler and the model.
 std::string recordLine(const std::string& name, bool partition, bool open, bool safelyRemoved,
                        const std::string& mountPoint, int lastNotice, bool hidden) {
   std::ostringstream text;
@@ -41,7 +41,7 @@ std::string firstWord(const std::string& text) {
 
 }  // namespace
 
-/// One operation, in the worker's thread that runs it.
+/// One operation, in the worker thread that runs it.
 class CheckedHandler::Step {
  public:
   Step(CheckedHandler& handler, std::string name, const Expected& expected)
@@ -74,11 +74,11 @@ class CheckedHandler::Step {
       return;
     }
     turn_ = std::unique_lock<std::mutex>(handler_.turn_);
-    // A scan forgets the partitions before it looks for the nodes.
+    // A scan clears the partitions before it looks for the nodes.
     handler_.compareMap(firstWord(occasion) != "scandir", "at the beginning of " + name_);
   }
 
-  /// Has the model do the step, and lets the turn go. The handler's lock need not be held.
+  /// Runs the step in the model and releases the turn. Works with or without the handler's lock.
   void settle() {
     if (settled_) {
       return;
@@ -108,7 +108,7 @@ class CheckedHandler::Step {
   void finish(const std::string& answer) {
     settle();
     if (answer != answer_) {
-      handler_.fail(name_ + " answered " + answer + " instead of " + answer_);
+      handler_.fail(name_ + " returned " + answer + " instead of " + answer_);
     }
   }
 
@@ -189,9 +189,9 @@ std::string CheckedHandler::failure() {
 }
 
 void CheckedHandler::remember(const std::string& step) {
-  constexpr std::size_t most = 40;
+  constexpr std::size_t maxSteps = 40;
   lastSteps_.push_back(step);
-  if (lastSteps_.size() > most) {
+  if (lastSteps_.size() > maxSteps) {
     lastSteps_.pop_front();
   }
 }
@@ -220,7 +220,7 @@ void CheckedHandler::compareAtRest(const std::string& occasion) {
   compareMap(true, occasion);
   const std::string left = world_.underMedia();
   if (left != underMedia(model_.machine)) {
-    failInTurn(occasion + " there is under /media\n" + left + "instead of\n" + underMedia(model_.machine));
+    failInTurn(occasion + " /media has\n" + left + "instead of\n" + underMedia(model_.machine));
   }
   const std::string held = world_.heldByHandler();
   if (!held.empty()) {

@@ -19,26 +19,25 @@
 
 namespace soak {
 
-/// The handler, each of whose operations is compared with the model, while calls to the system fail by
-/// chance.
+/// A handler that compares each of its operations with the model, while calls to the system fail at random.
 ///
 /// An operation is one step of the model. Its turn begins with its first call to the system, which it makes
-/// under the handler's lock, and ends when it has been compared; so the steps of the model have the order
-/// that the lock gave the operations, and no lock is held longer than the handler itself holds it. (A removal
-/// may make no call at all: its turn begins with the log line that it writes under the lock.) At the
-/// beginning of a turn the whole table of devices is compared, at its end the calls that were made, the
-/// mounts, the directories and the answer.
+/// under the handler's lock. Its turn ends after the comparison. So the steps of the model have the order of
+/// the operations under the lock, and no lock is held longer than the handler itself holds it. A removal may
+/// make no call at all: its turn begins with the log line that it writes under the lock. The beginning of a
+/// turn compares the whole table of devices. The end of a turn compares the calls, the mounts, the
+/// directories and the reply.
 ///
-/// An operation that makes no call has no turn. It asks about a device of the client that calls it, which
-/// only that client changes; so its answer can be compared afterwards.
+/// An operation that makes no call has no turn. It queries a device that only its own client changes, so its
+/// reply can be compared later.
 class CheckedHandler : public Dockhand::DockhandClient {
  public:
   CheckedHandler(World& world, FaultyPlatform& platform, std::uint64_t seed);
 
-  /// The platform's part of this: notes the call in the running operation and says whether it fails.
+  /// Called by the platform: records the call in the running operation, and returns its errno or 0.
   static int decide(const std::string& call);
 
-  // What happens to the machine, told to the world and to the model at once.
+  // These change the world and the model together.
 
   void plug(const Stick& stick);
   void unplug(const Stick& stick);
@@ -47,27 +46,27 @@ class CheckedHandler : public Dockhand::DockhandClient {
   /// Fills the mount table with other lines. Nothing may be mounted under /media.
   void fillMountTable(std::size_t size);
 
-  // What the model says.
+  // These read the model.
 
   /// The number and record of a stick, if it has one.
   std::optional<std::pair<std::int16_t, Record>> recordOf(const Stick& stick);
-  /// What is mounted or left under /media.
+  /// The mounts and directories under /media.
   std::vector<std::string> placesInUse();
 
-  /// Whether calls fail from now on.
+  /// Sets whether calls fail from now on.
   void setFaults(bool wanted) { faultsWanted_ = wanted; }
-  /// Compares all that can be compared. Nobody else may call the handler meanwhile.
+  /// Compares the whole state. Nobody else may call the handler meanwhile.
   void compareAtRest(const std::string& occasion);
-  /// The callbacks that observers must have had since the last time, sorted.
+  /// The callbacks that observers must have got since the last call, sorted.
   std::vector<std::string> takeCallbacks();
-  /// From now on the model has these observers.
+  /// Sets the observers of the model.
   void setObservers(const std::map<int, int>& observers);
-  /// Notes the first failure, with the seed and the last steps.
+  /// Keeps the first failure, with the seed and the last steps.
   void fail(const std::string& what);
   bool hasFailed() const { return failed_; }
   std::string failure();
 
-  /// How often each call has failed with each errno, by the name of the call.
+  /// The number of failures of each call with each errno, by the name of the call.
   std::map<std::string, std::map<int, std::size_t>> faults();
   std::size_t steps();
 
@@ -94,18 +93,18 @@ class CheckedHandler : public Dockhand::DockhandClient {
  private:
   class Step;
 
-  /// Runs an operation as a step. `operation` gives its answer in words, `expected` the model's. An operation
-  /// that another one calls is part of that one's step.
+  /// Runs an operation as a step. `operation` returns its reply as text, `expected` the model's reply. An
+  /// operation that another one calls is part of the outer step.
   using Expected = std::function<std::string(Model& model, Calls& calls)>;
   void check(const std::string& name, const std::function<std::string()>& operation,
              const Expected& expected);
-  /// The same for an operation that returns its answer.
+  /// The same for an operation that returns its reply.
   template <typename Operation, typename ExpectedAnswer>
   auto checked(const std::string& name, const Operation& operation, const ExpectedAnswer& expected);
   static void onLogLine(int sourceLine);
-  /// As fail; the caller has the turn.
+  /// The same as `fail`; the caller has the turn.
   void failInTurn(const std::string& what);
-  /// Keeps a step for the message of a failure. The caller has the turn.
+  /// Keeps a step for a failure message. The caller has the turn.
   void remember(const std::string& step);
   void compareMap(bool withPartitions, const std::string& occasion);
   Faults drawFaults(const std::string& operation);
@@ -117,8 +116,8 @@ class CheckedHandler : public Dockhand::DockhandClient {
   std::atomic<std::uint64_t> drawn_{0};
   std::atomic<std::size_t> scans_{0};
 
-  /// The turn: guards the model, and the world against two steps at once. Taken while the handler's lock is
-  /// held, never the other way round.
+  /// The turn: guards the model, and the world against concurrent steps. Lock order: the handler's lock, then
+  /// this one.
   std::mutex turn_;
   Model model_;
   std::string failure_;

@@ -1,4 +1,4 @@
-// The operations of CheckedHandler, each beside the model's.
+// The operations of CheckedHandler, each with its operation of the model.
 
 #include "CheckedHandler.h"
 #include "Words.h"
@@ -163,8 +163,8 @@ void CheckedHandler::GetUsbPhysicalDevice(ravel::rpc::ReturnValueWithString& _re
       },
       [&](Model& model, Calls&) {
         Text now = model.physicalDevice(deviceId);
-        // Somebody's scan, which may have failed, came between: with or without its partition, both were
-        // true.
+        // Another client's scan, which may have failed, came in between. Both names are right: with and
+        // without the partition.
         if (model.scans != scansBefore &&
             (now.text + '1' == _return.text || now.text == _return.text + '1')) {
           now.text = _return.text;

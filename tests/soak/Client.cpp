@@ -13,7 +13,7 @@ void Client::round() {
   const Stick& stick = sticks_[upTo(static_cast<unsigned>(sticks_.size()) - 1)];
   UsbClient usb;
   handler_.plug(stick);
-  // Automounters leave recording disks alone.
+  // Automounters do not mount recording disks.
   if (chance(15) && !stick.disk.mountsAs.empty() && stick.disk.mountsAs != "xfs") {
     const std::string label = stick.disk.label.size() > 1 ? stick.disk.label : "NONAME";
     handler_.automount(stick, "/media/" + (chance(50) ? label : chance(50) ? stick.disk.uuid : "disk"));
@@ -31,7 +31,7 @@ void Client::round() {
     usb.files(device, "music", "mp3");
     usb.files(device, chance(50) ? "" : "missing", "TXT");
     if (chance(15)) {
-      // Another try while it is open, or after one that failed.
+      // Open it again while it is open, or after a failure.
       open(usb, stick, device);
     }
     if (chance(10)) {
@@ -55,8 +55,8 @@ void Client::round() {
 }
 
 std::int16_t Client::list(UsbClient& usb, const Stick& stick) {
-  constexpr int patience = 20;
-  for (int attempt = 0; attempt < patience; ++attempt) {
+  constexpr int maxAttempts = 20;
+  for (int attempt = 0; attempt < maxAttempts; ++attempt) {
     usb.devices(chance(50));
     if (const auto known = handler_.recordOf(stick)) {
       return known->first;
@@ -97,7 +97,7 @@ void Client::ask(UsbClient& usb, std::int16_t device) {
       usb.physicalDevice(device);
       break;
     default:
-      // Refused while it is open.
+      // Refused while the device is open.
       usb->RunDiskRepair(device);
       break;
   }

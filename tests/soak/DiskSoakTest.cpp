@@ -1,6 +1,6 @@
-// The same clients over the real system: sticks on loop devices, the kernel, libblkid and the shell, with
-// calls failing by chance before they get there. DOCKHAND_SOAK_ROUNDS and DOCKHAND_SOAK_SEED set the rounds
-// and the seed.
+// The same clients over the real system: sticks on loop devices, the kernel, libblkid and the shell. Calls
+// fail at random before they reach the system. DOCKHAND_SOAK_ROUNDS and DOCKHAND_SOAK_SEED set the rounds and
+// the seed.
 
 #include <gtest/gtest.h>
 
@@ -38,7 +38,7 @@ class DiskSoakTest : public ::testing::Test {
     }
   }
 
-  /// All that an opened device changes.
+  /// Everything that opening a device changes.
   static std::string state() {
     std::string text = systest::readFile("/proc/mounts");
     for (const std::string& name : systest::namesIn("/media")) {
@@ -54,27 +54,27 @@ class DiskSoakTest : public ::testing::Test {
 Soak* DiskSoakTest::run_ = nullptr;
 std::string DiskSoakTest::before_;
 
-TEST_F(DiskSoakTest, TableCallsMountsAndAnswersAreThoseOfTheModelAtEveryStep) {
+TEST_F(DiskSoakTest, TableCallsMountsAndRepliesMatchTheModelAtEveryStep) {
   EXPECT_EQ(run_->handler().failure(), "");
   EXPECT_GT(run_->handler().steps(), 0U);
 }
 
-TEST_F(DiskSoakTest, MountsAndDirectoriesAreAsAtTheStartOnceTheFaultsAreOver) {
-  ASSERT_FALSE(run_->handler().hasFailed()) << "the run has ended early";
+TEST_F(DiskSoakTest, MountsAndDirectoriesAreRestoredAfterTheFaults) {
+  ASSERT_FALSE(run_->handler().hasFailed()) << "the run ended early";
   EXPECT_EQ(run_->leftAtRest(), "");
   EXPECT_EQ(state(), before_);
 }
 
-TEST_F(DiskSoakTest, DescriptorsAreAsManyInTheMiddleAndAtTheEndAsAtTheStart) {
-  ASSERT_FALSE(run_->handler().hasFailed()) << "the run has ended early";
-  // The last probe that failed is kept, with its descriptor, until another one fails.
+TEST_F(DiskSoakTest, NumberOfDescriptorsIsTheSameAtTheStartInTheMiddleAndAtTheEnd) {
+  ASSERT_FALSE(run_->handler().hasFailed()) << "the run ended early";
+  // The handler keeps the last failed probe, with its descriptor, until another probe fails.
   const std::size_t start = run_->start().descriptors;
   EXPECT_LE(run_->middle().descriptors, start + 1);
   EXPECT_LE(run_->end().descriptors, start + 1);
 }
 
 TEST_F(DiskSoakTest, MemoryDoesNotGrowFromTheMiddleToTheEnd) {
-  ASSERT_FALSE(run_->handler().hasFailed()) << "the run has ended early";
+  ASSERT_FALSE(run_->handler().hasFailed()) << "the run ended early";
   EXPECT_EQ(run_->growth(), "");
 }
 

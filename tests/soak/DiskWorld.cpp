@@ -32,7 +32,7 @@ bool isUnderMedia(const std::string& target) {
   return target.rfind("/media/", 0) == 0;
 }
 
-/// Whether a file system can be mounted here, and what the mount table then says of it.
+/// The errno of a test mount, and its options in the mount table.
 struct Trial {
   int error = 0;
   std::string tableOptions;
@@ -55,10 +55,10 @@ DiskWorld::DiskWorld() {
   systest::clearWorld();
   fs::create_directory("/tmp/bin");
   makeTool("readUsbVersion.sh", "test -e /sys/block/$1/removable && echo 2.00\n");
-  // There is no system log here.
+  // The private root has no system log.
   makeTool("logger", "cat >/dev/null\n");
   setenv("PATH", ("/tmp/bin:" + std::string(std::getenv("PATH"))).c_str(), 1);
-  // Which of the file systems that the daemon tries are in this kernel shows when one is asked for.
+  // Try each file system of the daemon: ENODEV shows that this kernel lacks it.
   const Stick blank = makeStick({"sdz", "", "", false});
   plug(blank);
   for (const char* const type : {"vfat", "ntfs", "ext3", "hfs", "hfsplus", "xfs"}) {
@@ -97,7 +97,7 @@ Stick DiskWorld::makeStick(const Kind& kind) {
   stick.disk.bytes = static_cast<std::int64_t>(options.bytes) - (kind.partitioned ? mebibyte : 0);
 
   if (!kind.type.empty()) {
-    // As the daemon does it.
+    // Mount it as the daemon does.
     const bool isXfs = kind.type == "xfs";
     const Trial trial =
         tryMount(stick.node(), kind.type, isXfs ? MS_NOSUID | MS_NOEXEC | MS_NOATIME : MS_NOSUID,

@@ -12,10 +12,10 @@
 
 namespace soak {
 
-/// The kernel, libblkid and the shell, with sticks on loop devices, in the private root of the system tests.
+/// The real kernel, libblkid and shell, with sticks on loop devices, in the private root of the system tests.
 class DiskWorld : public World {
  public:
-  /// What one of its sticks is to be.
+  /// Describes a stick.
   struct Kind {
     std::string name;
     /// The file system; empty: none.
@@ -27,7 +27,7 @@ class DiskWorld : public World {
   DiskWorld();
   ~DiskWorld() override;
 
-  /// Makes a stick and tries out how this kernel mounts it. It is not plugged in yet.
+  /// Makes a stick, and tries how this kernel mounts it. The stick is not plugged in yet.
   Stick makeStick(const Kind& kind);
 
   Dockhand::Platform& platform() override { return platform_; }
@@ -37,7 +37,7 @@ class DiskWorld : public World {
   std::string tableHead() override;
   std::set<std::string> missingFileSystems() override { return missing_; }
   std::string underMedia() override;
-  /// Its descriptors are those of the process.
+  /// Reports nothing: the handler's descriptors are the process's, which Soak counts.
   std::string heldByHandler() override { return {}; }
 
  private:

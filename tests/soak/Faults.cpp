@@ -7,7 +7,7 @@ namespace soak {
 
 namespace {
 
-/// A number that looks random and depends on nothing but the seed and the text: FNV-1a, and the finish of
+/// A pseudo-random number that depends only on the seed and the text: FNV-1a, then the last steps of
 /// SplitMix64.
 std::uint64_t draw(std::uint64_t seed, const std::string& text) {
   std::uint64_t number = 0xCBF29CE484222325 ^ seed;
@@ -19,8 +19,8 @@ std::uint64_t draw(std::uint64_t seed, const std::string& text) {
   return number ^ (number >> 31);
 }
 
-/// The calls that are to fail alone now and then. Those that only one operation makes would hardly ever meet
-/// it.
+/// The names of calls of which only one sometimes fails. Without the special lists, calls that only one
+/// operation makes would almost never be that one.
 const std::vector<std::string>& namesIn(const std::string& operation) {
   static const std::vector<std::string> inRepair = {"mkdir", "mount", "umount", "rmdir", "system"};
   static const std::vector<std::string> inCapacity = {"open", "dev_size"};

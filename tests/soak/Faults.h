@@ -7,39 +7,38 @@
 
 namespace soak {
 
-/// Which of the calls of one operation fail, and with which errno. Drawn by chance once; after that a call
-/// always has the same answer, so that the system and the model meet the same faults without telling each
-/// other.
+/// Decides which calls of one operation fail, and with which errno. The decision is random, but the same call
+/// always has the same result. So the system and the model see the same faults without communication.
 class Faults {
  public:
   /// No call fails.
   Faults() = default;
-  /// By chance: none, a few, all, or all of one name. `operation` is the one that will meet them.
+  /// Random faults for `operation`: none, a few, all, or all calls of one name.
   Faults(std::uint64_t seed, const std::string& operation);
 
-  /// The errno with which a call fails, 0 where it goes through. `call` as FaultyPlatform names it.
+  /// The errno of a call; 0 if it succeeds. `call` has FaultyPlatform's form.
   int of(const std::string& call) const;
 
-  /// The errnos that are drawn: each that the judges of mount and mkdir know, one below 40 that they do not,
-  /// and one beyond.
+  /// The possible errnos: all that the judges of mount and mkdir know, one below 40 that they do not know,
+  /// and one above.
   static const std::vector<int>& errors();
-  /// The names of the calls that can fail, as FaultyPlatform has them.
+  /// The names of the calls that can fail, in FaultyPlatform's form.
   static const std::vector<std::string>& calls();
 
  private:
   std::uint64_t seed_ = 0;
-  /// Of a thousand calls so many fail,
+  /// How many of a thousand calls fail.
   unsigned perMille_ = 0;
-  /// of this name where it is not empty.
+  /// If not empty, only calls of this name fail.
   std::string only_;
 };
 
-/// The calls of one operation in their order, answered by its faults.
+/// The calls of one operation in order, with its faults.
 struct Calls {
   Faults faults;
   std::vector<std::string> made;
 
-  /// Notes a call, and says with which errno it fails.
+  /// Records a call and returns its errno, or 0.
   int fail(const std::string& call) {
     made.push_back(call);
     return faults.of(call);

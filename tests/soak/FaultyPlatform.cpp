@@ -6,7 +6,7 @@
 namespace soak {
 
 bool FaultyPlatform::fails(const std::string& call) const {
-  // What the function does meanwhile must not be taken for the call's errno.
+  // The function may change errno; the caller must not see that.
   const int before = errno;
   const int error = decide_(call);
   errno = error != 0 ? error : before;

@@ -9,17 +9,18 @@
 
 namespace soak {
 
-/// Another system, some of whose calls fail: before each call that can, a function says whether it does. A
-/// failing call does not reach the system below. The function is given the call as a text:
+/// Makes some calls of another system fail. Before each call that can fail, a function decides. A failing
+/// call does not reach the system below. The function gets the call as a text:
 ///
-///     scandir DIR      open PATH      opendir DIR      mkdir PATH MODE(octal)      rmdir PATH      access
-///     PATH mount SOURCE TARGET TYPE FLAGS(hex) OPTIONS      umount TARGET               umount2 TARGET FLAGS
-///     system COMMAND   new_probe PATH                  do_probe                    lookup KEY      dev_size
+///     scandir DIR                   opendir DIR           open PATH                   access PATH
+///     mkdir PATH MODE(octal)        rmdir PATH            umount TARGET               umount2 TARGET FLAGS
+///     mount SOURCE TARGET TYPE FLAGS(hex) OPTIONS         system COMMAND
+///     new_probe PATH                do_probe              lookup KEY                  dev_size
 ///
-/// Threads: any, as long as the function and the system below allow it. No locks.
+/// Threads: any that the function and the system below allow. It takes no locks.
 class FaultyPlatform : public Dockhand::Platform {
  public:
-  /// The errno with which a call fails, 0 where it goes through. Called in the thread that makes the call.
+  /// Returns the errno of a call; 0 if it succeeds. Called in the thread that makes the call.
   using Decide = std::function<int(const std::string& call)>;
 
   /// `below` must outlive this object.

@@ -24,7 +24,7 @@ TlogContext* TlogContext::GetLogContext(const char* name, const char* /*file*/, 
   auto& context = contexts[name];
   if (context == nullptr) {
     context = std::make_unique<TlogContext>(name);
-    // Every line is composed, from first to last.
+    // Compose lines of all levels.
     context->setThreshold(1);
   }
   return context.get();

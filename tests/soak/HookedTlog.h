@@ -3,9 +3,9 @@
 
 namespace soak {
 
-/// Stands in for the logging library: composes each line, drops it, and tells this function its number.
-/// Called in the thread that writes the line, which finds errno as it was. Set before any other thread writes
-/// one.
+/// Sets a function that gets the number of each log line. This logging library composes each line and drops
+/// it. The function runs in the thread that writes the line; errno is preserved. Call this before another
+/// thread writes a line.
 void setLogLineHook(void (*hook)(int sourceLine));
 
 }  // namespace soak

@@ -24,7 +24,7 @@ std::string removableFile(const std::string& name) {
   return "/sys/block/" + name + "/removable";
 }
 
-/// The words of a command line, without what stands after its first redirection of standard output.
+/// The words of a command line up to its first redirection of standard output.
 std::vector<std::string> wordsOf(const std::string& command) {
   std::istringstream text(command.substr(0, command.find(" 1>")));
   std::vector<std::string> words;
@@ -80,7 +80,7 @@ int Machine::mount(const std::string& source, const std::string& target, const s
   const auto earlier = std::find_if(mounts_.begin(), mounts_.end(),
                                     [&](const Mount& candidate) { return candidate.source == source; });
   if (earlier != mounts_.end()) {
-    // A disk is one file system, mounted in one way; and not twice on top of itself.
+    // A disk has one file system with one set of flags, and is not mounted on top of itself.
     const Mount* const there = mountOf(target);
     if (earlier->type != type || isReadOnly(earlier->flags) != isReadOnly(flags) ||
         (there != nullptr && there->source == source)) {

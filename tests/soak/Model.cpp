@@ -11,7 +11,7 @@ namespace soak {
 
 namespace {
 
-/// One way to mount: the type that libblkid must have found, and the arguments.
+/// One row of the mount table: the type that libblkid must find, and the arguments of mount.
 struct Attempt {
   std::string probedType;
   std::string type;
@@ -113,7 +113,7 @@ void Model::scan(Calls& calls) {
       records[number] = record;
     }
   }
-  // The walk starts over after each erasure, but passes the first record over.
+  // The walk restarts at the second record after each erasure: a vanished record that is now first survives.
   auto at = records.begin();
   while (at != records.end()) {
     if (at->second.seen) {
@@ -242,7 +242,7 @@ bool Model::open(Calls& calls, int device, const std::string& mountPoint, bool i
   record->open = false;
   record->mountPoint = mountPoint;
   record->hidden = isPvrDevice;
-  // Whether the node can be held does not matter to what follows.
+  // A failed open does not matter here.
   openFile(calls, node);
 
   const std::string foundLabel = probe(calls, *record, "LABEL");
@@ -260,7 +260,7 @@ bool Model::open(Calls& calls, int device, const std::string& mountPoint, bool i
   }
   if (error == 0 || isToleratedMkdirError(error)) {
     const std::string probedType = probe(calls, *record, "TYPE");
-    // A first pass without a row for the type makes no attempt, and is no success.
+    // A first pass without a row for the type tries nothing, and does not succeed.
     const bool hasRow = probedType.empty() ||
                         std::any_of(attempts().begin(), attempts().end(),
                                     [&](const Attempt& attempt) { return attempt.probedType == probedType; });

@@ -11,12 +11,12 @@
 
 namespace soak {
 
-/// What the model knows of one device.
+/// The model's record of one device.
 struct Record {
   std::string name;
   bool partition = false;
   bool open = false;
-  bool seen = false;  ///< by the last scan
+  bool seen = false;  ///< found by the last scan
   bool safelyRemoved = false;
   std::string mountPoint;
   int lastNotice = 0;  ///< 0 none, 1 added, 2 removed
@@ -25,17 +25,17 @@ struct Record {
   std::string kernelName() const { return partition ? name + "1" : name; }
 };
 
-/// The text answers of the service: a flag and a text.
+/// A text reply of the service: a flag and a text.
 struct Text {
   bool success = false;
   std::string text;
 };
 
-/// What the service must do, step by step and in so many words: the answers, the table of devices, the calls
-/// to the system in their order, and through them the mounts and directories of a machine of its own. It
-/// shares no code with the handler.
+/// What the service must do, step by step: the replies, the table of devices, the calls to the system in
+/// order, and their effect on the mounts and directories of the model's own machine. It shares no code with
+/// the handler.
 ///
-/// An operation is told which of its calls to the system fail. One thread at a time.
+/// `calls` tells an operation which of its calls to the system fail. One thread at a time.
 class Model {
  public:
   /// By device number.
@@ -45,7 +45,7 @@ class Model {
   std::map<int, int> observers;
   /// The callbacks that observers must get, as "added 3 -1 42" (device, observer number, observer).
   std::vector<std::string> callbacks;
-  /// How many scans there were.
+  /// The number of scans so far.
   std::size_t scans = 0;
 
   void scan(Calls& calls);
@@ -69,13 +69,13 @@ class Model {
  private:
   Record* find(int device);
   const Record* find(int device) const;
-  /// The content of a file, unless it cannot be opened.
+  /// Whether a file or node can be opened.
   bool openFile(Calls& calls, const std::string& path) const;
   std::string probe(Calls& calls, const Record& record, const std::string& key) const;
   bool release(Calls& calls, Record& record, bool safeRemoval);
   bool removeMount(Calls& calls, const std::string& path, bool lazy);
   bool isListedAsMounted(const std::string& path) const;
-  /// The errno of the last attempt; 0 when one succeeds.
+  /// The errno of the last attempt; 0 if one succeeds.
   int tryMounts(Calls& calls, const std::string& node, const std::string& path,
                 const std::string& probedType);
   /// The status of a command.

@@ -1,5 +1,5 @@
-// Starts the program again with an allocator that keeps nothing back for the threads to come, so that memory
-// that is in use is memory that somebody holds.
+// Restarts the program with an allocator that keeps no memory for later threads, so that all memory in use
+// has an owner.
 
 #include <unistd.h>
 

@@ -224,7 +224,7 @@ int SimulatedSystem::blkid_probe_lookup_value(blkid_probe probe, const char* nam
 void SimulatedSystem::blkid_free_probe(blkid_probe probe) {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (probes_.erase(probe) == 0) {
-    throw std::logic_error("a probe was freed that was never made, or was freed before");
+    throw std::logic_error("a probe is freed twice, or was never made");
   }
 }
 

@@ -12,10 +12,10 @@
 
 namespace soak {
 
-/// A Machine behind the calls of the Platform. Files that it opens are real descriptors (of memory), so that
-/// one left open shows among those of the process.
+/// A Platform over a Machine. Its open files are real descriptors (of memory), so that a leaked one shows
+/// among the descriptors of the process.
 ///
-/// Threads: any. The mutex is held during each call, and no other is taken meanwhile.
+/// Threads: any. Each call holds the mutex and takes no other lock.
 class SimulatedSystem : public World, private Dockhand::Platform {
  public:
   SimulatedSystem() = default;
@@ -65,7 +65,7 @@ class SimulatedSystem : public World, private Dockhand::Platform {
 
   std::mutex mutex_;
   Machine machine_;
-  /// Open descriptors, with the size of the disk behind those of a node.
+  /// Open descriptors, with the size of the disk; -1 for a file.
   std::map<int, std::int64_t> descriptors_;
   std::map<const void*, std::unique_ptr<OpenDirectory>> openDirectories_;
   std::map<const void*, std::unique_ptr<OpenProbe>> probes_;

@@ -28,8 +28,8 @@ using testsupport::UsbClient;
 namespace {
 
 constexpr std::size_t laps = 10;
-/// For waits that never last so long.
-constexpr std::chrono::seconds patience{20};
+/// No wait takes this long, except after a failure.
+constexpr std::chrono::seconds timeout{20};
 
 using RpcServer = ravel::rpc::thrift_server<ravel::rpc::usb_rpc_gen_If, ravel::rpc::usb_rpc_gen_Processor,
                                             9020, 10, ravel::rpc::TUnixServerSocket>;
@@ -41,14 +41,13 @@ std::size_t openDescriptors() {
     ++count;
   }
   closedir(directory);
-  // Not counting ".", ".." and the directory's own.
+  // Do not count ".", ".." and the descriptor of the directory.
   return count - 3;
 }
 
-/// Connections that have ended are closed a little later by those who served them: waits until no more of
-/// them go.
+/// A worker closes its connection a little after the end. Waits until the number of descriptors is stable.
 std::size_t settledDescriptors() {
-  const auto deadline = std::chrono::steady_clock::now() + patience;
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
   std::size_t count = openDescriptors();
   int unchanged = 0;
   while (unchanged < 50 && std::chrono::steady_clock::now() < deadline) {
@@ -91,7 +90,7 @@ Soak::Soak(World& world, std::vector<std::vector<Stick>> sticksOfClients, const 
       platform_(world.platform(), CheckedHandler::decide),
       handler_(std::make_shared<CheckedHandler>(world, platform_, settings.seed)),
       mediaService_(std::make_unique<testsupport::MediaService>()) {
-  // The mkdir judge says each failure on it.
+  // The mkdir judge prints each failure there.
   std::cout.setstate(std::ios::failbit);
   RpcServer server(boost::shared_ptr<ravel::rpc::usb_rpc_gen_If>(handler_.get(), [](auto*) {}));
   server.start();
@@ -118,13 +117,13 @@ void Soak::run() {
 }
 
 void Soak::lap(std::size_t number) {
-  // In every other lap the mount table is so long that the handler does not see the end of it.
+  // In every other lap the mount table is longer than the part that the handler reads.
   handler_->fillMountTable(number % 2 == 0 ? 0 : 800);
   handler_->setFaults(true);
   const std::size_t clients = sticksOfClients_.size();
   std::vector<std::thread> threads;
   for (std::size_t client = 0; client < clients; ++client) {
-    // The rounds that do not divide evenly are done by the first clients of the first laps.
+    // The first clients of the first laps run the rest of the division.
     const std::size_t shares = laps * clients;
     const std::size_t share = number == 0 ? client : (number - 1) * clients + client;
     const std::size_t rounds = settings_.rounds / shares + (share < settings_.rounds % shares ? 1 : 0);
@@ -168,22 +167,22 @@ void Soak::clearPlaces() {
   for (const std::vector<Stick>& sticks : sticksOfClients_) {
     for (const Stick& stick : sticks) {
       handler_->unplug(stick);
-      // Each scan may pass the first record over.
+      // A scan may skip the first record.
       while (handler_->recordOf(stick)) {
         usb->CheckForAndUpdateNewDevices();
       }
     }
   }
-  // A blank stick can be opened anywhere without anything being mounted: opening it takes away what is
-  // mounted there, closing it what was below, and the directory.
+  // A blank stick can be opened at any place, and mounts nothing there. Opening it unmounts the top mount of
+  // the place. Closing it unmounts the one below and removes the directory.
   Stick blank;
   blank.name = "sdz";
   handler_->plug(blank);
   usb.devices();
   const std::int16_t device = handler_->recordOf(blank).value().first;
   std::vector<std::string> places = handler_->placesInUse();
-  constexpr int mostPlaces = 1000;
-  for (int place = 0; place < mostPlaces && !places.empty() && !handler_->hasFailed(); ++place) {
+  constexpr int maxAttempts = 1000;
+  for (int place = 0; place < maxAttempts && !places.empty() && !handler_->hasFailed(); ++place) {
     usb->OpenDeviceAt(device, places.front(), false);
     usb->CloseDevice(device);
     places = handler_->placesInUse();
@@ -201,15 +200,15 @@ void Soak::compareCallbacks() {
   std::sort(received.begin(), received.end());
   const std::vector<std::string> expected = handler_->takeCallbacks();
   if (received != expected) {
-    handler_->fail("observers got " + std::to_string(received.size()) + " callbacks, and not the expected " +
-                   std::to_string(expected.size()));
+    handler_->fail("observers got " + std::to_string(received.size()) + " callbacks that differ from the " +
+                   std::to_string(expected.size()) + " expected ones");
   }
 }
 
 Figures Soak::measure() const {
   Figures figures;
   figures.descriptors = settledDescriptors();
-  // What was freed goes back to the kernel, so that what is left is in use.
+  // Return freed memory to the kernel, so that only memory in use counts.
   malloc_trim(0);
   figures.heapBytes = mallinfo2().uordblks;
   figures.residentKiB = residentKiB();
@@ -217,10 +216,10 @@ Figures Soak::measure() const {
 }
 
 std::string Soak::growth() const {
-  // Less than four bytes for each of 5,000 rounds. What the comparison keeps for its messages varies by a few
-  // KiB.
+  // Less than four bytes for each of 5,000 rounds. The texts that the comparison keeps for its messages vary
+  // by a few KiB.
   constexpr std::size_t heapSlack = 16 << 10;
-  // Pages of freed memory in which something small is left over: their number varies by up to some forty.
+  // Freed pages that still contain a small block: their number varies by up to about forty.
   constexpr std::size_t residentSlackKiB = 512;
   std::string text;
   if (end_.heapBytes > middle_.heapBytes + heapSlack) {

@@ -12,50 +12,49 @@
 
 namespace soak {
 
-/// What the process has, at rest.
+/// The resources of the process at rest.
 struct Figures {
   std::size_t residentKiB = 0;
-  std::size_t heapBytes = 0;  ///< in use, of what malloc has handed out
+  std::size_t heapBytes = 0;  ///< allocated by malloc and not freed
   std::size_t descriptors = 0;
 };
 
 struct Settings {
-  /// DOCKHAND_SOAK_ROUNDS, or this many.
+  /// DOCKHAND_SOAK_ROUNDS, or the default.
   std::size_t rounds = 0;
-  /// DOCKHAND_SOAK_SEED, or a new one each time.
+  /// DOCKHAND_SOAK_SEED, or a new seed each time.
   std::uint64_t seed = 0;
 };
 
 /// Reads the environment.
 Settings settingsFor(std::size_t defaultRounds);
 
-/// Several clients at once over the service with a checked handler. The service's threads never end, so there
-/// is one such object in a process, and it is never destroyed.
+/// Several concurrent clients of a service with a checked handler. The service's threads never end, so a
+/// process has one such object and never destroys it.
 class Soak {
  public:
-  /// `sticksOfClients` says who has which sticks. `world` must live as long as the process.
+  /// `sticksOfClients` has the sticks of each client. `world` must live as long as the process.
   Soak(World& world, std::vector<std::vector<Stick>> sticksOfClients, const Settings& settings);
 
-  /// All rounds, once, in ten laps, after one more to warm up. After each lap everything is brought to rest
-  /// and looked at.
+  /// Runs all rounds once, in ten laps after a warm-up lap. Each lap ends with a clean-up and a comparison.
   void run();
 
-  /// Figures at the start (after the warm-up), in the middle and at the end.
+  /// Figures after the warm-up, in the middle and at the end.
   const Figures& start() const { return start_; }
   const Figures& middle() const { return middle_; }
   const Figures& end() const { return end_; }
-  /// How the memory has grown from the middle to the end, in words; empty: not at all, but for a slack.
+  /// The growth of memory from the middle to the end, as text; empty if it is within the slack.
   std::string growth() const;
-  /// What was left when it should have been nothing, in words.
+  /// What was left after the clean-ups, as text; empty is right.
   const std::string& leftAtRest() const { return leftAtRest_; }
   const Settings& settings() const { return settings_; }
   CheckedHandler& handler() { return *handler_; }
-  /// Writes the figures to standard output.
+  /// Prints the figures to standard output.
   void print();
 
  private:
   void lap(std::size_t number);
-  /// Ends the faults, pulls out everything and clears what the faults have left, as a service would.
+  /// Ends the faults, pulls out all sticks, and cleans up after the faults as a service would.
   void bringToRest(std::size_t lapNumber);
   void clearPlaces();
   void compareCallbacks();

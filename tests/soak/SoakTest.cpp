@@ -1,5 +1,5 @@
-// Clients that plug, open, list, close and unplug at once, for as many rounds as wanted, over a simulated
-// system whose calls fail by chance. DOCKHAND_SOAK_ROUNDS and DOCKHAND_SOAK_SEED set the rounds and the seed.
+// Concurrent clients plug, open, list, close and unplug, over a simulated system whose calls fail at random.
+// DOCKHAND_SOAK_ROUNDS and DOCKHAND_SOAK_SEED set the rounds and the seed.
 
 #include <gtest/gtest.h>
 
@@ -58,41 +58,41 @@ class SoakTest : public ::testing::Test {
 
 Soak* SoakTest::run_ = nullptr;
 
-TEST_F(SoakTest, TableCallsMountsAndAnswersAreThoseOfTheModelAtEveryStep) {
+TEST_F(SoakTest, TableCallsMountsAndRepliesMatchTheModelAtEveryStep) {
   EXPECT_EQ(run_->handler().failure(), "");
   EXPECT_GT(run_->handler().steps(), 0U);
 }
 
-TEST_F(SoakTest, NothingIsLeftUnderMediaOnceTheFaultsAreOver) {
-  ASSERT_FALSE(run_->handler().hasFailed()) << "the run has ended early";
+TEST_F(SoakTest, NothingIsLeftUnderMediaAfterTheFaults) {
+  ASSERT_FALSE(run_->handler().hasFailed()) << "the run ended early";
   EXPECT_EQ(run_->leftAtRest(), "");
 }
 
-TEST_F(SoakTest, DescriptorsAreAsManyInTheMiddleAndAtTheEndAsAtTheStart) {
-  ASSERT_FALSE(run_->handler().hasFailed()) << "the run has ended early";
+TEST_F(SoakTest, NumberOfDescriptorsIsTheSameAtTheStartInTheMiddleAndAtTheEnd) {
+  ASSERT_FALSE(run_->handler().hasFailed()) << "the run ended early";
   EXPECT_EQ(run_->middle().descriptors, run_->start().descriptors);
   EXPECT_EQ(run_->end().descriptors, run_->start().descriptors);
 }
 
 TEST_F(SoakTest, EveryCallThatCanFailHasFailed) {
-  ASSERT_FALSE(run_->handler().hasFailed()) << "the run has ended early";
+  ASSERT_FALSE(run_->handler().hasFailed()) << "the run ended early";
   const auto faults = run_->handler().faults();
   for (const std::string& call : Faults::calls()) {
     ASSERT_EQ(faults.count(call), 1U) << call;
-    // Enough for each errno to be drawn, however rare the call.
+    // Enough rounds to draw each errno, even for the rarest call.
     if (run_->settings().rounds >= 10000) {
       EXPECT_EQ(faults.at(call).size(), Faults::errors().size()) << call;
     }
   }
 }
 
-// The sanitizers' allocators keep freed memory back.
+// The allocators of the sanitizers keep freed memory.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 TEST_F(SoakTest, MemoryDoesNotGrowFromTheMiddleToTheEnd) {
   if (isEmulated()) {
-    GTEST_SKIP() << "resident memory is that of the emulator";
+    GTEST_SKIP() << "the resident memory is the emulator's";
   }
-  ASSERT_FALSE(run_->handler().hasFailed()) << "the run has ended early";
+  ASSERT_FALSE(run_->handler().hasFailed()) << "the run ended early";
   EXPECT_EQ(run_->growth(), "");
 }
 #endif

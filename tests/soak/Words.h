@@ -11,7 +11,7 @@
 
 namespace soak {
 
-// An answer in words: the handler's and the model's have different types, and a failure shows both.
+// A reply as text: the handler and the model have different types, and a failure shows both replies.
 
 inline std::string words(bool answer) {
   return answer ? "true" : "false";

@@ -9,7 +9,7 @@
 
 namespace soak {
 
-/// What the handler runs on: a simulated system, or a real one.
+/// The system below the handler: simulated or real.
 class World {
  public:
   World() = default;
@@ -21,17 +21,17 @@ class World {
   /// Makes the nodes of a stick, and the kernel's entries for it.
   virtual void plug(const Stick& stick) = 0;
   virtual void unplug(const Stick& stick) = 0;
-  /// Mounts something elsewhere until the mount table has at least this many characters, after taking away
-  /// what an earlier call has mounted. Nothing may be mounted under /media.
+  /// Removes the mounts of an earlier call, then mounts outside /media until the mount table has at least
+  /// `size` characters. Nothing may be mounted under /media.
   virtual void fillMountTable(std::size_t size) = 0;
-  /// The lines of the mount table that are not of /media.
+  /// The lines of the mount table that are not under /media.
   virtual std::string tableHead() = 0;
-  /// The file systems that its kernel does not have.
+  /// The file systems that its kernel does not support.
   virtual std::set<std::string> missingFileSystems() { return {}; }
-  /// The mounts and directories under /media, as soak::underMedia words them.
+  /// The mounts and directories under /media, in the form of soak::underMedia.
   virtual std::string underMedia() = 0;
-  /// What the handler holds of this world's descriptors, directories and probes, in words; empty: nothing.
-  /// One probe that failed may be kept.
+  /// The descriptors, directories and probes of this world that the handler holds, as text; empty: none. One
+  /// failed probe does not count.
   virtual std::string heldByHandler() = 0;
 };
 

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-/// The words as the exec functions want them: pointers into `words`, which must outlive them unchanged, with
-/// a null pointer at the end.
+/// The words in the form of the exec functions: pointers into `words` with a null pointer at the end. `words`
+/// must outlive them unchanged.
 inline std::vector<char*> argumentVector(std::vector<std::string>& words) {
   std::vector<char*> pointers;
   pointers.reserve(words.size() + 1);

@@ -1,16 +1,16 @@
-// A process that aborts writes no counts, so what a test of its death has run would seem never to have been
-// run.
+// A process that aborts writes no coverage counts. Without this, code that runs only in death tests would
+// count as never run.
 
 #include <csignal>
 
 extern "C" {
-// C++ is not provided for in this header.
+// This header has no C++ guard of its own.
 #include <gcov.h>
 }
 
 namespace {
 
-/// abort() goes on to end the process when the handler returns.
+/// abort() ends the process after the handler returns.
 void writeCounts(int /*signal*/) {
   __gcov_dump();
 }

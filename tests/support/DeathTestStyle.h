@@ -5,8 +5,8 @@
 
 #include "Emulator.h"
 
-/// For a death test of a program that has threads by then: it starts the program anew. QEMU cannot start a
-/// program for another processor from within one, so there it is a copy.
+/// For a death test of a program that already has threads: it starts the program again. A program under QEMU
+/// cannot start another program, so there the test forks a copy.
 inline void useStyleForThreads() {
   testing::FLAGS_gtest_death_test_style = isEmulated() ? "fast" : "threadsafe";
 }

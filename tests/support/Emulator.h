@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-/// What a program for another processor is started with: DOCKHAND_EMULATOR, words separated by semicolons.
-/// QEMU starts no such program from within one.
+/// The command that starts a program for another processor: DOCKHAND_EMULATOR, words separated by semicolons.
+/// Tests need it because a program under QEMU cannot start another one by itself.
 inline std::vector<std::string> emulatorWords() {
   const char* const text = std::getenv("DOCKHAND_EMULATOR");
   std::istringstream stream(text != nullptr ? text : "");

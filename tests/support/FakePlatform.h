@@ -10,20 +10,19 @@
 
 #include "Platform.h"
 
-/// A system that exists in the test alone. What it answers is set in the members; every call is recorded in
-/// the journal:
+/// A fake system. Its members set the results of the calls. The journal records every call:
 ///
 ///     scandir DIR                            mount SOURCE TARGET TYPE FLAGS(hex) OPTIONS
 ///     umount TARGET                          umount2 TARGET FLAGS
 ///     mkdir PATH MODE(octal)                 rmdir PATH               access PATH
 ///     opendir DIR     closedir DIR           open PATH    read PATH SIZE    close PATH
-///     claimFile PATH    (where `claims` has the path; elsewhere nobody is in the way, and it is not
-///     recorded) system COMMAND                         sleep SECONDS new_probe PATH   do_probe PATH   lookup
-///     PATH KEY   free_probe PATH   dev_size PATH
+///     system COMMAND                         sleep SECONDS            claimFile PATH
+///     new_probe PATH      do_probe PATH      lookup PATH KEY      free_probe PATH      dev_size PATH
 ///
-/// An error is an errno value; 0 means success. A failing call sets errno, a succeeding one leaves it alone.
-/// Nothing can be opened but for reading, or asked for but whether it exists: that is all that the handler
-/// does.
+/// A claim of a file is recorded only if `claims` has the path. All other claims succeed.
+///
+/// An error is an errno value; 0 means success. A failing call sets errno, a successful one leaves it
+/// unchanged. `open` only reads and `access` only checks existence, because the handler needs no more.
 class FakePlatform : public Dockhand::Platform {
  public:
   struct Mount {
@@ -34,11 +33,11 @@ class FakePlatform : public Dockhand::Platform {
     std::string options;
   };
 
-  /// What a disk answers to libblkid.
+  /// The replies of a disk to libblkid.
   struct Disk {
     std::map<std::string, std::string> values;
     bool opens = true;
-    /// Result of the probing, and its errno where that is -1.
+    /// Result of the probing, and its errno if the result is -1.
     int probeResult = 0;
     int probeError = 0;
     /// errno of a look-up that finds nothing.
@@ -46,45 +45,43 @@ class FakePlatform : public Dockhand::Platform {
     blkid_loff_t size = 0;
   };
 
-  // What the system looks like.
-
-  /// Names in /dev; other names than storage nodes may be among them.
+  /// Names in /dev, of storage nodes and others.
   std::vector<std::string> deviceNodes;
   int scandirError = 0;
-  /// Hands out the names as they are, whatever the filter says.
+  /// Makes scandir ignore its filter.
   bool scandirIgnoresFilter = false;
   /// Readable files by path.
   std::map<std::string, std::string> files;
-  /// errno of opening what is not in `files`.
+  /// errno of opening a path that is not in `files`.
   int openError = 2;
   /// These files can be opened but not read: errno by path.
   std::map<std::string, int> readErrors;
   int closeError = 0;
-  /// What the next open returns; each one returns the next number.
+  /// The result of the next open; each later open returns one more.
   int nextDescriptor = 100;
-  /// The flags with which each path was last opened.
+  /// The flags of the last open of each path.
   std::map<std::string, int> openFlags;
-  /// What becomes of claims, by path.
+  /// Results of claims, by path.
   std::map<std::string, Dockhand::Claim> claims;
-  /// Directories by path with the names in them.
+  /// The names in each directory, by its path.
   std::map<std::string, std::vector<std::string>> directories;
-  /// Paths that access and mkdir find existing.
+  /// Paths that exist for access and mkdir.
   std::set<std::string> existing;
   int mkdirError = 0;
   int rmdirError = 0;
   int umountError = 0;
   int umount2Error = 0;
-  /// The error of a mount. Everything mounts unless told otherwise.
+  /// The errno of a mount. By default every mount succeeds.
   std::function<int(const Mount&)> mountError = [](const Mount&) { return 0; };
-  /// Disks by the path of their node. A node that is not here cannot be opened for probing.
+  /// Disks by the path of their node. Other nodes cannot be opened for probing.
   std::map<std::string, Disk> disks;
   /// The raw status of a command.
   std::function<int(const std::string&)> systemStatus = [](const std::string&) { return 0; };
 
-  /// Called before each call is answered, with the event as it is recorded.
+  /// Called before each call returns, with the recorded event.
   std::function<void(const std::string&)> onCall;
 
-  /// Probes that were made and not freed.
+  /// The number of probes that are not freed yet.
   std::size_t liveProbes() const { return probes_.size(); }
   std::size_t openDescriptors() const { return descriptors_.size(); }
   std::size_t openDirectories() const { return openDirectories_.size(); }

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-/// One log line as the handler handed it to the logging library.
+/// One log line, with the arguments that the handler passes to the logging library.
 struct LoggedLine {
   int level;
   /// Name of the context, "-" without one.
@@ -16,11 +16,10 @@ struct LoggedLine {
   std::string text;
 };
 
-/// Everything that the code under test did, in order: what it asked of the system, what it logged, whom it
-/// called.
+/// Everything that the code under test does, in order: its calls to the system, log lines and callbacks.
 ///
-/// Each event is a text. Log lines read "log LEVEL @LINE TEXT"; the forms of the other events are listed at
-/// FakePlatform and at TestMediaService.
+/// Each event is a text. Log lines read "log LEVEL @LINE TEXT". FakePlatform and TestMediaService list the
+/// forms of the other events.
 class Journal {
  public:
   void record(const std::string& event);
@@ -29,9 +28,9 @@ class Journal {
 
   /// All events.
   std::vector<std::string> events() const;
-  /// The log lines alone, in the form of the events.
+  /// Only the log lines, in the form of events.
   std::vector<std::string> logs() const;
-  /// All events but the log lines.
+  /// All events except the log lines.
   std::vector<std::string> calls() const;
   /// The events that begin with a text.
   std::vector<std::string> eventsBeginning(const std::string& beginning) const;

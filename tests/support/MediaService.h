@@ -14,7 +14,7 @@
 
 namespace testsupport {
 
-/// One callback as it arrived.
+/// One received callback.
 struct Callback {
   std::string event;  ///< "added" or "removed"
   std::int16_t usbDevice = 0;
@@ -40,14 +40,14 @@ class MediaService {
   MediaService& operator=(const MediaService&) = delete;
   ~MediaService();
 
-  /// What has arrived so far. The daemon waits for each answer, so all of it is here when a notification
+  /// The callbacks so far. The daemon waits for each reply, so all of them are here when a notification
   /// returns.
   std::vector<Callback> callbacks() const;
-  /// The same, and forgets it.
+  /// Returns the callbacks so far, and clears them.
   std::vector<Callback> takeCallbacks();
 
-  /// What is done in each callback from now on, in the thread that serves it; what it throws, the daemon gets
-  /// as a failure.
+  /// Runs `action` in each callback from now on, in the thread that serves it. The daemon gets an exception
+  /// of `action` as a failure.
   void onCallback(std::function<void(const Callback&)> action);
 
  private:

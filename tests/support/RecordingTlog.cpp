@@ -1,4 +1,4 @@
-// Stands in for the logging library: the lines go to the journal.
+// Replaces the logging library: the lines go to the journal.
 
 #include <cstdarg>
 #include <cstdio>

@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <string>
 
-/// A directory of its own for the local sockets of a test, so that it needs no root and meets no other
+/// A private directory for the local sockets of a test, so that the test needs no root and meets no other
 /// service.
 class SocketDirectory {
  public:

@@ -3,7 +3,7 @@
 
 #include "DockhandClient.h"
 
-/// The handler with its insides open to the tests and fuzzers.
+/// The handler with its members public, for tests and fuzz targets.
 class TestableHandler : public Dockhand::DockhandClient {
  public:
   using DockhandClient::addedObservers;

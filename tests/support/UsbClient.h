@@ -11,11 +11,10 @@
 
 namespace testsupport {
 
-/// One connection to the daemon. The generated client's operations, with results returned rather than filled
-/// in.
+/// One connection to the daemon. It has the generated client's operations, but returns their results.
 class UsbClient {
  public:
-  /// Connects; throws when nobody accepts.
+  /// Connects; throws if nobody accepts.
   UsbClient();
 
   ravel::rpc::usb_rpc_gen_Client* operator->() { return &client_; }
