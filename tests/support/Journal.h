@@ -18,8 +18,8 @@ struct LoggedLine {
 
 /// Everything that the code under test does, in order: its calls to the system, log lines and callbacks.
 ///
-/// Each event is a text. Log lines read "log LEVEL @LINE TEXT". FakePlatform and TestMediaService list the
-/// forms of the other events.
+/// Each event is a text. Log lines read "log LEVEL @LINE TEXT". FakePlatform lists the forms of the other
+/// events.
 class Journal {
  public:
   void record(const std::string& event);

@@ -49,11 +49,11 @@ pid_t startProgram(const Environment& environment, gid_t group) {
     throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
   }
   if (pid == 0) {
-    // Also when the test is killed, no daemon stays behind.
+    // The daemon must not outlive the test, even if the test is killed.
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    // In a group of its own, so that the tools of a killed daemon can be told from others.
+    // Its own process group identifies the tools of a killed daemon.
     setpgid(0, 0);
-    // What the caller of the tests left open is none of the daemon's business.
+    // The daemon must not inherit descriptors of the caller of the tests.
     close_range(STDERR_FILENO + 1, ~0U, 0);
     for (const auto& [name, value] : environment) {
       setenv(name.c_str(), value.c_str(), 1);
@@ -70,7 +70,7 @@ pid_t startProgram(const Environment& environment, gid_t group) {
   return pid;
 }
 
-/// True when the process has ended within the time given.
+/// True if the process ends within the given time.
 bool hasEnded(pid_t pid, std::chrono::milliseconds wait) {
   const int process = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
   if (process < 0) {
@@ -101,7 +101,7 @@ Daemon::Daemon(const Environment& environment, gid_t group)
     const bool ended = hasEnded(pid_, std::chrono::milliseconds(1));
     if (ended || std::chrono::steady_clock::now() > deadline) {
       kill();
-      throw std::runtime_error((ended ? "the daemon ended: " : "the daemon does not answer: ") + log());
+      throw std::runtime_error((ended ? "the daemon ended: " : "the daemon does not reply: ") + log());
     }
   }
 }
@@ -116,9 +116,9 @@ bool Daemon::isRunning() const {
 
 void Daemon::kill() {
   if (!reaped_) {
-    // The log goes with the test, and it is the only place that says why a daemon has ended by itself.
+    // The log is deleted with the test, and only it says why a daemon ended by itself.
     if (!isRunning()) {
-      std::cerr << "the daemon has ended by itself, and wrote: " << log() << '\n';
+      std::cerr << "the daemon ended by itself, with this log: " << log() << '\n';
     }
     ::kill(pid_, SIGKILL);
     waitpid(pid_, nullptr, 0);

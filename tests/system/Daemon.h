@@ -12,16 +12,16 @@
 
 namespace systest {
 
-/// Variables for the daemon's environment, which otherwise is that of the test.
+/// Variables that are added to the test's environment for the daemon.
 using Environment = std::map<std::string, std::string>;
 
 using testsupport::UsbClient;
 
-/// A running daemon, killed with this object. Its tools are in a process group that has its pid.
+/// A running daemon, killed with this object. The process group of its tools has its pid.
 class Daemon {
  public:
-  /// Starts the program, as root and in this group alone, and returns once it answers calls. Throws when it
-  /// ends instead, or does not answer for long.
+  /// Starts the program, as root and in this group only, and returns once it replies to calls. Throws if it
+  /// ends, or does not reply for a long time.
   explicit Daemon(const Environment& environment = {}, gid_t group = getgid());
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;
@@ -29,12 +29,12 @@ class Daemon {
 
   pid_t pid() const { return pid_; }
   bool isRunning() const;
-  /// Ends it with SIGKILL, so that it can clean up nothing.
+  /// Ends it with SIGKILL, so that it cannot clean up.
   void kill();
 
-  /// What it has written to standard error.
+  /// Its output on standard error.
   std::string log() const;
-  /// The same by lines.
+  /// The same as lines.
   std::vector<std::string> logLines() const;
 
  private:
@@ -45,12 +45,12 @@ class Daemon {
 
 /// The end of a daemon that could not start.
 struct FailedStart {
-  /// As waitpid tells it; 0 would be success.
+  /// As waitpid returns it; 0 would be success.
   int status = 0;
   std::string log;
 };
 
-/// Starts the program and waits for its end, which is to come by itself. Throws when it does not.
+/// Starts the program and waits until it ends by itself. Throws if it does not.
 FailedStart startThatFails(const Environment& environment = {});
 
 }  // namespace systest

@@ -1,5 +1,5 @@
-// Disks whose headers are damaged: whatever libblkid and the kernel make of them, the daemon answers and goes
-// on.
+// Disks with damaged headers: whatever libblkid and the kernel do with them, the daemon replies and keeps
+// serving.
 
 #include <gmock/gmock.h>
 #include <signal.h>
@@ -27,10 +27,10 @@ namespace {
 
 using testing::IsEmpty;
 
-/// Bytes by their place in the image.
+/// Bytes by their offset in the image.
 using Bytes = std::map<std::uint64_t, std::uint8_t>;
 
-/// Damages an image, each time anew, at places where a fresh file system has data.
+/// Damages an image in a new way each time, at places where a fresh file system has data.
 class Damager {
  public:
   explicit Damager(const std::string& image)
@@ -49,15 +49,15 @@ class Damager {
     }
   }
 
-  /// These bytes stay as they are.
+  /// Never damages these bytes.
   void spare(std::uint64_t begin, std::uint64_t end) {
     for (std::uint64_t at = begin; at < end; ++at) {
       spared_[at] = 0;
     }
   }
 
-  /// One to 64 bytes, most often few. Half of them are in the first two sectors that hold anything, where the
-  /// superblock is.
+  /// Damages 1 to 64 bytes, usually few. Half of them are in the first two sectors with data, which contain
+  /// the superblock.
   void damage() {
     repair();
     const std::uint64_t count = std::uint64_t{1} << random_() % 7;
@@ -96,7 +96,7 @@ class Damager {
     }
   }
 
-  /// A bit is turned, or the byte becomes one that lengths and counts go wrong with.
+  /// Flips a bit, or returns a byte that makes lengths and counts wrong.
   std::uint8_t otherByte(std::uint8_t byte) {
     constexpr std::uint8_t edges[] = {0x00, 0x7F, 0x80, 0xFF};
     const auto choice = random_() % 12;
@@ -115,16 +115,16 @@ std::size_t openDescriptors(const Daemon& daemon) {
   return namesIn("/proc/" + std::to_string(daemon.pid()) + "/fd").size();
 }
 
-/// File systems of the mount table, and their kin on sticks.
+/// File systems of the mount table, and related ones that sticks have.
 class DamagedFileSystemTest : public SystemTest, public testing::WithParamInterface<const char*> {};
 
-TEST_P(DamagedFileSystemTest, IsProbedAndRefusedByADaemonThatGoesOn) {
+TEST_P(DamagedFileSystemTest, IsProbedAndRefusedAndTheDaemonKeepsServing) {
   constexpr int variants = 400;
   std::filesystem::create_directory("/tmp/damaged");
   run({"/usr/bin/python3", "-B", DOCKHAND_SOURCE_DIR "/tests/vm/disks.py", "/tmp/damaged", GetParam(),
        "HOLIDAY"});
   const std::string image = "/tmp/damaged/stick.img";
-  // Not a block device: libblkid reads it all the same, and the kernel does not.
+  // Not a block device: libblkid reads it anyway, but the kernel does not.
   ASSERT_EQ(symlink(image.c_str(), "/dev/usb_storage_sda"), 0);
   {
     Damager damager(image);
@@ -145,7 +145,7 @@ TEST_P(DamagedFileSystemTest, IsProbedAndRefusedByADaemonThatGoesOn) {
       ASSERT_FALSE(client->OpenDevice(1));
     }
     ASSERT_TRUE(daemon.isRunning());
-    // A probe that failed to read is kept until the next one fails.
+    // The daemon keeps a failed probe until the next one fails.
     EXPECT_LE(openDescriptors(daemon), descriptors + 1);
     damager.repair();
     EXPECT_EQ(client.label(1).text, "HOLIDAY");
@@ -162,8 +162,8 @@ INSTANTIATE_TEST_SUITE_P(Each, DamagedFileSystemTest,
 
 class DamagedDisksTest : public SystemTest {};
 
-// The only file system whose damage the machine's own kernel is made to read.
-TEST_F(DamagedDisksTest, Ext3IsOpenedOrRefusedByADaemonThatGoesOn) {
+// Only for ext3 does the machine's own kernel read the damage.
+TEST_F(DamagedDisksTest, Ext3IsOpenedOrRefusedAndTheDaemonKeepsServing) {
   constexpr int variants = 150;
   StickOptions options;
   options.bytes = std::uint64_t{2} << 20;
@@ -171,7 +171,7 @@ TEST_F(DamagedDisksTest, Ext3IsOpenedOrRefusedByADaemonThatGoesOn) {
   const Stick stick(options);
   const std::string sound = readFile(stick.node());
   Damager damager(stick.node());
-  // What the kernel is to do when it finds an error: one of the answers is to panic.
+  // These bytes tell the kernel what to do after an error. One value means panic.
   damager.spare(1024 + 0x3C, 1024 + 0x3E);
 
   const Daemon daemon;
@@ -196,7 +196,7 @@ TEST_F(DamagedDisksTest, Ext3IsOpenedOrRefusedByADaemonThatGoesOn) {
   EXPECT_EQ(readFile("/media/disk_1/song.mp3"), "la la la");
 }
 
-// As it would be with a fault in libblkid, which runs inside the daemon.
+// libblkid runs inside the daemon, so a fault in it would crash the daemon like this.
 TEST_F(DamagedDisksTest, CrashClosesTheConnectionsAndTheNextStartFindsTheOpenStick) {
   StickOptions options;
   options.files = {{"song.mp3", "la la la"}};
@@ -206,7 +206,7 @@ TEST_F(DamagedDisksTest, CrashClosesTheConnectionsAndTheNextStartFindsTheOpenSti
   ASSERT_TRUE(client->OpenDevice(1));
 
   ASSERT_EQ(kill(crashing.pid(), SIGSEGV), 0);
-  // A busy machine takes its time to end it.
+  // On a busy machine it takes a while to end.
   while (crashing.isRunning()) {
     std::this_thread::yield();
   }

@@ -1,4 +1,4 @@
-// The file systems that come on sticks, as this kernel mounts them.
+// The file systems of sticks, as this kernel mounts them.
 
 #include <gmock/gmock.h>
 #include <sys/mount.h>
@@ -17,7 +17,7 @@ namespace {
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-/// errno of the daemon's last try, which decides the answer when no file system fits: 0 when it mounts.
+/// errno of the daemon's last attempt, which decides the reply if no file system fits; 0 if it mounts.
 int errorOfLastTry(const std::string& node) {
   mkdir("/tmp/last_try", 0755);
   if (mount(node.c_str(), "/tmp/last_try", "xfs", MS_NOSUID | MS_NOEXEC | MS_NOATIME, "prjquota") != 0) {
@@ -33,7 +33,7 @@ bool isAcceptedError(int error) {
 
 class FileSystemsTest : public SystemTest {
  protected:
-  /// Opens the stick and reads and, where it may, writes a file. The options are those in the mount table.
+  /// Opens the stick, reads a file, and writes one if the stick is writable. `option` is in the mount table.
   static void expectOpens(const Stick& stick, const std::string& type, const std::string& option) {
     const Daemon daemon;
     UsbClient client;
@@ -51,8 +51,8 @@ class FileSystemsTest : public SystemTest {
     EXPECT_THAT(namesIn("/media"), IsEmpty());
   }
 
-  /// A stick that no file system fits: opened, by the answer, when the kernel's last word is "invalid
-  /// superblock".
+  /// A stick that no file system fits: the daemon replies that it is open if the kernel's last error is
+  /// "invalid superblock".
   static void expectOpenedWithoutMount(const Stick& stick) {
     const int error = errorOfLastTry(stick.node());
     const Daemon daemon;
@@ -69,12 +69,12 @@ class FileSystemsTest : public SystemTest {
   }
 };
 
-TEST_F(FileSystemsTest, Ext3MountsForReadingAndWriting) {
+TEST_F(FileSystemsTest, Ext3MountsReadWrite) {
   const Stick stick({});
   expectOpens(stick, "ext3", "rw");
 }
 
-TEST_F(FileSystemsTest, WriteProtectedStickMountsForReadingOnly) {
+TEST_F(FileSystemsTest, WriteProtectedStickMountsReadOnly) {
   StickOptions options;
   options.readOnly = true;
   const Stick stick(options);
@@ -117,12 +117,12 @@ TEST_F(FileSystemsTest, XfsMountsWithProjectQuota) {
   if (error == EINVAL) {
     ASSERT_EQ(mount(stick.node().c_str(), "/tmp/last_try", "xfs", 0, "noquota"), 0) << std::strerror(errno);
     umount("/tmp/last_try");
-    GTEST_SKIP() << "kernel has no xfs quota: it mounts this stick without quota, and not with prjquota";
+    GTEST_SKIP() << "kernel has no xfs quota: it mounts this stick without quota, but not with prjquota";
   }
   expectOpens(stick, "xfs", "rw");
 }
 
-TEST_F(FileSystemsTest, FatMountsForReadingAndWriting) {
+TEST_F(FileSystemsTest, FatMountsReadWrite) {
   if (!kernelKnowsFileSystem("vfat")) {
     GTEST_SKIP() << "kernel has no vfat";
   }
@@ -142,7 +142,7 @@ TEST_F(FileSystemsTest, NtfsMounts) {
   expectOpens(stick, "ntfs", "nosuid");
 }
 
-TEST_F(FileSystemsTest, HfsPlusMountsForReadingOnly) {
+TEST_F(FileSystemsTest, HfsPlusMountsReadOnly) {
   if (!kernelKnowsFileSystem("hfsplus")) {
     GTEST_SKIP() << "kernel has no hfsplus";
   }

@@ -1,4 +1,4 @@
-// Plugging in and pulling out, and what observers hear of it.
+// Plugging in and pulling out, and the callbacks to observers.
 
 #include <gmock/gmock.h>
 #include <thrift/TApplicationException.h>
@@ -30,7 +30,7 @@ StickOptions songStick(bool partitioned) {
   return options;
 }
 
-TEST_F(HotPlugTest, ObserversHearOfAStickInSignedOrderAndWithoutTheXriteOne) {
+TEST_F(HotPlugTest, ObserversAreCalledInSignedOrderWithoutTheXriteObserver) {
   const Stick stick(songStick(false));
   setPartitions({"sda"});
   const MediaService media;
@@ -98,7 +98,7 @@ TEST_F(HotPlugTest, DeviceThatTheKernelDoesNotListIsNotAnnounced) {
   EXPECT_THAT(media.callbacks(), IsEmpty());
 }
 
-TEST_F(HotPlugTest, DeregisteredObserverHearsNothing) {
+TEST_F(HotPlugTest, DeregisteredObserverIsNotCalled) {
   const Stick stick(songStick(false));
   setPartitions({"sda"});
   const MediaService media;
@@ -127,7 +127,7 @@ TEST_F(HotPlugTest, XriteDeviceIsAnnouncedToItsObserverOnly) {
   EXPECT_THAT(media.callbacks(), ElementsAre(Callback{"added", -1, 7, 10}, Callback{"removed", -1, 7, 20}));
 }
 
-/// A mounted stick that is pulled out while a file of it is in use, and then comes back.
+/// Pulls out a mounted stick while one of its files is in use, and plugs it in again.
 void pullOutInUse(bool partitioned) {
   Stick stick(songStick(partitioned));
   setPartitions(partitioned ? std::vector<std::string>{"sda", "sda1"} : std::vector<std::string>{"sda"});
@@ -171,7 +171,7 @@ TEST_F(HotPlugTest, PartitionedStickPulledOutInUseIsDetachedAndComesBack) {
   pullOutInUse(true);
 }
 
-TEST_F(HotPlugTest, SafelyRemovedStickComesBackWhenItIsPluggedInAnew) {
+TEST_F(HotPlugTest, SafelyRemovedStickComesBackWhenItIsPluggedInAgain) {
   Stick stick(songStick(false));
   setPartitions({"sda"});
   const Daemon daemon;
@@ -198,7 +198,7 @@ TEST_F(HotPlugTest, ObserverMayCallTheDaemonFromItsCallback) {
     UsbClient client;
     if (callback.event == "added") {
       opened = client->OpenDevice(callback.usbDevice);
-      // A second notification, and so a second callback, before the first has ended.
+      // A second notification, and so a second callback, before the first one ends.
       client->NotifyUsbRemoved("sda");
     }
   });
@@ -211,7 +211,7 @@ TEST_F(HotPlugTest, ObserverMayCallTheDaemonFromItsCallback) {
   EXPECT_THAT(media.callbacks(), ElementsAre(Callback{"added", 1, 1, 41}, Callback{"removed", 1, 1, 42}));
 }
 
-TEST_F(HotPlugTest, FailingObserverEndsTheNotificationAndNothingElse) {
+TEST_F(HotPlugTest, FailingObserverEndsOnlyTheNotification) {
   const Stick stick(songStick(false));
   setPartitions({"sda"});
   MediaService media;

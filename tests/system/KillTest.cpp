@@ -1,5 +1,5 @@
-// The daemon is killed at random moments of the operations that change disks and mounts. The next one
-// answers, finds the disks and opens them, and what was synced before is there.
+// The daemon is killed at random moments of the operations that change disks and mounts. The next daemon
+// replies, finds the disks and opens them, and all synced data is still there.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -32,7 +32,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 constexpr std::uint64_t enoughForXfs = std::uint64_t{520} << 20;
-/// How often an operation is run to its end, to know how long it takes.
+/// How often an operation runs to its end, to measure its duration.
 constexpr int measurements = 5;
 
 const Call opening = {[](UsbClient& client) { client->send_OpenDevice(1); },
@@ -46,13 +46,13 @@ const Call preparing = {[](UsbClient& client) { client->send_PrepareDeviceForPvr
 const Call repairing = {[](UsbClient& client) { client->send_RunDiskRepair(1); },
                         [](UsbClient& client) { return client->recv_RunDiskRepair(); }};
 
-/// The image's wrappers come first; every line is written, to tell where the daemon was.
+/// The image's wrappers are first in PATH. All log lines are on, to show where the daemon was.
 Environment environmentOfImage() {
   return {{"PATH", DOCKHAND_SOURCE_DIR "/integration/tools:/usr/sbin:/usr/bin:/sbin:/bin"},
           {"TLOG_LEVEL", "2"}};
 }
 
-/// Writes a file and has the kernel write it to the disk.
+/// Writes a file and syncs it to the disk.
 void writeSynced(const std::string& path, const std::string& text) {
   writeFile(path, text);
   const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -84,7 +84,7 @@ void expectSyncedFiles(const std::string& directory) {
 
 class KillTest : public SystemTest {
  protected:
-  /// Opens a device, compares its files, closes it, and has its file system checked.
+  /// Opens a device, compares its files, closes it, and checks its file system.
   static void expectOpensWithItsFiles(UsbClient& client, std::int16_t device, const Stick& stick) {
     const std::string directory = "/media/disk_" + std::to_string(device);
     EXPECT_FALSE(client->IsDeviceOpen(device));
@@ -94,7 +94,7 @@ class KillTest : public SystemTest {
     EXPECT_TRUE(client->CloseDevice(device));
     EXPECT_THAT(mountsAt(directory), IsEmpty());
     EXPECT_FALSE(fs::exists(directory));
-    // It ends with another status when it finds anything.
+    // Its exit status is not 0 if it finds an error.
     EXPECT_NO_THROW(run({"e2fsck", "-f", "-n", stick.node()}));
   }
 
@@ -105,7 +105,7 @@ class KillTest : public SystemTest {
   }
 };
 
-/// A disk with files whose journal has to be replayed when it is mounted.
+/// A disk with files, whose journal must be replayed at the next mount.
 std::string imagePulledOutWhileMounted() {
   const std::string image = "/tmp/pulled.img";
   const Stick stick({});
@@ -155,7 +155,7 @@ TEST_F(KillTest, ClosingLosesNoSyncedFile) {
   const auto openAndWrite = [](UsbClient& client) {
     EXPECT_TRUE(client->OpenDevice(1));
     writeSyncedFiles("/media/disk_1");
-    // Closing has something to write.
+    // Unsynced data, so that closing has something to write.
     writeFile("/media/disk_1/unsynced", std::string(std::size_t{4} << 20, 'u'));
   };
   for (int i = 0; i < measurements; ++i) {
@@ -184,7 +184,7 @@ TEST_F(KillTest, ClosingLosesNoSyncedFile) {
   kills.print();
 }
 
-/// When the daemon has started a tool, since it began to prepare; its log lines have the time.
+/// The time from the beginning of the preparation to the start of a tool, from the daemon's log lines.
 Duration startOfTool(const Daemon& daemon, const std::string& tool) {
   const auto timeOf = [](const std::string& line) {
     // 2026-11-21T16:04:22.123456Z
@@ -203,14 +203,14 @@ Duration startOfTool(const Daemon& daemon, const std::string& tool) {
     }
     if (line.find(" Executing: " + tool) != std::string::npos && begin >= Duration(0)) {
       const Duration passed = timeOf(line) - begin;
-      // The times have no day.
+      // The parsed times have no date, so midnight may be in between.
       return passed < Duration(0) ? passed + std::chrono::hours(24) : passed;
     }
   }
   throw std::runtime_error("no line of " + tool + ": " + daemon.log());
 }
 
-TEST_F(KillTest, PreparingLosesNothingOfAnotherDiskAndCanBeDoneAnew) {
+TEST_F(KillTest, PreparingLosesNothingOnAnotherDiskAndCanBeRepeated) {
   constexpr std::size_t killsToAPreparation = 10;
   StickOptions recorder;
   recorder.bytes = enoughForXfs;
@@ -230,7 +230,7 @@ TEST_F(KillTest, PreparingLosesNothingOfAnotherDiskAndCanBeDoneAnew) {
     const auto begin = std::chrono::steady_clock::now();
     ASSERT_TRUE(kills.measure(client, preparing)) << daemon->log();
     const Duration end = std::chrono::steady_clock::now() - begin;
-    // Not in the two pauses, in which nothing happens.
+    // Do not kill in the two pauses, because nothing happens there.
     const Duration pauseBefore(4000);
     const Duration pauseAfter(2000);
     const Duration formatting = startOfTool(*daemon, "mkfs.xfs");
@@ -260,12 +260,14 @@ TEST_F(KillTest, PreparingLosesNothingOfAnotherDiskAndCanBeDoneAnew) {
   kills.print();
 }
 
-/// A recording disk with files whose second allocation group has lost its headers, so that a repair has work.
+/// A recording disk with files, without the headers of its second allocation group, so that a repair has
+/// work.
 std::string damagedRecordingImage() {
   const std::string image = "/tmp/recording.img";
   writeFile(image, "");
   fs::resize_file(image, enoughForXfs);
-  // Made by mkfs, the files do not depend on the journal, which a kernel without quota does not replay here.
+  // mkfs makes the files, so they do not depend on the journal, which a kernel without quota does not replay
+  // here.
   std::string proto = "/nowhere\n0 0\nd--755 0 0\n";
   for (int number = 0; number < filesOfADisk; ++number) {
     const std::string name = "synced" + std::to_string(number);
@@ -283,7 +285,7 @@ std::string damagedRecordingImage() {
   return image;
 }
 
-/// Mounts without the quota that this kernel may lack.
+/// Mounts without quota, because this kernel may lack it.
 void expectRecordings(const Stick& stick) {
   mkdir("/media/look", 0755);
   ASSERT_EQ(mount(stick.node().c_str(), "/media/look", "xfs", MS_RDONLY, ""), 0);
@@ -292,7 +294,7 @@ void expectRecordings(const Stick& stick) {
   rmdir("/media/look");
 }
 
-TEST_F(KillTest, RepairingLosesNoFileAndCanBeDoneAnew) {
+TEST_F(KillTest, RepairingLosesNoFileAndCanBeRepeated) {
   const std::string image = damagedRecordingImage();
   StickOptions holiday;
   holiday.kernelName = "sdb";
@@ -321,7 +323,7 @@ TEST_F(KillTest, RepairingLosesNoFileAndCanBeDoneAnew) {
     UsbClient client;
     EXPECT_THAT(client.devices(), ElementsAre(1, 2));
     expectOpensWithItsFiles(client, 2, other);
-    // A tool that still runs has the disk to itself.
+    // Wait for tools that still use the disk.
     kills.waitForTools();
     EXPECT_TRUE(client->RunDiskRepair(1)) << daemon->log();
     EXPECT_THAT(mountsAt("/media/disk_tmp"), IsEmpty());

@@ -41,7 +41,7 @@ std::string summaryOf(const std::vector<Duration>& durations) {
   return text.str();
 }
 
-/// The number of the last line that the handler wrote, with that of the tool when it is about one.
+/// The number of the handler's last line, with the tool's number if the line is about a tool.
 std::string lastLine(const Daemon& daemon) {
   const std::regex number(R"(Src/Dockhand/DockhandClient:(\d+) (?:.* # from Line=(\d+))?)");
   std::string last = "none";
@@ -65,7 +65,7 @@ Kills::Kills(std::string operation) : operation_(std::move(operation)) {
   const std::string seed = environment("DOCKHAND_KILLS_SEED");
   seed_ = seed.empty() ? std::random_device()() : std::stoul(seed);
   random_.seed(seed_);
-  // Orphaned tools become children of this process, which can wait for them.
+  // Orphaned tools become children of this process, so that it can wait for them.
   if (prctl(PR_SET_CHILD_SUBREAPER, 1) != 0) {
     throw std::runtime_error(std::string("PR_SET_CHILD_SUBREAPER: ") + std::strerror(errno));
   }
@@ -108,7 +108,7 @@ void Kills::kill(Daemon& daemon, UsbClient& client, const Call& call) {
     call.receive(client);
     ++answered_;
   } catch (const apache::thrift::transport::TTransportException&) {
-    // The usual end: the connection went with the daemon.
+    // The usual case: the connection ends with the daemon.
   }
   noteWhatIsLeft(daemon);
   if (!toolsRunOn_) {
@@ -149,14 +149,14 @@ void Kills::print() const {
   std::ostringstream text;
   text << std::fixed << std::setprecision(1);
   text << "kill: " << operation_ << ": " << before() << " kills within " << median(measured_).count()
-       << " ms, and " << answered_ << " after the answer; seed " << seed_ << '\n';
-  text << "kill: " << operation_ << ": behind " << places_.size() << " log lines, as line*kills:";
+       << " ms, and " << answered_ << " after the reply; seed " << seed_ << '\n';
+  text << "kill: " << operation_ << ": after " << places_.size() << " different log lines, as line*kills:";
   for (const auto& [line, count] : places_) {
     text << ' ' << line << '*' << count;
   }
   text << "\nkill: " << operation_ << ": left behind " << mountsLeft_ << " mounts, " << directoriesLeft_
-       << " empty directories, " << toolsEnded_ << " times tools that were ended and " << toolsLeftRunning_
-       << " times tools that ran on\n";
+       << " empty directories; tools were ended " << toolsEnded_ << " times and ran on " << toolsLeftRunning_
+       << " times\n";
   text << "kill: " << operation_ << ": first start " << summaryOf(firstStarts_) << "; restart "
        << summaryOf(restarts_) << "\n";
   std::cout << text.str();

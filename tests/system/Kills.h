@@ -17,42 +17,42 @@ namespace systest {
 
 using Duration = std::chrono::duration<double, std::milli>;
 
-/// A call whose answer is not waited for. `receive` throws when the connection has ended without one.
+/// A call without waiting for its reply. `receive` throws if the connection ends without a reply.
 struct Call {
   std::function<void(UsbClient&)> send;
   std::function<bool(UsbClient&)> receive;
 };
 
-/// Kills of the daemon at random moments of one operation, and what is to be told of them.
+/// Kills the daemon at random moments of one operation, and collects figures about the kills.
 class Kills {
  public:
-  /// So many kills before the answer are wanted: DOCKHAND_KILLS, or a few.
+  /// The number of kills before the reply that the test makes: DOCKHAND_KILLS, or a few.
   static std::size_t wanted();
 
-  /// `operation` is the name in what is printed.
+  /// `operation` is the name in the printed figures.
   explicit Kills(std::string operation);
 
-  /// Makes the call, waits for its answer and takes note of how long that took; the answer.
+  /// Makes the call, waits for its reply and records the duration. Returns the reply.
   bool measure(UsbClient& client, const Call& call);
-  /// Moments are drawn from these parts of the operation only, of which the first one is the earliest.
+  /// Kills only in these parts of the operation, given in order of time.
   void setParts(std::vector<std::pair<Duration, Duration>> parts) { parts_ = std::move(parts); }
 
-  /// Makes the call and kills the daemon at a moment of the operation that is drawn anew. The daemon's tools
-  /// are ended too, as a service manager does it, or run on, as they do without one.
+  /// Makes the call and kills the daemon at a new random moment of the operation. The daemon's tools are
+  /// ended too, as with a service manager, or run on, as without one.
   void kill(Daemon& daemon, UsbClient& client, const Call& call);
 
-  /// How many kills were before the operation's answer.
+  /// The number of kills before the operation's reply.
   std::size_t before() const { return kills_ - answered_; }
 
-  /// Returns once the killed daemon's tools have ended.
+  /// Waits until the killed daemon's tools have ended.
   void waitForTools() const;
 
-  /// Starts a daemon and takes note of how long it took to answer its first call.
+  /// Starts a daemon and records the time to its first reply.
   void start(std::optional<Daemon>& daemon, const Environment& environment);
 
-  /// What is drawn by chance in a test comes from here.
+  /// The source of all randomness in a test.
   std::mt19937_64& random() { return random_; }
-  /// The last kill, for the message of a failure.
+  /// Describes the last kill, for a failure message.
   std::string description() const;
   void print() const;
 
@@ -72,7 +72,7 @@ class Kills {
 
   std::size_t kills_ = 0;
   std::size_t answered_ = 0;
-  /// By the last line that the daemon wrote.
+  /// The number of kills by the last log line of the daemon.
   std::map<std::string, std::size_t> places_;
   std::size_t mountsLeft_ = 0;
   std::size_t directoriesLeft_ = 0;

@@ -1,4 +1,4 @@
-// What an automounter, a user or an earlier life of the daemon has left where a stick is to be mounted.
+// Leftovers of an automounter, a user or an earlier daemon at the place where a stick is mounted.
 
 #include <gmock/gmock.h>
 #include <sys/mount.h>
@@ -33,7 +33,7 @@ class MountCleanupTest : public SystemTest {
   static constexpr const char* uuid = "7b5f1b2e-9d3a-4c55-8a52-3f1d6c0e4a11";
 };
 
-TEST_F(MountCleanupTest, StaleMountAtTheMountPointIsTakenAway) {
+TEST_F(MountCleanupTest, StaleMountAtTheMountPointIsRemoved) {
   const Stick stick(labelled());
   mountAt("none", "/media/disk_1", "tmpfs");
   const Daemon daemon;
@@ -44,7 +44,7 @@ TEST_F(MountCleanupTest, StaleMountAtTheMountPointIsTakenAway) {
   EXPECT_EQ(readFile("/media/disk_1/song.mp3"), "la la la");
 }
 
-TEST_F(MountCleanupTest, LeftoverDirectoryAtTheMountPointIsNoHindrance) {
+TEST_F(MountCleanupTest, LeftoverDirectoryAtTheMountPointIsHarmless) {
   const Stick stick(labelled());
   ASSERT_EQ(mkdir("/media/disk_1", 0700), 0);
   const Daemon daemon;
@@ -87,7 +87,7 @@ TEST_F(MountCleanupTest, StickMountedByOthersUnderItsUuidIsUnmountedThere) {
   EXPECT_THAT(namesIn("/media"), ElementsAre("disk_1"));
 }
 
-TEST_F(MountCleanupTest, WhateverIsMountedAtTheCommonDirectoryIsUnmounted) {
+TEST_F(MountCleanupTest, AnyMountAtTheCommonDirectoryIsUnmounted) {
   const Stick stick(labelled());
   mountAt("none", "/media/disk", "tmpfs");
   const Daemon daemon;
@@ -96,7 +96,7 @@ TEST_F(MountCleanupTest, WhateverIsMountedAtTheCommonDirectoryIsUnmounted) {
   EXPECT_THAT(namesIn("/media"), ElementsAre("disk_1"));
 }
 
-TEST_F(MountCleanupTest, MountsOfOtherSticksAreLeftAlone) {
+TEST_F(MountCleanupTest, MountsOfOtherSticksStay) {
   const Stick stick(labelled());
   mountAt("none", "/media/BACKUP", "tmpfs");
   mountAt("none", "/media/disk_11", "tmpfs");
@@ -107,7 +107,7 @@ TEST_F(MountCleanupTest, MountsOfOtherSticksAreLeftAlone) {
   EXPECT_EQ(mountsAt("/media/disk_11").size(), 1U);
 }
 
-TEST_F(MountCleanupTest, MountPointThatOnlyBeginsAlikeIsNotUnmounted) {
+TEST_F(MountCleanupTest, MountPointThatOnlySharesAPrefixIsNotUnmounted) {
   const Stick stick(labelled());
   mountAt("none", "/media/disk_11", "tmpfs");
   const Daemon daemon;

@@ -1,4 +1,4 @@
-// Nodes under /dev that are not what they should be: every one has an answer, and the daemon goes on.
+// Unusual nodes under /dev: the daemon replies for each of them, and keeps serving.
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
@@ -16,7 +16,7 @@ using testing::IsEmpty;
 
 class OddNodesTest : public SystemTest {
  protected:
-  /// The device is listed under this name, and everything about it that needs a disk fails.
+  /// The device is listed under this name, and every operation that needs a disk fails.
   static void expectListedButUnusable(const Daemon& daemon, const std::string& physicalDevice) {
     UsbClient client;
     ASSERT_THAT(client.devices(), ElementsAre(1));
@@ -47,7 +47,7 @@ TEST_F(OddNodesTest, NameWithoutLowerCaseLettersIsADeviceWithoutName) {
   expectListedButUnusable(daemon, "1");
 }
 
-TEST_F(OddNodesTest, NameWithSomethingInFrontOfThePrefixIsADevice) {
+TEST_F(OddNodesTest, NameWithTextBeforeThePrefixIsADevice) {
   writeFile("/dev/xusb_storage_sdz", "");
   const Daemon daemon;
   expectListedButUnusable(daemon, "sdz");
@@ -65,7 +65,7 @@ TEST_F(OddNodesTest, DirectoryIsADeviceThatCannotBeRead) {
   expectListedButUnusable(daemon, "sda");
 }
 
-TEST_F(OddNodesTest, RegularFileWithRubbishIsADeviceThatCannotBeMounted) {
+TEST_F(OddNodesTest, RegularFileWithGarbageIsADeviceThatCannotBeMounted) {
   std::string rubbish;
   for (unsigned i = 0; i < 100000; ++i) {
     rubbish += static_cast<char>(i * 2654435761U >> 24U);

@@ -1,4 +1,4 @@
-// The process: its start and its refusal to start, socket, threads, children and log.
+// The process: its start, its refusal to start, socket, threads, children and log.
 
 #include <gmock/gmock.h>
 #include <sys/socket.h>
@@ -34,7 +34,7 @@ class ProcessTest : public SystemTest {
     }
   }
 
-  /// Puts a script that stands for the device image's own into a directory of the daemon's PATH.
+  /// Puts a replacement for the image's version script into a directory of the daemon's PATH.
   static Environment withVersionScript(const std::string& body) {
     std::filesystem::create_directories("/tmp/scripts");
     writeFile("/tmp/scripts/readUsbVersion.sh", "#!/bin/sh\n" + body);
@@ -42,7 +42,7 @@ class ProcessTest : public SystemTest {
     return {{"PATH", "/tmp/scripts:/usr/sbin:/usr/bin:/sbin:/bin"}};
   }
 
-  /// Everything that the daemon wrote consists of log lines.
+  /// Expects that the daemon's output has only log lines.
   static void expectLogLines(const Daemon& daemon) {
     const std::regex form(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z \d+ [1-5] \S+ \S+:\d+ .*)");
     for (const std::string& line : daemon.logLines()) {
@@ -57,7 +57,7 @@ class ProcessTest : public SystemTest {
   }
 };
 
-TEST_F(ProcessTest, SecondDaemonRefusesToStartAndTheFirstGoesOn) {
+TEST_F(ProcessTest, SecondDaemonRefusesToStartAndTheFirstKeepsServing) {
   const Daemon first;
   const FailedStart second = startThatFails();
   EXPECT_NE(second.status, 0);
@@ -77,7 +77,7 @@ TEST_F(ProcessTest, SocketOfAKilledDaemonIsReplaced) {
   EXPECT_FALSE(client->IsDeviceOpen(1));
 }
 
-TEST_F(ProcessTest, FileAtTheSocketsPathIsLeftAlone) {
+TEST_F(ProcessTest, FileAtTheSocketPathIsKept) {
   std::filesystem::create_directories("/run/ravel");
   writeFile(socketPath, "somebody's notes");
   const FailedStart end = startThatFails();
@@ -173,7 +173,7 @@ TEST_F(ProcessTest, WithoutTheVersionScriptThereIsNoUsbVersion) {
   EXPECT_TRUE(daemon.isRunning());
 }
 
-TEST_F(ProcessTest, LogLinesHaveTheirForm) {
+TEST_F(ProcessTest, LogLinesHaveTheDocumentedForm) {
   const Stick stick({});
   const Daemon daemon(Environment{{"TLOG_LEVEL", "2"}});
   UsbClient client;
@@ -199,7 +199,7 @@ TEST_F(ProcessTest, TraceLinesAreWrittenOnRequestOnly) {
   EXPECT_THAT(quiet.log(), HasSubstr("OpenDeviceAt(1, /media/disk_1, isPvrDevice=0)"));
 }
 
-TEST_F(ProcessTest, SecondDaemonWithASocketDirectoryOfItsOwnServesToo) {
+TEST_F(ProcessTest, SecondDaemonWithItsOwnSocketDirectoryServesToo) {
   const Daemon first;
   setenv("RAVEL_SOCKET_DIR", "/tmp/other_sockets", 1);
   {
@@ -210,7 +210,7 @@ TEST_F(ProcessTest, SecondDaemonWithASocketDirectoryOfItsOwnServesToo) {
   EXPECT_TRUE(first.isRunning());
 }
 
-TEST_F(ProcessTest, RubbishOnTheSocketHarmsNobody) {
+TEST_F(ProcessTest, GarbageOnTheSocketDoesNotHarmOtherClients) {
   const Daemon daemon;
   UsbClient client;
   const int rubbish = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);

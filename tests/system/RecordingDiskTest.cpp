@@ -1,5 +1,5 @@
-// A stick becomes a recording disk, and a damaged one is repaired: with the real tools, behind the wrappers
-// that an image puts before them.
+// A stick becomes a recording disk, and a damaged recording disk is repaired, with the image's wrappers and
+// the real tools.
 
 #include <gmock/gmock.h>
 #include <sys/mount.h>
@@ -88,7 +88,7 @@ class RecordingDiskTest : public SystemTest {
 
 using PreparationTest = RecordingDiskTest;
 
-TEST_F(PreparationTest, CarriesTheLabelOverCutToElevenCharacters) {
+TEST_F(PreparationTest, KeepsTheFirstElevenCharactersOfTheLabel) {
   SystemLog systemLog;
   const Stick stick(diskLabelled("MY RECORDER 2026"));
   const Daemon daemon(pathOfImage());
@@ -98,11 +98,11 @@ TEST_F(PreparationTest, CarriesTheLabelOverCutToElevenCharacters) {
   EXPECT_EQ(client.label(1).text, "MY RECORDER");
   EXPECT_THAT(client.devices(), ElementsAre(1));
   EXPECT_EQ(client.physicalDevice(1).text, "sda1");
-  // The table as it was is kept in the system log.
+  // The system log keeps the old partition table.
   EXPECT_THAT(systemLog.text(), HasSubstr("Dockhand: Disk /dev/usb_storage_sda: 520 MiB"));
 }
 
-TEST_F(PreparationTest, GivesADiskWithTheFactoryLabelTheDefaultOne) {
+TEST_F(PreparationTest, ReplacesTheFactoryLabelWithTheDefaultLabel) {
   const Stick stick(diskLabelled("New Volume"));
   const Daemon daemon(pathOfImage());
   UsbClient client;
@@ -121,7 +121,7 @@ TEST_F(PreparationTest, UnmountsAnOpenDiskAndGivesItTheDefaultLabel) {
   EXPECT_EQ(countOf(daemon.log(), "unmounted: /dev/usb_storage_sda1\n"), 1U);
 }
 
-TEST_F(PreparationTest, TakesAwayEveryMountOfADiskThatIsMountedTwice) {
+TEST_F(PreparationTest, RemovesEveryMountOfADiskThatIsMountedTwice) {
   const Stick stick(diskLabelled("HOLIDAY"));
   for (const char* target : {"/media/one", "/media/two"}) {
     mkdir(target, 0755);
@@ -134,8 +134,8 @@ TEST_F(PreparationTest, TakesAwayEveryMountOfADiskThatIsMountedTwice) {
   EXPECT_EQ(countOf(daemon.log(), "unmounted: /dev/usb_storage_sda1\n"), 2U);
 }
 
-TEST_F(PreparationTest, RunsNothingThatALabelSays) {
-  // Each label, and what is left of it on the recording disk: 11 bytes, cut between characters, no control
+TEST_F(PreparationTest, RunsNoCommandFromALabel) {
+  // Each label, and its form on the recording disk: at most 11 bytes, cut between characters, without control
   // characters.
   const std::vector<std::pair<std::string, std::string>> labels = {
       {"\";>/tmp/ran;\"", "\";>/tmp/ran"},
@@ -161,7 +161,7 @@ TEST_F(PreparationTest, RunsNothingThatALabelSays) {
   }
 }
 
-TEST_F(PreparationTest, FailsWithoutAToolAndTheShellsWordsReachTheSystemLog) {
+TEST_F(PreparationTest, FailsWithoutAToolAndPassesTheShellsErrorToTheSystemLog) {
   SystemLog systemLog;
   const Stick stick(diskLabelled("HOLIDAY"));
   for (const char* tool : {"umount", "sfdisk", "dd", "logger"}) {
@@ -190,7 +190,7 @@ TEST_F(PreparationTest, FailsOnAWriteProtectedDisk) {
   EXPECT_EQ(client.label(1).text, "HOLIDAY");
 }
 
-TEST_F(PreparationTest, FailsWhereTheLogFileCannotBeWritten) {
+TEST_F(PreparationTest, FailsIfTheLogFileCannotBeWritten) {
   const Stick stick(diskLabelled("HOLIDAY"));
   Daemon daemon(pathOfImage());
   UsbClient client;
@@ -198,7 +198,7 @@ TEST_F(PreparationTest, FailsWhereTheLogFileCannotBeWritten) {
   const bool prepared = client->PrepareDeviceForPvr(1);
   ASSERT_EQ(umount("/tmp"), 0);
   EXPECT_FALSE(prepared);
-  // Nothing was run, so nothing is lost.
+  // No tool ran, so nothing is lost.
   EXPECT_EQ(client.label(1).text, "HOLIDAY");
   EXPECT_THAT(client.devices(), ElementsAre(1));
 }
@@ -216,12 +216,12 @@ TEST_F(PreparationTest, FailsWhenTheDiskDisappearsBetweenTwoSteps) {
 
 class RepairTest : public RecordingDiskTest {
  protected:
-  /// A recording disk with files in it, in an image of its own.
+  /// A recording disk with files, in a new image.
   static std::string recordingImage() {
     const std::string image = "/tmp/recording.img";
     writeFile(image, "");
     fs::resize_file(image, enoughForXfs);
-    // Made by mkfs, the files do not depend on the journal.
+    // mkfs makes the files, so they do not depend on the journal.
     writeFile("/tmp/film.ts", std::string(100000, 'f'));
     writeFile("/tmp/proto", "/nowhere\n0 0\nd--755 0 0\nfilm.ts ---644 0 0 /tmp/film.ts\n$\n");
     run({"mkfs.xfs", "-q", "-p", "/tmp/proto", "-L", "PVR_DISK", image});
@@ -235,7 +235,7 @@ class RepairTest : public RecordingDiskTest {
     return Stick(options);
   }
 
-  /// A recording disk whose journal has changes that have not reached their places.
+  /// A recording disk whose journal has changes that are not replayed yet.
   static std::string imagePulledOutWhileMounted() {
     const std::string image = recordingImage();
     const Stick mounted = stickOf(image);
@@ -252,7 +252,7 @@ class RepairTest : public RecordingDiskTest {
     return image;
   }
 
-  /// Mounts without the quota that this kernel may lack.
+  /// Mounts without quota, because this kernel may lack it.
   static void expectFileIsThere(const Stick& stick) {
     mkdir("/media/look", 0755);
     ASSERT_EQ(mount(stick.node().c_str(), "/media/look", "xfs", MS_RDONLY, ""), 0);
@@ -266,7 +266,7 @@ class RepairTest : public RecordingDiskTest {
   }
 
   static void overwrite(const std::string& image, std::uint64_t offset, const std::string& bytes) {
-    // Opened for reading too, so that the rest stays.
+    // Opened for reading too, so that opening does not truncate the file.
     std::fstream file(image, std::ios::in | std::ios::out | std::ios::binary);
     file.seekp(static_cast<std::streamoff>(offset));
     file << bytes;
@@ -274,7 +274,7 @@ class RepairTest : public RecordingDiskTest {
   }
 };
 
-TEST_F(RepairTest, PassesASoundDisk) {
+TEST_F(RepairTest, AcceptsAnUndamagedDisk) {
   const Stick stick = stickOf(recordingImage());
   const Daemon daemon(pathOfImage());
   UsbClient client;
@@ -313,7 +313,7 @@ TEST_F(RepairTest, ZeroesALogThatCannotBeReplayed) {
   const std::uint64_t log = ((start >> groupBits) * superblockValue(image, "agblocks") +
                              (start & ((std::uint64_t{1} << groupBits) - 1))) *
                             superblockValue(image, "blocksize");
-  // Each sector keeps its beginning, by which the log's ends are found, and loses some of its content.
+  // Each sector keeps its beginning, which marks the ends of the log, and loses some of its content.
   for (std::uint64_t sector = 0; sector < 4096; ++sector) {
     overwrite(image, log + sector * 512 + 100, "damaged");
   }
@@ -337,7 +337,7 @@ TEST_F(RepairTest, RefusesAnOpenDiskAndOtherFileSystems) {
   EXPECT_EQ(mountsAt("/media/disk_1").size(), 1U);
 }
 
-TEST_F(RepairTest, FailsWithoutTheToolAndTheShellsWordsReachTheSystemLog) {
+TEST_F(RepairTest, FailsWithoutTheToolAndPassesTheShellsErrorToTheSystemLog) {
   SystemLog systemLog;
   const Stick stick = stickOf(recordingImage());
   for (const char* tool : {"umount", "logger"}) {
@@ -352,13 +352,13 @@ TEST_F(RepairTest, FailsWithoutTheToolAndTheShellsWordsReachTheSystemLog) {
   EXPECT_THAT(client.devices(), ElementsAre(1));
 }
 
-TEST_F(RepairTest, LetsOtherDevicesBeServedAndRefusesToOpenItsOwn) {
+TEST_F(RepairTest, ServesOtherDevicesAndRefusesToOpenItsOwn) {
   const Stick recorder = stickOf(recordingImage(), "sda");
   StickOptions holiday;
   holiday.kernelName = "sdb";
   const Stick other(holiday);
-  // Opening a fifo waits for the other side: the first line comes when the repair has begun, and it ends when
-  // the second fifo is opened.
+  // Opening a fifo waits for the other side. The first fifo opens when the repair has begun. The repair ends
+  // when the second fifo opens.
   ASSERT_EQ(mkfifo("/tmp/bin/begun", 0600), 0);
   ASSERT_EQ(mkfifo("/tmp/bin/goon", 0600), 0);
   makeExecutable("/tmp/bin/xfs_repair",

@@ -51,14 +51,13 @@ LoopDevice::LoopDevice(const std::string& image, std::uint64_t offset, std::uint
   config.info.lo_sizelimit = size;
   config.info.lo_flags = LO_FLAGS_AUTOCLEAR;
   if (offset == 0) {
-    // Without this the kernel refuses to read a disk's partition table again, and fdisk reports that as its
-    // failure.
+    // Without this flag the kernel refuses to re-read the partition table of a disk, and fdisk fails.
     config.info.lo_flags |= LO_FLAGS_PARTSCAN;
   }
   if (readOnly) {
     config.info.lo_flags |= LO_FLAGS_READ_ONLY;
   }
-  // Others on this machine take loop devices too: one that was free may be busy by now.
+  // Other processes take loop devices too: a free one may be busy by now.
   int error = EBUSY;
   while (error == EBUSY) {
     const int number = ioctl(control, LOOP_CTL_GET_FREE);

@@ -31,7 +31,7 @@ void expectMountedOnce(const std::string& target, const std::string& type) {
   EXPECT_EQ(mounts[0].type, type);
 }
 
-/// The life of a stick: bare and partitioned ones are to behave alike.
+/// The life of a stick. Bare and partitioned sticks must behave alike.
 void openUseAndClose(const StickOptions& options) {
   const Stick stick(options);
   const Daemon daemon;
@@ -78,7 +78,7 @@ TEST_F(StickTest, LabelAndUuidComeFromTheFileSystem) {
   EXPECT_EQ(client.uuid(1).text, "7b5f1b2e-9d3a-4c55-8a52-3f1d6c0e4a11");
 }
 
-TEST_F(StickTest, LabelOfPartitionedStickIsThatOfItsPartition) {
+TEST_F(StickTest, PartitionedStickHasTheLabelOfItsPartition) {
   StickOptions options = holidayStick();
   options.partitioned = true;
   const Stick stick(options);
@@ -98,7 +98,7 @@ TEST_F(StickTest, UnlabelledStickIsKnownWithoutName) {
   EXPECT_EQ(client.label(1).text, "NONAME");
 }
 
-TEST_F(StickTest, CapacityIsThatOfTheWholeDiskRoundedDown) {
+TEST_F(StickTest, CapacityIsTheSizeOfTheWholeDiskRoundedDown) {
   StickOptions options = holidayStick();
   options.partitioned = true;
   options.bytes = (std::uint64_t{24} << 20) - 512;
@@ -123,7 +123,7 @@ TEST_F(StickTest, KernelNameIsThatOfTheDiskOrOfItsFirstPartition) {
   EXPECT_EQ(client.physicalDevice(2).text, "sdb1");
 }
 
-TEST_F(StickTest, TypeIsWhatTheKernelSaysOfTheMedium) {
+TEST_F(StickTest, TypeFollowsTheKernelsRemovableAttribute) {
   const Stick stick(holidayStick());
   const Daemon daemon;
   UsbClient client;
@@ -146,7 +146,7 @@ TEST_F(StickTest, FilesAreFoundByExtensionAsGivenAndInUpperCase) {
   EXPECT_THAT(client.files(1, "", "ogg"), IsEmpty());
 }
 
-TEST_F(StickTest, StickOpensAtTheDirectoryAskedFor) {
+TEST_F(StickTest, StickOpensAtTheGivenDirectory) {
   const Stick stick(holidayStick());
   const Daemon daemon;
   UsbClient client;
@@ -240,7 +240,7 @@ TEST_F(StickTest, TwoSticksAreOpenSideBySide) {
   EXPECT_TRUE(client->IsDeviceOpen(2));
 }
 
-TEST_F(StickTest, StickThatGoesIsForgottenAndItsNumberGivenAgain) {
+TEST_F(StickTest, RemovedStickIsForgottenAndItsNumberIsReused) {
   Stick stick(holidayStick());
   const Daemon daemon;
   UsbClient client;
@@ -252,7 +252,7 @@ TEST_F(StickTest, StickThatGoesIsForgottenAndItsNumberGivenAgain) {
   EXPECT_THAT(client.devices(), ElementsAre(1));
 }
 
-TEST_F(StickTest, UnknownDeviceIsAnsweredEverywhere) {
+TEST_F(StickTest, EveryOperationRepliesForAnUnknownDevice) {
   const Daemon daemon;
   UsbClient client;
   for (const std::int16_t unknown :

@@ -24,7 +24,7 @@ SystemLog::SystemLog()
       bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
     throw std::runtime_error(std::string("/dev/log: ") + std::strerror(errno));
   }
-  // The queue of such a socket is short, and a logger waits for room in it.
+  // The queue of the socket is short, and logger waits until it has room.
   receiver_ = std::thread([this] {
     std::array<pollfd, 2> waiting = {pollfd{socket_, POLLIN, 0}, pollfd{wake_, POLLIN, 0}};
     while (poll(waiting.data(), waiting.size(), -1) > 0 && waiting[1].revents == 0) {

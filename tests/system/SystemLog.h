@@ -7,7 +7,7 @@
 
 namespace systest {
 
-/// The system log of the test's world: takes at /dev/log what logger(1) sends.
+/// The system log of the private root: receives messages of logger(1) at /dev/log.
 class SystemLog {
  public:
   SystemLog();
@@ -15,7 +15,7 @@ class SystemLog {
   SystemLog& operator=(const SystemLog&) = delete;
   ~SystemLog();
 
-  /// All that has arrived, one message a line. What a logger has sent that has ended is in it.
+  /// All messages, one per line. It includes everything from a logger that has ended.
   std::string text();
 
  private:

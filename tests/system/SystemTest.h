@@ -7,8 +7,8 @@
 
 namespace systest {
 
-/// A test in a world without devices, mounts and daemons. Sticks, services and daemons are variables of the
-/// test, in this order, so that the daemon ends first.
+/// A test that begins without devices, mounts and daemons. Declare sticks, services and daemons in this order
+/// in the test, so that the daemon ends first.
 class SystemTest : public testing::Test {
  protected:
   void SetUp() override {

@@ -8,15 +8,15 @@
 
 namespace systest {
 
-/// Somebody without any of root's rights. No user database knows these numbers, nor need it.
+/// A user without root rights. The numbers need not be in a user database.
 struct User {
   uid_t id = 0;
   gid_t group = 0;
   std::vector<gid_t> furtherGroups;
 };
 
-/// Runs `action` as this user, in a process of its own, and returns what it returns: 0 to 255. Checks belong
-/// into the caller. Throws when the process ends in another way, and when it takes long.
+/// Runs `action` as this user in a child process, and returns its result, 0 to 255. Make checks in the
+/// caller. Throws if the process ends in another way, or takes too long.
 int runAs(const User& user, const std::function<int()>& action);
 
 }  // namespace systest

@@ -1,4 +1,4 @@
-// The daemon's socket and users without root's rights: who may call, and who may put something in its place.
+// The daemon's socket and users without root rights: who may call, and who may replace the socket.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -36,7 +36,7 @@ std::string rightsOf(const std::string& path) {
   return run({"stat", "--printf", "%u %g %a", path});
 }
 
-/// errno of a call that returns -1 for a failure; 0 when it succeeded.
+/// errno of a call that returns -1 for a failure; 0 if it succeeds.
 int errorOf(int result) {
   return result == -1 ? errno : 0;
 }
@@ -57,7 +57,7 @@ class WhoMayCallTest : public SystemTest {
   }
 };
 
-TEST_F(WhoMayCallTest, SocketIsForRootAndTheDaemonsGroupInADirectoryOfRoots) {
+TEST_F(WhoMayCallTest, SocketIsForRootAndTheDaemonsGroupInADirectoryOfRoot) {
   const Daemon daemon({}, callers);
   EXPECT_EQ(rightsOf(directory), "0 4700 755");
   EXPECT_EQ(rightsOf(socketPath), "0 4700 660");
@@ -83,14 +83,14 @@ TEST_F(WhoMayCallTest, MembersOfTheGroupAreServed) {
   }
 }
 
-TEST_F(WhoMayCallTest, SocketOfADaemonWithoutAGroupOfItsOwnIsForRootOnly) {
+TEST_F(WhoMayCallTest, SocketOfADaemonWithoutItsOwnGroupIsForRootOnly) {
   const Daemon daemon;
   EXPECT_EQ(rightsOf(socketPath), "0 0 660");
   EXPECT_EQ(runAs(member, connectError), EACCES);
   EXPECT_EQ(connectError(), 0);
 }
 
-TEST_F(WhoMayCallTest, NeitherOutsidersNorMembersCanPutAnythingInTheSocketsPlace) {
+TEST_F(WhoMayCallTest, NeitherOutsidersNorMembersCanReplaceTheSocket) {
   const Daemon daemon({}, callers);
   const std::string own = directory + "/9021.sock";
   for (const User& user : {outsider, member}) {
@@ -98,7 +98,7 @@ TEST_F(WhoMayCallTest, NeitherOutsidersNorMembersCanPutAnythingInTheSocketsPlace
     EXPECT_EQ(runAs(user, [&] { return errorOf(rename(socketPath.c_str(), own.c_str())); }), EACCES);
     EXPECT_EQ(runAs(user, [&] { return errorOf(symlink("/etc/passwd", own.c_str())); }), EACCES);
     EXPECT_EQ(runAs(user, [] { return errorOf(chmod(socketPath.c_str(), 0666)); }), EPERM);
-    // Who could hold the lock could keep the next daemon from starting.
+    // A user who could hold the lock could prevent the next daemon from starting.
     EXPECT_EQ(runAs(user, [] { return errorOf(open(lockPath.c_str(), O_RDONLY | O_CLOEXEC)); }), EACCES);
   }
   EXPECT_THAT(namesIn(directory), ElementsAre("9020.lock", "9020.sock"));
@@ -124,7 +124,7 @@ class PlantedSocketDirectoryTest : public WhoMayCallTest {
   static inline const std::string rootsOwn = "/tmp/roots_own";
 };
 
-TEST_F(PlantedSocketDirectoryTest, OfAnotherUserIsRefusedAndLeftAsItIs) {
+TEST_F(PlantedSocketDirectoryTest, OfAnotherUserIsRefusedAndKeptUnchanged) {
   ASSERT_EQ(runAs(outsider, [] { return errorOf(mkdir(planted.c_str(), 0755)); }), 0);
   ASSERT_EQ(runAs(outsider, [] { return errorOf(symlink("/etc/passwd", (planted + "/9020.sock").c_str())); }),
             0);
@@ -133,7 +133,7 @@ TEST_F(PlantedSocketDirectoryTest, OfAnotherUserIsRefusedAndLeftAsItIs) {
   EXPECT_EQ(readLink(planted + "/9020.sock"), "/etc/passwd");
 }
 
-TEST_F(PlantedSocketDirectoryTest, ThatIsASymbolicLinkIsRefusedAndNothingIsMadeBehindIt) {
+TEST_F(PlantedSocketDirectoryTest, ThatIsASymbolicLinkIsRefusedAndNothingIsMadeAtItsTarget) {
   fs::create_directory(rootsOwn);
   ASSERT_EQ(runAs(outsider, [] { return errorOf(symlink(rootsOwn.c_str(), planted.c_str())); }), 0);
   expectRefusal("is a symbolic link");
@@ -149,7 +149,7 @@ TEST_F(PlantedSocketDirectoryTest, ThatEverybodyMayWriteToIsRefused) {
   EXPECT_THAT(namesIn(planted), testing::IsEmpty());
 }
 
-TEST_F(PlantedSocketDirectoryTest, ThatIsAFileIsRefusedAndLeftAsItIs) {
+TEST_F(PlantedSocketDirectoryTest, ThatIsAFileIsRefusedAndKeptUnchanged) {
   writeFile(planted, "somebody's notes");
   expectRefusal("is a file");
   EXPECT_EQ(readFile(planted), "somebody's notes");

@@ -61,7 +61,7 @@ void setPartitions(const std::vector<std::string>& kernelNames) {
   for (const std::string& name : kernelNames) {
     table += "   8        0      16384 " + name + "\n";
   }
-  // The very file is bound over /proc/partitions, so it is rewritten, not replaced.
+  // Rewrite the file, because this inode is bind-mounted over /proc/partitions.
   writeFile("/tmp/partitions", table);
 }
 

@@ -12,7 +12,7 @@
 
 namespace {
 
-/// Starts this program again in a world of its own, so that the machine's /dev and /media are left alone.
+/// Starts this program again in a private root, so that the machine's /dev and /media do not change.
 int enterPrivateRoot(char** argv) {
   const std::string script = DOCKHAND_SOURCE_DIR "/tools/dev/private_root";
   std::vector<std::string> words = {script, "--keep", DOCKHAND_SOURCE_DIR, "--keep", DOCKHAND_BUILD_DIR};

@@ -17,7 +17,7 @@ class Closing : public HandlerTest {
     EXPECT_EQ(platform.openDescriptors(), 0U);
   }
 
-  /// Plugs a disk in that is mounted at /media/disk_1.
+  /// Plugs in a disk that is mounted at /media/disk_1.
   std::int16_t plugInOpen() {
     const auto id = plugIn({"sdb"}, "vfat");
     entry(id).deviceOpen = true;
@@ -34,7 +34,7 @@ class Closing : public HandlerTest {
     const TestableHandler::Lock lock(*handler);
     return handler->releaseDevice(deviceId, safeRemoval);
   }
-  /// Whether the path is found in a mount table with this text.
+  /// Whether a mount table with this text contains the path.
   bool isFound(const std::string& mountPath, const std::string& mounts) {
     platform.files["/proc/mounts"] = mounts;
     journal().clear();
@@ -126,7 +126,7 @@ TEST_F(Closing, RefusesADeviceThatIsNotMounted) {
 
 TEST_F(Closing, DoesNotHideADeviceThatWasNotMountedWhenItWasSafelyRemoved) {
   const auto id = plugIn({"sdb"}, "vfat");
-  // Never opened; opened and closed.
+  // Never opened, or opened and closed.
   for (const bool wasOpen : {false, true}) {
     if (wasOpen) {
       ASSERT_TRUE(handler->OpenDevice(id));
@@ -151,14 +151,14 @@ TEST_F(Closing, RefusesASecondSafeRemovalAndKeepsTheFirst) {
   EXPECT_TRUE(entry(id).safelyRemoved);
 }
 
-TEST_F(Closing, GoesByTheMountPointAloneWhenItIsEmpty) {
+TEST_F(Closing, RefusesAnOpenDeviceWithAnEmptyMountPoint) {
   const auto id = plugInOpen();
   entry(id).mountPoint = "";
   EXPECT_FALSE(handler->CloseDevice(id));
   EXPECT_TRUE(entry(id).deviceOpen);
 }
 
-TEST_F(Closing, ClearsWhatAFailedOpeningLeft) {
+TEST_F(Closing, ClearsTheLeftoversOfAFailedOpening) {
   const auto id = plugInOpen();
   entry(id).deviceOpen = false;
   platform.files["/proc/mounts"] = "";
@@ -173,7 +173,7 @@ TEST_F(Closing, DetachesADeviceThatWasReportedRemoved) {
   EXPECT_THAT(journal().eventsBeginning("umount2"), ElementsAre("umount2 /media/disk_1 2"));
 }
 
-TEST_F(Closing, DetachesARemovedDeviceAlsoForASafeRemoval) {
+TEST_F(Closing, DetachesARemovedDeviceForASafeRemovalToo) {
   const auto id = plugInOpen();
   entry(id).lastUsbOperation = Dockhand::UsbOperationRemoved;
   EXPECT_TRUE(handler->CloseDeviceSafeRemoval(id));
@@ -231,7 +231,7 @@ TEST_F(Closing, ReleasesWithAndWithoutAMarkOfSafeRemoval) {
   EXPECT_TRUE(entry(id).safelyRemoved);
 }
 
-TEST_F(Closing, TellsWhetherADeviceIsOpen) {
+TEST_F(Closing, ReportsWhetherADeviceIsOpen) {
   const auto id = plugIn({"sdb"});
   EXPECT_FALSE(handler->IsDeviceOpen(id));
   entry(id).deviceOpen = true;
@@ -239,14 +239,14 @@ TEST_F(Closing, TellsWhetherADeviceIsOpen) {
   EXPECT_THAT(journal().events(), ElementsAre("log 2 @792 IsDeviceOpen(1)", "log 2 @792 IsDeviceOpen(1)"));
 }
 
-TEST_F(Closing, HoldsTheLockWhileItTellsWhetherADeviceIsOpen) {
+TEST_F(Closing, HoldsTheLockWhileItReportsWhetherADeviceIsOpen) {
   watchLock();
   handler->IsDeviceOpen(1);
   EXPECT_THAT(journal().logs(), SizeIs(2));
   EXPECT_THAT(unlocked, IsEmpty());
 }
 
-TEST_F(Closing, TakesAnUnknownDeviceForNotOpen) {
+TEST_F(Closing, TreatsAnUnknownDeviceAsNotOpen) {
   entry(plugIn({"sdb"})).deviceOpen = true;
   for (const int number : {-32768, -1, 0, 2, 32767}) {
     journal().clear();
@@ -279,7 +279,7 @@ TEST_F(Closing, NamesNoNodeOfAnUnknownDevice) {
   }
 }
 
-TEST_F(Closing, NamesANodeAlsoWhileTheLockIsHeld) {
+TEST_F(Closing, NamesANodeEvenWhileTheLockIsHeld) {
   const auto id = plugIn({"sdb"});
   watchLock();
   EXPECT_EQ(handler->GetUsbMountDevice(id, false), "/dev/usb_storage_sdb");
@@ -289,7 +289,7 @@ TEST_F(Closing, NamesANodeAlsoWhileTheLockIsHeld) {
   EXPECT_TRUE(lockIsHeld());
 }
 
-TEST_F(Closing, WritesEachBlankOfAPathAsTheMountTableDoes) {
+TEST_F(Closing, EscapesEachBlankOfAPathAsTheMountTableDoes) {
   platform.files["/proc/mounts"] = "/dev/sdb /media/My\\040Disk vfat rw 0 0\n";
   platform.existing.insert("/media/My Disk");
   EXPECT_TRUE(clear("/media/My Disk"));
@@ -300,12 +300,12 @@ TEST_F(Closing, WritesEachBlankOfAPathAsTheMountTableDoes) {
                           "log 2 @541 Performing rmdir for /media/My Disk", "rmdir /media/My Disk"));
 }
 
-TEST_F(Closing, WritesNoOtherCharacterOfAPathAsTheMountTableDoes) {
+TEST_F(Closing, EscapesNoOtherCharacterOfAPath) {
   clear(" a  b\t\\c\n ");
   EXPECT_EQ(journal().events().front(), "log 2 @506 CheckForAndRemoveMount: \\040a\\040\\040b\t\\c\n\\040 ");
 }
 
-TEST_F(Closing, DoesNotTakeALongerPathForThePath) {
+TEST_F(Closing, DoesNotMatchALongerPath) {
   EXPECT_FALSE(isFound("/media/disk", "/dev/sdb /media/disk_1 vfat rw 0 0\n"));
   EXPECT_TRUE(isFound("/media/disk", "/dev/sdb /media/disk vfat rw 0 0\n"));
 }
@@ -319,7 +319,7 @@ TEST_F(Closing, FindsThePathAnywhereInTheMountTable) {
   EXPECT_FALSE(isFound("/media/disk", ""));
 }
 
-TEST_F(Closing, LooksAtTheFirst1024BytesOfTheMountTable) {
+TEST_F(Closing, ReadsTheFirst1024BytesOfTheMountTable) {
   const std::string key = "/media/disk ";
   EXPECT_TRUE(isFound("/media/disk", std::string(1024 - key.size(), 'x') + key + "vfat"));
   EXPECT_FALSE(isFound("/media/disk", std::string(1025 - key.size(), 'x') + key + "vfat"));
@@ -340,7 +340,7 @@ TEST_F(Closing, ReportsSuccessForAMountBeyondTheFirst1024Bytes) {
                   "log 4 @545 Ignored rmdir(/media/disk_1) failed, errno=16=Device or resource busy"));
 }
 
-TEST_F(Closing, TakesAPathForNotMountedWhenTheMountTableCannotBeOpened) {
+TEST_F(Closing, TreatsAPathAsNotMountedIfTheMountTableCannotBeOpened) {
   platform.openError = EACCES;
   platform.existing.insert("/media/disk");
   EXPECT_TRUE(clear("/media/disk"));
@@ -350,7 +350,7 @@ TEST_F(Closing, TakesAPathForNotMountedWhenTheMountTableCannotBeOpened) {
                   "access /media/disk", "log 2 @541 Performing rmdir for /media/disk", "rmdir /media/disk"));
 }
 
-TEST_F(Closing, TakesAPathForNotMountedWhenTheMountTableCannotBeRead) {
+TEST_F(Closing, TreatsAPathAsNotMountedIfTheMountTableCannotBeRead) {
   platform.readErrors["/proc/mounts"] = EIO;
   EXPECT_TRUE(clear("/media/disk"));
   EXPECT_THAT(journal().calls(), ElementsAre("open /proc/mounts", "read /proc/mounts 1024",
@@ -365,7 +365,7 @@ TEST_F(Closing, ReadsAMountTableThatIsOpenedAsDescriptorZero) {
   EXPECT_EQ(platform.openDescriptors(), 0U);
 }
 
-TEST_F(Closing, DoesNotFindWhatAnEarlierReadLeft) {
+TEST_F(Closing, DoesNotSearchTheBytesOfAnEarlierRead) {
   EXPECT_TRUE(isFound("/media/disk", "/dev/sdb /media/disk vfat rw 0 0\n"));
   platform.files.clear();
   platform.readErrors["/proc/mounts"] = EIO;
@@ -390,7 +390,7 @@ TEST_F(Closing, ClearsLazilyOnRequest) {
               ElementsAre("umount2 /media/disk 2", "umount2 /media/disk 0"));
 }
 
-TEST_F(Closing, ClearsPathsThatNoMountHas) {
+TEST_F(Closing, ClearsPathsWithoutAMount) {
   const std::string longPath(65536, 'x');
   const std::string pathWithNul("/media/disk\0x", 13);
   EXPECT_FALSE(isFound(longPath, "/dev/sdb /media/disk vfat rw 0 0\n"));
@@ -398,7 +398,7 @@ TEST_F(Closing, ClearsPathsThatNoMountHas) {
   EXPECT_THAT(journal().eventsBeginning("access"), ElementsAre("access " + pathWithNul));
 }
 
-TEST_F(Closing, WarnsAlsoAtAHighThreshold) {
+TEST_F(Closing, WarnsEvenAtAHighThreshold) {
   const auto id = plugInOpen();
   platform.umount2Error = EINVAL;
   setThreshold(4);

@@ -1,4 +1,4 @@
-// What a failed mkdir or mount means: a text, and whether to go on.
+// What a failed mkdir or mount means: a text, and whether to continue.
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -70,7 +70,7 @@ Judgement expected(int error, const std::map<int, Judgement>& judgements, const 
 
 class FailureJudges : public HandlerTest {
  protected:
-  /// The numbers of the tables, some above and some that no system call leaves.
+  /// The numbers of the tables, some above them, and some that no system call sets.
   static std::vector<int> errors() {
     std::vector<int> numbers = {INT_MIN, -40, -1, 61, 133, INT_MAX};
     for (int error = 0; error <= 45; ++error) {
@@ -108,14 +108,14 @@ TEST_F(FailureJudges, PrintAnEmptyLineForADirectoryThatExists) {
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), "\n");
 }
 
-TEST_F(FailureJudges, GoByTheNumberHandedInForMkdir) {
+TEST_F(FailureJudges, JudgeTheErrorNumberThatIsPassedForMkdir) {
   ::testing::internal::CaptureStdout();
   errno = EEXIST;
   EXPECT_FALSE(Dockhand::acceptMkdirError(ESRCH));
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), "Error on usb mount: Unknown mkdir error\n");
 }
 
-TEST_F(FailureJudges, FlushWhatTheyPrint) {
+TEST_F(FailureJudges, FlushTheirOutput) {
   ::testing::internal::CaptureStdout();
   Dockhand::acceptMkdirError(36);
   struct stat output {};
@@ -150,7 +150,7 @@ TEST_F(FailureJudges, AcceptTwoErrorsOfMount) {
   EXPECT_THAT(accepted, ElementsAre(EBUSY, EINVAL));
 }
 
-TEST_F(FailureJudges, JudgeAMountWhoseLineNobodyWants) {
+TEST_F(FailureJudges, JudgeAMountEvenIfItsLineIsBelowTheThreshold) {
   setThreshold(3);
   errno = EINVAL;
   EXPECT_TRUE(Dockhand::acceptMountError());
@@ -159,7 +159,7 @@ TEST_F(FailureJudges, JudgeAMountWhoseLineNobodyWants) {
   EXPECT_THAT(journal().events(), IsEmpty());
 }
 
-TEST_F(FailureJudges, JudgeAMountWhateverLoggingDoesToErrno) {
+TEST_F(FailureJudges, JudgeAMountEvenIfLoggingChangesErrno) {
   journal().onLine = [](const LoggedLine&) { errno = ENODEV; };
   errno = EBUSY;
   EXPECT_TRUE(Dockhand::acceptMountError());

@@ -11,7 +11,7 @@ namespace {
 
 class FileSearch : public HandlerTest {
  protected:
-  /// A mounted device whose directory "music" holds these names.
+  /// Makes a mounted device whose directory "music" contains these names.
   std::int16_t mountWith(const std::vector<std::string>& names) {
     const auto id = plugIn({"sdb1"});
     entry(id).mountPoint = "/media/disk_1";
@@ -54,12 +54,12 @@ TEST_F(FileSearch, FindsWithAnEmptyExtensionOnlyNamesThatEndInADot) {
   EXPECT_THAT(search(id, "music", ""), ElementsAre("...", "a.", "c.."));
 }
 
-TEST_F(FileSearch, TakesANameWithoutADotForItsOwnExtension) {
+TEST_F(FileSearch, TreatsANameWithoutADotAsItsExtension) {
   const auto id = mountWith({"mp3", "MP3", "Mp3", "xmp3"});
   EXPECT_THAT(search(id, "music", "mp3"), ElementsAre("mp3", "MP3"));
 }
 
-TEST_F(FileSearch, TakesOnlyWhatFollowsTheLastDot) {
+TEST_F(FileSearch, MatchesOnlyTheTextAfterTheLastDot) {
   const auto id = mountWith({"archive.tar.gz"});
   EXPECT_THAT(search(id, "music", "gz"), ElementsAre("archive.tar.gz"));
   EXPECT_THAT(search(id, "music", "tar.gz"), IsEmpty());
@@ -67,7 +67,7 @@ TEST_F(FileSearch, TakesOnlyWhatFollowsTheLastDot) {
   EXPECT_THAT(search(id, "music", "tar"), IsEmpty());
 }
 
-TEST_F(FileSearch, ListsANameOnceAlsoWhenItMatchesBothForms) {
+TEST_F(FileSearch, ListsANameOnceEvenIfItMatchesBothForms) {
   const auto id = mountWith({"a.MP3", "b.7Z", "c.123"});
   EXPECT_THAT(search(id, "music", "MP3"), ElementsAre("a.MP3"));
   EXPECT_THAT(search(id, "music", "123"), ElementsAre("c.123"));
@@ -80,7 +80,7 @@ TEST_F(FileSearch, ConvertsOnlyTheLettersFromAToZ) {
   EXPECT_THAT(search(id, "music", "\xE4"), ElementsAre("e.\xE4"));
 }
 
-TEST_F(FileSearch, AddsToWhatTheListHolds) {
+TEST_F(FileSearch, AppendsToTheList) {
   const auto id = mountWith({"a.mp3"});
   std::vector<std::string> found = {"a.mp3", "before"};
   handler->GetFilesByExtension(found, id, "music", "mp3");
@@ -93,7 +93,7 @@ TEST_F(FileSearch, ListsTheMountPointItselfForAnEmptyDirectory) {
   EXPECT_THAT(search(id, "", "mp3"), ElementsAre("top.mp3"));
 }
 
-TEST_F(FileSearch, LooksOnlyIntoTheDirectoryThatIsNamed) {
+TEST_F(FileSearch, SearchesOnlyTheGivenDirectory) {
   const auto id = mountWith({"album.mp3"});
   platform.directories["/media/disk_1/music/album.mp3"] = {"inner.mp3"};
   EXPECT_THAT(search(id, "music", "mp3"), ElementsAre("album.mp3"));
@@ -121,7 +121,7 @@ TEST_F(FileSearch, SearchesFromTheRootDirectoryForAnUnknownDeviceWithoutReportin
   }
 }
 
-TEST_F(FileSearch, LeavesTheListAloneWhenTheDirectoryCannotBeOpened) {
+TEST_F(FileSearch, LeavesTheListUnchangedIfTheDirectoryCannotBeOpened) {
   const auto id = mountWith({"a.mp3"});
   std::vector<std::string> found = {"before"};
   handler->GetFilesByExtension(found, id, "missing", "mp3");
@@ -137,7 +137,7 @@ TEST_F(FileSearch, FindsNothingInAnEmptyDirectory) {
   EXPECT_THAT(journal().calls(), ElementsAre("opendir /media/disk_1/music", "closedir /media/disk_1/music"));
 }
 
-TEST_F(FileSearch, HandsTheDirectoryOnAsItCame) {
+TEST_F(FileSearch, PassesTheDirectoryUnchanged) {
   const auto id = mountWith({});
   const std::string hostile[] = {std::string(65536, 'd'),     "../../etc", "%s%n",
                                  std::string("music\0/x", 8), "/",         "\xFF\xFE"};

@@ -79,7 +79,7 @@ bool HandlerTest::waitsForTheLock(const std::function<void()>& operation) {
   {
     const TestableHandler::Lock lock(*handler);
     run = std::async(std::launch::async, operation);
-    // An operation that does wait never ends within this time, however slow the machine.
+    // An operation that waits never ends within this time, even on a slow machine.
     waited = run.wait_for(std::chrono::milliseconds(50)) == std::future_status::timeout;
   }
   run.get();

@@ -14,32 +14,31 @@
 #include "ModuleLog.h"
 #include "TestableHandler.h"
 
-/// A handler over a fake system, with every log line let through. The journal is empty when a test begins,
-/// and again after each plugIn.
+/// A handler over a fake system, with all log lines on. The journal is empty when a test begins, and after
+/// each plugIn.
 class HandlerTest : public ::testing::Test {
  protected:
   HandlerTest();
   ~HandlerTest() override;
 
-  /// Makes a record by the way that a real one is made: the nodes appear in /dev and a scan finds them.
-  /// `nodes` are kernel names ("sdb", "sdb1"). Returns the new device's number. A disk that libblkid can
-  /// open, with the given type, stands behind each node.
+  /// Makes a record as the daemon does: the nodes appear in /dev and a scan finds them. `nodes` are kernel
+  /// names ("sdb", "sdb1"). Behind each node is a disk with the given type, which libblkid can open. Returns
+  /// the number of the new device.
   std::int16_t plugIn(const std::vector<std::string>& nodes, const std::string& fsType = "");
-  /// Takes the nodes away; no scan is made.
+  /// Removes the nodes, without a scan.
   void pullOut(const std::vector<std::string>& nodes);
 
   Dockhand::UsbDeviceEntry& entry(std::int16_t deviceId) {
     return handler->deviceMap.at(static_cast<std::uint32_t>(deviceId));
   }
-  /// Lets only lines of this level and above through.
+  /// Logs only lines of this level and above.
   static void setThreshold(std::int32_t level) { Dockhand::usbClientLog.context->setThreshold(level); }
-  /// True when some thread holds the handler's lock. Asked from inside a call to the platform: whether the
-  /// operation holds it.
+  /// True if some thread holds the handler's lock. In a call to the platform: whether the operation holds it.
   bool lockIsHeld();
-  /// True when the operation does not end while another thread holds the handler's lock; it has ended when
-  /// this returns.
+  /// True if the operation does not end while another thread holds the handler's lock. The operation has
+  /// ended when this returns.
   bool waitsForTheLock(const std::function<void()>& operation);
-  /// From now on notes in `unlocked` which calls and log lines happen while nobody holds the lock.
+  /// From now on `unlocked` records the calls and log lines that happen without the lock.
   void watchLock();
 
   FakePlatform platform;

@@ -1,4 +1,4 @@
-// The real system behind the handler, as far as a test may touch it: a directory of its own, no mounts.
+// The real system behind the handler, as far as a test may use it: in a private directory, without mounts.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -43,7 +43,7 @@ class LinuxPlatformTest : public ::testing::Test {
     return path(name);
   }
 
-  /// The file system of a regular file: an ext2 superblock, as far as libblkid looks at it.
+  /// A regular file with the part of an ext2 superblock that libblkid reads.
   std::string makeExt2Image(const std::string& label) const {
     std::string image(64 * 1024, '\0');
     constexpr std::size_t superblock = 1024;
@@ -78,11 +78,11 @@ TEST_F(LinuxPlatformTest, MakesAndRemovesDirectories) {
   EXPECT_EQ(errorOf([this] { return platform_.rmdir(path("made")) == -1; }), ENOENT);
 }
 
-TEST_F(LinuxPlatformTest, TellsWhatMayBeAccessed) {
+TEST_F(LinuxPlatformTest, ReportsWhichPathsMayBeAccessed) {
   const std::string file = makeFile("file");
   EXPECT_EQ(platform_.access(file, F_OK), 0);
   EXPECT_EQ(errorOf([this] { return platform_.access(path("none"), F_OK) == -1; }), ENOENT);
-  // Nobody may run a file without any x, root included.
+  // Nobody, not even root, may run a file without an x bit.
   EXPECT_EQ(errorOf([&] { return platform_.access(file, X_OK) == -1; }), EACCES);
 }
 
@@ -133,14 +133,14 @@ TEST_F(LinuxPlatformTest, ReadsAFileToItsEnd) {
   EXPECT_EQ(platform_.close(file), 0);
 }
 
-TEST_F(LinuxPlatformTest, SaysWhyAFileCannotBeOpenedReadOrClosed) {
+TEST_F(LinuxPlatformTest, ReportsWhyAFileCannotBeOpenedReadOrClosed) {
   std::array<char, 1> block{};
   EXPECT_EQ(errorOf([this] { return platform_.open(path("none"), O_RDONLY) == -1; }), ENOENT);
   EXPECT_EQ(errorOf([&] { return platform_.read(-1, block.data(), block.size()) == -1; }), EBADF);
   EXPECT_EQ(errorOf([this] { return platform_.close(-1) == -1; }), EBADF);
 }
 
-TEST_F(LinuxPlatformTest, OpensFilesAsAskedAndKeepsThemFromChildren) {
+TEST_F(LinuxPlatformTest, OpensFilesWithTheGivenFlagsAndClosesThemInChildren) {
   const std::string name = makeFile("file");
   EXPECT_EQ(errorOf([&] { return platform_.open(name, O_RDONLY | O_DIRECTORY) == -1; }), ENOTDIR);
   const int file = platform_.open(name, O_RDONLY);
@@ -148,7 +148,7 @@ TEST_F(LinuxPlatformTest, OpensFilesAsAskedAndKeepsThemFromChildren) {
   platform_.close(file);
 }
 
-TEST_F(LinuxPlatformTest, RunsACommandInTheShellAndGivesItsRawStatus) {
+TEST_F(LinuxPlatformTest, RunsACommandInTheShellAndReturnsItsRawStatus) {
   EXPECT_EQ(platform_.system("echo said >" + path("said")), 0);
   std::string said;
   std::ifstream(path("said")) >> said;
@@ -157,7 +157,7 @@ TEST_F(LinuxPlatformTest, RunsACommandInTheShellAndGivesItsRawStatus) {
   EXPECT_EQ(platform_.system("kill -KILL $$"), SIGKILL);
 }
 
-TEST_F(LinuxPlatformTest, SleepsOnAfterASignal) {
+TEST_F(LinuxPlatformTest, ContinuesToSleepAfterASignal) {
   std::vector<unsigned int> asked;
   onSleep = [&asked](unsigned int seconds) {
     asked.push_back(seconds);
@@ -171,16 +171,16 @@ TEST_F(LinuxPlatformTest, SleepsOnAfterASignal) {
   onSleep = nullptr;
 }
 
-TEST_F(LinuxPlatformTest, SaysWhyNothingIsMountedOrUnmounted) {
+TEST_F(LinuxPlatformTest, ReportsWhyAMountOrUnmountFails) {
   const std::string none = path("none");
   EXPECT_EQ(errorOf([&] { return platform_.mount("none", none, "tmpfs", MS_NOSUID, "") == -1; }), ENOENT);
   EXPECT_EQ(errorOf([&] { return platform_.umount(none) == -1; }), ENOENT);
   EXPECT_EQ(errorOf([&] { return platform_.umount2(none, MNT_DETACH) == -1; }), ENOENT);
-  // The kernel looks at the flags before it looks for the path.
+  // The kernel checks the flags before it looks up the path.
   EXPECT_EQ(errorOf([&] { return platform_.umount2(none, 0x40000000) == -1; }), EINVAL);
 }
 
-TEST_F(LinuxPlatformTest, ReadsWhatAFileSystemSaysOfItself) {
+TEST_F(LinuxPlatformTest, ReadsTheValuesOfAFileSystem) {
   const blkid_probe probe = platform_.blkid_new_probe_from_filename(makeExt2Image("STICK"));
   ASSERT_NE(probe, nullptr);
   EXPECT_EQ(platform_.blkid_do_probe(probe), 0);
@@ -206,7 +206,7 @@ TEST_F(LinuxPlatformTest, FindsNothingInAFileWithoutAFileSystem) {
   EXPECT_EQ(platform_.blkid_new_probe_from_filename(path("none")), nullptr);
 }
 
-TEST_F(LinuxPlatformTest, MeasuresWhatADescriptorStandsFor) {
+TEST_F(LinuxPlatformTest, MeasuresTheFileOfADescriptor) {
   const int image = platform_.open(makeFile("disk", std::string(12345, '\0')), O_RDONLY);
   EXPECT_EQ(platform_.blkid_get_dev_size(image), 12345);
   platform_.close(image);
@@ -222,7 +222,7 @@ TEST_F(LinuxPlatformTest, MeasuresADiskOfFourTerabytes) {
   platform_.close(image);
 }
 
-TEST_F(LinuxPlatformTest, TakesAPathWithANulByteForNoFileAtAll) {
+TEST_F(LinuxPlatformTest, TreatsAPathWithANulByteAsMissing) {
   const std::string existing = makeFile("existing");
   ASSERT_EQ(platform_.mkdir(path("directory"), 0775), 0);
   const std::string file = existing + std::string("\0cut", 4);

@@ -1,4 +1,4 @@
-// What may be called with the handler's lock held only.
+// The functions that may be called only with the handler's lock held.
 
 #include <functional>
 #include <string>

@@ -18,7 +18,7 @@
 #include "TUnixSocket.h"
 #include "usb_rpc_gen_.h"
 
-// main() of DockhandMain.cpp: this program has one of its own.
+// main() of DockhandMain.cpp, renamed because this program has its own.
 int dockhandMain();
 
 namespace {
@@ -29,8 +29,7 @@ using ::testing::ExitedWithCode;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-/// Runs the daemon to where its main thread goes to sleep for the second time; `asleep` happens in its first
-/// sleep.
+/// Runs the daemon until its main thread sleeps for the second time. `asleep` runs in its first sleep.
 [[noreturn]] void runDaemon(const std::function<void()>& asleep = [] {}) {
   const SocketDirectory sockets;
   int sleeps = 0;
@@ -47,7 +46,7 @@ using ::testing::Not;
   std::exit(1);
 }
 
-/// Each child starts the program anew: the logging library is set up once in a process.
+/// Each child starts the program again, because a process sets up the logging library only once.
 class MainTest : public ::testing::Test {
  protected:
   MainTest() {
@@ -58,7 +57,7 @@ class MainTest : public ::testing::Test {
 };
 using MainDeathTest = MainTest;
 
-TEST_F(MainDeathTest, LogsAroundItsStartAndSleepsAnHourAtATimeForEver) {
+TEST_F(MainDeathTest, LogsBeforeAndAfterItsStartAndSleepsAnHourAtATimeForever) {
   setenv("TLOG_LEVEL", "2", 1);
   EXPECT_EXIT(runDaemon(), ExitedWithCode(0),
               ContainsRegex(" 2 Dockhand.main Src/Dockhand/DockhandMain:19 Before Creating DockhandServer\n.*"
@@ -69,7 +68,7 @@ TEST_F(MainDeathTest, LogsAroundItsStartAndSleepsAnHourAtATimeForEver) {
                             "sleep 3600\n"));
 }
 
-TEST_F(MainDeathTest, SaysNothingOfItsStartAtTheUsualThreshold) {
+TEST_F(MainDeathTest, DoesNotLogItsStartAtTheDefaultThreshold) {
   EXPECT_EXIT(runDaemon(), ExitedWithCode(0),
               AllOf(HasSubstr("sleep 3600"), Not(HasSubstr("DockhandServer"))));
 }

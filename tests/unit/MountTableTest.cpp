@@ -11,7 +11,7 @@ namespace {
 
 class MountTable : public HandlerTest {
  protected:
-  /// All that mount was asked for when a disk of this type was opened and nothing would mount.
+  /// All calls of mount for a disk of this type, if every mount fails.
   std::vector<FakePlatform::Mount> attemptsFor(const std::string& probedType) {
     const auto id = plugIn({"sdb"}, probedType);
     std::vector<FakePlatform::Mount> attempts;
@@ -22,7 +22,7 @@ class MountTable : public HandlerTest {
     handler->OpenDevice(id);
     return attempts;
   }
-  /// Those of the first pass: all but the last nine.
+  /// The calls of the first pass: all but the last nine.
   std::vector<FakePlatform::Mount> firstAttemptsFor(const std::string& probedType) {
     auto attempts = attemptsFor(probedType);
     EXPECT_GE(attempts.size(), 9U);
@@ -46,7 +46,7 @@ TEST_F(MountTable, MountsFatWithTheLegacyMarkAndUtf8Names) {
   expectAttempt(attempts[1], "vfat", 0xC0ED0003, "utf8");
 }
 
-TEST_F(MountTable, MountsNtfsWithoutPrograms) {
+TEST_F(MountTable, MountsNtfsWithNoexec) {
   const auto attempts = firstAttemptsFor("ntfs");
   ASSERT_EQ(attempts.size(), 2U);
   expectAttempt(attempts[0], "ntfs", 10, "nls=utf8");
@@ -102,7 +102,7 @@ TEST_F(MountTable, TriesTheRowsInAFixedOrderWithoutAType) {
   }
 }
 
-TEST(MountTableRows, KnowEachTypeByTheNameThatProbingGives) {
+TEST(MountTableRows, UseTheTypeNamesOfProbing) {
   std::vector<std::string> rows;
   for (const Dockhand::MountTableRow& row : Dockhand::mountTable) {
     rows.push_back(std::string(row.probedType) + " " + row.fileSystemType);

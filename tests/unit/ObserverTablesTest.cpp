@@ -1,4 +1,4 @@
-// Registering observers and taking them out again.
+// Registering and deregistering observers.
 
 #include <limits>
 
@@ -28,7 +28,7 @@ TEST_F(ObserverTables, RegistersAnObserverOfRemovedDevices) {
               ElementsAre("log 2 @1360 Register USB REMOVED callback for observerId 3 and observer is 0x10"));
 }
 
-TEST_F(ObserverTables, ReplacesTheObserverOfANumberThatIsRegisteredAlready) {
+TEST_F(ObserverTables, ReplacesTheObserverOfANumberThatIsAlreadyRegistered) {
   handler->RegisterUsbAddedCallBack(3, 0x10);
   handler->RegisterUsbAddedCallBack(3, 0x20);
   EXPECT_THAT(handler->addedObservers, ElementsAre(Pair(3, 0x20)));
@@ -37,7 +37,7 @@ TEST_F(ObserverTables, ReplacesTheObserverOfANumberThatIsRegisteredAlready) {
   EXPECT_THAT(handler->removedObservers, ElementsAre(Pair(3, 0x20)));
 }
 
-TEST_F(ObserverTables, DeregistersFromTheTableOfAddedDevicesWhateverTheObserver) {
+TEST_F(ObserverTables, DeregistersFromTheTableOfAddedDevicesWithAnyObserver) {
   handler->addedObservers = {{3, 0x10}, {4, 0x11}};
   handler->removedObservers = {{3, 0x10}};
   handler->DeregisterUsbAddedCallBack(3, 0x99);
@@ -47,7 +47,7 @@ TEST_F(ObserverTables, DeregistersFromTheTableOfAddedDevicesWhateverTheObserver)
               ElementsAre("log 2 @1370 Deregister USB ADDED callback for observerId 3 and observer is 0x99"));
 }
 
-TEST_F(ObserverTables, DeregistersFromTheTableOfRemovedDevicesWhateverTheObserver) {
+TEST_F(ObserverTables, DeregistersFromTheTableOfRemovedDevicesWithAnyObserver) {
   handler->removedObservers = {{3, 0x10}, {4, 0x11}};
   handler->addedObservers = {{3, 0x10}};
   handler->DeregisterUsbRemovedCallBack(3, 0x99);
@@ -71,7 +71,7 @@ TEST_F(ObserverTables, IgnoresTheDeregistrationOfAnUnknownNumber) {
                   "log 2 @1380 Deregister USB REMOVED callback for observerId 4 and observer is 0x10"));
 }
 
-TEST_F(ObserverTables, KeepsEveryNumberInTheOrderOfSignedNumbers) {
+TEST_F(ObserverTables, KeepsAllNumbersInSignedOrder) {
   for (int id = 127; id >= -128; --id) {
     handler->RegisterUsbAddedCallBack(static_cast<std::int8_t>(id), id);
     handler->RegisterUsbRemovedCallBack(static_cast<std::int8_t>(id), id);

@@ -22,11 +22,11 @@ class Opening : public HandlerTest {
  protected:
   void TearDown() override { EXPECT_FALSE(lockIsHeld()); }
 
-  /// Every row fails, and the last one that is tried leaves `error`.
+  /// Makes every row fail; the last tried row sets errno to `error`.
   void failMounts(int error) {
     platform.mountError = [error](const FakePlatform::Mount&) { return error; };
   }
-  /// Type and flags of each mount that was tried.
+  /// Type and flags of each tried mount.
   static std::vector<std::string> mountedTypes() {
     std::vector<std::string> types;
     for (const std::string& event : journal().eventsBeginning("mount ")) {
@@ -37,7 +37,7 @@ class Opening : public HandlerTest {
     }
     return types;
   }
-  /// The paths whose mounts were looked for, as they stand in the mount table.
+  /// The paths that were looked up in the mount table, in the table's form.
   static std::vector<std::string> clearedPaths() {
     const std::string beginning = "log 2 @506 CheckForAndRemoveMount: ";
     std::vector<std::string> paths;
@@ -53,7 +53,7 @@ const std::vector<std::string> everyRow = {"vfat c0ed0002", "vfat c0ed0003", "nt
                                            "ntfs b",        "ext3 c0ed0002", "ext3 c0ed0003",
                                            "hfs 3",         "hfsplus 3",     "xfs 40a"};
 
-/// Says of a device what no disk of the fake can say.
+/// Returns values of a device that no disk of the fake system can have.
 class HandlerWithAnswers : public TestableHandler {
  public:
   using TestableHandler::TestableHandler;
@@ -73,7 +73,7 @@ class HandlerWithAnswers : public TestableHandler {
   bool hasUuid = true;
 };
 
-TEST_F(Opening, MountsAtADirectoryThatIsNamedAfterTheDeviceNumber) {
+TEST_F(Opening, MountsAtADirectoryNamedAfterTheDeviceNumber) {
   plugIn({"sda"}, "vfat");
   plugIn({"sdb"}, "vfat");
   const auto id = plugIn({"sdc"}, "vfat");
@@ -172,14 +172,14 @@ TEST_F(Opening, HoldsTheNodeForReadingWithoutWaitingForTheDevice) {
   EXPECT_EQ(platform.openFlags.at("/dev/usb_storage_sdb"), O_RDONLY | O_NONBLOCK);
 }
 
-TEST_F(Opening, LetsANodeGoThatIsOpenedAsDescriptorZero) {
+TEST_F(Opening, ReleasesANodeThatIsOpenedAsDescriptorZero) {
   const auto id = plugIn({"sdb"}, "vfat");
   platform.nextDescriptor = 0;
   EXPECT_TRUE(handler->OpenDevice(id));
   EXPECT_EQ(platform.openDescriptors(), 0U);
 }
 
-TEST_F(Opening, LetsTheNodeGoBeforeItUnmounts) {
+TEST_F(Opening, ReleasesTheNodeBeforeItUnmounts) {
   const auto id = plugIn({"sdb"}, "vfat");
   platform.files["/proc/mounts"] = "/dev/usb_storage_sdb /media/disk_1 vfat rw 0 0\n";
   EXPECT_TRUE(handler->OpenDevice(id));
@@ -195,7 +195,7 @@ TEST_F(Opening, LetsTheNodeGoBeforeItUnmounts) {
 }
 
 TEST_F(Opening, OpensADeviceWhoseNodeItCannotHold) {
-  // The node is there but only its mount works.
+  // The node exists, but only mounting it works.
   platform.deviceNodes = {"usb_storage_sdb"};
   EXPECT_TRUE(handler->OpenDevice(1));
   EXPECT_THAT(journal().eventsBeginning("close /dev"), IsEmpty());
@@ -237,7 +237,7 @@ TEST_F(Opening, DoesAndLogsEachStepOfAFailedOpeningInOrder) {
   EXPECT_EQ(events.front(), "log 3 @640 OpenDeviceAt(1, /media/pvr, isPvrDevice=1)");
 }
 
-TEST_F(Opening, LeavesThePathAndTheHidingOfAFailedOpening) {
+TEST_F(Opening, KeepsTheMountPointAndTheHiddenFlagOfAFailedOpening) {
   const auto id = plugIn({"sdb"});
   failMounts(ENODEV);
   EXPECT_FALSE(handler->OpenDeviceAt(id, "/media/pvr", true));
@@ -273,7 +273,7 @@ TEST_F(Opening, MarksADeviceAsOpenOnlyAfterTheMount) {
   EXPECT_TRUE(entry(id).deviceOpen);
 }
 
-TEST_F(Opening, LeavesTheOtherFieldsOfTheRecordAlone) {
+TEST_F(Opening, LeavesTheOtherFieldsOfTheRecordUnchanged) {
   const auto id = plugIn({"sdb", "sdb1"}, "vfat");
   entry(id).lastUsbOperation = Dockhand::UsbOperationAdded;
   EXPECT_TRUE(handler->OpenDevice(id));
@@ -291,7 +291,7 @@ TEST_F(Opening, HoldsTheLockForAllButItsFirstLine) {
   EXPECT_THAT(unlocked, ElementsAre("OpenDeviceAt(1, /media/disk_1, isPvrDevice=0)"));
 }
 
-TEST_F(Opening, LeavesTheWorkOfOpenDeviceToTheVirtualTable) {
+TEST_F(Opening, OpenDeviceCallsTheVirtualOpenDeviceAt) {
   class Overriding : public TestableHandler {
    public:
     using TestableHandler::TestableHandler;
@@ -325,7 +325,7 @@ TEST_F(Opening, MountsTheNodeOfADiskWithoutPartitions) {
               ElementsAre("mount /dev/usb_storage_sdb /media/disk_1 vfat c0ed0002 utf8"));
 }
 
-TEST_F(Opening, RefusesTheDeviceUnderRepairWithoutLookingAtIt) {
+TEST_F(Opening, RefusesTheDeviceUnderRepairWithoutAccessingIt) {
   const auto id = plugIn({"sdb"}, "xfs");
   handler->diskRepairRunning = true;
   handler->diskRepairDeviceId = id;
@@ -360,13 +360,13 @@ TEST_F(Opening, OpensTheDeviceAgainAfterItsRepair) {
   EXPECT_TRUE(handler->OpenDevice(id));
 }
 
-TEST_F(Opening, OpensADeviceThatNobodyAnnounced) {
+TEST_F(Opening, OpensAnUnannouncedDevice) {
   platform.deviceNodes = {"usb_storage_sdb"};
   EXPECT_TRUE(handler->OpenDevice(1));
   EXPECT_TRUE(entry(1).deviceOpen);
 }
 
-TEST_F(Opening, RefusesADeviceWhoseNodeHasGone) {
+TEST_F(Opening, RefusesADeviceWhoseNodeIsGone) {
   const auto id = plugIn({"sdb"}, "vfat");
   pullOut({"sdb"});
   EXPECT_FALSE(handler->OpenDevice(id));
@@ -428,7 +428,7 @@ TEST_F(Opening, RefusesASafelyRemovedDevice) {
   EXPECT_FALSE(entry(id).hidden);
 }
 
-TEST_F(Opening, ListsEveryKnownDeviceInTheLogInAscendingOrder) {
+TEST_F(Opening, LogsEveryKnownDeviceInAscendingOrder) {
   plugIn({"sda", "sda1"});
   const auto id = plugIn({"sdb"}, "vfat");
   entry(1).deviceOpen = true;
@@ -442,7 +442,7 @@ TEST_F(Opening, ListsEveryKnownDeviceInTheLogInAscendingOrder) {
   EXPECT_THAT(journal().logs(), Contains("log 2 @652 Number of devices in map 2"));
 }
 
-TEST_F(Opening, UnmountsAndMountsAnewADeviceThatIsOpen) {
+TEST_F(Opening, UnmountsAnOpenDeviceAndMountsItAgain) {
   const auto id = plugIn({"sdb"}, "vfat");
   ASSERT_TRUE(handler->OpenDevice(id));
   platform.files["/proc/mounts"] = "/dev/usb_storage_sdb /media/disk_1 vfat rw 0 0\n";
@@ -497,7 +497,7 @@ TEST_F(Opening, ClearsTheDirectoryOfTheDefaultLabelButNotOfTheDefaultUuid) {
   EXPECT_THAT(journal().eventsBeginning("log 2 @711"), IsEmpty());
 }
 
-TEST_F(Opening, AsksForLabelAndUuidThroughTheVirtualTableAndHeedsTheirSuccess) {
+TEST_F(Opening, GetsLabelAndUuidThroughVirtualCallsAndUsesTheirSuccessFlags) {
   plugIn({"sdb"}, "vfat");
   HandlerWithAnswers answering(platform);
   journal().clear();
@@ -542,7 +542,7 @@ TEST_F(Opening, ClearsTheDirectoryOfALabelThatOnlyLooksLikeADotName) {
   EXPECT_THAT(journal().eventsBeginning("log 4 @7"), IsEmpty());
 }
 
-TEST_F(Opening, GoesOnWhenAStaleMountCannotBeCleared) {
+TEST_F(Opening, ContinuesIfAStaleMountCannotBeCleared) {
   const auto id = plugIn({"sdb"}, "vfat");
   platform.files["/proc/mounts"] = "/dev/sdb /media/disk vfat rw 0 0\n/dev/sdb /media/disk_1 vfat rw 0 0\n";
   platform.umount2Error = EBUSY;
@@ -557,7 +557,7 @@ TEST_F(Opening, MountsOverADirectoryThatExists) {
   platform.existing.insert("/media/disk_1");
   platform.rmdirError = ENOTEMPTY;
   platform.onCall = [&](const std::string& event) {
-    // What a log line may do to errno must not reach the judge.
+    // A log line may change errno; the judge must not see that.
     if (event == "mkdir /media/disk_1 775") {
       journal().onLine = [](const LoggedLine&) { errno = ENOSPC; };
     }
@@ -601,7 +601,7 @@ TEST_F(Opening, MountsNothingWithoutADirectory) {
   EXPECT_EQ(entry(id).mountPoint, "/media/disk_1");
 }
 
-TEST_F(Opening, PrintsNothingWhenTheDirectoryWasMade) {
+TEST_F(Opening, PrintsNothingIfItMakesTheDirectory) {
   const auto id = plugIn({"sdb"}, "vfat");
   ::testing::internal::CaptureStdout();
   EXPECT_TRUE(handler->OpenDevice(id));
@@ -619,7 +619,7 @@ TEST_F(Opening, TriesAReadOnlyMountOfTheProbedTypeBeforeAnyOtherType) {
                           "mount /dev/usb_storage_sdb /media/disk_1 ntfs b nls=utf8"));
 }
 
-TEST_F(Opening, TriesEveryRowForATypeThatIsInNone) {
+TEST_F(Opening, TriesEveryRowForATypeWithoutARow) {
   for (const std::string type : {"ext4", "hfsplus", "VFAT", "vfat ", "xf"}) {
     const auto id = plugIn({"sdb"}, type);
     platform.mountError = [](const FakePlatform::Mount& attempt) {
@@ -642,7 +642,7 @@ TEST_F(Opening, StopsAtTheFirstRowThatMounts) {
               ElementsAre("vfat c0ed0002", "vfat c0ed0003", "ntfs a", "ntfs b", "ext3 c0ed0002"));
 }
 
-TEST_F(Opening, TriesEveryRowAgainAfterTheProbedTypeHasFailed) {
+TEST_F(Opening, TriesEveryRowAgainAfterTheProbedTypeFails) {
   const auto id = plugIn({"sdb"}, "hfs+");
   failMounts(ENODEV);
   EXPECT_FALSE(handler->OpenDevice(id));
@@ -709,7 +709,7 @@ TEST_F(Opening, FailsWhenOnlyEarlierAttemptsFoundAnInvalidSuperblock) {
   EXPECT_FALSE(entry(id).deviceOpen);
 }
 
-TEST_F(Opening, MindsNoFailureOfTheFinalRmdir) {
+TEST_F(Opening, IgnoresAFailureOfTheFinalRmdir) {
   const auto id = plugIn({"sdb"}, "vfat");
   failMounts(ENODEV);
   platform.rmdirError = EBUSY;
@@ -717,7 +717,7 @@ TEST_F(Opening, MindsNoFailureOfTheFinalRmdir) {
   EXPECT_THAT(journal().eventsBeginning("rmdir"), ElementsAre("rmdir /media/disk_1"));
 }
 
-TEST_F(Opening, GivesUpOnAnEmptyDirectoryName) {
+TEST_F(Opening, FailsForAnEmptyDirectoryName) {
   const auto id = plugIn({"sdb"}, "vfat");
   platform.files["/proc/mounts"] = "rootfs / rootfs rw 0 0\n";
   platform.umount2Error = ENOENT;
@@ -737,7 +737,7 @@ TEST_F(Opening, GivesUpOnAnEmptyDirectoryName) {
   EXPECT_FALSE(entry(id).deviceOpen);
 }
 
-TEST_F(Opening, GivesUpOnADirectoryNameThatIsTooLong) {
+TEST_F(Opening, FailsForADirectoryNameThatIsTooLong) {
   const auto id = plugIn({"sdb"}, "vfat");
   const std::string longName = "/media/" + std::string(65536, 'x');
   platform.mkdirError = ENAMETOOLONG;
@@ -750,7 +750,7 @@ TEST_F(Opening, GivesUpOnADirectoryNameThatIsTooLong) {
   EXPECT_THAT(journal().eventsBeginning("mount "), IsEmpty());
 }
 
-TEST_F(Opening, HandsADirectoryNameWithANulByteOnAsItIs) {
+TEST_F(Opening, PassesADirectoryNameWithANulByteUnchanged) {
   const auto id = plugIn({"sdb"}, "vfat");
   const std::string name("/media/disk\0_1", 14);
   platform.files["/proc/mounts"] = "/dev/sda /media/other vfat rw 0 0\n";
@@ -763,7 +763,7 @@ TEST_F(Opening, HandsADirectoryNameWithANulByteOnAsItIs) {
   EXPECT_THAT(journal().calls(), Not(Contains("rmdir /media/disk")));
 }
 
-TEST_F(Opening, LogsNoMoreThanTheThresholdLetsThrough) {
+TEST_F(Opening, LogsOnlyLinesFromTheThresholdUp) {
   const auto id = plugIn({"sdb"});
   failMounts(ENODEV);
   handler->OpenDevice(id);

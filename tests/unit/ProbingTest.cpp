@@ -1,4 +1,4 @@
-// Reading what a file system says of itself.
+// Reading the label, UUID and type of a file system.
 
 #include <cerrno>
 
@@ -58,7 +58,7 @@ TEST_F(Probing, ReadsAUuid) {
                           "log 2 @1036 GetDeviceUUID(1)=1234-ABCD"));
 }
 
-TEST_F(Probing, TellsWhatARepairNeedsToKnow) {
+TEST_F(Probing, ReportsWhatARepairNeeds) {
   const auto id = plugIn({"sdb", "sdb1"}, "xfs");
   entry(id).deviceOpen = true;
   TestableHandler::PartitionInfo info;
@@ -74,7 +74,7 @@ TEST_F(Probing, TellsWhatARepairNeedsToKnow) {
                           "log 2 @1152 GetUsbMountDevice"));
 }
 
-TEST_F(Probing, TellsOfAClosedDeviceThatNothingCanBeReadFrom) {
+TEST_F(Probing, ReportsAClosedDeviceWithoutAReadableType) {
   const auto id = plugIn({"sdb"});
   TestableHandler::PartitionInfo info{"xfs", "/dev/other", true};
   EXPECT_TRUE(handler->GetPartitionInfo(id, info));
@@ -83,7 +83,7 @@ TEST_F(Probing, TellsOfAClosedDeviceThatNothingCanBeReadFrom) {
   EXPECT_FALSE(info.deviceOpen);
 }
 
-TEST_F(Probing, TellsNothingOfAnUnknownDevice) {
+TEST_F(Probing, ReportsNothingAboutAnUnknownDevice) {
   plugIn({"sdb"}, "vfat");
   for (const int id : {-32768, -1, 0, 2, 32767}) {
     TestableHandler::PartitionInfo info{"before", "before", true};
@@ -114,7 +114,7 @@ TEST_F(Probing, GivesAnUnknownDeviceTheDefaultLabelWithoutProbing) {
 
 TEST_F(Probing, GivesAnUnknownDeviceTheDefaultUuidWithoutProbing) {
   plugIn({"sdb"}, "vfat");
-  // What -1 and -32768 would find if they were cut to 16 bits.
+  // The records that -1 and -32768 would find if they were cut to 16 bits.
   for (const std::uint32_t key : {65535U, 32768U}) {
     handler->deviceMap[key] = entry(1);
   }
@@ -129,7 +129,7 @@ TEST_F(Probing, GivesAnUnknownDeviceTheDefaultUuidWithoutProbing) {
   }
 }
 
-TEST_F(Probing, LooksAnUnknownDeviceUpWithoutALine) {
+TEST_F(Probing, LooksUpAnUnknownDeviceWithoutALogLine) {
   plugIn({"sdb"}, "vfat");
   for (const std::uint32_t id : {0U, 2U, 32768U, 65535U, 65537U, 4294967295U}) {
     EXPECT_EQ(lookUp(id, "TYPE"), "") << id;
@@ -137,7 +137,7 @@ TEST_F(Probing, LooksAnUnknownDeviceUpWithoutALine) {
   EXPECT_THAT(journal().events(), IsEmpty());
 }
 
-TEST_F(Probing, ReplacesWhatTheResultHeldBefore) {
+TEST_F(Probing, OverwritesTheResult) {
   const auto id = plugIn({"sdb"});
   ravel::rpc::ReturnValueWithString result;
   result.success = true;
@@ -156,20 +156,20 @@ TEST_F(Probing, ReplacesWhatTheResultHeldBefore) {
   EXPECT_EQ(result.text, "NONAME");
 }
 
-TEST_F(Probing, ProbesTheDiskWhereThereIsNoPartition) {
+TEST_F(Probing, ProbesTheDiskIfItHasNoPartition) {
   const auto id = plugIn({"sdb"}, "vfat");
   disk("sdb").values["LABEL"] = "STICK";
   EXPECT_EQ(label(id).text, "STICK");
   EXPECT_THAT(journal().eventsBeginning("new_probe"), ElementsAre("new_probe /dev/usb_storage_sdb"));
 }
 
-TEST_F(Probing, ProbesTheFirstPartitionWhicheverWasSeen) {
+TEST_F(Probing, ProbesTheFirstPartitionWhicheverIsSeen) {
   plugIn({"sdb2"});
   platform.disks["/dev/usb_storage_sdb1"].values["LABEL"] = "FIRST";
   EXPECT_EQ(label(1).text, "FIRST");
 }
 
-TEST_F(Probing, TakesASingleCharacterForNoValue) {
+TEST_F(Probing, TreatsASingleCharacterAsNoValue) {
   const auto id = plugIn({"sdb"}, "vfat");
   disk("sdb").values["LABEL"] = "A";
   const auto result = label(id);
@@ -184,7 +184,7 @@ TEST_F(Probing, TakesASingleCharacterForNoValue) {
                   "log 2 @1060 GetDeviceLabel(1)=NONAME"));
 }
 
-TEST_F(Probing, TakesTwoCharactersForAValue) {
+TEST_F(Probing, AcceptsTwoCharactersAsAValue) {
   const auto id = plugIn({"sdb"}, "vfat");
   disk("sdb").values["LABEL"] = "AB";
   disk("sdb").values["UUID"] = "01";
@@ -193,7 +193,7 @@ TEST_F(Probing, TakesTwoCharactersForAValue) {
   EXPECT_THAT(journal().eventsBeginning("log 4"), IsEmpty());
 }
 
-TEST_F(Probing, TakesASingleCharacterForNoUuid) {
+TEST_F(Probing, TreatsASingleCharacterAsNoUuid) {
   const auto id = plugIn({"sdb"}, "vfat");
   disk("sdb").values["UUID"] = "7";
   const auto result = uuid(id);
@@ -201,7 +201,7 @@ TEST_F(Probing, TakesASingleCharacterForNoUuid) {
   EXPECT_EQ(result.text, "0000-0000");
 }
 
-TEST_F(Probing, TakesAnEmptyValueForNone) {
+TEST_F(Probing, TreatsAnEmptyValueAsNone) {
   const auto id = plugIn({"sdb"}, "vfat");
   disk("sdb").values["LABEL"] = "";
   EXPECT_EQ(label(id).text, "NONAME");
@@ -226,7 +226,7 @@ TEST_F(Probing, ReportsThatAnEmptyDiskHasNoValue) {
                   "log 2 @1036 GetDeviceUUID(1)=0000-0000"));
 }
 
-TEST_F(Probing, TakesOnlyMinusOneForAFailureOfTheProbing) {
+TEST_F(Probing, TreatsOnlyMinusOneAsAProbingFailure) {
   const auto id = plugIn({"sdb"}, "vfat");
   disk("sdb").probeResult = -2;
   EXPECT_EQ(uuid(id).text, "0000-0000");
@@ -286,13 +286,13 @@ TEST_F(Probing, KeepsNoMoreThanOneFailedProbe) {
   handler = std::make_unique<TestableHandler>(platform);
 }
 
-TEST_F(Probing, ReportsNoOlderErrorForOneThatLeavesErrnoAlone) {
+TEST_F(Probing, DoesNotReportAnOlderErrno) {
   const auto id = plugIn({"sdb"});
   platform.onCall = [](const std::string&) { errno = EXDEV; };
   uuid(id);
   EXPECT_THAT(journal().eventsBeginning("log 4 @1001"),
               ElementsAre("log 4 @1001 blkid_probe_lookup_value(UUID) failed. error=18"));
-  // Set before the calls to libblkid, not by them.
+  // errno is set before the calls to libblkid, not by them.
   platform.onCall = [](const std::string& event) {
     if (event.rfind("lookup", 0) != 0) {
       errno = EXDEV;
@@ -313,8 +313,8 @@ TEST_F(Probing, ReportsNoOlderErrorForOneThatLeavesErrnoAlone) {
   EXPECT_THAT(journal().eventsBeginning("log 4"), ElementsAre("log 4 @993 blkid_do_probe() failed. error=0"));
 }
 
-TEST_F(Probing, TakesNoValueAtAllForNone) {
-  // Reports a value, but gives none.
+TEST_F(Probing, TreatsANullValueAsNone) {
+  // Reports success, but returns no value.
   class EmptyHanded : public FakePlatform {
    public:
     int blkid_probe_lookup_value(blkid_probe /*probe*/, const char* /*name*/, const char** value) override {
@@ -345,7 +345,7 @@ TEST_F(Probing, ReadsTheValueBeforeTheProbeIsFreed) {
   EXPECT_EQ(label(id).text, "STICK");
 }
 
-TEST_F(Probing, HandsALabelOnAsItStands) {
+TEST_F(Probing, PassesALabelUnchanged) {
   const auto id = plugIn({"sdb"}, "vfat");
   for (const std::string& name :
        {std::string("My Disk"), std::string("%s%n"), std::string("../x"), std::string("\xC3\xA9\xFF\n"),
@@ -384,7 +384,7 @@ TEST_F(Probing, WarnsButDoesNotTraceAtTheThresholdOfWarnings) {
                           "log 4 @986 blkid_new_probe_from_filename(/dev/usb_storage_sdb) failed!"));
 }
 
-TEST_F(Probing, SaysNothingAboveTheThresholdOfWarnings) {
+TEST_F(Probing, LogsNothingAboveTheThresholdOfWarnings) {
   const auto id = plugIn({"sdb"});
   setThreshold(5);
   uuid(id);

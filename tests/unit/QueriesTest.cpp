@@ -1,4 +1,4 @@
-// Questions about a device: type, USB version, capacity, mount point, kernel name.
+// Queries about a device: type, USB version, capacity, mount point, kernel name.
 
 #include <fcntl.h>
 
@@ -20,7 +20,7 @@ constexpr std::int16_t unknownIds[] = {-1, std::numeric_limits<std::int16_t>::mi
 
 class Queries : public HandlerTest {
  protected:
-  /// An answer that somebody else has left in the result.
+  /// A result that still has the values of an earlier call.
   static ReturnValueWithString usedResult() {
     ReturnValueWithString result;
     result.success = true;
@@ -42,7 +42,7 @@ class Queries : public HandlerTest {
     handler->GetUsbMountPoint(result, deviceId);
     return result;
   }
-  /// Puts a record where a device number would find it if it were widened without its sign.
+  /// Adds records that a negative device number would find if it were widened without its sign.
   void addRecordsUnderUnsignedNumbers() {
     plugIn({"sdb1"});
     for (const std::uint32_t key : {65535U, 32768U}) {
@@ -54,7 +54,7 @@ class Queries : public HandlerTest {
 
 // GetDeviceType
 
-TEST_F(Queries, CallsADeviceThatTheKernelCallsRemovableTypeTwo) {
+TEST_F(Queries, ReturnsTypeTwoForARemovableDevice) {
   const auto id = plugIn({"sdb"});
   platform.files["/sys/block/sdb/removable"] = "1\n";
   EXPECT_EQ(handler->GetDeviceType(id), 2);
@@ -64,7 +64,7 @@ TEST_F(Queries, CallsADeviceThatTheKernelCallsRemovableTypeTwo) {
                           "log 2 @1090 GetDeviceUsbVersion(1)=2"));
 }
 
-TEST_F(Queries, CallsADeviceThatTheKernelCallsNotRemovableTypeOne) {
+TEST_F(Queries, ReturnsTypeOneForADeviceThatIsNotRemovable) {
   const auto id = plugIn({"sdb"});
   platform.files["/sys/block/sdb/removable"] = "0\n";
   EXPECT_EQ(handler->GetDeviceType(id), 1);
@@ -73,7 +73,7 @@ TEST_F(Queries, CallsADeviceThatTheKernelCallsNotRemovableTypeOne) {
               ElementsAre("log 2 @1068 GetDeviceType", "log 2 @1090 GetDeviceUsbVersion(1)=1"));
 }
 
-TEST_F(Queries, TakesEveryCharacterButZeroForRemovable) {
+TEST_F(Queries, TreatsEveryCharacterButZeroAsRemovable) {
   const auto id = plugIn({"sdb"});
   for (const std::string& content : {std::string("2"), std::string(" 0"), std::string("\n0"),
                                      std::string("\0"
@@ -91,7 +91,7 @@ TEST_F(Queries, ReadsTheTypeOfTheWholeDiskOfAPartition) {
   EXPECT_EQ(handler->GetDeviceType(id), 2);
 }
 
-TEST_F(Queries, GivesTypeZeroWhenTheAttributeIsMissing) {
+TEST_F(Queries, ReturnsTypeZeroIfTheAttributeIsMissing) {
   const auto id = plugIn({"sdb"});
   EXPECT_EQ(handler->GetDeviceType(id), 0);
   EXPECT_THAT(journal().events(), ElementsAre("log 2 @1068 GetDeviceType", "open /sys/block/sdb/removable",
@@ -99,7 +99,7 @@ TEST_F(Queries, GivesTypeZeroWhenTheAttributeIsMissing) {
                                               "log 2 @1090 GetDeviceUsbVersion(1)=0"));
 }
 
-TEST_F(Queries, GivesTypeZeroWhenTheAttributeIsEmpty) {
+TEST_F(Queries, ReturnsTypeZeroIfTheAttributeIsEmpty) {
   const auto id = plugIn({"sdb"});
   platform.files["/sys/block/sdb/removable"] = "";
   EXPECT_EQ(handler->GetDeviceType(id), 0);
@@ -109,7 +109,7 @@ TEST_F(Queries, GivesTypeZeroWhenTheAttributeIsEmpty) {
                                             "log 2 @1090 GetDeviceUsbVersion(1)=0"));
 }
 
-TEST_F(Queries, GivesTypeZeroWhenTheAttributeCannotBeRead) {
+TEST_F(Queries, ReturnsTypeZeroIfTheAttributeCannotBeRead) {
   const auto id = plugIn({"sdb"});
   platform.readErrors["/sys/block/sdb/removable"] = EIO;
   EXPECT_EQ(handler->GetDeviceType(id), 0);
@@ -118,7 +118,7 @@ TEST_F(Queries, GivesTypeZeroWhenTheAttributeCannotBeRead) {
               ElementsAre("log 5 @1083 Failed to read file: /sys/block/sdb/removable"));
 }
 
-TEST_F(Queries, GivesTypeZeroForAnUnknownDevice) {
+TEST_F(Queries, ReturnsTypeZeroForAnUnknownDevice) {
   addRecordsUnderUnsignedNumbers();
   for (const auto id : unknownIds) {
     journal().clear();
@@ -162,7 +162,7 @@ TEST_F(Queries, ReadsTheUsbVersionThatTheScriptWrites) {
                           "system rm /tmp/sdb_bcdUSB.txt", "log 2 @1309 GetDeviceUsbVersion(1)=2.00"));
 }
 
-TEST_F(Queries, AsksForTheUsbVersionOfTheWholeDiskOfAPartition) {
+TEST_F(Queries, ReadsTheUsbVersionOfTheWholeDiskOfAPartition) {
   const auto id = plugIn({"sdb", "sdb1"});
   usbVersion(id);
   EXPECT_THAT(
@@ -210,7 +210,7 @@ TEST_F(Queries, ReportsSuccessWithoutTextWhenTheVersionFileCannotBeRead) {
   EXPECT_EQ(platform.openDescriptors(), 0U);
 }
 
-TEST_F(Queries, RemovesTheVersionFileAlsoWhenTheScriptFails) {
+TEST_F(Queries, RemovesTheVersionFileEvenIfTheScriptFails) {
   const auto id = plugIn({"sdb"});
   platform.files["/tmp/sdb_bcdUSB.txt"] = "2.00\n";
   for (const int status : {256, 32512, -1, 15}) {
@@ -297,7 +297,7 @@ TEST_F(Queries, RunsTheVersionScriptWithTheLockHeld) {
 
 // GetDeviceCapacity
 
-TEST_F(Queries, GivesTheCapacityInMebibytes) {
+TEST_F(Queries, ReturnsTheCapacityInMebibytes) {
   const auto id = plugIn({"sdb"});
   platform.disks["/dev/usb_storage_sdb"].size = 16008609792;
   EXPECT_EQ(handler->GetDeviceCapacity(id), 15267);
@@ -367,7 +367,7 @@ TEST_F(Queries, KeepsTheCapacityWhenTheDiskCannotBeClosed) {
   EXPECT_THAT(journal().eventsBeginning("log 5"), ElementsAre("log 5 @1334 close(100) failed! errno=5"));
 }
 
-TEST_F(Queries, GivesTheCapacityWithoutALineWhenNoLevelIsWanted) {
+TEST_F(Queries, ReturnsTheCapacityWithoutALogLineIfLoggingIsOff) {
   const auto id = plugIn({"sdb"});
   platform.disks["/dev/usb_storage_sdb"].size = 3 << 20;
   platform.closeError = EIO;
@@ -376,7 +376,7 @@ TEST_F(Queries, GivesTheCapacityWithoutALineWhenNoLevelIsWanted) {
   EXPECT_THAT(journal().logs(), IsEmpty());
 }
 
-TEST_F(Queries, OpensWhatItReadsForReadingOnly) {
+TEST_F(Queries, OpensFilesReadOnly) {
   const auto id = plugIn({"sdb"});
   handler->GetDeviceCapacity(id);
   handler->GetDeviceType(id);
@@ -386,7 +386,7 @@ TEST_F(Queries, OpensWhatItReadsForReadingOnly) {
                                                 Pair("/tmp/sdb_bcdUSB.txt", O_RDONLY)}));
 }
 
-TEST_F(Queries, ReadsWhatIsOpenedAsDescriptorZero) {
+TEST_F(Queries, ReadsAFileThatIsOpenedAsDescriptorZero) {
   const auto id = plugIn({"sdb"});
   platform.disks["/dev/usb_storage_sdb"].size = 3 << 20;
   platform.files["/sys/block/sdb/removable"] = "1\n";
@@ -445,7 +445,7 @@ TEST_F(Queries, WaitsForTheLockToNameADevice) {
 
 // GetUsbMountPoint
 
-TEST_F(Queries, DumpsAllRecordsInAscendingOrderBeforeGivingAMountPoint) {
+TEST_F(Queries, LogsAllRecordsInAscendingOrderBeforeItReturnsAMountPoint) {
   plugIn({"sdb", "sdb1"});
   plugIn({"sdc"});
   entry(1).mountPoint = "/media/disk_1";
@@ -471,7 +471,7 @@ TEST_F(Queries, DumpsAllRecordsInAscendingOrderBeforeGivingAMountPoint) {
                   "mountPoint= lastOpr=0"));
 }
 
-TEST_F(Queries, GivesAnUnmountedDeviceAnEmptyMountPointWithSuccess) {
+TEST_F(Queries, ReturnsAnEmptyMountPointAndSuccessForAnUnmountedDevice) {
   const auto id = plugIn({"sdb"});
   const auto result = mountPoint(id);
   EXPECT_TRUE(result.success);
@@ -483,7 +483,7 @@ TEST_F(Queries, GivesAnUnmountedDeviceAnEmptyMountPointWithSuccess) {
                           "log 4 @1126 GetUsbMountPoint(deviceId=1) failed, found=1"));
 }
 
-TEST_F(Queries, GivesAnUnknownDeviceAnEmptyMountPointWithSuccess) {
+TEST_F(Queries, ReturnsAnEmptyMountPointAndSuccessForAnUnknownDevice) {
   for (const auto id : unknownIds) {
     journal().clear();
     ReturnValueWithString result;
@@ -507,7 +507,7 @@ TEST_F(Queries, NeverFindsAMountPointUnderANegativeNumber) {
                           "deviceOpen=0 mountPoint=/media/wrong lastOpr=0"));
 }
 
-TEST_F(Queries, GivesTheMountPointOfAnOpeningThatFailed) {
+TEST_F(Queries, ReturnsTheMountPointOfAFailedOpening) {
   const auto id = plugIn({"sdb"});
   entry(id).mountPoint = "/media/disk_1";
   EXPECT_EQ(mountPoint(id).text, "/media/disk_1");
@@ -527,7 +527,7 @@ TEST_F(Queries, LogsNoDumpAboveTraceLevel) {
   EXPECT_THAT(journal().logs(), IsEmpty());
 }
 
-TEST_F(Queries, WaitsForTheLockToGiveAMountPoint) {
+TEST_F(Queries, WaitsForTheLockToReturnAMountPoint) {
   const auto id = plugIn({"sdb"});
   EXPECT_TRUE(waitsForTheLock([&] { mountPoint(id); }));
   EXPECT_FALSE(lockIsHeld());

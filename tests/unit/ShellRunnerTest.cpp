@@ -1,4 +1,4 @@
-// Running shell commands and keeping what they say.
+// Running shell commands and logging their output.
 
 #include "HandlerTest.h"
 
@@ -26,13 +26,13 @@ TEST_F(ShellRunner, RunsACommandWithItsOutputInTheLogFile) {
                           "system sfdisk -l /dev/usb_storage_3 1>/tmp/Dockhand.log 2>&1"));
 }
 
-TEST_F(ShellRunner, PassesTheLogFileOnAfterSuccessOnRequest) {
+TEST_F(ShellRunner, PassesTheLogFileToTheLoggerAfterSuccessOnRequest) {
   EXPECT_EQ(handler->executeShellCommand("tool", 917, true), 0);
   EXPECT_THAT(journal().events(), ElementsAre("log 3 @124 Executing: tool # from Line=917",
                                               "system tool 1>/tmp/Dockhand.log 2>&1", passLog));
 }
 
-TEST_F(ShellRunner, PassesTheLogFileOnBeforeItWarnsOfAFailure) {
+TEST_F(ShellRunner, PassesTheLogFileToTheLoggerBeforeItWarnsOfAFailure) {
   commandsEndWith(256);
   for (const bool passLogAlways : {false, true}) {
     journal().clear();
@@ -43,7 +43,7 @@ TEST_F(ShellRunner, PassesTheLogFileOnBeforeItWarnsOfAFailure) {
   }
 }
 
-TEST_F(ShellRunner, GivesTheRawStatusBack) {
+TEST_F(ShellRunner, ReturnsTheRawStatus) {
   for (const int status : {-1, 1, 9, 139, 32512, 65280}) {
     journal().clear();
     commandsEndWith(status);
@@ -92,7 +92,7 @@ TEST_F(ShellRunner, LogsThroughTheContextOfTheHandler) {
   EXPECT_EQ(journal().lines()[0].sourceFile, "Src/Dockhand/DockhandClient");
 }
 
-TEST_F(ShellRunner, LogsWhatTheThresholdLetsThroughAndRunsTheLoggerAnyway) {
+TEST_F(ShellRunner, LogsLinesFromTheThresholdUpAndRunsTheLoggerAnyway) {
   commandsEndWith(256);
   const std::string run = "system tool 1>/tmp/Dockhand.log 2>&1";
   const std::string notice = "log 3 @124 Executing: tool # from Line=1";

@@ -2,7 +2,7 @@
 
 std::function<unsigned int(unsigned int)> onSleep;
 
-// Takes the place of the C library's.
+// Replaces the C library's function.
 extern "C" unsigned int sleep(unsigned int seconds) {
   return onSleep ? onSleep(seconds) : 0;
 }

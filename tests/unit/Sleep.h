@@ -3,8 +3,8 @@
 
 #include <functional>
 
-/// What sleep(3) does in a program that Sleep.cpp is part of: it is called with the seconds and returns those
-/// that are left. Without it sleep returns at once.
+/// Replaces sleep(3) in a program that contains Sleep.cpp: gets the seconds, returns the seconds that are
+/// left. If it is empty, sleep returns at once.
 extern std::function<unsigned int(unsigned int)> onSleep;
 
 #endif  // TESTS_UNIT_SLEEP_H
