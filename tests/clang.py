@@ -1,7 +1,7 @@
 #!/usr/bin/python3
-"""Has clang read every source of a build, and fails where it warns.
+"""Lets clang parse every source of a build, and fails if it warns.
 
-    clang.py BUILD        the folder of a configured build, whose generated sources are there
+    clang.py BUILD        the folder of a configured build with its generated sources
 """
 
 import concurrent.futures
@@ -11,12 +11,12 @@ import re
 import subprocess
 import sys
 
-# Some sources calm a warning that only the other compiler has.
+# Some sources disable a warning that only GCC has.
 CLANG = 'clang++-14 -fsyntax-only -Wno-unknown-warning-option '
 
 
 def complaints(entry):
-    """What clang says about one source; nothing when it has nothing to say."""
+    """The warnings of clang for one source; empty if there are none."""
     command = re.sub(r'^.*?\S*(?:c\+\+|g\+\+)\S* ', CLANG, entry['command'], count=1)
     command = re.sub(r' -o \S+', '', command, count=1)
     done = subprocess.run(command, shell=True, check=False, cwd=entry['directory'], stdin=subprocess.DEVNULL,
@@ -28,7 +28,7 @@ def main():
     with open(os.path.join(sys.argv[1], 'compile_commands.json')) as file:
         entries = json.load(file)
     if not entries:
-        sys.exit('there are no sources')
+        sys.exit(f'"{sys.argv[1]}" has no sources; configure it first')
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
         said = [text for text in pool.map(complaints, entries) if text]
     print(f'{len(entries)} sources\n' + ''.join(said), end='')

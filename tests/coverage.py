@@ -1,11 +1,11 @@
 #!/usr/bin/python3
-"""Shows how much of Src/ the test programs of a coverage build have run, and fails below the goals.
+"""Shows how much of Src/ the test programs of a coverage build ran, and fails below the goals.
 
-    coverage.py BUILD        the folder of the build, whose programs have been run
+    coverage.py BUILD        the folder of the build; run its programs first
 
-Of the branches that the compiler makes, those count that the source has: an if, a loop, a condition, a case. Every
-call that may throw makes two more, the way on and the way of the exception. They are left out, both of them: the first
-is taken whenever the call is made and would only make the figure better than it is.
+Only branches of the source count: an if, a loop, a condition, a case. The compiler adds two branches to every call that
+may throw: the normal return and the exception. Both are omitted. The normal return is taken at every call, so it would
+only improve the figure.
 """
 
 import json
@@ -19,7 +19,7 @@ BRANCHES_GOAL = 90.0
 
 
 def measure(build):
-    """What gcovr says of each source, in the order of their names."""
+    """The report of gcovr for each source, sorted by name."""
     with tempfile.TemporaryDirectory() as folder:
         report = os.path.join(folder, 'report.json')
         subprocess.run(['gcovr', '--root', '.', '--filter', 'Src/', '-j', str(os.cpu_count()), '--json', report,
@@ -29,9 +29,9 @@ def measure(build):
 
 
 def branches_of(line, text):
-    """How often each branch of a line was taken."""
+    """How often each branch of a line is taken."""
     if text in ('', '{', '}', '};'):
-        # The end of a block, where the compiler destroys its variables.
+        # The compiler destroys the variables of a block at its end.
         return []
     taken = []
     for branch in line['branches']:
@@ -55,7 +55,7 @@ class Sum:
         return 100 * self.reached / self.total if self.total else 100.0
 
     def __str__(self):
-        # Never rounded up.
+        # Round down.
         return f'{self.reached:5}/{self.total:<5}{int(self.percent() * 10) / 10:6.1f} %'
 
 

@@ -1,10 +1,10 @@
 #!/usr/bin/python3
-"""Keeps count of test results, one line a result: status, name and reason, separated by tabs.
+"""Counts test results. RESULTS is a file with one result per line: status, name and reason, separated by tabs.
 
-    summary.py gtest RESULTS REPORT PROGRAM STATUS     the cases in a GoogleTest XML report
-    summary.py unittest RESULTS FILE                   runs a Python test file and notes its cases
-    summary.py add RESULTS STATUS NAME [REASON]        one result; STATUS is passed, failed or skipped
-    summary.py print RESULTS                           the skipped ones' reasons, and the sums on the last line
+    summary.py gtest RESULTS REPORT PROGRAM STATUS     adds the cases of a GoogleTest XML report
+    summary.py unittest RESULTS FILE                   runs a Python test file and adds its cases
+    summary.py add RESULTS STATUS NAME [REASON]        adds one result; STATUS is passed, failed or skipped
+    summary.py print RESULTS                           prints failures, reasons for skips, and the sums as last line
 """
 
 import importlib.util
@@ -16,13 +16,13 @@ import xml.etree.ElementTree
 
 def add(results, status, name, reason=''):
     if status not in ('passed', 'failed', 'skipped'):
-        sys.exit(f'summary.py: no such status: {status}')
+        sys.exit(f'summary.py: unknown status "{status}"; use passed, failed or skipped')
     with open(results, 'a') as file:
         file.write('\t'.join((status, name, ' '.join(reason.split()))) + '\n')
 
 
 def gtest(results, report, program, exit_status):
-    """A program that crashes leaves no report behind, so none of its cases counts as passed."""
+    """Adds the cases of a report. A program that crashes writes no report, so none of its cases counts as passed."""
     program = os.path.basename(program)
     failures = 0
     cases = 0
@@ -35,7 +35,7 @@ def gtest(results, report, program, exit_status):
                 failures += 1
                 add(results, 'failed', name)
             elif skipped is not None:
-                # The first line is the place in the source.
+                # The first line is the position in the source.
                 add(results, 'skipped', name, skipped.get('message', '').partition('\n')[2])
             elif case.get('status') == 'run':
                 add(results, 'passed', name)

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""What the documents point at is there: links, paths, commands with their options, environment variables.
+"""The documents refer only to things that exist: links, paths, commands and options, environment variables.
 
 The environment variable DOCKHAND_BUILD_DIR names the build tree.
 """
@@ -20,7 +20,7 @@ NOT_OURS = {'.git', 'build', 'node_modules', 'gen-nodejs', '__pycache__'}
 
 @functools.lru_cache
 def files():
-    """All files of the repository, by their path in it."""
+    """All files of the repository, as relative paths."""
     found = []
     for folder, folders, names in os.walk(SOURCE):
         folders[:] = sorted(set(folders) - NOT_OURS)
@@ -29,18 +29,18 @@ def files():
 
 
 def documents():
-    """(path, text) of each."""
+    """(path, text) of each document."""
     return [(path, (SOURCE / path).read_text()) for path in files() if path.endswith('.md')]
 
 
 def without_code(text):
-    """A document without its code: what looks like a link there is none."""
+    """A document without its code, because code may look like a link."""
     text = re.sub(r'^```.*?^```$', '', text, flags=re.MULTILINE | re.DOTALL)
     return re.sub(r'`[^`]*`', '`code`', text)
 
 
 def anchor(heading):
-    """The anchor that the usual forges give a heading."""
+    """The anchor of a heading on the usual forges."""
     text = re.sub(r'\[([^]]*)\]\([^)]*\)', r'\1', heading).replace('`', '').lower()
     return re.sub(r'[^\w\- ]', '', text).replace(' ', '-')
 
@@ -51,13 +51,13 @@ def anchors(text):
 
 
 def codes(text):
-    """What stands in backticks, outside of blocks."""
+    """The texts in backticks, outside of blocks."""
     text = re.sub(r'^```.*?^```$', '', text, flags=re.MULTILINE | re.DOTALL)
     return [' '.join(code.split()) for code in re.findall(r'`([^`]+)`', text)]
 
 
 def commands(text):
-    """Lines of shell blocks and of indented blocks, prompts taken away, and what stands in backticks."""
+    """Lines of shell blocks and of indented blocks without prompts, and texts in backticks."""
     blocks = re.findall(r'^```(?:sh|text)\n(.*?)^```$', text, re.MULTILINE | re.DOTALL)
     blocks += re.findall(r'^    \S.*$', re.sub(r'^```.*?^```$', '', text, flags=re.MULTILINE | re.DOTALL), re.MULTILINE)
     lines = [line.strip() for block in blocks for line in block.splitlines()]
@@ -88,7 +88,7 @@ def help_of(*command):
 
 class LinksTest(unittest.TestCase):
 
-    def test_links_lead_to_files_and_headings_that_there_are(self):
+    def test_links_lead_to_existing_files_and_headings(self):
         texts = dict(documents())
         count = 0
         for path, text in texts.items():
@@ -124,13 +124,13 @@ class PathsTest(unittest.TestCase):
         for path, text in documents():
             for code in codes(text):
                 if re.fullmatch(r'[\w.@*-]+(/[\w.@*-]+)*/?', code) and '/' in code and code.split('/')[0] in top:
-                    # The log names modules as their sources were once called.
+                    # The log calls modules by the former names of their sources.
                     found = list(SOURCE.glob(code.rstrip('/'))) or list(SOURCE.glob(code + '.cpp'))
                     self.assertTrue(found, f'{path}: {code}')
                     count += 1
         self.assertGreater(count, 40)
 
-    def test_names_of_sources_are_those_of_files(self):
+    def test_names_of_sources_are_names_of_files(self):
         names = {pathlib.PurePath(path).name for path in files()}
         count = 0
         for path, text in documents():
@@ -158,7 +158,7 @@ class PathsTest(unittest.TestCase):
 
 class CommandsTest(unittest.TestCase):
 
-    def test_checks_of_test_exist(self):
+    def test_checks_of_the_test_command_exist(self):
         output = subprocess.run([str(SOURCE / 'test'), 'help'], check=True, stdout=subprocess.PIPE, text=True).stdout
         known = set(re.findall(r'^  (\w+)(?: |$)', output, re.MULTILINE)) | {'all', 'help', 'NAME...'}
         calls = list(calls_of('./test'))
@@ -227,7 +227,7 @@ class CommandsTest(unittest.TestCase):
                 count += 1
         self.assertGreater(count, 5)
 
-    def test_table_in_the_transcript_is_that_of_the_client(self):
+    def test_table_in_the_session_has_the_headings_of_the_client(self):
         headings = re.search(r'Table table\({(.*?)}\)', (SOURCE / 'tools/dockhandctl/Reading.cpp').read_text())[1]
         expected = ' '.join(re.findall(r'"(.*?)"', headings))
         tables = re.findall(r'^NO .*$', (SOURCE / 'README.md').read_text(), re.MULTILINE)
@@ -238,7 +238,7 @@ class CommandsTest(unittest.TestCase):
 
 class FormTest(unittest.TestCase):
 
-    def test_lines_have_no_more_than_120_columns(self):
+    def test_lines_have_at_most_120_columns(self):
         for path, text in documents():
             for number, line in enumerate(text.splitlines(), 1):
                 self.assertLessEqual(len(line), 120, f'{path}:{number}')

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""docs/OPERATIONS.md says what the interface and the daemon's sources say."""
+"""docs/OPERATIONS.md agrees with the interface and with the daemon's sources."""
 
 import pathlib
 import re
@@ -8,7 +8,7 @@ import unittest
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 LABELS = ['Arguments', 'Answer', 'Errors', 'Lock', 'Waits for', 'Log']
 
-# Log lines of routines that only one operation uses stand in its section.
+# The log lines of a routine that only one operation uses are in that operation's section.
 SECTION_OF_ROUTINE = {
     'insertDevice': 'CheckForAndUpdateNewDevices',
     'clearAutomounts': 'OpenDeviceAt',
@@ -34,7 +34,7 @@ def sources():
 
 
 def split_outside_parentheses(code, separator):
-    """The parts of an expression; ends at the parenthesis that closes the one before the code."""
+    """The parts of an expression, up to the parenthesis that closes the one before the code."""
     parts, depth = [''], 0
     for token in TOKEN.findall(code):
         if token.startswith('//'):
@@ -56,7 +56,7 @@ def calls(code, function):
 
 
 def text_of(pieces):
-    """What pieces of an expression are composed to, with <> for what is not in the source."""
+    """The text that the pieces of an expression form, with <> for values that are not in the source."""
     text = ''
     for piece in pieces:
         if re.fullmatch(rf'(?:{LITERAL}\s*)+', piece):
@@ -67,7 +67,7 @@ def text_of(pieces):
 
 
 def routine_at(code, position):
-    """The function that a position is in: the last one that begins at the left margin before it."""
+    """The function at a position: the last one that begins at the left margin before it."""
     return re.findall(r'^\w[^\n;]*?(\w+)\(', code[:position], re.MULTILINE)[-1]
 
 
@@ -77,7 +77,7 @@ def log_lines_of_the_daemon():
     for code in sources():
         for module, log in (('', 'usbClientLog'), ('main', 'mainLog'), ('server', 'serverLog')):
             for position, (level, number, *pieces) in calls(code, log + '.write'):
-                # The loop that unmounts writes for others, who give it the number.
+                # The unmount loop logs for its callers, who pass the number.
                 if number != 'sourceLine':
                     lines[module, int(number)] = int(level), text_of(pieces), routine_at(code, position)
         for position, (_, number, occasion) in calls(code, 'forceUnmount'):
@@ -124,7 +124,7 @@ def sections():
 
 
 def quoted_lines(pattern):
-    """Title and groups of every line in a fenced block that fits."""
+    """Title and groups of every matching line in a fenced block."""
     for title, text in sections().items():
         for block in re.findall(r'^```text\n(.*?)^```$', text, re.MULTILINE | re.DOTALL):
             for line in block.splitlines():
