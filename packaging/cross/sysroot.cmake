@@ -1,6 +1,6 @@
-# Included by the toolchain files: Debian's compiler for another processor, over the sysroot that packaging/cross/sysroot
-# has made, and QEMU for the programs that a build runs. The includer sets CMAKE_SYSTEM_PROCESSOR and the names
-# of the architecture at Debian, of the compiler, of the folder of libraries, and of the emulator.
+# Included by the toolchain files. It sets Debian's compiler for another processor with the sysroot of
+# packaging/cross/sysroot, and QEMU for the programs that a build runs. The includer sets CMAKE_SYSTEM_PROCESSOR and the
+# names of the Debian architecture, of the compiler, of the library folder, and of the emulator.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSROOT ${CMAKE_CURRENT_LIST_DIR}/../../build/sysroot/${debian_architecture})
 cmake_path(NORMAL_PATH CMAKE_SYSROOT)
@@ -10,7 +10,7 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
-# Debian has its libraries, and their pkg-config files, in a folder of the architecture.
+# Debian keeps libraries and their pkg-config files in a folder for each architecture.
 set(CMAKE_LIBRARY_ARCHITECTURE ${library_folder})
 set(ENV{PKG_CONFIG_SYSROOT_DIR} ${CMAKE_SYSROOT})
 set(ENV{PKG_CONFIG_LIBDIR} ${CMAKE_SYSROOT}/usr/lib/${library_folder}/pkgconfig:${CMAKE_SYSROOT}/usr/share/pkgconfig)

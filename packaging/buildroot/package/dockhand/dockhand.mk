@@ -5,7 +5,7 @@
 ################################################################################
 
 DOCKHAND_VERSION = 0.1.0
-# This tree is a folder of the sources.
+# This tree is a folder of the sources, so build the sources around it.
 DOCKHAND_SITE = $(BR2_EXTERNAL_DOCKHAND_PATH)/../..
 DOCKHAND_SITE_METHOD = local
 DOCKHAND_OVERRIDE_SRCDIR_RSYNC_EXCLUSIONS = --exclude /build
@@ -33,7 +33,7 @@ else
 DOCKHAND_CONF_OPTS += -DDOCKHAND_STATIC_THRIFT=OFF
 endif
 
-# The user "-" stands for a group without a user.
+# The user "-" means a group without a user.
 define DOCKHAND_USERS
 	- -1 $(DOCKHAND_GROUP_NAME) -1 - - - - Callers of the storage daemon
 endef

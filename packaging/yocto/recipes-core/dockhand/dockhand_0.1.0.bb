@@ -9,16 +9,16 @@ DEPENDS = "boost cli11 nlohmann-json thrift thrift-native util-linux"
 
 inherit cmake pkgconfig externalsrc systemd update-rc.d useradd bash-completion
 
-# This layer is a folder of the sources, and builds the sources that it is in.
+# This layer is a folder of the sources, and builds the sources around it.
 EXTERNALSRC = "${@os.path.normpath(os.path.join(d.getVar('THISDIR'), '../../../..'))}"
 EXTERNALSRC_SYMLINKS = ""
 
-# Whose members may call the service. A group that another recipe makes is taken as it is.
+# The group whose members may call the service. A group that another recipe makes is used unchanged.
 DOCKHAND_GROUP ?= "dockhand"
 
 PACKAGECONFIG ??= ""
-# Keeps libssl, which the shared libthrift is linked with, out of the processes. Needs a libthrift.a: the thrift of
-# meta-oe is built with BUILD_SHARED_LIBS=ON, and makes none.
+# Keeps libssl out of the processes: the shared libthrift is linked with it. This needs a libthrift.a, but the thrift of
+# meta-oe is built with BUILD_SHARED_LIBS=ON and makes none.
 PACKAGECONFIG[static-thrift] = "-DDOCKHAND_STATIC_THRIFT=ON,-DDOCKHAND_STATIC_THRIFT=OFF"
 # With systemd: the log goes to syslog, not to the journal. The start script logs to syslog in any case.
 PACKAGECONFIG[syslog] = ",,"
@@ -29,7 +29,7 @@ EXTRA_OECMAKE = "\
     -DTHRIFT_COMPILER=${STAGING_BINDIR_NATIVE}/thrift \
 "
 
-# Unit or start script: the classes keep what DISTRO_FEATURES asks for, systemd or sysvinit, and remove the other.
+# Unit or start script: the classes keep the one in DISTRO_FEATURES, systemd or sysvinit, and remove the other.
 SYSTEMD_SERVICE:${PN} = "dockhand.service"
 INITSCRIPT_NAME = "dockhand"
 INITSCRIPT_PARAMS = "defaults 60 20"
@@ -72,7 +72,7 @@ FILES:${PN} += "\
     ${systemd_system_unitdir}/dockhand.service.d \
 "
 
-# Rules and units announce sticks with the client. umount, dd, logger and rm may be those of busybox.
+# Rules and units announce sticks with the client. umount, dd, logger and rm may come from busybox.
 RDEPENDS:${PN} = "\
     ${PN}-client \
     udev \
@@ -83,7 +83,7 @@ RDEPENDS:${PN} = "\
     ${@bb.utils.contains('DISTRO_FEATURES', 'sysvinit', 'util-linux-flock', '', d)} \
 "
 
-# As far as the kernel has them as modules.
+# Only needed if the kernel builds them as modules.
 RRECOMMENDS:${PN} = "\
     kernel-module-ext4 \
     kernel-module-hfs \
