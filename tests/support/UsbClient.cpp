@@ -10,7 +10,7 @@ namespace testsupport {
 
 namespace {
 
-constexpr std::chrono::seconds patience{20};
+constexpr std::chrono::seconds timeout{20};
 
 using Client = ravel::rpc::usb_rpc_gen_Client;
 using TextOperation = void (Client::*)(ravel::rpc::ReturnValueWithString& _return, std::int16_t deviceId);
@@ -27,7 +27,7 @@ UsbClient::UsbClient()
     : socket_(std::make_shared<ravel::rpc::TUnixSocket>("localhost", 9020)),
       client_(std::make_shared<apache::thrift::protocol::TBinaryProtocol>(
           std::make_shared<apache::thrift::transport::TBufferedTransport>(socket_))) {
-  socket_->setRecvTimeout(static_cast<int>(std::chrono::milliseconds(patience).count()));
+  socket_->setRecvTimeout(static_cast<int>(std::chrono::milliseconds(timeout).count()));
   socket_->open();
 }
 

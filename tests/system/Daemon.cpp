@@ -27,7 +27,7 @@ namespace systest {
 
 namespace {
 
-constexpr std::chrono::seconds patience{20};
+constexpr std::chrono::seconds timeout{20};
 
 std::string logPath(pid_t pid) {
   return std::filesystem::temp_directory_path() / ("daemon_" + std::to_string(pid) + ".stderr");
@@ -96,7 +96,7 @@ bool answersCalls() {
 
 Daemon::Daemon(const Environment& environment, gid_t group)
     : pid_(startProgram(environment, group)), logPath_(logPath(pid_)) {
-  const auto deadline = std::chrono::steady_clock::now() + patience;
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
   while (!answersCalls()) {
     const bool ended = hasEnded(pid_, std::chrono::milliseconds(1));
     if (ended || std::chrono::steady_clock::now() > deadline) {
@@ -142,7 +142,7 @@ std::vector<std::string> Daemon::logLines() const {
 
 FailedStart startThatFails(const Environment& environment) {
   const pid_t pid = startProgram(environment, 0);
-  const bool ended = hasEnded(pid, patience);
+  const bool ended = hasEnded(pid, timeout);
   if (!ended) {
     kill(pid, SIGKILL);
   }

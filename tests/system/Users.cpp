@@ -15,7 +15,7 @@ namespace systest {
 
 namespace {
 
-constexpr unsigned patienceSeconds = 60;
+constexpr unsigned timeoutSeconds = 60;
 constexpr int didNotAct = 255;
 
 int become(const User& user) {
@@ -28,7 +28,7 @@ int become(const User& user) {
 }
 
 int actAs(const User& user, const std::function<int()>& action) {
-  alarm(patienceSeconds);
+  alarm(timeoutSeconds);
   try {
     const int failure = become(user);
     return failure != 0 ? failure : action();
