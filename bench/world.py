@@ -88,7 +88,7 @@ class Programs:
         self.bin = pathlib.Path(build) / 'bin'
         self.environment = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=f'unix:path={BUS_SOCKET}',
                                 SYSTEMD_IGNORE_CHROOT='1', LC_ALL='C',
-                                PATH=f'{SOURCE}/integration/tools:/usr/sbin:/usr/bin:/sbin:/bin')
+                                PATH=f'{build}/image-tools:/usr/sbin:/usr/bin:/sbin:/bin')
         self.environment.pop('TLOG_LEVEL', None)
         self.log = open('/tmp/log', 'ab')
 

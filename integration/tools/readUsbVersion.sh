@@ -4,7 +4,8 @@
 #     readUsbVersion.sh NAME      NAME: kernel name of the whole disk, such as sdb
 #
 # The kernel has the version in the file `version` of the USB device that the disk belongs to, several levels above the
-# disk in sysfs, and with a leading blank. A device that is no USB device, or is unknown, ends with exit status 1.
+# disk in sysfs, and with a leading blank. Above that is the hub, whose version is its own. A device that is no USB
+# device, is unknown, or has no version ends with exit status 1.
 set -u
 
 if [ $# -ne 1 ] || [ -z "$1" ]; then
@@ -16,12 +17,15 @@ folder=$(readlink -f "${SYSFS:-/sys}/block/$1/device") && [ -d "$folder" ] || {
   echo "readUsbVersion.sh: $1: no such disk" >&2
   exit 1
 }
-while [ -n "$folder" ]; do
-  if [ -r "$folder/idVendor" ] && read -r version <"$folder/version"; then
-    printf '%s\n' "$version"
-    exit 0
-  fi
+while [ -n "$folder" ] && [ ! -e "$folder/idVendor" ]; do
   folder=${folder%/*}
 done
-echo "readUsbVersion.sh: $1: not a USB device" >&2
-exit 1
+if [ -z "$folder" ]; then
+  echo "readUsbVersion.sh: $1: not a USB device" >&2
+  exit 1
+fi
+if ! read -r version <"$folder/version" || [ -z "$version" ]; then
+  echo "readUsbVersion.sh: $1: its USB version cannot be read" >&2
+  exit 1
+fi
+printf '%s\n' "$version"

@@ -1,5 +1,5 @@
-// The scripts that stand before the real tools in the daemon's PATH, run by the real shell. The "real" tools
-// behind them are stand-ins that write down what they get.
+// The programs that stand before the real tools in the daemon's PATH. The "real" tools behind them are
+// stand-ins that write down what they get, but for those that make partitions on images.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "ArgumentVector.h"
+#include "Emulator.h"
 
 namespace fs = std::filesystem;
 using ::testing::ElementsAre;
@@ -22,6 +23,8 @@ using ::testing::HasSubstr;
 
 namespace {
 
+const std::vector<std::string> wrappers = {"dd", "fdisk", "logger", "mkfs.xfs", "umount"};
+
 class ImageTools : public ::testing::Test {
  protected:
   ImageTools() {
@@ -29,14 +32,13 @@ class ImageTools : public ::testing::Test {
     EXPECT_NE(mkdtemp(name.data()), nullptr);
     directory = name;
     fs::create_directory(directory / "real");
-    for (const char* tool : {"fdisk", "mkfs.xfs"}) {
-      write(directory / "real" / tool,
-            "#!/bin/sh\n"
-            "printf '%s\\0' \"$@\" >\"$RECORD/arguments\"\n"
-            "cat >\"$RECORD/input\"\n"
-            "echo output; echo complaint >&2\n"
-            "exit \"${REAL_STATUS:-0}\"\n");
-      fs::permissions(directory / "real" / tool, fs::perms::owner_all);
+    for (const std::string& tool : wrappers) {
+      makeTool("real/" + tool,
+               "printf '%s\\0' \"$@\" >\"$RECORD/arguments\"\n"
+               "cat >\"$RECORD/input\"\n"
+               "[ ! -e \"$RECORD/table\" ] || cat \"$RECORD/table\" 1<>\"$1\"\n"
+               "echo output; echo complaint >&2\n"
+               "exit \"${REAL_STATUS:-0}\"\n");
     }
     write(directory / "given", "");
   }
@@ -44,6 +46,10 @@ class ImageTools : public ::testing::Test {
 
   static void write(const fs::path& path, const std::string& text) {
     std::ofstream(path, std::ios::binary) << text;
+  }
+  void makeTool(const std::string& path, const std::string& script) const {
+    write(directory / path, "#!/bin/sh\n" + script);
+    fs::permissions(directory / path, fs::perms::owner_all);
   }
   static std::string read(const fs::path& path) {
     std::ifstream file(path, std::ios::binary);
@@ -93,23 +99,181 @@ class ImageTools : public ::testing::Test {
   fs::path directory;
 };
 
-using Fdisk = ImageTools;
-using MkfsXfs = ImageTools;
 using ReadUsbVersion = ImageTools;
+
+/// Tests of programs that are built.
+class Wrappers : public ImageTools {
+ protected:
+  void SetUp() override {
+    if (isEmulated()) {
+      GTEST_SKIP() << "no wrapper can be started by its name here";
+    }
+  }
+};
+
+using Fdisk = Wrappers;
+using Logger = Wrappers;
+using MkfsXfs = Wrappers;
 
 const std::vector<std::string> oddArguments = {"",     " ",          "a b",  "*",           "$HOME",
                                                "`id`", "\"quoted\"", "it's", "back\\slash", "line\nbreak",
                                                "-l",   "\xC3\xA9",   "\xFF"};
 
-TEST_F(Fdisk, TakesTheOptionOfEchoOutOfTheFirstAnswer) {
-  EXPECT_EQ(run({"fdisk", "/dev/some disk"}, "-e n\np\n1\n\n\nw\n"), 0);
-  EXPECT_EQ(received(), "n\np\n1\n\n\nw\n");
-  EXPECT_THAT(arguments(), ElementsAre("/dev/some disk"));
+TEST_F(Wrappers, PassOtherCallsOnUnchangedAndAnswerAsTheRealToolDoes) {
+  setenv("REAL_STATUS", "3", 1);
+  for (const std::string& wrapper : wrappers) {
+    std::vector<std::string> command = {wrapper, "-l"};
+    command.insert(command.end(), oddArguments.begin(), oddArguments.end());
+    EXPECT_EQ(run(command, "-e n\n"), 3) << wrapper;
+    EXPECT_EQ(received(), "-e n\n") << wrapper;
+    EXPECT_THAT(arguments(), ElementsAreArray(command.begin() + 1, command.end())) << wrapper;
+    EXPECT_EQ(output(), "output\n") << wrapper;
+    EXPECT_EQ(complaint(), "complaint\n") << wrapper;
+  }
+  unsetenv("REAL_STATUS");
 }
 
-TEST_F(Fdisk, GetsTheDaemonsAnswersWhateverTheEchoOfTheShell) {
-  EXPECT_EQ(run({"sh", "-c", "echo -e 'n\\np\\n1\\n\\n\\nw' | fdisk /dev/usb_storage_sda"}), 0);
-  EXPECT_EQ(received(), "n\np\n1\n\n\nw\n");
+TEST_F(Wrappers, PassCallsOnThatAreNearlyTheDaemonsOwn) {
+  const std::vector<std::vector<std::string>> calls = {
+      {"dd", "if=/dev/zero", "of=/tmp/disk", "bs=512", "count=1"},
+      {"dd", "if=/dev/zero", "of=/dev/usb_storage_sda", "bs=512", "count=2"},
+      {"dd", "if=/dev/null", "of=/dev/usb_storage_sda", "bs=512", "count=1"},
+      {"dd", "if=/dev/zero", "of=/dev/usb_storage_sda", "bs=512", "count=1", "seek=1"},
+      {"umount", "-f", "/media/disk_1"},
+      {"umount", "-l", "/dev/usb_storage_sda1"},
+      {"umount", "/dev/usb_storage_sda1"},
+      {"logger", "-t", "Dockhand"},
+      {"logger", "-s", "-t", "Dockhand", "text"},
+  };
+  for (const auto& call : calls) {
+    EXPECT_EQ(run(call, "\x1b[31m"), 0) << call[0];
+    EXPECT_THAT(arguments(), ElementsAreArray(call.begin() + 1, call.end()));
+    EXPECT_EQ(received(), "\x1b[31m");
+  }
+}
+
+TEST_F(Wrappers, SaySoWhenThereIsNoRealTool) {
+  for (const std::string& wrapper : wrappers) {
+    EXPECT_EQ(run({wrapper, "-l"}, "", std::string(IMAGE_TOOLS) + ":" + directory.string()), 127);
+    EXPECT_THAT(complaint(), HasSubstr(wrapper + ": not found in "));
+  }
+}
+
+TEST_F(Wrappers, FindTheRealToolHoweverTheyAreReached) {
+  const std::string own = IMAGE_TOOLS;
+  const std::string real = (directory / "real").string();
+  const std::string links = (directory / "links").string();
+  const std::string copies = (directory / "copies").string();
+  fs::create_directory(links);
+  fs::copy(own, copies);
+  for (const std::string& wrapper : wrappers) {
+    fs::create_symlink(own + "/" + wrapper, links + "/" + wrapper);
+  }
+  // An empty folder is the current one.
+  fs::current_path(own);
+  for (const std::string& path :
+       {own + ":" + own + "/../image-tools:" + real, ":" + real, own + "::" + real, links + ":" + real,
+        links + ":" + own + ":" + real, own + ":" + links + ":" + real, own + ":" + copies + ":" + real,
+        own + ":" + copies + ":" + own + ":" + real, "/nowhere:" + own + ":" + real}) {
+    for (const std::string& wrapper : wrappers) {
+      fs::remove(directory / "arguments");
+      EXPECT_EQ(run({wrapper, "-l"}, "", path + ":/usr/bin:/bin"), 0) << wrapper << " " << path << "\n"
+                                                                      << complaint();
+      EXPECT_THAT(arguments(), ElementsAre("-l")) << wrapper << " " << path;
+    }
+  }
+  fs::current_path("/");
+}
+
+const std::string daemonsAnswers = "n\np\n1\n\n\nw\n";
+
+/// The first sector of a disk with a DOS table.
+std::string dosTable(const std::vector<std::uint32_t>& sectorsOfPartitions) {
+  std::string table(512, '\0');
+  for (std::size_t i = 0; i < sectorsOfPartitions.size(); ++i) {
+    table[446 + 16 * i + 4] = '\x83';
+    for (std::size_t byte = 0; byte < 4; ++byte) {
+      table[446 + 16 * i + 12 + byte] = static_cast<char>(sectorsOfPartitions[i] >> (8 * byte));
+    }
+  }
+  return table.replace(510, 2, "\x55\xaa");
+}
+
+class Partitioning : public Wrappers {
+ protected:
+  std::string makeDisk(std::uintmax_t bytes, const std::string& name = "disk") const {
+    write(directory / name, "");
+    fs::resize_file(directory / name, bytes);
+    return directory / name;
+  }
+  /// Answers fdisk as the daemon does, by the real tools.
+  int partition(const std::string& disk, const std::string& tools = "/usr/sbin:/sbin") {
+    return run({"fdisk", disk}, daemonsAnswers, std::string(IMAGE_TOOLS) + ":" + tools);
+  }
+  std::string tableOf(const std::string& disk) {
+    run({"sfdisk", "--dump", disk}, "", "/usr/sbin:/sbin");
+    return output();
+  }
+  static constexpr std::uintmax_t mib = 1 << 20;
+  static constexpr std::uintmax_t tib = std::uintmax_t{1} << 40;
+};
+
+TEST_F(Partitioning, GetsTheDaemonsAnswersWhateverTheEchoOfTheShell) {
+  write(directory / "table", dosTable({(16 * mib) / 512 - 2048}));
+  const std::string disk = makeDisk(16 * mib, "some disk");
+  EXPECT_EQ(run({"sh", "-c", "echo -e 'n\\np\\n1\\n\\n\\nw' | fdisk \"$0\"", disk}), 0) << complaint();
+  EXPECT_EQ(received(), daemonsAnswers);
+  EXPECT_THAT(arguments(), ElementsAre(disk));
+  EXPECT_EQ(run({"fdisk", disk}, "-e " + daemonsAnswers), 0);
+  EXPECT_EQ(received(), daemonsAnswers);
+}
+
+TEST_F(Partitioning, FailsWithoutOnePartitionOverTheWholeDisk) {
+  const std::string disk = makeDisk(16 * mib);
+  constexpr std::uint32_t whole = 32768 - 2048;
+  std::string unsigned_ = dosTable({whole});
+  unsigned_[511] = '\0';
+  for (const std::string& table :
+       {std::string(), dosTable({}), dosTable({0}), dosTable({whole / 2}), dosTable({whole, 1}), unsigned_}) {
+    write(directory / "table", table);
+    EXPECT_EQ(run({"fdisk", disk}, daemonsAnswers), 1);
+    EXPECT_THAT(complaint(), HasSubstr("no partition over the whole disk"));
+  }
+  EXPECT_EQ(run({"fdisk", (directory / "gone").string()}, daemonsAnswers), 1);
+  EXPECT_THAT(complaint(), HasSubstr("No such file"));
+  setenv("REAL_STATUS", "3", 1);
+  write(directory / "table", dosTable({whole}));
+  EXPECT_EQ(run({"fdisk", disk}, daemonsAnswers), 3);
+  unsetenv("REAL_STATUS");
+}
+
+TEST_F(Partitioning, NeedsNoOtherProgramThanTheRealOne) {
+  const std::string disk = makeDisk(16 * mib);
+  EXPECT_EQ(partition(disk), 0) << complaint();
+  EXPECT_THAT(tableOf(disk), HasSubstr(": start=        2048, size=       30720, type=83\n"));
+}
+
+TEST_F(Partitioning, GivesADiskThatADosTableCannotNameAGpt) {
+  const std::string largest = makeDisk(2 * tib);
+  EXPECT_EQ(partition(largest), 0) << complaint();
+  EXPECT_THAT(tableOf(largest), HasSubstr("label: dos"));
+  for (const std::uintmax_t bytes : {2 * tib + 512, 4 * tib}) {
+    const std::string disk = makeDisk(bytes);
+    EXPECT_EQ(partition(disk), 0) << complaint();
+    const std::string table = tableOf(disk);
+    EXPECT_THAT(table, HasSubstr("label: gpt"));
+    // Up to the last MiB of the disk, which the second table takes a part of.
+    EXPECT_THAT(table, HasSubstr("start=        2048, size=  " + std::to_string((bytes / mib - 2) * 2048)));
+    EXPECT_THAT(table, HasSubstr("type=0FC63DAF-8483-4772-8E79-3D69D8477DE4"));
+    EXPECT_EQ(table.find("start="), table.rfind("start=")) << table;
+  }
+}
+
+TEST_F(Partitioning, LeavesALargeDiskAloneWithoutSfdisk) {
+  const std::string disk = makeDisk(4 * tib);
+  EXPECT_EQ(partition(disk, (directory / "real").string() + ":/usr/bin:/bin"), 1);
+  EXPECT_THAT(complaint(), HasSubstr("fdisk: sfdisk: not found in "));
+  EXPECT_FALSE(fs::exists(directory / "arguments"));
 }
 
 TEST_F(Fdisk, LeavesOtherAnswersAlone) {
@@ -119,16 +283,8 @@ TEST_F(Fdisk, LeavesOtherAnswersAlone) {
     EXPECT_EQ(run({"fdisk", "/dev/sda"}, answers), 0);
     EXPECT_EQ(received(), answers);
   }
-}
-
-TEST_F(Fdisk, PassesOtherCallsOnUnchanged) {
-  std::vector<std::string> command = {"fdisk", "-l"};
-  command.insert(command.end(), oddArguments.begin(), oddArguments.end());
-  EXPECT_EQ(run(command, "-e n\n"), 0);
-  EXPECT_EQ(received(), "-e n\n");
-  EXPECT_THAT(arguments(), ElementsAreArray(command.begin() + 1, command.end()));
-  EXPECT_EQ(run({"fdisk", "--list"}, "-e n\n"), 0);
-  EXPECT_EQ(received(), "-e n\n");
+  EXPECT_EQ(run({"fdisk", "/dev/sda"}, "-e p\nq\n"), 0);
+  EXPECT_EQ(received(), "p\nq\n");
 }
 
 TEST_F(Fdisk, PassesTheDiskOnWhateverItsName) {
@@ -141,26 +297,44 @@ TEST_F(Fdisk, PassesTheDiskOnWhateverItsName) {
   }
 }
 
-TEST_F(Fdisk, AnswersWithTheStatusAndTheWordsOfTheRealTool) {
-  setenv("REAL_STATUS", "3", 1);
-  EXPECT_EQ(run({"fdisk", "/dev/sda"}, "-e n\n"), 3);
-  EXPECT_EQ(output(), "output\n");
-  EXPECT_EQ(complaint(), "complaint\n");
-  EXPECT_EQ(run({"fdisk", "-l"}), 3);
-  unsetenv("REAL_STATUS");
+TEST_F(Logger, EscapesWhatDrivesATerminal) {
+  const std::vector<std::pair<std::string, std::string>> texts = {
+      {"two\n\tlines \\ \xC3\x89\n", "two\n\tlines \\ \xC3\x89\n"},
+      {"no end of the line", "no end of the line"},
+      {"a\x1b[2J\rb\x7f\n", "a\\x1b[2J\\x0db\\x7f\n"},
+      {std::string("nul\0\n", 5), "nul\\x00\n"},
+      {"\xC2\x9B"
+       "31m\t\xC2\x85\n",
+       "\\xc2\\x9b31m\t\\xc2\\x85\n"},
+      {std::string(100000, '\b'),
+       [] {
+         std::string escaped;
+         for (int i = 0; i < 100000; ++i) {
+           escaped += "\\x08";
+         }
+         return escaped;
+       }()},
+      {"", ""},
+  };
+  for (const auto& [text, escaped] : texts) {
+    EXPECT_EQ(run({"logger", "-s", "-t", "Dockhand"}, text), 0);
+    EXPECT_EQ(received(), escaped);
+    EXPECT_THAT(arguments(), ElementsAre("-s", "-t", "Dockhand"));
+    EXPECT_EQ(complaint(), "complaint\n");
+  }
 }
 
-TEST_F(Fdisk, SaysSoWhenThereIsNoRealTool) {
-  fs::remove(directory / "real" / "fdisk");
-  EXPECT_EQ(run({"fdisk", "/dev/sda"}, "", std::string(IMAGE_TOOLS) + ":" + directory.string()), 127);
-  EXPECT_THAT(complaint(), HasSubstr("fdisk: not found"));
+TEST_F(Logger, DoesNotWaitForASyslogThatNobodyReads) {
+  makeTool("real/logger", "exec sleep 1000\n");
+  for (const std::string& text : {std::string("a line\n"), std::string(100000, 'x')}) {
+    EXPECT_NE(run({"logger", "-s", "-t", "Dockhand"}, text), 0);
+    EXPECT_THAT(complaint(), HasSubstr("the system log does not take the text"));
+  }
 }
 
-TEST_F(Fdisk, FindsTheRealToolAlsoWhenItsOwnFolderIsTwiceInThePath) {
-  const std::string path = std::string(IMAGE_TOOLS) + ":" + IMAGE_TOOLS +
-                           "/../tools:" + (directory / "real").string() + ":/usr/bin:/bin";
-  EXPECT_EQ(run({"fdisk", "-l"}, "", path), 0);
-  EXPECT_THAT(arguments(), ElementsAre("-l"));
+TEST_F(Logger, AnswersWithTheStatusOfTheRealTool) {
+  makeTool("real/logger", "exit 3\n");
+  EXPECT_EQ(run({"logger", "-s", "-t", "Dockhand"}, "a line\n"), 3);
 }
 
 TEST_F(MkfsXfs, DropsTheOptionThatTodaysToolRefuses) {
@@ -191,19 +365,6 @@ TEST_F(MkfsXfs, PassesOtherArgumentsOnUnchanged) {
   }
 }
 
-TEST_F(MkfsXfs, AnswersWithTheStatusAndTheWordsOfTheRealTool) {
-  setenv("REAL_STATUS", "3", 1);
-  EXPECT_EQ(run({"mkfs.xfs", "-l", "lazy-count=0", "disk"}), 3);
-  EXPECT_EQ(output(), "output\n");
-  EXPECT_EQ(complaint(), "complaint\n");
-  unsetenv("REAL_STATUS");
-}
-
-TEST_F(MkfsXfs, SaysSoWhenThereIsNoRealTool) {
-  EXPECT_EQ(run({"mkfs.xfs", "disk"}, "", std::string(IMAGE_TOOLS) + ":" + directory.string()), 127);
-  EXPECT_THAT(complaint(), HasSubstr("mkfs.xfs: not found"));
-}
-
 /// A sysfs in which the disk `name` hangs below a USB device, as the kernel arranges it.
 void makeSysfs(const fs::path& sysfs, const std::string& name, const std::string& version) {
   const fs::path usbDevice = sysfs / "devices/pci0000:00/usb1/1-2";
@@ -223,6 +384,19 @@ TEST_F(ReadUsbVersion, PrintsTheVersionWithoutItsLeadingBlank) {
   EXPECT_EQ(run({"readUsbVersion.sh", "sdb"}), 0);
   EXPECT_EQ(output(), "2.00\n");
   EXPECT_EQ(complaint(), "");
+}
+
+TEST_F(ReadUsbVersion, DoesNotAnswerWithTheVersionOfTheHub) {
+  makeSysfs(directory / "sys", "sdb", "");
+  const fs::path hub = directory / "sys/devices/pci0000:00/usb1";
+  write(hub / "idVendor", "1d6b\n");
+  write(hub / "version", " 3.00\n");
+  for (const char* version : {"", "\n"}) {
+    EXPECT_EQ(run({"readUsbVersion.sh", "sdb"}), 1);
+    EXPECT_EQ(output(), "");
+    EXPECT_THAT(complaint(), HasSubstr("its USB version cannot be read"));
+    write(hub / "1-2/version", version);
+  }
 }
 
 TEST_F(ReadUsbVersion, FailsForAnUnknownDisk) {

@@ -48,8 +48,7 @@ const Call repairing = {[](UsbClient& client) { client->send_RunDiskRepair(1); }
 
 /// The image's wrappers are first in PATH. All log lines are on, to show where the daemon was.
 Environment environmentOfImage() {
-  return {{"PATH", DOCKHAND_SOURCE_DIR "/integration/tools:/usr/sbin:/usr/bin:/sbin:/bin"},
-          {"TLOG_LEVEL", "2"}};
+  return {{"PATH", DOCKHAND_IMAGE_TOOLS ":/usr/sbin:/usr/bin:/sbin:/bin"}, {"TLOG_LEVEL", "2"}};
 }
 
 /// Writes a file and syncs it to the disk.

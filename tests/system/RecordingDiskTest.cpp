@@ -29,7 +29,7 @@ using testing::IsEmpty;
 using testing::Not;
 
 constexpr std::uint64_t enoughForXfs = std::uint64_t{520} << 20;
-const std::string imageTools = DOCKHAND_SOURCE_DIR "/integration/tools";
+const std::string imageTools = DOCKHAND_IMAGE_TOOLS;
 const std::string systemPath = "/usr/sbin:/usr/bin:/sbin:/bin";
 
 StickOptions diskLabelled(const std::string& label) {
@@ -75,6 +75,22 @@ class RecordingDiskTest : public SystemTest {
     EXPECT_THAT(table, HasSubstr("label: dos"));
     EXPECT_THAT(table, HasSubstr(": start=        2048, size=     1062912, type=83\n"));
     EXPECT_EQ(table.find("start="), table.rfind("start=")) << table;
+  }
+
+  static void overwrite(const std::string& image, std::uint64_t offset, const std::string& bytes) {
+    // Opened for reading too, so that opening does not truncate the file.
+    std::fstream file(image, std::ios::in | std::ios::out | std::ios::binary);
+    file.seekp(static_cast<std::streamoff>(offset));
+    file << bytes;
+    ASSERT_TRUE(file.flush().good());
+  }
+
+  static std::string bytesAt(const std::string& image, std::uint64_t offset) {
+    std::ifstream file(image, std::ios::binary);
+    file.seekg(static_cast<std::streamoff>(offset));
+    std::string bytes(512, '?');
+    file.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    return bytes;
   }
 
   static std::size_t countOf(const std::string& text, const std::string& part) {
@@ -132,6 +148,36 @@ TEST_F(PreparationTest, RemovesEveryMountOfADiskThatIsMountedTwice) {
   ASSERT_TRUE(client->PrepareDeviceForPvr(1)) << daemon.log();
   expectRecordingDisk(stick, "HOLIDAY");
   EXPECT_EQ(countOf(daemon.log(), "unmounted: /dev/usb_storage_sda1\n"), 2U);
+}
+
+TEST_F(PreparationTest, LeavesNothingOfAnOlderTable) {
+  const std::string image = "/tmp/used.img";
+  const std::string sector(512, '\0');
+  for (const bool isGpt : {true, false}) {
+    writeFile(image, "");
+    fs::resize_file(image, enoughForXfs);
+    if (isGpt) {
+      run({"/bin/sh", "-c", "echo 2048 | sfdisk --quiet --label gpt " + image});
+    } else {
+      // As BSD has it, which fdisk would go on with.
+      const std::string magic = "\x57\x45\x56\x82";
+      std::string label(276, '\0');
+      label.replace(0, 4, magic).replace(40, 4, std::string("\0\x02\0\0", 4)).replace(132, 4, magic);
+      label.replace(138, 1, "\x08");
+      overwrite(image, 512, label);
+    }
+    StickOptions options;
+    options.copyOf = image;
+    options.partitioned = true;
+    const Stick stick(options);
+    run({"mkfs.ext3", "-q", "-F", stick.node()});
+    const Daemon daemon(pathOfImage());
+    UsbClient client;
+    EXPECT_TRUE(client->PrepareDeviceForPvr(1)) << daemon.log();
+    expectRecordingDisk(stick, "PVR_DISK");
+    EXPECT_TRUE(bytesAt(stick.image(), 512) == sector);
+    EXPECT_TRUE(bytesAt(stick.image(), enoughForXfs - 512) == sector);
+  }
 }
 
 TEST_F(PreparationTest, RunsNoCommandFromALabel) {
@@ -209,7 +255,7 @@ TEST_F(PreparationTest, FailsWhenTheDiskDisappearsBetweenTwoSteps) {
   const Daemon daemon(pathOfImage());
   UsbClient client;
   EXPECT_FALSE(client->PrepareDeviceForPvr(1));
-  fs::remove("/dev/usb_storage_sda");
+  // No tool has left a file that looks like a disk.
   EXPECT_THAT(client.devices(), IsEmpty());
   EXPECT_TRUE(daemon.isRunning());
 }
@@ -263,14 +309,6 @@ class RepairTest : public RecordingDiskTest {
   static std::uint64_t superblockValue(const std::string& image, const std::string& field) {
     const std::string answer = run({"xfs_db", "-r", "-c", "sb 0", "-c", "print " + field, image});
     return std::stoull(answer.substr(answer.find('=') + 1));
-  }
-
-  static void overwrite(const std::string& image, std::uint64_t offset, const std::string& bytes) {
-    // Opened for reading too, so that opening does not truncate the file.
-    std::fstream file(image, std::ios::in | std::ios::out | std::ios::binary);
-    file.seekp(static_cast<std::streamoff>(offset));
-    file << bytes;
-    ASSERT_TRUE(file.flush().good());
   }
 };
 

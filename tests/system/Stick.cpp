@@ -39,7 +39,8 @@ dev_t deviceNumberOf(int loopNumber) {
 
 }  // namespace
 
-LoopDevice::LoopDevice(const std::string& image, std::uint64_t offset, std::uint64_t size, bool readOnly) {
+LoopDevice::LoopDevice(const std::string& image, std::uint64_t offset, std::uint64_t size, bool readOnly,
+                       std::uint32_t sectorSize) {
   const int imageFile = open(image.c_str(), (readOnly ? O_RDONLY : O_RDWR) | O_CLOEXEC);
   const int control = open("/dev/loop-control", O_RDWR | O_CLOEXEC);
   if (imageFile < 0 || control < 0) {
@@ -47,6 +48,7 @@ LoopDevice::LoopDevice(const std::string& image, std::uint64_t offset, std::uint
   }
   loop_config config{};
   config.fd = static_cast<__u32>(imageFile);
+  config.block_size = sectorSize;
   config.info.lo_offset = offset;
   config.info.lo_sizelimit = size;
   config.info.lo_flags = LO_FLAGS_AUTOCLEAR;

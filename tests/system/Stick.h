@@ -15,8 +15,9 @@ namespace systest {
 /// even if the test is killed.
 class LoopDevice {
  public:
-  /// A `size` of 0 means up to the end of the image.
-  LoopDevice(const std::string& image, std::uint64_t offset, std::uint64_t size, bool readOnly);
+  /// A `size` of 0 means up to the end of the image, a `sectorSize` of 0 means 512 bytes.
+  LoopDevice(const std::string& image, std::uint64_t offset, std::uint64_t size, bool readOnly,
+             std::uint32_t sectorSize = 0);
   LoopDevice(const LoopDevice&) = delete;
   LoopDevice& operator=(const LoopDevice&) = delete;
   ~LoopDevice();

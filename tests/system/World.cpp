@@ -28,21 +28,10 @@ std::string reasonForNoWorld() {
 }
 
 void clearWorld() {
-  std::ifstream mounts("/proc/mounts");
-  std::string line;
-  std::vector<std::string> targets;
-  while (std::getline(mounts, line)) {
-    std::istringstream fields(line);
-    std::string source;
-    std::string target;
-    fields >> source >> target;
-    if (target.rfind("/media/", 0) == 0) {
-      targets.push_back(target);
-    }
-  }
-  std::for_each(targets.rbegin(), targets.rend(),
-                [](const std::string& target) { umount2(target.c_str(), MNT_DETACH); });
   for (const auto& entry : fs::directory_iterator("/media")) {
+    // With all that is mounted below it.
+    while (umount2(entry.path().c_str(), MNT_DETACH | UMOUNT_NOFOLLOW) == 0) {
+    }
     fs::remove_all(entry.path());
   }
   for (const auto& entry : fs::directory_iterator("/dev")) {
