@@ -221,6 +221,19 @@ TEST_F(Doctor, LooksForEachToolInThePath) {
   EXPECT_THAT(findings, Contains(IsFor("udevadm", State::ok, HasSubstr("not in the PATH"))));
 }
 
+TEST_F(Doctor, FindsToolsThatAreRunWithoutTheirWrappers) {
+  machine.path = {"/opt/lib/dockhand/tools", "/usr/bin"};
+  makeProgram("/usr/bin/fdisk");
+  EXPECT_THAT(checkWrappers(machine),
+              ElementsAre(Is(State::warning, HasSubstr("before /usr/bin/fdisk, so"))));
+  makeProgram("/usr/bin/dd");
+  EXPECT_THAT(checkWrappers(machine),
+              ElementsAre(Is(State::warning, HasSubstr("/usr/bin/dd, /usr/bin/fdisk"))));
+  makeProgram("/opt/lib/dockhand/tools/dd");
+  makeProgram("/opt/lib/dockhand/tools/fdisk");
+  EXPECT_THAT(checkWrappers(machine), ElementsAre(Is(State::ok, HasSubstr("stand before"))));
+}
+
 TEST_F(Doctor, TriesTheDaemonsFdiskCommandOnAFile) {
   makeProgram("/usr/sbin/fdisk");
   machine.run = [](const std::vector<std::string>& command) {
@@ -324,6 +337,14 @@ TEST_F(DoctorOnKernels, SaysWhatItCannotTell) {
   EXPECT_THAT(fileSystem("ntfs"), Is(State::warning, HasSubstr("cannot tell")));
   EXPECT_THAT(fileSystem("hfsplus"), Is(State::warning, HasSubstr("cannot tell")));
   EXPECT_THAT(fileSystem("xfs"), Is(State::warning, HasSubstr("cannot tell")));
+}
+
+TEST_F(DoctorOnKernels, LooksForTheTablesOfLargeDisks) {
+  EXPECT_THAT(checkPartitionTables(machine), ElementsAre(Is(State::warning, HasSubstr("cannot tell"))));
+  configure("# CONFIG_EFI_PARTITION is not set\n");
+  EXPECT_THAT(checkPartitionTables(machine), ElementsAre(Is(State::warning, HasSubstr("no GPT"))));
+  configure("CONFIG_EFI_PARTITION=y\n");
+  EXPECT_THAT(checkPartitionTables(machine), ElementsAre(Is(State::ok, HasSubstr("above 2 TiB"))));
 }
 
 TEST_F(DoctorOnKernels, ReadsTheConfigurationThatTheKernelHasInItself) {

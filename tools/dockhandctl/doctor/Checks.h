@@ -29,11 +29,13 @@ Findings checkSocketDirectory(const Machine& machine);
 // Tools.
 Findings checkPath(const Machine& machine);
 Findings checkTools(const Machine& machine);
+Findings checkWrappers(const Machine& machine);
 Findings checkPartitioning(const Machine& machine);
 Findings checkFormatting(const Machine& machine);
 
 // Kernel.
 Findings checkFileSystems(const Machine& machine);
+Findings checkPartitionTables(const Machine& machine);
 Findings checkMountTable(const Machine& machine);
 Findings checkProtectedFiles(const Machine& machine);
 

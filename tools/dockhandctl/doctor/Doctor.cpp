@@ -27,9 +27,10 @@ const char* textOf(State state) {
 
 Findings checkEverything(const Machine& machine) {
   Findings all;
-  for (const auto check : {checkSocket, checkSocketMode, checkSocketDirectory, checkMedia, checkPath,
-                           checkTools, checkPartitioning, checkFormatting, checkFileSystems, checkUdevRules,
-                           checkNodes, checkMountTable, checkTmp, checkLogFile, checkProtectedFiles}) {
+  for (const auto check :
+       {checkSocket, checkSocketMode, checkSocketDirectory, checkMedia, checkPath, checkTools, checkWrappers,
+        checkPartitioning, checkFormatting, checkFileSystems, checkPartitionTables, checkUdevRules,
+        checkNodes, checkMountTable, checkTmp, checkLogFile, checkProtectedFiles}) {
     const Findings findings = check(machine);
     all.insert(all.end(), findings.begin(), findings.end());
   }

@@ -175,6 +175,21 @@ Findings checkFileSystems(const Machine& machine) {
           checkHfsplus(machine, configuration), checkXfs(machine, configuration)};
 }
 
+Findings checkPartitionTables(const Machine& machine) {
+  const KernelConfiguration configuration(machine);
+  if (configuration.has("EFI_PARTITION")) {
+    return {{"gpt", State::ok, "the kernel reads the partition tables of disks above 2 TiB", ""}};
+  }
+  if (configuration.known()) {
+    return {{"gpt", State::warning,
+             "the kernel reads no GPT: disks above 2 TiB cannot be prepared for recording",
+             "build the kernel with CONFIG_EFI_PARTITION"}};
+  }
+  return {{"gpt", State::warning, "cannot tell whether the kernel reads a GPT, which disks above 2 TiB have",
+           "make the kernel's configuration readable: CONFIG_IKCONFIG_PROC, or /boot/config-" +
+               machine.kernelRelease}};
+}
+
 Findings checkProtectedFiles(const Machine& machine) {
   const std::string check = "protected-files";
   std::string off;

@@ -24,7 +24,11 @@ constexpr Tool tools[] = {{"umount", "preparing and repairing a disk that is mou
                           {"udevadm", "looking into udev", true}};
 
 const char* const wrapperFirst =
-    "put the folder of Dockhand's own tools (integration/tools) first in the daemon's PATH";
+    "put the folder of Dockhand's own tools (lib/dockhand/tools) first in the daemon's PATH";
+
+// Where they are installed, whatever the prefix is.
+const char* const wrapperFolder = "/dockhand/tools/";
+constexpr const char* wrappers[] = {"dd", "fdisk", "logger", "mkfs.xfs", "umount"};
 
 std::string firstLine(const std::string& text) {
   return text.substr(0, text.find('\n'));
@@ -69,6 +73,25 @@ Findings checkTools(const Machine& machine) {
   return findings;
 }
 
+Findings checkWrappers(const Machine& machine) {
+  std::string bare;
+  for (const std::string name : wrappers) {
+    const std::string found = machine.find(name);
+    if (!found.empty() && found.find(wrapperFolder + name) == std::string::npos) {
+      bare += (bare.empty() ? "" : ", ") + found;
+    }
+  }
+  if (!bare.empty()) {
+    return {{"wrappers", State::warning,
+             "nothing of Dockhand's stands before " + bare +
+                 ", so that a disk may be wiped while it is in use, prepared wrongly, or write to the log "
+                 "what it "
+                 "likes",
+             wrapperFirst}};
+  }
+  return {{"wrappers", State::ok, "Dockhand's own tools stand before the system's", ""}};
+}
+
 Findings checkPartitioning(const Machine& machine) {
   const std::string check = "partitioning";
   const std::string fdisk = machine.find("fdisk");
@@ -111,7 +134,7 @@ Findings checkFormatting(const Machine& machine) {
   }
   return {{check, State::problem,
            mkfs + " refuses the daemon's options (-l lazy-count=0): " + firstLine(result.output),
-           std::string(wrapperFirst) + ", or install an xfsprogs older than 5"}};
+           std::string(wrapperFirst) + ", or install an xfsprogs older than 3.2.3"}};
 }
 
 }  // namespace dockhandctl::doctor
