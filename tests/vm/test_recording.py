@@ -1,6 +1,7 @@
 """Preparing and repairing recording disks, while the kernel and udev tell of every partition that changes."""
 
 import os
+import re
 
 import daemon
 import disks
@@ -8,11 +9,15 @@ import disks
 DISK_BYTES = 400 * disks.MIB
 
 
-class RecordingDisks(daemon.DaemonTestCase):
+class RecordingTestCase(daemon.DaemonTestCase):
+    """With a daemon, an observer, and a stick that is plugged in."""
+
+    disk_bytes = DISK_BYTES
+
     def setUp(self):
         super().setUp()
         self.image = disks.make_partitioned(self.folder, ["vfat"], "MOVIES")
-        os.truncate(self.image, DISK_BYTES)
+        os.truncate(self.image, self.disk_bytes)
         self.start_daemon()
         self.watch()
         self.stick = self.machine.plug(self.image)
@@ -26,6 +31,8 @@ class RecordingDisks(daemon.DaemonTestCase):
         self.assert_ctl(0, "open", 1, "--pvr")
         self.assert_mounted("/media/disk_1", "xfs", "rw", "prjquota")
 
+
+class RecordingDisks(RecordingTestCase):
     def test_a_disk_becomes_a_recording_disk_without_being_announced_anew(self):
         self.prepare()
         self.finish_announcements()
@@ -72,3 +79,29 @@ class RecordingDisks(daemon.DaemonTestCase):
         self.open_for_recording()
         self.assertEqual(self.machine.get("/media/disk_1/recording.ts"), b"film")
         self.assertEqual(self.names_of_files(1, "ts"), ["recording.ts"])
+
+
+class LargeDisks(RecordingTestCase):
+    disk_bytes = 4 << 40
+
+    def test_a_disk_of_four_tebibytes_is_a_recording_disk_to_its_end(self):
+        self.prepare()
+        self.finish_announcements()
+        self.assertEqual(self.machine.check(["blkid", "-p", "-o", "value", "-s", "PTTYPE", "/dev/sda"]), "gpt\n")
+        sectors = int(self.machine.get("/sys/block/sda/sda1/size"))
+        self.assertGreater(sectors, self.disk_bytes // 512 - 2 * 2048 - 1)
+
+        self.open_for_recording()
+        film = "/media/disk_1/recording.ts"
+        self.machine.check(["fallocate", "-l", str(3 << 40), film])
+        # Of the part that comes last on the disk: where it begins in the file and in the partition, in sectors.
+        parts = re.findall(r"^\s+\d+: \[(\d+)\.\.\d+\]: (\d+)\.\.", self.machine.check(["xfs_bmap", film]), re.M)
+        begin, place = max(((int(begin), int(place)) for begin, place in parts), key=lambda part: part[1])
+        self.assertGreater(place, 1 << 32)
+        self.machine.check(f"yes recorded | dd of={film} bs=512 count=8 seek={begin} conv=notrunc,fsync")
+        self.assert_ctl(0, "close", 1)
+        with open(self.image, "rb") as image:
+            image.seek((2048 + place) * 512)
+            self.assertEqual(image.read(9), b"recorded\n")
+        self.open_for_recording()
+        self.assertEqual(self.machine.check(f"dd if={film} bs=512 count=8 skip={begin} | head -n 1"), "recorded\n")
