@@ -202,7 +202,8 @@ service usb_rpc_gen_ extends common_service_rpc_gen_ {
   /**
    * The names (not paths) in one directory of a mounted device that end in an extension, in the directory's order.
    * Directories whose name matches are among them. An unreadable directory gives an empty list. For a device
-   * that is unknown or not mounted the directory is looked up from the root of the file system.
+   * that is unknown or not mounted the directory is looked up from the root of the file system. No more than 4,194,304
+   * entries and 64 MiB of names are read of one directory, matching or not; the log says when something is left out.
    */
   list<string> GetFilesByExtension(
     /** Device number. */

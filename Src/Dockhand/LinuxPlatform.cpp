@@ -7,10 +7,24 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "ModuleLog.h"
 
 namespace Dockhand {
 
 namespace {
+
+/// What opendir gives out, under the name of the C library's type: nobody but readdir and closedir looks into
+/// it.
+struct CountedDirectory {
+  DIR* directory = nullptr;
+  std::string path;
+  std::size_t entries = 0;
+  std::size_t nameBytes = 0;
+  bool hasEnded = false;
+};
 
 /// True, with errno set, for a text that the kernel would cut short and so take for another path.
 bool namesNoFile(const std::string& path) {
@@ -57,15 +71,45 @@ int LinuxPlatform::scandir(const std::string& path, dirent*** entries, int (*fil
 }
 
 DIR* LinuxPlatform::opendir(const std::string& path) {
-  return namesNoFile(path) ? nullptr : ::opendir(path.c_str());
+  if (namesNoFile(path)) {
+    return nullptr;
+  }
+  auto opened = std::make_unique<CountedDirectory>();
+  opened->path = path;
+  opened->directory = ::opendir(path.c_str());
+  if (opened->directory == nullptr) {
+    const int error = errno;
+    opened.reset();
+    errno = error;
+    return nullptr;
+  }
+  return reinterpret_cast<DIR*>(opened.release());
 }
 
 dirent* LinuxPlatform::readdir(DIR* directory) {
-  return ::readdir(directory);
+  CountedDirectory& counted = *reinterpret_cast<CountedDirectory*>(directory);
+  dirent* const entry = counted.hasEnded ? nullptr : ::readdir(counted.directory);
+  if (entry == nullptr) {
+    return nullptr;
+  }
+  const std::size_t length = std::strlen(entry->d_name);
+  if (counted.entries < directoryLimits_.entries &&
+      counted.nameBytes + length <= directoryLimits_.nameBytes) {
+    ++counted.entries;
+    counted.nameBytes += length;
+    return entry;
+  }
+  counted.hasEnded = true;
+  const int error = errno;
+  usbClientLog.write(5, 1410, "readdir(", counted.path, ") ended after ", counted.entries, " entries, with ",
+                     counted.nameBytes, " bytes of names: the rest is left out");
+  errno = error;
+  return nullptr;
 }
 
 int LinuxPlatform::closedir(DIR* directory) {
-  return ::closedir(directory);
+  const std::unique_ptr<CountedDirectory> counted(reinterpret_cast<CountedDirectory*>(directory));
+  return ::closedir(counted->directory);
 }
 
 int LinuxPlatform::open(const std::string& path, int flags) {

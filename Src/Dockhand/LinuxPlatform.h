@@ -1,13 +1,26 @@
 #ifndef DOCKHAND_LINUXPLATFORM_H
 #define DOCKHAND_LINUXPLATFORM_H
 
+#include <cstddef>
+
 #include "Platform.h"
 
 namespace Dockhand {
 
-/// The real system.
+/// How much is read of one directory. A file system of a few blocks may name hundreds of millions of files by
+/// giving one block of a directory over and over, and the answer to a caller has to fit into the memory.
+struct DirectoryLimits {
+  std::size_t entries = std::size_t{4} << 20;
+  /// Bytes of all names together, without their ends.
+  std::size_t nameBytes = std::size_t{64} << 20;
+};
+
+/// The real system, except that a directory ends where it reaches one of the limits. readdir then writes a
+/// line to the log of the handler, and leaves errno alone as at any other end.
 class LinuxPlatform : public Platform {
  public:
+  explicit LinuxPlatform(const DirectoryLimits& directoryLimits = {}) : directoryLimits_(directoryLimits) {}
+
   int mount(const std::string& source, const std::string& target, const char* fileSystemType,
             unsigned long flags, const char* options) override;
   int umount(const std::string& target) override;
@@ -31,6 +44,9 @@ class LinuxPlatform : public Platform {
   int blkid_probe_lookup_value(blkid_probe probe, const char* name, const char** value) override;
   void blkid_free_probe(blkid_probe probe) override;
   blkid_loff_t blkid_get_dev_size(int descriptor) override;
+
+ private:
+  const DirectoryLimits directoryLimits_;
 };
 
 }  // namespace Dockhand

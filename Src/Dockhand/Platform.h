@@ -50,9 +50,11 @@ class Platform {
   /// and each of its elements come from malloc and belong to the caller.
   virtual int scandir(const std::string& path, dirent*** entries, int (*filter)(const dirent*),
                       int (*compare)(const dirent**, const dirent**)) = 0;
-  /// Null with errno when the directory cannot be opened. Close what comes back with closedir.
+  /// Null with errno when the directory cannot be opened. What comes back is for readdir and closedir of the
+  /// same platform alone, and closedir frees it.
   virtual DIR* opendir(const std::string& path) = 0;
-  /// Null at the end, and on failure. The entry is valid until the next readdir or closedir of `directory`.
+  /// Null at the end, and on failure. A platform may end a directory that is too large. The entry is valid
+  /// until the next readdir or closedir of `directory`.
   virtual dirent* readdir(DIR* directory) = 0;
   virtual int closedir(DIR* directory) = 0;
 

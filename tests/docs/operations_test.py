@@ -12,6 +12,7 @@ LABELS = ['Arguments', 'Answer', 'Errors', 'Lock', 'Waits for', 'Log']
 SECTION_OF_ROUTINE = {
     'insertDevice': 'CheckForAndUpdateNewDevices',
     'clearAutomounts': 'OpenDeviceAt',
+    'readdir': 'GetFilesByExtension',
     'replayJournal': 'RunDiskRepair',
     'repair': 'RunDiskRepair',
     'prepareDisk': 'PrepareDeviceForPvr',

@@ -7,6 +7,8 @@
 #include <thrift/transport/TTransportException.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -194,6 +196,117 @@ TEST_F(DamagedDisksTest, Ext3IsOpenedOrRefusedAndTheDaemonKeepsServing) {
   writeFile(stick.node(), sound);
   ASSERT_TRUE(client->OpenDevice(1));
   EXPECT_EQ(readFile("/media/disk_1/song.mp3"), "la la la");
+}
+
+/// Makes the root directory of an ext3 disk one of 4 GiB, of which each block is the same one on the disk.
+/// That holds one name as often as it fits.
+void nameOneBlockOverAndOver(const std::string& node, const std::string& name) {
+  constexpr std::uint64_t blockSize = 4096;
+  constexpr std::uint64_t superblock = 1024;
+  constexpr std::uint32_t rootInode = 2;
+  std::fstream disk(node, std::ios::in | std::ios::out | std::ios::binary);
+  disk.exceptions(std::ios::failbit | std::ios::badbit);
+  const auto number = [&disk](std::uint64_t at, std::size_t bytes) {
+    std::string text(bytes, '\0');
+    disk.seekg(static_cast<std::streamoff>(at));
+    disk.read(text.data(), static_cast<std::streamsize>(bytes));
+    std::uint32_t value = 0;
+    for (std::size_t i = bytes; i-- > 0;) {
+      value = value << 8 | static_cast<std::uint8_t>(text[i]);
+    }
+    return value;
+  };
+  const auto append = [](std::string& text, std::uint32_t value, std::size_t bytes) {
+    for (; bytes-- > 0; value >>= 8) {
+      text += static_cast<char>(value);
+    }
+  };
+  const auto put = [&disk](std::uint64_t at, const std::string& text) {
+    disk.seekp(static_cast<std::streamoff>(at));
+    disk.write(text.data(), static_cast<std::streamsize>(text.size()));
+  };
+  const auto blockOf = [&](std::uint32_t value) {
+    std::string block;
+    while (block.size() < blockSize) {
+      append(block, value, 4);
+    }
+    return block;
+  };
+
+  const std::uint32_t blocks = number(superblock + 4, 4);
+  const std::uint32_t bitmap = number(blockSize, 4);
+  const std::uint64_t inode =
+      number(blockSize + 8, 4) * blockSize + (rootInode - 1) * number(superblock + 88, 2);
+  // Two blocks that nothing is in, for the numbers of blocks.
+  const std::uint32_t single = blocks - 1;
+  const std::uint32_t twofold = blocks - 2;
+  if (number(superblock + 24, 4) != 2 || blocks % 8 != 0 ||
+      (number(bitmap * blockSize + blocks / 8 - 1, 1) & 0xC0U) != 0) {
+    throw std::runtime_error(node + " is not as it was to be made");
+  }
+  const std::uint32_t directory = number(inode + 40, 4);
+  put(single * blockSize, blockOf(directory));
+  put(twofold * blockSize, blockOf(single));
+  std::string numbers;
+  for (int i = 0; i < 12; ++i) {
+    append(numbers, directory, 4);
+  }
+  append(numbers, single, 4);
+  append(numbers, twofold, 4);
+  put(inode + 40, numbers);
+  std::string size;
+  append(size, 0xFFFFF000, 4);
+  put(inode + 4, size);
+
+  const std::size_t length = (8 + name.size() + 3) / 4 * 4;
+  const std::size_t entries = blockSize / length;
+  std::string names;
+  for (std::size_t i = 0; i < entries; ++i) {
+    append(names, rootInode, 4);
+    append(names, static_cast<std::uint32_t>(i + 1 < entries ? length : blockSize - names.size() + 4), 2);
+    append(names, static_cast<std::uint32_t>(name.size()), 2);
+    names += name;
+    names.resize((i + 1) * length);
+  }
+  names.resize(blockSize);
+  put(directory * blockSize, names);
+}
+
+class DirectoryBombTest : public SystemTest {
+ protected:
+  static StickOptions smallDisk() {
+    StickOptions options;
+    options.bytes = std::uint64_t{8} << 20;
+    options.mkfs = {"mkfs.ext3", "-q", "-F", "-b", "4096"};
+    return options;
+  }
+};
+
+TEST_F(DirectoryBombTest, EndsAfterSoManyNamesWhateverIsLookedFor) {
+  const Stick stick(smallDisk());
+  nameOneBlockOverAndOver(stick.node(), "a.mp3");
+  const Daemon daemon;
+  UsbClient client;
+  ASSERT_TRUE(client->OpenDevice(1));
+  EXPECT_THAT(client.files(1, "", "ogg"), IsEmpty());
+  EXPECT_THAT(daemon.log(), testing::HasSubstr("readdir(/media/disk_1/) ended after 4194304 entries, with "
+                                               "20971520 bytes of names: the rest is left out"));
+  EXPECT_TRUE(client->CloseDevice(1));
+}
+
+TEST_F(DirectoryBombTest, EndsAfterSoManyBytesOfNames) {
+  const Stick stick(smallDisk());
+  const std::string name = std::string(251, 'n') + ".mp3";
+  nameOneBlockOverAndOver(stick.node(), name);
+  const Daemon daemon;
+  UsbClient client;
+  ASSERT_TRUE(client->OpenDevice(1));
+  constexpr std::size_t fitting = (std::size_t{64} << 20) / 255;
+  const std::vector<std::string> files = client.files(1, "", "mp3");
+  EXPECT_EQ(files.size(), fitting);
+  EXPECT_EQ(std::count(files.begin(), files.end(), name), static_cast<std::ptrdiff_t>(fitting));
+  EXPECT_THAT(daemon.log(), testing::HasSubstr(") ended after " + std::to_string(fitting) + " entries, "));
+  EXPECT_TRUE(client->CloseDevice(1));
 }
 
 // libblkid runs inside the daemon, so a fault in it would crash the daemon like this.

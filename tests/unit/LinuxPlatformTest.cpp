@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdint>
@@ -20,9 +21,11 @@
 #include <vector>
 
 #include "LinuxPlatform.h"
+#include "ModuleLog.h"
 #include "Sleep.h"
 
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
 
@@ -119,6 +122,62 @@ TEST_F(LinuxPlatformTest, ReadsADirectoryEntryByEntry) {
   EXPECT_EQ(platform_.closedir(opened), 0);
   EXPECT_THAT(names, UnorderedElementsAre(".", "..", "one", "two"));
   EXPECT_EQ(errorOf([this] { return platform_.opendir(path("none")) == nullptr; }), ENOENT);
+}
+
+TEST_F(LinuxPlatformTest, EndsADirectoryThatHasTooManyNamesAndSaysSoOnce) {
+  struct Case {
+    std::size_t entries;
+    std::size_t nameBytes;
+    std::size_t read;
+    const char* ending;
+  };
+  // "." and ".." are names too: 5 of them, of 11 bytes.
+  for (const std::string name : {"one", "two", "abc"}) {
+    makeFile(name);
+  }
+  // At the usual level, whatever the environment says.
+  TlogContext* const context = Dockhand::usbClientLog.context;
+  const std::int32_t threshold = context->threshold();
+  context->setThreshold(3);
+  for (const Case& limited : {Case{5, 12, 5, nullptr}, Case{4, 12, 4, ") ended after 4 entries, with "},
+                              Case{5, 11, 4, ") ended after 4 entries, with "},
+                              Case{0, 12, 0, ") ended after 0 entries, with 0 "}}) {
+    Dockhand::LinuxPlatform platform({limited.entries, limited.nameBytes});
+    DIR* const opened = platform.opendir(directory_);
+    ASSERT_NE(opened, nullptr);
+    ::testing::internal::CaptureStderr();
+    errno = EXDEV;
+    std::size_t read = 0;
+    while (platform.readdir(opened) != nullptr) {
+      ++read;
+    }
+    // It stays at its end.
+    EXPECT_EQ(platform.readdir(opened), nullptr);
+    EXPECT_EQ(errno, EXDEV);
+    const std::string log = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(read, limited.read);
+    if (limited.ending == nullptr) {
+      EXPECT_EQ(log, "");
+    } else {
+      EXPECT_THAT(log, HasSubstr("readdir(" + directory_ + limited.ending));
+      EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1) << log;
+    }
+    EXPECT_EQ(platform.closedir(opened), 0);
+  }
+  context->setThreshold(threshold);
+}
+
+TEST_F(LinuxPlatformTest, CountsEachDirectoryByItself) {
+  makeFile("one");
+  Dockhand::LinuxPlatform platform({3, 6});
+  DIR* const first = platform.opendir(directory_);
+  DIR* const second = platform.opendir(directory_);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_NE(platform.readdir(first), nullptr);
+    EXPECT_NE(platform.readdir(second), nullptr);
+  }
+  EXPECT_EQ(platform.closedir(first), 0);
+  EXPECT_EQ(platform.closedir(second), 0);
 }
 
 TEST_F(LinuxPlatformTest, ReadsAFileToItsEnd) {
