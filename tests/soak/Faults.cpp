@@ -19,8 +19,8 @@ std::uint64_t draw(std::uint64_t seed, const std::string& text) {
   return number ^ (number >> 31);
 }
 
-/// The names of calls of which only one sometimes fails. Without the special lists, calls that only one
-/// operation makes would almost never be that one.
+/// Sometimes all calls of one name fail, and no others: these are the names to choose from. Without the short
+/// lists, a name that only one operation uses would almost never be chosen for that operation.
 const std::vector<std::string>& namesIn(const std::string& operation) {
   static const std::vector<std::string> inRepair = {"mkdir", "mount", "umount", "rmdir", "system"};
   static const std::vector<std::string> inCapacity = {"open", "dev_size"};
