@@ -6,6 +6,7 @@
 
 #include "Commands.h"
 #include "CtlTest.h"
+#include "LinuxPlatform.h"
 
 namespace ctltest {
 namespace {
@@ -201,7 +202,7 @@ TEST_F(Reading, WarnsWhenTheDaemonMayNotHaveReadADirectoryToItsEnd) {
   platform().directories[stick + "/music"] = {"a.mp3"};
   // "." and ".." count: 5 entries with 14 bytes.
   for (const auto& [bounds, mayBeCut] : std::vector<std::pair<dockhandctl::DirectoryBounds, bool>>{
-           {{5, 1000}, true}, {{6, 1000}, false}, {{1000, 14}, true}, {{1000, 15}, false}, {{}, false}}) {
+           {{4, 1000}, true}, {{5, 1000}, false}, {{1000, 13}, true}, {{1000, 14}, false}, {{}, false}}) {
     dockhandctl::Settings settings;
     settings.json = true;
     settings.directoryBounds = bounds;
@@ -216,6 +217,11 @@ TEST_F(Reading, WarnsWhenTheDaemonMayNotHaveReadADirectoryToItsEnd) {
                   "/music\" has more names than dockhand reads of one directory; put the files into several\n"
             : "");
   }
+}
+
+TEST_F(Reading, KnowsHowMuchTheDaemonReadsOfADirectory) {
+  EXPECT_EQ(dockhandctl::DirectoryBounds().entries, Dockhand::DirectoryLimits().entries);
+  EXPECT_EQ(dockhandctl::DirectoryBounds().nameBytes, Dockhand::DirectoryLimits().nameBytes);
 }
 
 TEST_F(Reading, ListsNoFilesOfADeviceThatIsNotOpen) {

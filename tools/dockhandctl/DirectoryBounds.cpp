@@ -8,7 +8,7 @@
 
 namespace dockhandctl {
 
-std::optional<bool> reaches(const std::string& directory, const DirectoryBounds& bounds) {
+std::optional<bool> exceeds(const std::string& directory, const DirectoryBounds& bounds) {
   const auto close = [](DIR* stream) { ::closedir(stream); };
   const std::unique_ptr<DIR, decltype(close)> stream(::opendir(directory.c_str()), close);
   if (stream == nullptr) {
@@ -20,7 +20,7 @@ std::optional<bool> reaches(const std::string& directory, const DirectoryBounds&
   while (const dirent* const entry = ::readdir(stream.get())) {
     ++entries;
     nameBytes += std::strlen(entry->d_name);
-    if (entries >= bounds.entries || nameBytes >= bounds.nameBytes) {
+    if (entries > bounds.entries || nameBytes > bounds.nameBytes) {
       return true;
     }
   }

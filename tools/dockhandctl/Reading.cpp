@@ -222,7 +222,7 @@ int files(const Settings& settings, std::int16_t device, const std::string& dire
     complain(nameOf(device) + ": it is not open, so its files cannot be listed");
     return answerIsNo;
   }
-  const std::optional<bool> mayBeCut = reaches(path, settings.directoryBounds);
+  const std::optional<bool> mayBeCut = exceeds(path, settings.directoryBounds);
   if (settings.json) {
     std::cout << toText({{"device", device},
                          {"directory", directory},
