@@ -48,15 +48,15 @@ bool Disk::measure() {
   return true;
 }
 
-bool Disk::wipe(std::uint64_t offset, std::uint64_t bytes) const {
+bool Disk::wipe(std::uint64_t offset, std::size_t bytes) const {
   const std::vector<char> zeros(bytes);
-  for (std::uint64_t done = 0; done < bytes;) {
+  for (std::size_t done = 0; done < bytes;) {
     const ssize_t count = pwrite(file_, zeros.data(), bytes - done, static_cast<off_t>(offset + done));
     if (count <= 0) {
       complainOfErrno(tool_, path_ + ": cannot write");
       return false;
     }
-    done += static_cast<std::uint64_t>(count);
+    done += static_cast<std::size_t>(count);
   }
   return true;
 }

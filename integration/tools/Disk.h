@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -27,7 +28,7 @@ class Disk {
   std::uint32_t sectorSize() const { return sectorSize_; }
 
   /// Writes zeros; false after a failure and a complaint.
-  bool wipe(std::uint64_t offset, std::uint64_t bytes) const;
+  bool wipe(std::uint64_t offset, std::size_t bytes) const;
   /// Waits until all that was written is on the disk; false after a failure and a complaint.
   bool flush() const;
   /// False after a failure and a complaint.

@@ -30,7 +30,7 @@ int wipe(const std::string& path) {
     image::complain(tool, path + " is not a block device");
     return image::failed;
   }
-  const std::uint64_t bytes = std::min(disk.size(), most);
+  const auto bytes = static_cast<std::size_t>(std::min(disk.size(), most));
   return disk.wipe(0, bytes) && disk.wipe(disk.size() - bytes, bytes) && disk.flush() ? 0 : image::failed;
 }
 
