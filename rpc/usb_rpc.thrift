@@ -103,7 +103,8 @@ service usb_rpc_gen_ extends common_service_rpc_gen_ {
      * Absolute path of the directory, as the mount table will have it: closing looks for this very text in the first
      * 1024 bytes of /proc/mounts, with each blank written \040. A path with a link, a double slash, "." or "..", a
      * slash at the end, a tab, a newline or a backslash is mounted, but not found there: closing then answers true
-     * and the device stays mounted.
+     * and the device stays mounted. Where the daemon has a mount namespace of its own, a directory that is neither
+     * below /media nor one of DOCKHAND_SHARED is mounted for the daemon alone.
      */
     2: string mountPoint,
     /** True hides the device from GetListOfInsertedDevices(false) from now on, also when the opening fails. */

@@ -100,7 +100,7 @@ class Unit(daemon.DaemonTestCase):
         self.assertEqual([mount[1] for mount in self.mounts(1)], ["/media/disk_1"])
         self.assertEqual(self.mounts(daemon_pid), self.mounts(1))
         # docs/SECURITY.md counts on this.
-        self.assertLess(len(self.machine.get(f"/proc/{daemon_pid}/mounts")), 700)
+        self.assertLess(len(self.machine.get(f"/proc/{daemon_pid}/mounts")), 560)
         self.machine.put("/media/disk_1/song.mp3", b"la la la")
         self.assertEqual(self.names_of_files(1, "mp3"), ["song.mp3"])
 
