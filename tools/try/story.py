@@ -23,8 +23,7 @@ import subprocess
 import time
 
 BUILD = os.path.abspath(sys.argv[1])
-IMAGE_TOOLS = os.path.join(os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__)))),
-                           'integration', 'tools')
+IMAGE_TOOLS = os.path.join(BUILD, 'image-tools')
 sys.path.insert(0, os.path.join(BUILD, 'rpc', 'gen-py'))
 
 from observer import Observer
