@@ -253,7 +253,8 @@ service usb_rpc_gen_ extends common_service_rpc_gen_ {
    * False for an unknown device: plug events are then ignored until a preparation of a known one ends. False when
    * fdisk or mkfs.xfs fails, and when dd, fdisk or mkfs.xfs is not run because somebody else has the log file,
    * /tmp/Dockhand.log. No step runs after the failed one, and nothing is undone: unless dd was not run, the old
-   * contents are lost.
+   * contents are lost. Also false for a disk that is still in use after the unmounting, for instance mounted in another
+   * mount namespace: the wrappers of dd and fdisk refuse it, and its contents stay.
    */
   bool PrepareDeviceForPvr(
     /** Device number. */

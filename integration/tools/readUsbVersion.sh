@@ -13,10 +13,11 @@ if [ $# -ne 1 ] || [ -z "$1" ]; then
   exit 2
 fi
 
-folder=$(readlink -f "${SYSFS:-/sys}/block/$1/device") && [ -d "$folder" ] || {
+folder=$(readlink -f "${SYSFS:-/sys}/block/$1/device")
+if [ ! -d "$folder" ]; then
   echo "readUsbVersion.sh: $1: no such disk" >&2
   exit 1
-}
+fi
 while [ -n "$folder" ] && [ ! -e "$folder/idVendor" ]; do
   folder=${folder%/*}
 done
