@@ -25,7 +25,6 @@ using apache::thrift::transport::TTransportException;
 namespace ravel::rpc {
 namespace {
 
-constexpr int backlog = 128;
 constexpr int shortagePauseMilliseconds = 100;
 
 }  // namespace
@@ -179,7 +178,8 @@ void TUnixServerSocket::bindAndListen() {
   if (::chmod(path_.c_str(), 0660) != 0) {
     fail("chmod", errno);
   }
-  if (::listen(listening_.get(), backlog) != 0) {
+  // As many as the kernel lets wait: a server accepts no more than it can hold.
+  if (::listen(listening_.get(), SOMAXCONN) != 0) {
     fail("listen", errno);
   }
 }

@@ -26,8 +26,9 @@ namespace ravel::rpc {
 /// to go through them.
 class TUnixServerSocket : public apache::thrift::transport::TServerTransport {
  public:
-  /// Listens on the socket of service `number`: clients can connect from now on (128 of them wait at most)
-  /// and are served once accept() is called.
+  /// Listens on the socket of service `number`: clients can connect from now on and are served once accept()
+  /// is called. As many wait for that as the kernel allows (SOMAXCONN, which is 4096 since Linux 5.4, and the
+  /// setting net.core.somaxconn); the connect of the next one waits for room.
   ///
   /// Makes the directory (mode 0755) where it is missing, and the socket with mode 0660, both whatever the
   /// umask is. A socket left behind by a process that has ended is replaced.

@@ -1,11 +1,14 @@
 #ifndef RAVELRPC_THRIFT_SERVER_H
 #define RAVELRPC_THRIFT_SERVER_H
 
+#include <sys/resource.h>
 #include <thrift/concurrency/Thread.h>
 #include <thrift/concurrency/ThreadManager.h>
 #include <thrift/server/TThreadPoolServer.h>
 
+#include <algorithm>
 #include <boost/shared_ptr.hpp>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -28,9 +31,29 @@ inline void keepThreadManager(
   kept.push_back(threadManager);
 }
 
+/// How many connections a server with this many workers holds at a time, from the process's limit of
+/// descriptors (RLIMIT_NOFILE) as it is now: what that leaves after a reserve of 64, at most 256, and at
+/// least one for each worker.
+///
+/// The reserve keeps clients that only connect from taking the descriptors with which the handler answers the
+/// others. Standard streams, log, listener and its lock need 8 of it. Each of ten workers needs at most 5:
+/// the connection to another service, or a directory, a file and a disk's node with its entries in /sys. More
+/// than 256 would cost memory, about 3 KiB each, and help nobody: who waits, waits in the kernel as well.
+inline std::int64_t maxConnectionCount(int workers) {
+  constexpr rlim_t reserve = 64;
+  constexpr rlim_t most = 256;
+  rlimit descriptors{};
+  // Cannot fail; if it did, the limit would be 0, and the workers get their connections all the same.
+  static_cast<void>(::getrlimit(RLIMIT_NOFILE, &descriptors));
+  const rlim_t left = descriptors.rlim_cur > reserve ? descriptors.rlim_cur - reserve : 0;
+  return std::max<std::int64_t>(static_cast<std::int64_t>(std::min(left, most)), workers);
+}
+
 /// The server of a service: a thread that accepts connections, and `Workers` threads each of which serves one
-/// connection at a time, from its first call to its end. Connections beyond those wait until one ends. Binary
-/// protocol over buffered connections (see LimitedBinaryProtocol.h and LimitedBufferedTransport.h).
+/// connection at a time, from its first call to its end. Connections beyond those wait until one ends: in the
+/// thread manager's queue as long as there are no more than maxConnectionCount() in all, beyond that in the
+/// kernel, not accepted. Binary protocol over buffered connections (see LimitedBinaryProtocol.h and
+/// LimitedBufferedTransport.h).
 ///
 /// `If` and `Processor` are the service's generated classes, `Port` is the number of its socket and
 /// `ServerSocket` the class that listens on it, made from the number.
@@ -60,6 +83,8 @@ class thrift_server {
     threadManager->start();
     const auto server = std::make_shared<TThreadPoolServer>(processor, serverSocket, transportFactory,
                                                             protocolFactory, threadManager);
+    // The thread manager's queue has no limit, so the bound is where connections are accepted.
+    server->setConcurrentClientLimit(maxConnectionCount(Workers));
     thread = threadFactory->newThread(server);
   }
 

@@ -1,13 +1,17 @@
-// A daemon that has no descriptors left.
+// A daemon that has no descriptors left, and one that keeps some for its work.
 
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <thrift/TApplicationException.h>
 
+#include <fstream>
+#include <future>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "HostileTest.h"
+#include "IdleCrowd.h"
 #include "MediaService.h"
 #include "TUnixSocket.h"
 #include "TransportTestSupport.h"
@@ -93,6 +97,35 @@ TEST_F(DescriptorShortageTest, FailsWhatNeedsADescriptorAndNothingElse) {
   }));
   EXPECT_THAT(mediaService.callbacks(), testing::ElementsAre(testsupport::Callback{"added", -1, 7, 2}));
   expectSound(daemon);
+}
+
+TEST_F(DescriptorShortageTest, DoesNotComeOfFiveThousandIdleClients) {
+  std::optional<Daemon> daemon;
+  {
+    const DescriptorLimit few(256);
+    daemon.emplace();
+  }
+  const testsupport::MediaService mediaService;
+  std::ofstream(directory() / "song.mp3") << "la la la";
+  UsbClient held;
+  held->RegisterUsbAddedCallBack(7, 1);
+
+  IdleCrowd crowd;
+  // All but the reserve are taken, one of them by the client that was there before.
+  expectConnections(*daemon, 256 - 64);
+  EXPECT_THAT(held.devices(), IsEmpty());
+  EXPECT_THAT(held.files(1, directory(), "mp3"), testing::ElementsAre("song.mp3"));
+  held->NotifyUsbXriteAdded();
+  EXPECT_THAT(mediaService.callbacks(), testing::ElementsAre(testsupport::Callback{"added", -1, 7, 1}));
+  EXPECT_THAT(daemon->log(), Not(HasSubstr("failed")));
+  EXPECT_THAT(daemon->log(), Not(HasSubstr(shortage)));
+
+  auto late = std::async(std::launch::async, [] { return UsbClient()->IsDeviceOpen(1); });
+  crowd.leave();
+  EXPECT_FALSE(late.get());
+  // The client's, and the daemon's to the media service.
+  expectConnections(*daemon, 2);
+  expectSound(*daemon);
 }
 
 }  // namespace

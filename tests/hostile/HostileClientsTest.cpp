@@ -78,6 +78,8 @@ class HostileClientsTest : public HostileTest {
       badClients_.come(std::min(atOnce, count - gone));
       whileTheyAreThere();
       badClients_.leave();
+      // Until then some may not even be accepted.
+      UsbClient()->IsDeviceOpen(1);
       ASSERT_TRUE(eventually([&] { return descriptorsOf(daemon) <= descriptorsAtRest + goodConnections; }))
           << descriptorsOf(daemon) << " descriptors are left";
       afterwards();

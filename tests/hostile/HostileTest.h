@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <filesystem>
 #include <string>
 
 #include "Daemon.h"
@@ -22,6 +23,8 @@ class HostileTest : public testing::Test {
   HostileTest();
   ~HostileTest() override;
 
+  /// A folder that goes with the test.
+  const std::filesystem::path& directory() const { return sockets_.path(); }
   /// The path of a service's socket.
   std::string socketOf(int number) const;
 

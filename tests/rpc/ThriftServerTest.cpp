@@ -3,13 +3,18 @@
 #include <thrift/concurrency/Exception.h>
 #include <thrift/protocol/TBinaryProtocol.h>
 
+#include <algorithm>
 #include <atomic>
 #include <boost/make_shared.hpp>
 #include <boost/weak_ptr.hpp>
 #include <future>
+#include <optional>
 #include <stdexcept>
+#include <thread>
+#include <utility>
 
 #include "DeathTestStyle.h"
+#include "IdleCrowd.h"
 #include "TUnixSocket.h"
 #include "TransportTestSupport.h"
 #include "thrift_server.h"
@@ -160,6 +165,84 @@ TEST_F(ThriftServer, ServesTenConnectionsAtOnceAndTheEleventhWhenOneLeaves) {
   clients.pop_back();
   EXPECT_TRUE(eleventh.stub.recv_OpenDevice());
   EXPECT_EQ(entered, 11);
+}
+
+TEST_F(ThriftServer, ServesAConnectionToItsEndByOneWorker) {
+  pid_t worker = 0;
+  handler_->open = [&worker](std::int16_t) {
+    worker = gettid();
+    return true;
+  };
+  UsbServer server(handler_);
+  server.start();
+  std::vector<std::unique_ptr<Client>> clients;
+  std::vector<pid_t> workers;
+  for (int round = 0; round < 5; ++round) {
+    for (std::size_t number = 0; number < 10; ++number) {
+      if (round == 0) {
+        clients.push_back(std::make_unique<Client>());
+      }
+      EXPECT_TRUE(clients[number]->stub.OpenDevice(1));
+      if (round == 0) {
+        EXPECT_EQ(std::count(workers.begin(), workers.end(), worker), 0) << "another one has this worker";
+        workers.push_back(worker);
+      }
+      EXPECT_EQ(worker, workers[number]) << round;
+    }
+  }
+}
+
+TEST_F(ThriftServer, HoldsAsManyConnectionsAsLeaveAReserveOfDescriptors) {
+  for (const auto& [descriptors, connections] :
+       {std::pair{32, 10}, {64, 10}, {74, 10}, {75, 11}, {256, 192}, {320, 256}, {1024, 256}}) {
+    const DescriptorLimit limit(static_cast<rlim_t>(descriptors));
+    EXPECT_EQ(maxConnectionCount(10), connections) << descriptors;
+  }
+  const DescriptorLimit limit(100);
+  UsbServer server(handler_);
+  EXPECT_EQ(server.server().getConcurrentClientLimit(), 36);
+}
+
+TEST_F(ThriftServer, ServesThoseThatItDoesNotHoldOnceOthersLeave) {
+  std::optional<UsbServer> server;
+  {
+    const DescriptorLimit limit(75);
+    server.emplace(handler_);
+  }
+  server->start();
+  // Each ends its connection's task by an exception, which must not count as a connection for ever.
+  handler_->open = [](std::int16_t device) -> bool { throw device; };
+  for (int connection = 0; connection < 12; ++connection) {
+    Client unlucky;
+    EXPECT_THROW(unlucky.stub.OpenDevice(13), TTransportException);
+  }
+  handler_->open = [](std::int16_t) { return true; };
+
+  std::vector<std::unique_ptr<Client>> idle;
+  for (int number = 0; number < 20; ++number) {
+    idle.push_back(std::make_unique<Client>());
+  }
+  Client last;
+  last.stub.send_OpenDevice(1);
+  ASSERT_TRUE(eventually([&server] { return server->server().getConcurrentClientCount() == 11; }));
+  idle.clear();
+  EXPECT_TRUE(last.stub.recv_OpenDevice());
+  EXPECT_EQ(server->server().getConcurrentClientCountHWM(), 11);
+}
+
+TEST_F(ThriftServer, StopsWhileItHoldsAllTheConnectionsThatItMay) {
+  std::optional<UsbServer> server;
+  {
+    const DescriptorLimit limit(64);
+    server.emplace(handler_);
+  }
+  server->start();
+  std::vector<std::unique_ptr<Client>> idle;
+  for (int number = 0; number < 12; ++number) {
+    idle.push_back(std::make_unique<Client>());
+  }
+  ASSERT_TRUE(eventually([&server] { return server->server().getConcurrentClientCount() == 10; }));
+  server->stop();
 }
 
 TEST_F(ThriftServer, AnswersAnExceptionOfTheHandlerAndServesOn) {

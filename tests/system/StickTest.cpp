@@ -4,10 +4,13 @@
 #include <sys/stat.h>
 
 #include <fstream>
+#include <optional>
 
 #include "Daemon.h"
+#include "IdleCrowd.h"
 #include "Stick.h"
 #include "SystemTest.h"
+#include "TransportTestSupport.h"
 
 namespace systest {
 namespace {
@@ -66,6 +69,27 @@ TEST_F(StickTest, PartitionedStickIsOpenedUsedClosedAndOpenedAgain) {
   StickOptions options = holidayStick();
   options.partitioned = true;
   openUseAndClose(options);
+}
+
+TEST_F(StickTest, IsClosedAndOpenedBesideFiveThousandIdleClients) {
+  const Stick stick(holidayStick());
+  std::optional<Daemon> daemon;
+  {
+    const DescriptorLimit few(256);
+    daemon.emplace();
+  }
+  UsbClient client;
+  ASSERT_TRUE(client->OpenDevice(1));
+  const IdleCrowd crowd;
+  // Until the daemon has accepted as many as it will: 192, beside six descriptors of its own.
+  const std::string descriptors = "/proc/" + std::to_string(daemon->pid()) + "/fd";
+  ASSERT_TRUE(transport_test::eventually([&] { return namesIn(descriptors).size() >= 198; }));
+
+  EXPECT_TRUE(client->CloseDevice(1));
+  EXPECT_THAT(mountsAt("/media/disk_1"), IsEmpty());
+  EXPECT_EQ(client.label(1).text, "HOLIDAY");
+  EXPECT_TRUE(client->OpenDevice(1));
+  EXPECT_EQ(readFile("/media/disk_1/song.mp3"), "la la la");
 }
 
 TEST_F(StickTest, LabelAndUuidComeFromTheFileSystem) {
