@@ -3,7 +3,14 @@
  *
  * The media service listens on local socket 9014 (/run/ravel/9014.sock) with the binary protocol over an
  * unframed, buffered transport. Dockhand calls it once for each registered observer of an event, in ascending
- * order of the signed observer number, one call after the other, and waits for each reply (10 s at most).
+ * order of the signed observer number, one call after the other, and waits for each reply. A call has 10 s for
+ * connecting and receiving together, and sending has 10 s more where it waits: a service that needs longer gets the
+ * connection closed, and the caller of the notification a failure. No call is repeated.
+ *
+ * Dockhand keeps a connection for the next call and numbers the calls on it from 1. The reply has the number of its
+ * call, which Thrift's libraries see to, and the service sends nothing else: a reply with another number is a failure,
+ * and a connection on which more comes than the reply is closed. The service may close a connection at any time between
+ * two calls, so it may be restarted; Dockhand connects anew for the next call.
  *
  * Both operations may call back into Dockhand before they return, also to send another notification: Dockhand
  * holds no lock while it waits. For such a nested event Dockhand opens a second connection, so the service

@@ -7,6 +7,7 @@
 #include <thrift/protocol/TVirtualProtocol.h>
 
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <string>
 
@@ -26,6 +27,10 @@ namespace ravel::rpc {
 /// The number that says what kind of failure a TApplicationException is was written by a peer that answers,
 /// so it is no reason to close the connection: one that Thrift does not know is read as UNKNOWN.
 ///
+/// Calls are numbered as they are written, from 1 on each connection, whatever number the caller gives: the
+/// generated clients give 0 to all and do not look at the number of a reply. A reply with another number than
+/// the last call is refused (INVALID_DATA): it belongs to an earlier one.
+///
 /// Threads and locks: as TBinaryProtocol, one thread at a time and no locks.
 class LimitedBinaryProtocol
     : public apache::thrift::protocol::TVirtualProtocol<LimitedBinaryProtocol,
@@ -42,6 +47,15 @@ class LimitedBinaryProtocol
 
   explicit LimitedBinaryProtocol(const std::shared_ptr<apache::thrift::transport::TTransport>& transport)
       : TVirtualProtocol(transport) {}
+
+  std::uint32_t writeMessageBegin(const std::string& name, const TMessageType type,
+                                  const std::int32_t sequence) {
+    if (type != apache::thrift::protocol::T_CALL && type != apache::thrift::protocol::T_ONEWAY) {
+      return TVirtualProtocol::writeMessageBegin(name, type, sequence);
+    }
+    lastCall_ = lastCall_ < std::numeric_limits<std::int32_t>::max() ? lastCall_ + 1 : 1;
+    return TVirtualProtocol::writeMessageBegin(name, type, lastCall_);
+  }
 
   std::uint32_t readMessageBegin(std::string& name, TMessageType& type, std::int32_t& sequence) {
     std::int32_t first = 0;
@@ -60,7 +74,12 @@ class LimitedBinaryProtocol
       type = messageType(code);
     }
     isFailure_ = type == apache::thrift::protocol::T_EXCEPTION;
-    return bytes + TVirtualProtocol::readI32(sequence);
+    bytes += TVirtualProtocol::readI32(sequence);
+    if ((isFailure_ || type == apache::thrift::protocol::T_REPLY) && sequence != lastCall_) {
+      throw TProtocolException(TProtocolException::INVALID_DATA,
+                               "reply " + std::to_string(sequence) + " to call " + std::to_string(lastCall_));
+    }
+    return bytes;
   }
 
   /// The only i32 in a TApplicationException is its kind.
@@ -139,6 +158,8 @@ class LimitedBinaryProtocol
 
   /// The message that is being read is a TApplicationException.
   bool isFailure_ = false;
+  /// Number of the last call that was written; 0 before the first.
+  std::int32_t lastCall_ = 0;
 };
 
 /// Puts a LimitedBinaryProtocol on each connection of a server.

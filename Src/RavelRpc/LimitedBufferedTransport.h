@@ -36,6 +36,9 @@ class LimitedBufferedTransport : public apache::thrift::transport::TBufferedTran
     return TBufferedTransport::borrowSlow(buffer, length);
   }
 
+  /// True when bytes that came with the last message have not been read.
+  bool hasBufferedInput() const { return rBound_ > rBase_; }
+
   /// The generated code calls this after each message. The base class counts the bytes of all messages of the
   /// connection against the limit for one message (100 MiB) and would end a busy connection some day.
   std::uint32_t readEnd() override {

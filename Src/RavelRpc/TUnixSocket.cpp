@@ -77,6 +77,12 @@ std::uint32_t TUnixSocket::read(std::uint8_t* buffer, std::uint32_t length) {
   return TSocket::read(buffer, length);
 }
 
+bool TUnixSocket::hasInput() {
+  pollfd input{getSocketFD(), POLLIN, 0};
+  // No signal ends a poll that does not wait. If it fails, the socket is not one to rely on.
+  return ::poll(&input, 1, 0) != 0;
+}
+
 void TUnixSocket::waitForInput() {
   using std::chrono::milliseconds;
   using std::chrono::steady_clock;

@@ -15,7 +15,8 @@ namespace ravel::rpc {
 /// Differs from Thrift's TSocket in open(): the descriptor is close-on-exec from the beginning, the connect
 /// timeout also holds where the service does not accept, and after a failure the socket is closed and can be
 /// opened again. And in read(): it can have a deadline, since TSocket's timeout begins anew with every read,
-/// and no signal ends one that has a timeout.
+/// and no signal ends one that has a timeout. And it can say, without waiting, whether there is anything to
+/// read.
 ///
 /// Threads: one at a time, as TSocket. No locks.
 class TUnixSocket : public apache::thrift::transport::TSocket {
@@ -39,6 +40,10 @@ class TUnixSocket : public apache::thrift::transport::TSocket {
   /// As TSocket's, and TIMED_OUT once the deadline is over. With a timeout or a deadline, signals are waited
   /// through.
   std::uint32_t read(std::uint8_t* buffer, std::uint32_t length) override;
+
+  /// True when an open socket has something to read, be it the end of the connection, or is broken. Does not
+  /// wait, and leaves what is there.
+  bool hasInput();
 
  private:
   void connect(int socket) const;

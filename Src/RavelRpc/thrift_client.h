@@ -25,13 +25,17 @@ namespace ravel::rpc {
 /// call, while that one waits for its reply. One idle connection at most is kept, so as not to hold the
 /// service's workers; further ones are closed after their call.
 ///
+/// A connection is kept only after exactly one reply: one with more bytes, there or in the buffer, is closed.
+/// One that was kept is looked at before the next call: when the service has closed it, or has sent something
+/// that nobody asked for, it is closed and a new one made.
+///
 /// Threads: call() may be called from any thread, also from inside a call. No lock is held while connecting
 /// or calling.
 template <class Client, int Port, class Socket>
 class thrift_client {
  public:
-  /// Makes no connection yet. `timeout` bounds the connecting, each read and each write, and the call as a
-  /// whole: connecting and reading end that long after its beginning, however the service spreads its answer.
+  /// Makes no connection yet. `timeout` is for connecting and reading together: both end that long after the
+  /// call's beginning, however the service spreads its reply. Sending has as long again, where it ever waits.
   explicit thrift_client(std::chrono::milliseconds timeout = std::chrono::seconds(10)) : timeout_(timeout) {}
 
   thrift_client(const thrift_client&) = delete;
@@ -40,12 +44,14 @@ class thrift_client {
   /// Runs `operation`, which is given a Client& for one call and must not keep it, on a connection.
   ///
   /// Throws what the connecting and the operation throw. After a TApplicationException, by which the service
-  /// answered, the connection is kept; after anything else it is closed. Nothing is tried again: a kept
-  /// connection that turns out dead, since the service has been restarted, fails this one call, and the next
-  /// one connects anew.
+  /// answered, the connection is kept; after anything else it is closed, and the next call connects anew.
+  /// Nothing is tried again, since the service may have begun to act on the call.
   template <class Call>
   void call(Call&& operation) {
-    std::unique_ptr<Connection> connection = take();
+    std::unique_ptr<Connection> connection = takeIdle();
+    if (!connection || connection->hasInput()) {
+      connection = makeConnection();
+    }
     connection->socket->setDeadline(std::chrono::steady_clock::now() + timeout_);
     try {
       if (!connection->transport->isOpen()) {
@@ -68,6 +74,9 @@ class thrift_client {
           transport(std::make_shared<LimitedBufferedTransport>(socket, bufferSize, bufferSize)),
           client(std::make_shared<LimitedBinaryProtocol>(transport)) {}
 
+    /// Between two calls there is nothing to read but the end of the connection and what nobody asked for.
+    bool hasInput() const { return transport->hasBufferedInput() || socket->hasInput(); }
+
     const std::shared_ptr<Socket> socket;
     const std::shared_ptr<LimitedBufferedTransport> transport;
     Client client;
@@ -75,13 +84,13 @@ class thrift_client {
 
   static constexpr std::uint32_t bufferSize = 512;
 
-  std::unique_ptr<Connection> take() {
-    {
-      const std::lock_guard<std::mutex> lock(mutex_);
-      if (idle_) {
-        return std::move(idle_);
-      }
-    }
+  /// Null when there is none.
+  std::unique_ptr<Connection> takeIdle() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return std::move(idle_);
+  }
+
+  std::unique_ptr<Connection> makeConnection() const {
     const auto socket = std::make_shared<Socket>("localhost", Port);
     const int milliseconds = static_cast<int>(timeout_.count());
     socket->setConnTimeout(milliseconds);
@@ -91,6 +100,9 @@ class thrift_client {
   }
 
   void giveBack(std::unique_ptr<Connection> connection) {
+    if (connection->hasInput()) {
+      return;
+    }
     const std::lock_guard<std::mutex> lock(mutex_);
     if (!idle_) {
       idle_ = std::move(connection);

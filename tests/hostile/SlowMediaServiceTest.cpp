@@ -27,7 +27,7 @@ using testing::HasSubstr;
 using transport_test::eventually;
 
 std::string beginOfAnswer(const std::string& operation) {
-  return written([&](TBinaryProtocol& writer) { writer.writeMessageBegin(operation, T_REPLY, 0); });
+  return written([&](TBinaryProtocol& writer) { writer.writeMessageBegin(operation, T_REPLY, 1); });
 }
 
 /// A field that no answer has, with a text of this length.

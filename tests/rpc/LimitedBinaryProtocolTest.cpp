@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "LimitedBinaryProtocol.h"
 #include "LimitedBufferedTransport.h"
@@ -19,6 +20,7 @@ using apache::thrift::protocol::T_I64;
 using apache::thrift::protocol::T_LIST;
 using apache::thrift::protocol::T_MAP;
 using apache::thrift::protocol::T_ONEWAY;
+using apache::thrift::protocol::T_REPLY;
 using apache::thrift::protocol::T_SET;
 using apache::thrift::protocol::T_STOP;
 using apache::thrift::protocol::T_STRING;
@@ -61,6 +63,12 @@ class LimitedBinaryProtocolTest : public ::testing::Test {
     return TProtocolException::UNKNOWN;
   }
 
+  /// On a new connection, and without sending it.
+  void callTwice() {
+    reader = connect();
+    reader->writeMessageBegin("OpenDevice", T_CALL, 0);
+    reader->writeMessageBegin("OpenDevice", T_CALL, 0);
+  }
   void readMessage() {
     std::string name;
     TMessageType type{};
@@ -113,6 +121,34 @@ TEST_F(LimitedBinaryProtocolTest, ReadsMessagesWithAndWithoutAVersion) {
     EXPECT_EQ(name, "OpenDevice");
     EXPECT_EQ(type, T_ONEWAY);
     EXPECT_EQ(sequence, -7);
+  }
+}
+
+TEST_F(LimitedBinaryProtocolTest, NumbersTheCallsThatItWritesAndNothingElse) {
+  std::string name;
+  TMessageType type{};
+  std::int32_t sequence = 0;
+  std::vector<std::int32_t> numbers;
+  for (const auto written : {T_CALL, T_ONEWAY, T_REPLY, T_EXCEPTION, T_CALL}) {
+    reader->writeMessageBegin("OpenDevice", written, 0);
+    reader->getTransport()->flush();
+    writer.readMessageBegin(name, type, sequence);
+    EXPECT_EQ(type, written);
+    numbers.push_back(sequence);
+  }
+  EXPECT_EQ(numbers, (std::vector<std::int32_t>{1, 2, 0, 0, 3}));
+}
+
+TEST_F(LimitedBinaryProtocolTest, RefusesRepliesToAnotherCallThanTheLast) {
+  for (const auto type : {T_REPLY, T_EXCEPTION}) {
+    for (const std::int32_t number : {0, 1, 3, -2}) {
+      callTwice();
+      writer.writeMessageBegin("OpenDevice", type, number);
+      EXPECT_EQ(refusal([&] { readMessage(); }), TProtocolException::INVALID_DATA) << number;
+    }
+    callTwice();
+    writer.writeMessageBegin("OpenDevice", type, 2);
+    EXPECT_NO_THROW(readMessage());
   }
 }
 

@@ -3,6 +3,7 @@
 #include <future>
 #include <optional>
 #include <stdexcept>
+#include <thread>
 
 #include "TUnixSocket.h"
 #include "TransportTestSupport.h"
@@ -179,27 +180,135 @@ TEST_F(ThriftClient, DropsTheConnectionAfterAnyOtherException) {
   EXPECT_EQ(CountingSocket::opened, 2);
 }
 
-TEST_F(ThriftClient, FailsOneCallWhenTheServiceWasRestarted) {
-  corvane_rpc_gen_Processor processor(std::make_shared<MediaHandler>());
-  // Answers one call and closes the connection, as a service does that ends.
-  RawService service(9014, [&processor](const std::shared_ptr<TTransport>& connection) {
-    const auto protocol = std::make_shared<TBinaryProtocol>(
-        std::make_shared<apache::thrift::transport::TBufferedTransport>(connection));
-    processor.process(protocol, protocol, nullptr);
-    connection->close();
+/// One end of a connection, for a service that says more or less than it should.
+class Conversation {
+ public:
+  explicit Conversation(const std::shared_ptr<TTransport>& connection) : connection_(connection) {}
+
+  /// Reads a call and returns its number.
+  std::int32_t readCall() {
+    std::string name;
+    apache::thrift::protocol::TMessageType type{};
+    std::int32_t number = 0;
+    reader_.readMessageBegin(name, type, number);
+    reader_.skip(apache::thrift::protocol::T_STRUCT);
+    return number;
+  }
+  /// Sends all of it at once.
+  void send(const std::string& bytes) const {
+    connection_->write(reinterpret_cast<const std::uint8_t*>(bytes.data()),
+                       static_cast<std::uint32_t>(bytes.size()));
+  }
+  /// Waits for the client to end the connection.
+  void waitForTheEnd() const {
+    std::uint8_t byte = 0;
+    while (connection_->read(&byte, 1) > 0) {
+    }
+  }
+  void close() const { connection_->close(); }
+
+ private:
+  const std::shared_ptr<TTransport> connection_;
+  TBinaryProtocol reader_{connection_};
+};
+
+std::string replyTo(std::int32_t call) {
+  const auto wire = std::make_shared<apache::thrift::transport::TMemoryBuffer>();
+  TBinaryProtocol writer(wire);
+  writer.writeMessageBegin("SendUsbAddedCallback", apache::thrift::protocol::T_REPLY, call);
+  writer.writeFieldStop();
+  return wire->getBufferAsString();
+}
+
+TEST_F(ThriftClient, ConnectsAnewWhenTheServiceHasClosedTheKeptConnection) {
+  std::atomic<int> closed{0};
+  RawService service(9014, [&closed](const std::shared_ptr<TTransport>& connection) {
+    Conversation conversation(connection);
+    conversation.send(replyTo(conversation.readCall()));
+    conversation.close();
+    ++closed;
   });
   MediaClient client;
-  for (int round = 0; round < 3; ++round) {
+  for (int round = 1; round <= 3; ++round) {
     EXPECT_NO_THROW(add(client));
-    EXPECT_THROW(add(client), TTransportException);
+    ASSERT_TRUE(eventually([&] { return closed == round; }));
   }
   EXPECT_EQ(CountingSocket::opened, 3);
+}
+
+TEST_F(ThriftClient, DoesNotRepeatACallThatTheServiceHasReadAndNotAnswered) {
+  std::atomic<int> calls{0};
+  RawService service(9014, [&calls](const std::shared_ptr<TTransport>& connection) {
+    Conversation conversation(connection);
+    conversation.send(replyTo(conversation.readCall()));
+    conversation.readCall();
+    calls += 2;
+    conversation.close();
+  });
+  MediaClient client;
+  for (int round = 1; round <= 3; ++round) {
+    EXPECT_NO_THROW(add(client));
+    EXPECT_THROW(add(client), TTransportException);
+    EXPECT_EQ(calls, 2 * round);
+  }
+  EXPECT_EQ(CountingSocket::opened, 3);
+}
+
+TEST_F(ThriftClient, DropsAConnectionOnWhichMoreComesThanAReply) {
+  for (const std::string& surplus : {std::string("x"), replyTo(1), replyTo(2), std::string(600, 'x')}) {
+    for (const bool atOnce : {true, false}) {
+      CountingSocket::opened = 0;
+      std::promise<void> answered;
+      std::promise<void> sent;
+      std::atomic<int> connections{0};
+      RawService service(9014, [&](const std::shared_ptr<TTransport>& connection) {
+        Conversation conversation(connection);
+        const std::string reply = replyTo(conversation.readCall());
+        if (++connections > 1) {
+          conversation.send(reply);
+        } else if (atOnce) {
+          conversation.send(reply + surplus);
+          sent.set_value();
+        } else {
+          conversation.send(reply);
+          answered.get_future().wait();
+          conversation.send(surplus);
+          sent.set_value();
+        }
+        conversation.waitForTheEnd();
+      });
+      MediaClient client;
+      EXPECT_NO_THROW(add(client));
+      answered.set_value();
+      sent.get_future().wait();
+      EXPECT_NO_THROW(add(client)) << surplus << atOnce;
+      EXPECT_EQ(CountingSocket::opened, 2) << surplus << atOnce;
+    }
+  }
+}
+
+TEST_F(ThriftClient, TakesAReplyToAnotherCallForAFailureAndConnectsAnew) {
+  RawService service(9014, [](const std::shared_ptr<TTransport>& connection) {
+    Conversation conversation(connection);
+    const std::int32_t first = conversation.readCall();
+    conversation.send(replyTo(first));
+    const std::int32_t second = conversation.readCall();
+    EXPECT_NE(first, second);
+    conversation.send(replyTo(first));
+    conversation.waitForTheEnd();
+  });
+  MediaClient client;
+  for (int round = 1; round <= 2; ++round) {
+    EXPECT_NO_THROW(add(client));
+    EXPECT_THROW(add(client), apache::thrift::protocol::TProtocolException);
+    EXPECT_EQ(CountingSocket::opened, round);
+  }
 }
 
 TEST_F(ThriftClient, TakesRubbishForAFailureAndConnectsAnew) {
   const std::string tooLong{"\x80\x01\x00\x02\x7f\xff\xff\xff", 8};
   const std::string hugeList =
-      std::string{"\x80\x01\x00\x02\x00\x00\x00\x14SendUsbAddedCallback\x00\x00\x00\x00", 32} +
+      std::string{"\x80\x01\x00\x02\x00\x00\x00\x14SendUsbAddedCallback\x00\x00\x00\x01", 32} +
       std::string{"\x0f\x00\x07\x0a\x77\x35\x94\x00", 8};
   const std::vector<std::string> rubbish{"HTTP/1.0 400 Bad Request\r\n\r\n", std::string(600, '\xff'), "x",
                                          tooLong, hugeList};
