@@ -1,8 +1,11 @@
 #ifndef DOCKHAND_MODULELOG_H
 #define DOCKHAND_MODULELOG_H
 
+#include <cerrno>
 #include <cstdint>
+#include <new>
 #include <sstream>
+#include <string>
 #include <type_traits>
 
 #include "Tlog.h"
@@ -26,16 +29,30 @@ struct ModuleLog {
 
   /// Writes the pieces, put together without separators, as one line. Nothing is composed for a line that is
   /// not wanted. A bool is written as 0 or 1; an 8-bit number has to be widened by the caller, lest it be
-  /// written as a character.
+  /// written as a character. Where there is no memory for the text, the line has a fixed one. Leaves errno as
+  /// it was.
   template <typename... Pieces>
   void write(std::int32_t level, int sourceLine, const Pieces&... pieces) const {
     static_assert((!std::is_same_v<Pieces, std::int8_t> && ...), "widen an 8-bit number to int");
     if (!isWanted(level)) {
       return;
     }
-    std::ostringstream text;
-    (text << ... << pieces);
-    TlogPrintf(context, level, sourceFile, sourceLine, "%s", text.str().c_str());
+    const int error = errno;
+    std::string composed;
+    const char* text = "(no memory for the text of this line)";
+    try {
+      std::ostringstream stream;
+      (stream << ... << pieces);
+      // A stream that finds no memory tells only by its state.
+      if (stream) {
+        composed = stream.str();
+        text = composed.c_str();
+      }
+    } catch (const std::bad_alloc&) {
+      // The fixed text, then.
+    }
+    TlogPrintf(context, level, sourceFile, sourceLine, "%s", text);
+    errno = error;
   }
 
   /// Dumps the calling thread's stack at level 1. Without a context there is no dump: it is for those who

@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <new>
 
 #include "LocalSocketPath.h"
 
@@ -270,8 +271,12 @@ bool TUnixServerSocket::waitForConnection() const {
 
 void TUnixServerSocket::waitOutShortage(int error) {
   if (!shortageReported_) {
-    GlobalOutput.perror(path_ + ": cannot accept connections, trying on", error);
-    shortageReported_ = true;
+    try {
+      GlobalOutput.perror(path_ + ": cannot accept connections, trying on", error);
+      shortageReported_ = true;
+    } catch (const std::bad_alloc&) {
+      // Said at a later try, if there is still reason to.
+    }
   }
   pollfd interrupted{interrupt_.get(), POLLIN, 0};
   ::poll(&interrupted, 1, shortagePauseMilliseconds);

@@ -5,16 +5,21 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <array>
 #include <boost/stacktrace.hpp>
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <map>
 #include <mutex>
+#include <new>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -90,16 +95,23 @@ void writeAll(std::string_view bytes) {
 
 // The functions below that take an Output are called with its mutex held.
 
-void writeToStandardError(const Output& out, int level, const std::string& line) {
-  std::string prefix;
+// What stands before a line on standard error.
+using Prefix = std::array<char, 40>;
+
+Prefix prefixOf(const Output& out, int level) {
+  Prefix prefix{};
   if (out.journal) {
-    prefix = '<' + std::to_string(tlog::syslogPriority(level)) + '>';
+    std::snprintf(prefix.data(), prefix.size(), "<%d>", tlog::syslogPriority(level));
   } else {
     std::timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
-    prefix = tlog::formatTimestamp(now) + ' ';
+    std::snprintf(prefix.data(), prefix.size(), "%s ", tlog::formatTimestamp(now).data());
   }
-  writeAll(prefix + line + '\n');
+  return prefix;
+}
+
+void writeToStandardError(const Output& out, int level, const std::string& line) {
+  writeAll(prefixOf(out, level).data() + line + '\n');
 }
 
 void writeLine(const Output& out, int level, const std::string& line) {
@@ -108,6 +120,21 @@ void writeLine(const Output& out, int level, const std::string& line) {
   } else {
     writeToStandardError(out, level, line);
   }
+}
+
+// Writes a line without its text, in room that needs no memory.
+void writeWithoutText(const Output& out, const TlogContext* context, int level, const char* file, int line) {
+  const char* const name = context != nullptr ? context->name().c_str() : "-";
+  std::array<char, 400> text{};
+  std::snprintf(text.data(), text.size(), "%d %d %s %s:%d (no memory for the text of this line)", gettid(),
+                level, name, file != nullptr ? file : "-", line);
+  if (out.target == tlog::Target::syslog) {
+    syslog(tlog::syslogPriority(level), "%s", text.data());
+    return;
+  }
+  std::array<char, text.size() + std::tuple_size_v<Prefix> + 1> whole{};
+  std::snprintf(whole.data(), whole.size(), "%s%s\n", prefixOf(out, level).data(), text.data());
+  writeAll(whole.data());
 }
 
 // Goes to standard error whatever the target: a wrong setting is for the person who starts the program.
@@ -168,6 +195,8 @@ TlogContext* TlogContext::GetLogContext(const char* name, const char* /*file*/, 
 }
 
 void TlogInit() {
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGCHLD, SIG_DFL);
   Output& out = output();
   const std::lock_guard<std::mutex> lock(out.mutex);
   out.journal = standardErrorIsJournal();
@@ -177,31 +206,39 @@ void TlogInit() {
 
 void TlogPrintf(const TlogContext* context, int level, const char* file, int line, const char* format, ...) {
   const ErrnoKeeper keeper;
+  Output& out = output();
   va_list arguments;
   va_start(arguments, format);
-  const std::string text = tlog::formatText(format, arguments);
+  try {
+    const std::string text = tlog::formatText(format, arguments);
+    const char* const contextName = context != nullptr ? context->name().c_str() : nullptr;
+    const std::string composed = tlog::composeLine(gettid(), level, contextName, file, line, text);
+    const std::lock_guard<std::mutex> lock(out.mutex);
+    writeLine(out, level, composed);
+  } catch (const std::bad_alloc&) {
+    const std::lock_guard<std::mutex> lock(out.mutex);
+    writeWithoutText(out, context, level, file, line);
+  }
   va_end(arguments);
-  const char* const contextName = context != nullptr ? context->name().c_str() : nullptr;
-  const std::string composed = tlog::composeLine(gettid(), level, contextName, file, line, text);
-
-  Output& out = output();
-  const std::lock_guard<std::mutex> lock(out.mutex);
-  writeLine(out, level, composed);
 }
 
 void TlogStackTrace() {
   const ErrnoKeeper keeper;
   constexpr int stackDump = 1;
-  // Names are looked up before the lock is taken: that is slow, and other threads want to log.
-  std::vector<std::string> lines;
-  for (const auto& frame : boost::stacktrace::stacktrace()) {
-    const std::string text = std::to_string(lines.size()) + "# " + boost::stacktrace::to_string(frame);
-    lines.push_back(tlog::composeLine(gettid(), stackDump, nullptr, thisFile, __LINE__, text));
-  }
-
   Output& out = output();
-  const std::lock_guard<std::mutex> lock(out.mutex);
-  for (const std::string& line : lines) {
-    writeLine(out, stackDump, line);
+  try {
+    // Names are looked up before the lock is taken: that is slow, and other threads want to log.
+    std::vector<std::string> lines;
+    for (const auto& frame : boost::stacktrace::stacktrace()) {
+      const std::string text = std::to_string(lines.size()) + "# " + boost::stacktrace::to_string(frame);
+      lines.push_back(tlog::composeLine(gettid(), stackDump, nullptr, thisFile, __LINE__, text));
+    }
+    const std::lock_guard<std::mutex> lock(out.mutex);
+    for (const std::string& line : lines) {
+      writeLine(out, stackDump, line);
+    }
+  } catch (const std::bad_alloc&) {
+    const std::lock_guard<std::mutex> lock(out.mutex);
+    writeWithoutText(out, nullptr, stackDump, thisFile, __LINE__);
   }
 }

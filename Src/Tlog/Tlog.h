@@ -20,8 +20,9 @@
 /// prefix replaces the timestamp. `syslog` sends the line without its timestamp to syslog(3). Default:
 /// stderr.
 ///
-/// Control characters of the text are written \xHH, so that a text from outside (a volume label) can neither
-/// end the line nor drive a terminal.
+/// Control characters of the text, and characters that turn text round, are written \xHH for each of their
+/// bytes, so that a text from outside (a volume label) can neither end the line, nor drive a terminal, nor
+/// look like another line.
 ///
 /// TLOG_LEVEL sets thresholds: `3` for all contexts, or `3,Dockhand.UsbClient=2` with exceptions, or
 /// exceptions only. Thresholds are 1 (everything) to 6 (nothing at all); names in it consist of ASCII
@@ -31,8 +32,8 @@
 ///
 /// Threads: every operation may be called from any thread, GetLogContext also before main. Lines of several
 /// threads never mix: a mutex is held while one is written, so a writer waits as long as its target keeps it
-/// waiting. Not for signal handlers. A line that cannot be written is lost; a program whose standard error
-/// may be a closed pipe ignores SIGPIPE.
+/// waiting. Not for signal handlers. A line that cannot be written is lost. One that finds no memory is
+/// written with a fixed text in place of its own; no exception leaves an operation for that.
 
 /// A named source of log lines. Lives until the process ends.
 class TlogContext {
@@ -60,6 +61,16 @@ class TlogContext {
 
 /// Reads TLOG_TARGET and TLOG_LEVEL and applies them to every context, also to those made later; replaces
 /// what setThreshold did. Called once, first thing in main; lines written before it go to standard error.
+///
+/// Makes the process independent of two settings that it inherits. SIGPIPE is ignored from here on, or a line
+/// would end the process when the reader of standard error has gone; a write to a socket that is closed fails
+/// instead, too. SIGCHLD has its default, or system(3) would take every command for failed. No handler is
+/// installed.
+///
+/// Programs that are started inherit the ignored SIGPIPE, as they do from every unit of systemd. For a
+/// pipeline of the shell it means that a writer whose reader has gone gets an error instead of the signal;
+/// its result is that of the last program either way. And `logger -s` still reaches syslog when it cannot
+/// write to standard error.
 void TlogInit();
 
 /// Writes one line. `context` may be null. `file` and `line` name the call site. Leaves errno as it was.

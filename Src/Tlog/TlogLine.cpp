@@ -3,6 +3,7 @@
 #include <syslog.h>
 
 #include <array>
+#include <boost/locale/utf.hpp>
 #include <cstddef>
 #include <cstdio>
 
@@ -14,6 +15,13 @@ void appendEscaped(std::string& text, unsigned char byte) {
   text += "\\x";
   text += digits[byte >> 4U];
   text += digits[byte & 0x0fU];
+}
+
+bool isEscaped(char32_t character) {
+  const bool isControl = character < 0x20 || (character >= 0x7f && character <= 0x9f);
+  const bool turnsTextRound =
+      (character >= 0x202a && character <= 0x202e) || (character >= 0x2066 && character <= 0x2069);
+  return isControl || turnsTextRound;
 }
 
 }  // namespace
@@ -32,22 +40,24 @@ std::string formatText(const char* format, va_list arguments) {
 }
 
 std::string escapeControlCharacters(std::string_view text) {
-  constexpr unsigned char del = 0x7f;
-  constexpr unsigned char leadByteOfC1 = 0xc2;
+  namespace utf = boost::locale::utf;
 
   std::string escaped;
   escaped.reserve(text.size());
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : '\0');
-    if (byte < ' ' || byte == del) {
-      appendEscaped(escaped, byte);
-    } else if (byte == leadByteOfC1 && next >= 0x80 && next <= 0x9f) {
-      appendEscaped(escaped, byte);
-      appendEscaped(escaped, next);
-      ++i;
-    } else {
-      escaped += text[i];
+  for (const char* position = text.begin(); position != text.end();) {
+    const char* const begin = position;
+    utf::code_point character = utf::utf_traits<char>::decode(position, text.end());
+    if (!utf::is_valid_codepoint(character)) {
+      // A byte that belongs to no character. A terminal of 8 bits takes it for the character of this number.
+      character = static_cast<unsigned char>(*begin);
+      position = begin + 1;
+    }
+    for (const char* byte = begin; byte != position; ++byte) {
+      if (isEscaped(character)) {
+        appendEscaped(escaped, static_cast<unsigned char>(*byte));
+      } else {
+        escaped += *byte;
+      }
     }
   }
   return escaped;
@@ -77,14 +87,14 @@ int syslogPriority(int level) {
   return LOG_ERR;
 }
 
-std::string formatTimestamp(const std::timespec& time) {
+Timestamp formatTimestamp(const std::timespec& time) {
   std::tm utc{};
   gmtime_r(&time.tv_sec, &utc);
-  std::array<char, 32> seconds{};
-  std::strftime(seconds.data(), seconds.size(), "%Y-%m-%dT%H:%M:%S", &utc);
-  std::array<char, 32> fraction{};
-  std::snprintf(fraction.data(), fraction.size(), ".%06ldZ", static_cast<long>(time.tv_nsec) / 1000);
-  return std::string(seconds.data()) + fraction.data();
+  Timestamp text{};
+  const std::size_t seconds = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", &utc);
+  std::snprintf(text.data() + seconds, text.size() - seconds, ".%06ldZ",
+                static_cast<long>(time.tv_nsec) / 1000);
+  return text;
 }
 
 }  // namespace tlog

@@ -6,6 +6,7 @@
 #include <thrift/concurrency/FunctionRunner.h>
 
 #include <cerrno>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -165,6 +166,16 @@ TEST_F(FailingCalls, AreOutlivedByAcceptWhereTheyPass) {
   }
   client.open();
   const FailingCall failing("poll", EINTR);
+  EXPECT_NE(server.accept(), nullptr);
+  EXPECT_TRUE(failing.happened());
+}
+
+TEST_F(FailingCalls, AreOutlivedByAcceptThoughThereIsNoMemoryToReportThem) {
+  TUnixServerSocket server(9020);
+  TUnixSocket client("localhost", 9020);
+  client.open();
+  GlobalOutput.setOutputFunction([](const char*) { throw std::bad_alloc(); });
+  const FailingCall failing("accept4", ENOMEM);
   EXPECT_NE(server.accept(), nullptr);
   EXPECT_TRUE(failing.happened());
 }

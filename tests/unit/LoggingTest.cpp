@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <limits>
+#include <new>
 #include <ostream>
 
 #include "HandlerTest.h"
@@ -233,6 +234,29 @@ TEST_F(Logging, ComposesNothingForALineThatNobodyWants) {
   Dockhand::usbClientLog.write(4, 1, Piece{composed}, Piece{composed});
   EXPECT_EQ(composed, 2);
   EXPECT_THAT(journal().logs(), ElementsAre("log 4 @1 piecepiece"));
+}
+
+/// Pieces for which there is no memory: a stream of the standard library keeps quiet about that.
+struct Loud {};
+std::ostream& operator<<(std::ostream& /*stream*/, const Loud& /*piece*/) {
+  errno = ENOMEM;
+  throw std::bad_alloc();
+}
+struct Quiet {};
+std::ostream& operator<<(std::ostream& stream, const Quiet& /*piece*/) {
+  errno = ENOMEM;
+  stream.setstate(std::ios::badbit);
+  return stream;
+}
+
+TEST_F(Logging, WritesAFixedTextWithoutMemoryForALine) {
+  errno = ENOTCONN;
+  EXPECT_NO_THROW(Dockhand::usbClientLog.write(2, 1, "half of ", Loud()));
+  EXPECT_EQ(errno, ENOTCONN);
+  EXPECT_NO_THROW(Dockhand::usbClientLog.write(3, 2, "half of ", Quiet(), "it"));
+  EXPECT_EQ(errno, ENOTCONN);
+  EXPECT_THAT(journal().logs(), ElementsAre("log 2 @1 (no memory for the text of this line)",
+                                            "log 3 @2 (no memory for the text of this line)"));
 }
 
 TEST_F(Logging, ComposesALineWithoutAContext) {

@@ -5,17 +5,22 @@
 #include <thrift/Thrift.h>
 #include <thrift/protocol/TBinaryProtocol.h>
 #include <thrift/transport/TBufferTransports.h>
+#include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <iostream>
 #include <memory>
+#include <string>
 
 #include "DeathTestStyle.h"
+#include "Emulator.h"
 #include "Sleep.h"
 #include "SocketDirectory.h"
 #include "TUnixSocket.h"
+#include "Tlog.h"
 #include "usb_rpc_gen_.h"
 
 // main() of DockhandMain.cpp, renamed because this program has its own.
@@ -23,10 +28,29 @@ int dockhandMain();
 
 namespace {
 
+/// Environment variable: the name of a context that the logging library does not have.
+constexpr const char* contextThatIsNull = "DOCKHAND_TEST_NULL_CONTEXT";
+
+}  // namespace
+
+// TlogContext::GetLogContext: the linker's --wrap gives the function these names.
+extern "C" {
+TlogContext* __real__ZN11TlogContext13GetLogContextEPKcS1_i(const char* name, const char* file, int line);
+TlogContext* __wrap__ZN11TlogContext13GetLogContextEPKcS1_i(const char* name, const char* file, int line) {
+  const char* const null = std::getenv(contextThatIsNull);
+  return null != nullptr && std::string(null) == name
+             ? nullptr
+             : __real__ZN11TlogContext13GetLogContextEPKcS1_i(name, file, line);
+}
+}
+
+namespace {
+
 using ::testing::AllOf;
 using ::testing::ContainsRegex;
 using ::testing::ExitedWithCode;
 using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
 using ::testing::Not;
 
 /// Runs the daemon until its main thread sleeps for the second time. `asleep` runs in its first sleep.
@@ -46,6 +70,25 @@ using ::testing::Not;
   std::exit(1);
 }
 
+/// A line that the contexts let through, as a regular expression: "CONTEXT PLACE TEXT".
+std::string line(const std::string& text) {
+  return "[^\n]*Z [0-9]+ 2 " + text + '\n';
+}
+
+/// What the daemon says of its start to one context, and the sleeps after that.
+std::string startOfMain(const std::string& context) {
+  const std::string place = context + " Src/Dockhand/DockhandMain:";
+  return line(place + "19 Before Creating DockhandServer") +
+         line(place + "21 After Creating DockhandServer") + "sleep 3600\nsleep 3600\n";
+}
+std::string startOfServer(const std::string& context) {
+  const std::string place = context + " Src/Dockhand/DockhandServer:";
+  return line(place + "11 Before creating DockhandClient") +
+         line(place + "13 After creating DockhandClient") +
+         line(place + "15 Before starting rpcServer\\.start") +
+         line(place + "17 After starting rpcServer\\.start") + "sleep 3600\nsleep 3600\n";
+}
+
 /// Each child starts the program again, because a process sets up the logging library only once.
 class MainTest : public ::testing::Test {
  protected:
@@ -53,6 +96,7 @@ class MainTest : public ::testing::Test {
     useStyleForThreads();
     unsetenv("TLOG_TARGET");
     unsetenv("TLOG_LEVEL");
+    unsetenv(contextThatIsNull);
   }
 };
 using MainDeathTest = MainTest;
@@ -66,6 +110,44 @@ TEST_F(MainDeathTest, LogsBeforeAndAfterItsStartAndSleepsAnHourAtATimeForever) {
                             ".* 2 Dockhand.main Src/Dockhand/DockhandMain:21 After Creating DockhandServer\n"
                             "sleep 3600\n"
                             "sleep 3600\n"));
+}
+
+TEST_F(MainDeathTest, LogsItsStartToEachContextByItself) {
+  setenv("TLOG_LEVEL", "6,Dockhand.main=2", 1);
+  EXPECT_EXIT(runDaemon(), ExitedWithCode(0), MatchesRegex(startOfMain("Dockhand\\.main")));
+  setenv("TLOG_LEVEL", "6,Dockhand.UsbServer=2", 1);
+  EXPECT_EXIT(runDaemon(), ExitedWithCode(0), MatchesRegex(startOfServer("Dockhand\\.UsbServer")));
+}
+
+TEST_F(MainDeathTest, LogsItsStartWhereThereIsNoContext) {
+  if (isEmulated()) {
+    GTEST_SKIP() << "the child is a copy, whose contexts are there already";
+  }
+  setenv("TLOG_LEVEL", "6", 1);
+  setenv(contextThatIsNull, "Dockhand.main", 1);
+  EXPECT_EXIT(runDaemon(), ExitedWithCode(0), MatchesRegex(startOfMain("-")));
+  setenv(contextThatIsNull, "Dockhand.UsbServer", 1);
+  EXPECT_EXIT(runDaemon(), ExitedWithCode(0), MatchesRegex(startOfServer("-")));
+}
+
+TEST_F(MainDeathTest, DoesNotMindWhichSignalsItsStarterIgnored) {
+  EXPECT_EXIT(
+      {
+        std::signal(SIGPIPE, SIG_DFL);
+        std::signal(SIGCHLD, SIG_IGN);
+        runDaemon([] {
+          const int standardError = dup(STDERR_FILENO);
+          int ends[2] = {-1, -1};
+          if (pipe(ends) != 0 || close(ends[0]) != 0 || dup2(ends[1], STDERR_FILENO) < 0) {
+            std::exit(2);
+          }
+          apache::thrift::GlobalOutput("nobody reads this");
+          dup2(standardError, STDERR_FILENO);
+          const int status = std::system("exit 3");
+          std::cerr << "command: " << WEXITSTATUS(status) << std::endl;
+        });
+      },
+      ExitedWithCode(0), HasSubstr("command: 3\n"));
 }
 
 TEST_F(MainDeathTest, DoesNotLogItsStartAtTheDefaultThreshold) {

@@ -16,10 +16,12 @@
 #include <ctime>
 #include <fstream>
 #include <future>
+#include <new>
 #include <sstream>
 #include <string>
 #include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "Tlog.h"
@@ -166,6 +168,33 @@ class PipedStandardError {
   int writeEnd_ = -1;
 };
 
+// While it lives, this thread finds no memory once it has got this much: so many pieces of any size.
+class MemoryShortage {
+ public:
+  explicit MemoryShortage(int pieces) {
+    piecesLeft_ = pieces;
+    happened_ = false;
+  }
+  ~MemoryShortage() { piecesLeft_ = -1; }
+  MemoryShortage(const MemoryShortage&) = delete;
+  MemoryShortage& operator=(const MemoryShortage&) = delete;
+
+  static bool happened() { return happened_; }
+  // Called for each piece that somebody wants.
+  static bool isNow() {
+    if (piecesLeft_ != 0) {
+      piecesLeft_ -= piecesLeft_ > 0 ? 1 : 0;
+      return false;
+    }
+    happened_ = true;
+    return true;
+  }
+
+ private:
+  static inline thread_local int piecesLeft_ = -1;
+  static inline thread_local bool happened_ = false;
+};
+
 class Tlog : public testing::Test {
  protected:
   Tlog() { reset(); }
@@ -232,16 +261,16 @@ TEST_F(TlogLine, TimestampLiesBetweenTheClockBeforeAndAfter) {
   TlogPrintf(context_, 3, "F", 1, "text");
   clock_gettime(CLOCK_REALTIME, &after);
   const std::string timestamp = captured.text().substr(0, 27);
-  EXPECT_LE(tlog::formatTimestamp(before), timestamp);
-  EXPECT_LE(timestamp, tlog::formatTimestamp(after));
+  EXPECT_LE(tlog::formatTimestamp(before).data(), timestamp);
+  EXPECT_LE(timestamp, tlog::formatTimestamp(after).data());
 }
 
 TEST_F(TlogLine, TimestampIsUtcWithSixDigitsOfMicroseconds) {
   require(setenv("TZ", "XYZ-5", 1) == 0, "setenv");
   tzset();
-  EXPECT_EQ(tlog::formatTimestamp({1795230245, 123456789}), "2026-11-21T03:04:05.123456Z");
-  EXPECT_EQ(tlog::formatTimestamp({1795230245, 7999}), "2026-11-21T03:04:05.000007Z");
-  EXPECT_EQ(tlog::formatTimestamp({4102444800, 0}), "2100-01-01T00:00:00.000000Z");
+  EXPECT_STREQ(tlog::formatTimestamp({1795230245, 123456789}).data(), "2026-11-21T03:04:05.123456Z");
+  EXPECT_STREQ(tlog::formatTimestamp({1795230245, 7999}).data(), "2026-11-21T03:04:05.000007Z");
+  EXPECT_STREQ(tlog::formatTimestamp({4102444800, 0}).data(), "2100-01-01T00:00:00.000000Z");
   unsetenv("TZ");
   tzset();
 }
@@ -258,17 +287,40 @@ TEST_F(TlogLine, KeepsBlanksBackslashesAndTextInUtf8) {
   EXPECT_EQ(tlog::escapeControlCharacters(text), text);
 }
 
-TEST_F(TlogLine, EscapesBothBytesOfControlCharactersInUtf8) {
-  EXPECT_EQ(tlog::escapeControlCharacters("\xc2\x80\xc2\x9b\xc2\x9f\xc2\xa0"),
-            "\\xc2\\x80\\xc2\\x9b\\xc2\\x9f\xc2\xa0");
+TEST_F(TlogLine, EscapesEachByteOfControlCharactersAndOfThoseThatTurnTextRound) {
+  for (const auto& [text, expected] : std::vector<std::pair<std::string, std::string>>{
+           // C1 in UTF-8, and what follows it.
+           {"\xc2\x80\xc2\x9b\xc2\x9f\xc2\xa0", "\\xc2\\x80\\xc2\\x9b\\xc2\\x9f\xc2\xa0"},
+           // C1 as bytes.
+           {"\x80\x9b\x9f\xa0", "\\x80\\x9b\\x9f\xa0"},
+           // U+2029 to U+202F.
+           {"\xe2\x80\xa9\xe2\x80\xaa\xe2\x80\xae\xe2\x80\xaf",
+            "\xe2\x80\xa9\\xe2\\x80\\xaa\\xe2\\x80\\xae\xe2\x80\xaf"},
+           // U+2065 to U+206A.
+           {"\xe2\x81\xa5\xe2\x81\xa6\xe2\x81\xa9\xe2\x81\xaa",
+            "\xe2\x81\xa5\\xe2\\x81\\xa6\\xe2\\x81\\xa9\xe2\x81\xaa"},
+           // Letters whose last byte would be C1 by itself.
+           {"\xc3\x89\xc3\x9b\xe2\x82\xac\xf0\x9f\x92\x9b", "\xc3\x89\xc3\x9b\xe2\x82\xac\xf0\x9f\x92\x9b"},
+           // No UTF-8: the end or a byte is missing, longer than needed, a surrogate, beyond the last
+           // character.
+           {"\xe2\x82", "\xe2\\x82"},
+           {"\xc2\xc2\x85", "\xc2\\xc2\\x85"},
+           {"\xe2\x80z\xf0\x9f\x92", "\xe2\\x80z\xf0\\x9f\\x92"},
+           {"\xc1\x9b\xe0\x82\x9b", "\xc1\\x9b\xe0\\x82\\x9b"},
+           {"\xed\xa0\x80", "\xed\xa0\\x80"},
+           {"\xf4\x90\x80\x80", "\xf4\\x90\\x80\\x80"},
+           {"\xc2\n\xc3\x1b", "\xc2\\x0a\xc3\\x1b"}}) {
+    EXPECT_EQ(tlog::escapeControlCharacters(text), expected);
+  }
 }
 
-TEST_F(TlogLine, KeepsBytesThatAreNoUtf8) {
-  for (const char* text : {"\x9b", "\xc2", "\xc2z", "\xff\xfe", "\xc3\x9b", "\xe2\x82", "\xc2\xc2\xa0"}) {
+TEST_F(TlogLine, KeepsOtherBytesThatAreNoUtf8) {
+  for (const char* text : {"\xa0", "\xc2", "\xc2z", "\xff\xfe",
+                           "\xb0"
+                           "C",
+                           "\xc2\xc2\xa0"}) {
     EXPECT_EQ(tlog::escapeControlCharacters(text), text);
   }
-  EXPECT_EQ(tlog::escapeControlCharacters("\xc2\xc2\x85"), "\xc2\\xc2\\x85");
-  EXPECT_EQ(tlog::escapeControlCharacters("\xc2\n"), "\xc2\\x0a");
 }
 
 TEST_F(TlogLine, TakesPerCentSignsOfAnArgumentVerbatim) {
@@ -323,6 +375,25 @@ TEST_F(TlogLine, LeavesErrnoAlone) {
   EXPECT_EQ(errno, ENOTCONN);
   TlogStackTrace();
   EXPECT_EQ(errno, ENOTCONN);
+}
+
+TEST_F(TlogLine, HasAFixedTextWithoutMemoryForItsOwn) {
+  const std::string text(100, 'x');
+  int pieces = 0;
+  for (bool happened = true; happened; ++pieces) {
+    const CapturedStandardError captured;
+    errno = ENOTCONN;
+    {
+      const MemoryShortage shortage(pieces);
+      TlogPrintf(context_, 4, "F", 7, "%s", text.c_str());
+    }
+    EXPECT_EQ(errno, ENOTCONN);
+    happened = MemoryShortage::happened();
+    const std::string expected = happened ? R"(\(no memory for the text of this line\))" : text;
+    EXPECT_TRUE(isOneLine(captured.text(), R"(\S+Z [0-9]+ 4 Test\.Context F:7 )" + expected))
+        << captured.text();
+  }
+  EXPECT_GT(pieces, 3);
 }
 
 TEST_F(TlogLine, IsWrittenWhateverTheThreshold) {
@@ -394,6 +465,31 @@ TEST(TlogStart, WritesToStandardErrorBeforeInit) {
 
 TEST(TlogStart, ContextBeforeInitHasTheDefaultThreshold) {
   EXPECT_EQ(TlogContext::GetLogContext("Test.NeverSet", "F", 1)->threshold(), TlogContext::defaultThreshold);
+}
+
+TEST_F(TlogLine, IsLostWithoutHarmWhenItsReaderHasGone) {
+  std::signal(SIGPIPE, SIG_DFL);
+  TlogInit();
+  struct sigaction action {};
+  require(sigaction(SIGPIPE, nullptr, &action) == 0, "sigaction");
+  ASSERT_EQ(action.sa_handler, SIG_IGN);
+  std::array<int, 2> ends{};
+  require(pipe2(ends.data(), O_CLOEXEC) == 0, "pipe2");
+  close(ends[0]);
+  {
+    const RedirectedStandardError redirection(ends[1]);
+    TlogPrintf(context_, 3, "F", 1, "text");
+  }
+  close(ends[1]);
+}
+
+TEST(TlogStart, LetsCommandsEndThoughTheStarterIgnoredTheEndOfItsChildren) {
+  std::signal(SIGCHLD, SIG_IGN);
+  TlogInit();
+  struct sigaction action {};
+  require(sigaction(SIGCHLD, nullptr, &action) == 0, "sigaction");
+  EXPECT_EQ(action.sa_handler, SIG_DFL);
+  EXPECT_EQ(std::system("exit 3"), 3 << 8);
 }
 
 TEST_F(TlogLevel, IsThreeForAllContextsByDefault) {
@@ -534,6 +630,18 @@ TEST_F(TlogJournal, LineHasAPriorityInsteadOfATimestamp) {
   EXPECT_EQ(captured.lines(), expected);
 }
 
+TEST_F(TlogJournal, LineWithoutMemoryHasAPriority) {
+  const CapturedStandardError captured;
+  const struct stat status = captured.status();
+  initWith("JOURNAL_STREAM", std::to_string(status.st_dev) + ':' + std::to_string(status.st_ino));
+  {
+    const MemoryShortage shortage(0);
+    TlogPrintf(nullptr, 5, "F", 7, "text");
+  }
+  EXPECT_TRUE(isOneLine(captured.text(), R"(<3>[0-9]+ 5 - F:7 \(no memory for the text of this line\))"))
+      << captured.text();
+}
+
 TEST_F(TlogJournal, ReportOfABadValueHasAPriority) {
   const CapturedStandardError captured;
   const struct stat status = captured.status();
@@ -627,6 +735,22 @@ TEST_F(TlogThreads, GetTheSameContextForTheSameName) {
   EXPECT_EQ(found.front()[7]->name(), "Test.Shared7");
 }
 
+// All memory of this program, but for types with an alignment of their own.
+void* operator new(std::size_t size) {
+  void* const memory = MemoryShortage::isNow() ? nullptr : std::malloc(std::max(size, std::size_t{1}));
+  if (memory == nullptr) {
+    errno = ENOMEM;
+    throw std::bad_alloc();
+  }
+  return memory;
+}
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
+
 // Outside the unnamed namespace, so that its name is exported.
 void traceFromANamedFunction();
 __attribute__((noinline)) void traceFromANamedFunction() {
@@ -646,6 +770,16 @@ TEST_F(TlogStack, NamesTheCallingFunctions) {
   }
   EXPECT_NE(captured.text().find("# traceFromANamedFunction() in "), std::string::npos) << captured.text();
   EXPECT_NE(captured.text().find("NamesTheCallingFunctions"), std::string::npos) << captured.text();
+}
+
+TEST_F(TlogStack, EndsNothingWithoutMemory) {
+  bool happened = true;
+  for (int pieces = 0; happened; ++pieces) {
+    const CapturedStandardError captured;
+    const MemoryShortage shortage(pieces);
+    EXPECT_NO_THROW(TlogStackTrace()) << pieces;
+    happened = MemoryShortage::happened();
+  }
 }
 
 TEST_F(TlogStack, HasNoOtherThreadsLinesBetweenItsOwn) {
