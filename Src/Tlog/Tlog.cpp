@@ -1,7 +1,6 @@
 #include "Tlog.h"
 
 #include <poll.h>
-#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -15,6 +14,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <string>
@@ -23,6 +23,7 @@
 #include <utility>
 #include <vector>
 
+#include "TlogJournal.h"
 #include "TlogLine.h"
 #include "TlogSettings.h"
 
@@ -43,21 +44,10 @@ Registry& registry() {
   return *instance;
 }
 
-// systemd names the journal's socket this way. The variable is inherited by children whose standard error was
-// redirected since, so only a match counts.
-bool standardErrorIsJournal() {
-  const char* const journal = std::getenv("JOURNAL_STREAM");
-  struct stat status {};
-  if (journal == nullptr || fstat(STDERR_FILENO, &status) != 0) {
-    return false;
-  }
-  return std::to_string(status.st_dev) + ':' + std::to_string(status.st_ino) == journal;
-}
-
 struct Output {
   std::mutex mutex;
   tlog::Target target = tlog::Target::standardError;
-  bool journal = standardErrorIsJournal();
+  std::unique_ptr<const tlog::Journal> journal = tlog::Journal::ofStandardError();
 };
 
 Output& output() {
@@ -95,23 +85,21 @@ void writeAll(std::string_view bytes) {
 
 // The functions below that take an Output are called with its mutex held.
 
-// What stands before a line on standard error.
-using Prefix = std::array<char, 40>;
+// The callers of these two go on to standard error where the journal cannot be reached.
+bool sendToJournal(const Output& out, int level, std::string_view line) {
+  return out.journal != nullptr && out.journal->send(tlog::syslogPriority(level), line);
+}
 
-Prefix prefixOf(const Output& out, int level) {
-  Prefix prefix{};
-  if (out.journal) {
-    std::snprintf(prefix.data(), prefix.size(), "<%d>", tlog::syslogPriority(level));
-  } else {
-    std::timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    std::snprintf(prefix.data(), prefix.size(), "%s ", tlog::formatTimestamp(now).data());
-  }
-  return prefix;
+tlog::Timestamp timestampOfNow() {
+  std::timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return tlog::formatTimestamp(now);
 }
 
 void writeToStandardError(const Output& out, int level, const std::string& line) {
-  writeAll(prefixOf(out, level).data() + line + '\n');
+  if (!sendToJournal(out, level, line)) {
+    writeAll(std::string(timestampOfNow().data()) + ' ' + line + '\n');
+  }
 }
 
 void writeLine(const Output& out, int level, const std::string& line) {
@@ -130,11 +118,11 @@ void writeWithoutText(const Output& out, const TlogContext* context, int level, 
                 level, name, file != nullptr ? file : "-", line);
   if (out.target == tlog::Target::syslog) {
     syslog(tlog::syslogPriority(level), "%s", text.data());
-    return;
+  } else if (!sendToJournal(out, level, text.data())) {
+    std::array<char, text.size() + std::tuple_size_v<tlog::Timestamp> + 2> whole{};
+    std::snprintf(whole.data(), whole.size(), "%s %s\n", timestampOfNow().data(), text.data());
+    writeAll(whole.data());
   }
-  std::array<char, text.size() + std::tuple_size_v<Prefix> + 1> whole{};
-  std::snprintf(whole.data(), whole.size(), "%s%s\n", prefixOf(out, level).data(), text.data());
-  writeAll(whole.data());
 }
 
 // Goes to standard error whatever the target: a wrong setting is for the person who starts the program.
@@ -199,7 +187,7 @@ void TlogInit() {
   std::signal(SIGCHLD, SIG_DFL);
   Output& out = output();
   const std::lock_guard<std::mutex> lock(out.mutex);
-  out.journal = standardErrorIsJournal();
+  out.journal = tlog::Journal::ofStandardError();
   initTarget(out);
   applyThresholds(readThresholds(out));
 }

@@ -16,9 +16,9 @@
 ///     stderr    TIMESTAMP THREADID LEVEL CONTEXT FILE:LINE TEXT
 ///
 /// with single blanks, an ISO 8601 UTC timestamp with microseconds, the kernel's thread number, and "-" for a
-/// missing context. When standard error is the journal (JOURNAL_STREAM names it), the journal's <priority>
-/// prefix replaces the timestamp. `syslog` sends the line without its timestamp to syslog(3). Default:
-/// stderr.
+/// missing context. When standard error is the journal (JOURNAL_STREAM names it), the line goes to the
+/// journal's own socket, with a priority and without the timestamp; if that fails, to standard error.
+/// `syslog` sends the line without its timestamp to syslog(3). Default: stderr.
 ///
 /// Control characters of the text, and characters that turn text round, are written \xHH for each of their
 /// bytes, so that a text from outside (a volume label) can neither end the line, nor drive a terminal, nor
