@@ -6,8 +6,10 @@ the packages, DOCKHAND_PACKAGES_ROOT that of the system, which tests/packaging/m
 is: what the tests do there is kept in memory.
 """
 
+import json
 import os
 import pathlib
+import re
 import stat
 import subprocess
 import sys
@@ -125,7 +127,7 @@ class PackagesTest(unittest.TestCase):
 
     def test_installation_makes_the_group_and_enables_the_service(self):
         self.assertNotEqual(self.root.run('getent', 'group', 'dockhand')[0], 0)
-        self.root.install('dockhand')
+        self.root.install('dockhand', 'dockhand-client')
         self.root.check('getent', 'group', 'dockhand')
         self.assertEqual(self.root.check('systemctl', 'is-enabled', 'dockhand.service'), 'enabled\n')
 
@@ -167,13 +169,45 @@ class PackagesTest(unittest.TestCase):
         changed = {path for path in before.keys() | after.keys() if before.get(path) != after.get(path)}
         self.assertEqual(changed, set())
 
-    def test_purge_takes_the_files_in_tmp_that_are_roots(self):
-        self.root.install('dockhand')
+    def test_purge_takes_from_tmp_what_is_roots_and_what_was_moved_aside(self):
+        self.root.install('dockhand', 'dockhand-client')
         self.root.check('sh', '-c', 'cd /tmp && touch Dockhand.log sda_bcdUSB.txt others && mkdir sdc_bcdUSB.txt && '
-                        'touch sdb_bcdUSB.txt && chown 65534 sdb_bcdUSB.txt && ln -s others sdd_bcdUSB.txt')
+                        'touch sdb_bcdUSB.txt && chown 65534 sdb_bcdUSB.txt && ln -s others sdd_bcdUSB.txt && '
+                        'mkdir -p Dockhand.log.moved-a/Dockhand.log/users sda1_bcdUSB.txt.moved-b others.moved-c '
+                        'Dockhand.log.moved-d Dockhand.log.moved-e/Dockhand.log && '
+                        'ln -s /etc sda1_bcdUSB.txt.moved-b/sda1_bcdUSB.txt && chown 65534 Dockhand.log.moved-d')
+        # A user who may mount has done so on the directory that he planted.
+        mounted = self.root.path / 'tmp/Dockhand.log.moved-e/Dockhand.log'
+        subprocess.run(['mount', '-t', 'tmpfs', 'users', mounted], check=True)
+        self.addCleanup(subprocess.run, ['umount', mounted], check=True)
+        (mounted / 'file').touch()
         self.root.check('dpkg', '--purge', 'dockhand')
         _, names = self.root.run('ls', '/tmp')
-        self.assertEqual(names.split(), ['others', 'sdb_bcdUSB.txt', 'sdc_bcdUSB.txt', 'sdd_bcdUSB.txt'])
+        self.assertEqual(names.split(), ['Dockhand.log.moved-d', 'Dockhand.log.moved-e', 'others', 'others.moved-c',
+                                         'sdb_bcdUSB.txt', 'sdc_bcdUSB.txt', 'sdd_bcdUSB.txt'])
+        self.assertTrue((mounted / 'file').exists())
+        self.assertTrue((self.root.path / 'etc/passwd').exists())
+
+    def test_daemon_is_not_installed_without_its_client(self):
+        package, = PACKAGES.glob('dockhand_*.deb')
+        (self.root.path / 'tmp/dockhand.deb').write_bytes(package.read_bytes())
+        status, output = self.root.run('dpkg', '--install', '/tmp/dockhand.deb')
+        self.assertNotEqual(status, 0)
+        self.assertIn('dockhand depends on dockhand-client', output)
+
+    def test_units_are_no_more_exposed_than_they_have_to_be(self):
+        self.root.install('dockhand', 'dockhand-client')
+        page = (SOURCE / 'docs' / 'SECURITY.md').read_text()
+        reasons = page.partition('\nMissing options, and why:\n')[2].partition('\n\n`')[0]
+        explained = set(re.findall(r'`(\w+)`', ' '.join(re.findall(r'^- (.*?): ', reasons, re.MULTILINE | re.DOTALL))))
+        for unit, tenths in (('dockhand.service', 33), ('dockhand-usb@.service', 25)):
+            with self.subTest(unit=unit):
+                status, report = self.root.run('systemd-analyze', 'security', '--offline=true', '--no-pager',
+                                               '--json=short', f'--threshold={tenths}', unit)
+                self.assertEqual(status, 0, report)
+                missing = {option for entry in json.loads(report) if entry['set'] is False
+                           for option in re.findall(r'(\w+)=', entry['name'])}
+                self.assertEqual(missing - explained, set())
 
     def test_lintian_finds_no_error(self):
         done = subprocess.run(['lintian', '--allow-root', '--fail-on', 'error', *files_of_packages()],
