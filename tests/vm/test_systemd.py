@@ -8,13 +8,11 @@ import daemon
 import disks
 
 SOCKET = "/run/ravel/9020.sock"
-DROP_INS = "/run/systemd/system/dockhand.service.d"
 
 # As the kernel numbers them.
-CAPABILITIES = {"CHOWN": 0, "DAC_OVERRIDE": 1, "DAC_READ_SEARCH": 2, "FOWNER": 3, "SYS_RAWIO": 17,
-                "SYS_ADMIN": 21}
+CAPABILITIES = {"DAC_OVERRIDE": 1, "DAC_READ_SEARCH": 2, "FOWNER": 3, "SYS_ADMIN": 21}
 
-ERROR, WARNING, NOTICE = "3", "4", "5"
+ERROR, WARNING, NOTICE, INFORMATIONAL = "3", "4", "5", "6"
 
 
 class Unit(daemon.DaemonTestCase):
@@ -44,11 +42,24 @@ class Unit(daemon.DaemonTestCase):
         self.machine.check(f"while pid=$(systemctl show --property=MainPID --value dockhand); "
                            f"test $pid = 0 || test $pid = {before}; do sleep 0.1; done", timeout=120)
 
-    def drop_in(self, text):
+    def drop_in(self, text, unit="dockhand.service"):
         """Changes the unit for this test."""
-        self.addCleanup(self.machine.check, f"rm -r {DROP_INS} && systemctl daemon-reload")
-        self.machine.put(f"{DROP_INS}/test.conf", text.encode())
+        folder = f"/run/systemd/system/{unit}.d"
+        self.addCleanup(self.machine.check, f"rm -r {folder} && systemctl daemon-reload")
+        self.machine.put(f"{folder}/test.conf", text.encode())
         self.machine.check(["systemctl", "daemon-reload"])
+
+    def replace_tools(self, options="", **scripts):
+        """Has the unit find these scripts before all tools, and gives it more options."""
+        self.addCleanup(self.machine.check, ["rm", "-r", "/run/tools"])
+        for name, script in scripts.items():
+            self.machine.put(f"/run/tools/{name}", f"#!/bin/sh\n{script}\n".encode(), mode=0o755)
+        self.drop_in(f"[Service]\nEnvironment=PATH=/run/tools:{daemon.TOOLS_PATH}\n{options}\n")
+
+    def journal(self, *matches):
+        self.machine.check(["journalctl", "--sync"])
+        lines = self.machine.check(["journalctl", "--unit=dockhand", "--output=json", *matches]).splitlines()
+        return [json.loads(line) for line in lines]
 
     def status_of(self, pid):
         lines = self.machine.get(f"/proc/{pid}/status").decode().splitlines()
@@ -207,16 +218,65 @@ class Unit(daemon.DaemonTestCase):
         self.assert_ctl(0, "close", 1)
         self.assert_ctl(1, "repair", 1)
         self.assert_ctl(1, "call", "RunDiskRepair", 99)
-        self.machine.check(["journalctl", "--sync"])
-        lines = self.machine.check(["journalctl", "--unit=dockhand", "--output=json",
-                                    f"_PID={self.main_pid()}"]).splitlines()
-        entries = [json.loads(line) for line in lines]
+        entries = self.journal(f"_PID={self.main_pid()}")
         self.assertEqual({entry["SYSLOG_IDENTIFIER"] for entry in entries}, {"dockhand"})
         for text, priority in (("OpenDeviceAt(1, /media/disk_1, isPvrDevice=0)", NOTICE),
                                ("repair not supported for: vfat", WARNING),
                                ("RunDiskRepair(99) - Unknown device!", ERROR)):
             found = [entry["PRIORITY"] for entry in entries if entry["MESSAGE"].endswith(text)]
             self.assertEqual(found, [priority], text)
+
+    def test_a_line_of_a_tool_has_no_priority_of_its_own(self):
+        # Some programs called logger repeat lines as they are.
+        self.replace_tools(xfs_repair="echo '<0>/recording.ts'; exit 1", logger="exec cat >&2")
+        self.start_unit()
+        self.watch()
+        self.plug(image=disks.make_partitioned(self.folder, ["xfs"], "PVR_DISK"))
+        self.assert_ctl(1, "repair", 1)
+        found = {(entry["MESSAGE"], entry["PRIORITY"]) for entry in self.journal()
+                 if "/recording.ts" in entry["MESSAGE"]}
+        self.assertEqual(found, {("<0>/recording.ts", INFORMATIONAL)})
+
+    def test_a_tool_that_is_killed_for_memory_ends_alone(self):
+        seen = "/run/end-seen"
+        self.addCleanup(self.machine.check, ["rm", seen])
+        # The second repair, which follows, waits until systemd has seen the first one's end.
+        self.replace_tools("MemoryMax=100M\nMemorySwapMax=0",
+                           xfs_repair='test "$1" = -L || exec tail /dev/zero\n'
+                                      f"until test -e {seen}; do sleep 0.1; done; exit 1")
+        self.start_unit()
+        self.watch()
+        self.plug(image=disks.make_partitioned(self.folder, ["xfs"], "PVR_DISK"))
+        before = self.main_pid()
+        client = self.machine.start(["dockhandctl", "repair", "1"])
+        self.machine.check("until dmesg | grep -q 'dockhand.service: A process .* killed by the OOM killer'; do "
+                           "sleep 0.1; done")
+        self.machine.put(seen, b"")
+        self.assertEqual(self.machine.wait(client), 1)
+        self.assertEqual(self.main_pid(), before)
+
+    def test_announcements_take_no_mount_namespace(self):
+        self.addCleanup(self.machine.check, ["rm", "/run/namespace"])
+        self.drop_in("[Service]\nExecStart=/bin/sh -c 'readlink /proc/self/ns/mnt >/run/namespace'\n",
+                     "dockhand-usb@.service")
+        self.start_unit()
+        self.watch()
+        self.plug()
+        self.assertEqual(self.machine.get("/run/namespace").decode(),
+                         self.machine.check(["readlink", "/proc/1/ns/mnt"]))
+
+    def record(self, device):
+        """Prepares a disk, records on it, repairs it."""
+        self.assert_ctl(0, "prepare", device, "--yes", timeout=300)
+        self.finish_announcements()
+        self.assert_ctl(0, "open", device, "--pvr")
+        self.assert_mounted(f"/media/disk_{device}", "xfs", "rw", "prjquota")
+        self.machine.put(f"/media/disk_{device}/recording.ts", b"film")
+        self.assert_ctl(0, "close", device)
+        self.assert_ctl(0, "repair", device, timeout=300)
+        self.assert_ctl(0, "open", device, "--pvr")
+        self.assertEqual(self.machine.get(f"/media/disk_{device}/recording.ts"), b"film")
+        self.assertEqual([mount for mount in self.mounts(1) if mount[1] == f"/media/disk_{device}"], self.mounts())
 
     def test_recording_disks_are_prepared_and_repaired_in_the_hardened_unit(self):
         self.start_unit()
@@ -231,19 +291,27 @@ class Unit(daemon.DaemonTestCase):
         image = disks.make_partitioned(self.folder, ["vfat"], "MOVIES")
         os.truncate(image, 400 * disks.MIB)
         stick = self.plug(image=image)
-        self.assert_ctl(0, "prepare", 1, "--yes", timeout=300)
-        self.finish_announcements()
+        self.record(1)
         self.assertEqual(self.observed(), [("added", 1)])
         self.assertEqual(self.devices(), [1])
         self.assertEqual(self.ask("label", 1)["label"], "MOVIES")
-        self.assert_ctl(0, "open", 1, "--pvr")
-        self.assert_mounted("/media/disk_1", "xfs", "rw", "prjquota")
-        self.machine.put("/media/disk_1/recording.ts", b"film")
-        self.assert_ctl(0, "close", 1)
-        self.assert_ctl(0, "repair", 1, timeout=300)
-        self.assert_ctl(0, "open", 1, "--pvr")
-        self.assertEqual(self.machine.get("/media/disk_1/recording.ts"), b"film")
         # The unit that announced the first partition of that name is bound to the second one.
         self.machine.unplug(stick)
         self.wait_observed(("added", 1), ("removed", 1))
         self.assertEqual(self.mounts(1), [])
+
+    def test_a_disk_of_a_driver_that_is_loaded_later_becomes_a_recording_disk_in_the_hardened_unit(self):
+        rules, image = "/run/udev/rules.d/61-loop.rules", "/run/disk.img"
+        self.start_unit()
+        self.assertNotIn(" loop\n", self.machine.get("/proc/devices").decode())
+        self.machine.put(rules, b'KERNEL=="loop0", SYMLINK+="usb_storage_vda"\n'
+                                b'KERNEL=="loop0p1", SYMLINK+="usb_storage_vda1"\n')
+        self.addCleanup(self.machine.check, f"losetup -d /dev/loop0; rm {rules} {image}; rmmod loop; "
+                                            "udevadm control --reload")
+        self.machine.check(f"udevadm control --reload && truncate -s 400M {image} && "
+                           f"echo ',,L' | sfdisk -q {image} && modprobe loop && losetup -P /dev/loop0 {image}")
+        self.machine.settle()
+        self.assertEqual(self.devices(), [1])
+        self.assertEqual(self.kernel_name(1), "vda1")
+        self.record(1)
+        self.assert_ctl(0, "close", 1)
