@@ -2,7 +2,6 @@
 
 import contextlib
 import dataclasses
-import os
 import pathlib
 import re
 import subprocess

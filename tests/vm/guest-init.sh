@@ -1,4 +1,5 @@
 #!/bin/busybox sh
+# shellcheck shell=dash
 # The first program in the guest: puts a scratch layer over the host's file system, which it has read-only
 # over 9p, and goes on to the init that the kernel's command line names (VM_INIT: busybox or systemd).
 # The kernel hands VM_INIT, VM_CHECKOUT and VM_PROGRAMS over as environment variables.
