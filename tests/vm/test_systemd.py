@@ -153,7 +153,7 @@ class Unit(daemon.DaemonTestCase):
         self.watch()
         self.plug()
         self.assert_ctl(0, "open", 1)
-        self.assert_ctl(0, "close", 1)
+        self.assertIn("still mounted", self.assert_ctl(1, "close", 1).stderr)
         self.assertEqual([mount[1] for mount in self.mounts(1)], ["/media/disk_1"])
 
     def test_a_killed_daemon_comes_back_and_opens_its_stick_again(self):
