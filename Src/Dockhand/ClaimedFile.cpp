@@ -11,6 +11,7 @@
 #include <fstream>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 namespace Dockhand {
 
@@ -121,14 +122,17 @@ int makeFile(const std::string& path) {
   return 0;
 }
 
-/// How many directories of ours hold what was moved aside from `path`. Users may use such names too: theirs
-/// do not count, or they could keep us from ever moving anything.
-int countMovedAside(const std::string& path) {
+/// How many directories of ours hold what was moved aside from `path`; nothing if they cannot be counted.
+/// Users may use such names too: theirs do not count, or they could keep us from ever moving anything.
+std::optional<int> countMovedAside(const std::string& path) {
   const std::string directory = directoryOf(path);
   const std::string beginning = nameOf(path) + movedSuffix;
-  int count = 0;
   const std::unique_ptr<DIR, int (*)(DIR*)> entries(::opendir(directory.c_str()), ::closedir);
-  while (const dirent* entry = entries != nullptr ? ::readdir(entries.get()) : nullptr) {
+  if (entries == nullptr) {
+    return std::nullopt;
+  }
+  int count = 0;
+  while (const dirent* entry = ::readdir(entries.get())) {
     const std::string name = entry->d_name;
     if (name.compare(0, beginning.size(), beginning) == 0) {
       const Look look = lookAt(directory + name);
@@ -139,19 +143,23 @@ int countMovedAside(const std::string& path) {
   return count;
 }
 
-/// True once nothing is left at the path.
-bool moveAside(const std::string& path) {
+/// movedAside once nothing is left at the path, also if it went by itself.
+Claim moveAside(const std::string& path) {
+  const std::optional<int> count = countMovedAside(path);
+  if (count >= maxMovedAside) {
+    return Claim::tooManyMoved;
+  }
   // A directory of our own, so that nobody can have taken the new name.
   std::string place = path + movedSuffix + "XXXXXX";
-  if (::mkdtemp(place.data()) == nullptr) {
-    return false;
+  if (!count || ::mkdtemp(place.data()) == nullptr) {
+    return Claim::refused;
   }
   if (::rename(path.c_str(), (place + '/' + nameOf(path)).c_str()) == 0) {
-    return true;
+    return Claim::movedAside;
   }
   const bool wentByItself = errno == ENOENT;
   ::rmdir(place.c_str());
-  return wentByItself;
+  return wentByItself ? Claim::movedAside : Claim::refused;
 }
 
 }  // namespace
@@ -172,13 +180,10 @@ Claim claimFile(const std::string& path) {
         }
         break;
       case Found::foreign:
-        if (countMovedAside(path) >= maxMovedAside) {
-          return Claim::tooManyMoved;
+        claim = moveAside(path);
+        if (claim != Claim::movedAside) {
+          return claim;
         }
-        if (!moveAside(path)) {
-          return Claim::refused;
-        }
-        claim = Claim::movedAside;
         break;
       case Found::outOfReach:
         return Claim::refused;

@@ -8,6 +8,7 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -346,6 +347,29 @@ TEST_P(MountedOver, WhatIsNoMountIsJudgedAsEver) {
   EXPECT_EQ(claimAfter(mountNothing), Claim::ours);
   file = directory / "none" / "log";
   EXPECT_EQ(claimAfter(mountNothing), Claim::ours);
+}
+
+TEST_P(MountedOver, NothingIsTakenForOursAndNothingMovedWhileNoDescriptorIsLeftToLookWith) {
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+  const auto claimWithoutDescriptors = [&] {
+    const Claim claim = claimAfter([&before] {
+      const rlimit none{0, before.rlim_max};
+      EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    });
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    return claim;
+  };
+  write(file, "what the last tool said");
+  // Today's kernel tells without a descriptor.
+  EXPECT_EQ(claimWithoutDescriptors(), beforeLinux58() ? Claim::refused : Claim::ours);
+  EXPECT_EQ(read(file), "what the last tool said");
+  fs::remove(file);
+  // What is kept cannot be counted.
+  fs::create_symlink(directory / "target", file);
+  EXPECT_EQ(claimWithoutDescriptors(), Claim::refused);
+  EXPECT_TRUE(fs::is_symlink(file));
+  EXPECT_THAT(moved(), IsEmpty());
 }
 
 INSTANTIATE_TEST_SUITE_P(Kernels, MountedOver, ::testing::Bool(),
