@@ -306,8 +306,10 @@ class Unit(daemon.DaemonTestCase):
         self.assertNotIn(" loop\n", self.machine.get("/proc/devices").decode())
         self.machine.put(rules, b'KERNEL=="loop0", SYMLINK+="usb_storage_vda"\n'
                                 b'KERNEL=="loop0p1", SYMLINK+="usb_storage_vda1"\n')
-        self.addCleanup(self.machine.check, f"losetup -d /dev/loop0; rm {rules} {image}; rmmod loop; "
-                                            "udevadm control --reload")
+        # The nodes go while the rules are there. udev may have the disk open for a moment.
+        self.addCleanup(self.machine.check, "losetup -d /dev/loop0 && until rmmod loop; do sleep 0.1; done && "
+                                            "udevadm settle && test ! -e /dev/usb_storage_vda && "
+                                            f"rm {rules} {image} && udevadm control --reload", timeout=120)
         self.machine.check(f"udevadm control --reload && truncate -s 400M {image} && "
                            f"echo ',,L' | sfdisk -q {image} && modprobe loop && losetup -P /dev/loop0 {image}")
         self.machine.settle()
