@@ -150,6 +150,23 @@ class LanguageTest:
         self.plug(other)
         device_manager.NotifyUsbAdded('sdb')
 
+    def test_event_after_a_restart_is_not_lost(self):
+        stick = self.make_stick('sda', b'HOLIDAY')
+        device_manager = self.start_daemon()
+        first = self.start_example()
+        self.assertEqual(first.line(), 'watching')
+        self.plug(stick)
+        device_manager.NotifyUsbAdded('sda')
+        self.assertEqual(first.line(), 'added 1: HOLIDAY at /media/disk_1')
+        self.assertEqual(first.end(), 0)
+
+        second = self.start_example()
+        self.assertEqual(second.line(), '1: HOLIDAY at /media/disk_1')
+        self.assertEqual(second.line(), 'watching')
+        stick.unplug()
+        device_manager.NotifyUsbRemoved('sda')
+        self.assertEqual(second.line(), 'removed 1')
+
     def test_stick_that_cannot_be_mounted_is_reported(self):
         stick = self.make_stick('sda', b'HOLIDAY')
         self.plug(stick)
