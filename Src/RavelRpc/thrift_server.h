@@ -35,18 +35,18 @@ inline void keepThreadManager(
 /// descriptors (RLIMIT_NOFILE) as it is now: what that leaves after a reserve of 64, at most 256, and at
 /// least one for each worker.
 ///
-/// The reserve keeps clients that only connect from taking the descriptors with which the handler answers the
-/// others. Standard streams, log, listener and its lock need 8 of it. Each of ten workers needs at most 5:
-/// the connection to another service, or a directory, a file and a disk's node with its entries in /sys. More
-/// than 256 would cost memory, about 3 KiB each, and help nobody: who waits, waits in the kernel as well.
+/// The reserve keeps idle clients from taking the descriptors that the handler needs for the others. Standard
+/// streams, log, listener and its lock use 8 of it. Each of ten workers uses at most 5: a connection to
+/// another service, or a directory, a file and a disk's node with its entries in /sys. More than 256
+/// connections would cost 3.4 KiB each and help nobody, since a client can wait in the kernel just as well.
 inline std::int64_t maxConnectionCount(int workers) {
   constexpr rlim_t reserve = 64;
-  constexpr rlim_t most = 256;
+  constexpr rlim_t maximum = 256;
   rlimit descriptors{};
-  // Cannot fail; if it did, the limit would be 0, and the workers get their connections all the same.
+  // If this fails, the limit is 0 and each worker still gets its connection.
   static_cast<void>(::getrlimit(RLIMIT_NOFILE, &descriptors));
   const rlim_t left = descriptors.rlim_cur > reserve ? descriptors.rlim_cur - reserve : 0;
-  return std::max<std::int64_t>(static_cast<std::int64_t>(std::min(left, most)), workers);
+  return std::max<std::int64_t>(static_cast<std::int64_t>(std::min(left, maximum)), workers);
 }
 
 /// The server of a service: a thread that accepts connections, and `Workers` threads each of which serves one
