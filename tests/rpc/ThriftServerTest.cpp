@@ -209,14 +209,18 @@ TEST_F(ThriftServer, ServesThoseThatItDoesNotHoldOnceOthersLeave) {
     const DescriptorLimit limit(75);
     server.emplace(handler_);
   }
+  handler_->open = [](std::int16_t device) -> bool {
+    if (device == 13) {
+      throw device;
+    }
+    return true;
+  };
   server->start();
   // Each ends its connection's task by an exception, which must not count as a connection for ever.
-  handler_->open = [](std::int16_t device) -> bool { throw device; };
   for (int connection = 0; connection < 12; ++connection) {
     Client unlucky;
     EXPECT_THROW(unlucky.stub.OpenDevice(13), TTransportException);
   }
-  handler_->open = [](std::int16_t) { return true; };
 
   std::vector<std::unique_ptr<Client>> idle;
   for (int number = 0; number < 20; ++number) {
