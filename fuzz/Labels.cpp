@@ -9,15 +9,25 @@
 
 namespace {
 
-/// The longest prefix of at most 11 bytes that ends where a UTF-8 character ends. A text with more than three
-/// continuation bytes in a row is not UTF-8, and is cut anywhere.
+/// The first 11 bytes, or those before the UTF-8 character that would be cut in two there. Other bytes are
+/// cut anywhere.
 std::string cut(const std::string& label) {
-  const auto continues = [&](std::size_t at) {
-    return at < label.size() && static_cast<unsigned char>(label[at]) >> 6 == 2;
+  const auto byteAt = [&](std::size_t at) { return static_cast<unsigned char>(label[at]); };
+  const auto isCutAt11 = [&](std::size_t begin) {
+    const unsigned char first = byteAt(begin);
+    const std::size_t length = first >= 0xf0 && first <= 0xf4   ? 4
+                               : first >= 0xe0 && first <= 0xef ? 3
+                               : first >= 0xc2 && first <= 0xdf ? 2
+                                                                : 1;
+    bool continues = true;
+    for (std::size_t at = begin + 1; at <= 11; ++at) {
+      continues = continues && byteAt(at) >> 6 == 2;
+    }
+    return continues && begin + length > 11;
   };
-  for (std::size_t end : {11U, 10U, 9U, 8U}) {
-    if (!continues(end)) {
-      return label.substr(0, end);
+  for (const std::size_t begin : {10U, 9U, 8U}) {
+    if (label.size() > 11 && isCutAt11(begin)) {
+      return label.substr(0, begin);
     }
   }
   return label.substr(0, 11);

@@ -85,16 +85,18 @@ int passText(const std::vector<std::string>& arguments) {
   close(ends[0]);
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGALRM, endRealLogger);
-  bool taken = passLines(ends[1]);
+  const bool taken = passLines(ends[1]);
   close(ends[1]);
   alarm(secondsOfPatience);
   const int status = image::waitFor(realLogger);
   alarm(0);
-  taken = taken && status < 128;
-  if (!taken) {
-    image::complain(tool, "the system log does not take the text; the rest of it is left out");
+  constexpr int signalled = 128;
+  if (taken && status < signalled) {
+    return status;
   }
-  return taken ? status : image::failed;
+  image::complain(tool, "the system log does not take the text; the rest of it is left out");
+  // The real logger may have failed before it read anything: its status says more than ours.
+  return status > 0 && status < signalled ? status : image::failed;
 }
 
 }  // namespace
