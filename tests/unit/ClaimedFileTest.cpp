@@ -204,6 +204,9 @@ TEST_F(ClaimedFile, IsOursOrRefusedWhileSomebodyKeepsPuttingALinkInItsPlace) {
     if (claim == Claim::ours || claim == Claim::movedAside) {
       EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(file)));
     }
+    for (const fs::path& link : moved()) {
+      fs::remove_all(link.parent_path());
+    }
     EXPECT_FALSE(fs::exists(directory / "target"));
     unlink(file.c_str());
   }

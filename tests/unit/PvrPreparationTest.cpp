@@ -437,9 +437,9 @@ TEST_F(PvrPreparation, CutsBytesThatAreNoCharactersAtElevenBytes) {
   for (const std::string label :
        {"Aufnahme 20\xB0"
         "C",
-        "abcdefgh\xE2\x82\xAC\xAC", "abcdefghi\xC3\xA4\xA4", "abcdefg\xF0\x9F\x8E\xA5\x80",
-        "abcdefghij\xC1\xA4", "abcdefghij\xF5\x80\x80\x80", "abcdefgh\xC3\xA4\x80\x80",
-        "abcdefg\x80\x80\x80\x80\x80"}) {
+        "abcdefgh\xE2\x82\xAC\xAC", "abcdefghi\xDF\xBF\xBF", "abcdefgh\xEF\xBF\xBF\xBF",
+        "abcdefghi\xC3\xA4\xA4", "abcdefg\xF0\x9F\x8E\xA5\x80", "abcdefghij\xC1\xA4",
+        "abcdefghij\xF5\x80\x80\x80", "abcdefgh\xC3\xA4\x80\x80", "abcdefg\x80\x80\x80\x80\x80"}) {
     EXPECT_EQ(fileSystemCommand(label), makeFileSystem(label.substr(0, 11))) << label;
   }
   // No character is this long.
