@@ -83,7 +83,9 @@ Look lookByMountNumber(const std::string& path) {
     return {errno, {}, {}, {}, {}};
   }
   const std::string mount = mountOf(file);
-  if (mount.empty() || mount != mountOf(Descriptor(directoryOf(path), O_DIRECTORY))) {
+  const Descriptor directory(directoryOf(path), O_DIRECTORY);
+  const std::string mountAround = mountOf(directory);
+  if (mount.empty() || mount != mountAround) {
     return {0, true, {}, {}, {}};
   }
   struct stat status {};

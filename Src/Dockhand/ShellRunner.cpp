@@ -15,7 +15,10 @@ int DockhandClient::executeShellCommand(const std::string& command, int sourceLi
   if (wasRun != nullptr) {
     *wasRun = logFileIsOurs;
   }
-  const int status = logFileIsOurs ? platform_.system(command + " 1>" + logFile + " 2>&1") : -1;
+  int status = -1;
+  if (logFileIsOurs) {
+    status = platform_.system(command + " 1>" + logFile + " 2>&1");
+  }
   if (status != 0) {
     // Before the warning, so that the tool's own words stand above it in the system log.
     if (logFileIsOurs) {

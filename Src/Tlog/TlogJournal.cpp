@@ -34,10 +34,12 @@ bool findSocket(sockaddr_un& address, socklen_t& length) {
   constexpr std::string_view name = "socket";
   length = sizeof address;
   if (getpeername(STDERR_FILENO, reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
-      address.sun_family != AF_UNIX || length <= offsetof(sockaddr_un, sun_path) || length > sizeof address) {
+      address.sun_family != AF_UNIX) {
     return false;
   }
-  const std::string_view path(address.sun_path, length - offsetof(sockaddr_un, sun_path));
+  // A socket without a name has an empty path, and one with the longest name no zero behind it.
+  const std::size_t size = std::min(std::size_t{length}, sizeof address);
+  const std::string_view path(address.sun_path, size - offsetof(sockaddr_un, sun_path));
   const auto slash = path.rfind('/');
   if (slash == std::string_view::npos || slash + 1 + name.size() >= sizeof address.sun_path) {
     return false;
@@ -57,7 +59,10 @@ std::unique_ptr<const Journal> Journal::ofStandardError() {
     return nullptr;
   }
   const int socket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  return socket < 0 ? nullptr : std::unique_ptr<const Journal>(new Journal(socket, address, length));
+  if (socket < 0) {
+    return nullptr;
+  }
+  return std::unique_ptr<const Journal>(new Journal(socket, address, length));
 }
 
 Journal::Journal(int socket, const sockaddr_un& address, socklen_t length)
