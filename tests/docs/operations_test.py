@@ -6,7 +6,7 @@ import re
 import unittest
 
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
-LABELS = ['Arguments', 'Answer', 'Errors', 'Lock', 'Waits for', 'Log']
+LABELS = ['Arguments', 'Reply', 'Errors', 'Lock', 'Waits for', 'Log']
 
 # The log lines of a routine that only one operation uses are in that operation's section.
 SECTION_OF_ROUTINE = {
