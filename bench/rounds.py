@@ -31,7 +31,12 @@ class Sizes:
     tool_rounds: int = 20
 
 
-SHORT = Sizes(rounds=2, calls=20, load_calls=50, starts=1, lists=10, answers=5, mounts=1, files=10_000, flood=2_000, tool_rounds=1)
+# fmt: off
+SHORT = Sizes(
+    rounds=2, calls=20, load_calls=50, starts=1, lists=10, answers=5, mounts=1, files=10_000, flood=2_000,
+    tool_rounds=1,
+)
+# fmt: on
 
 
 class Rounds:
@@ -266,8 +271,8 @@ class Rounds:
         with self.servers() as daemon, self.noting('processes'):
             self.programs.measure('stub-call', 1)
             trace = pathlib.Path('/tmp/trace')
-            tracer = self.programs.start('strace', '-f', '-qq', '-e', 'trace=clone,clone3,fork,vfork,execve',
-                                         '-o', trace, '-p', daemon.pid)
+            options = ('-f', '-qq', '-e', 'trace=clone,clone3,fork,vfork,execve', '-o', trace)
+            tracer = self.programs.start('strace', *options, '-p', daemon.pid)
             try:
                 status = pathlib.Path(f'/proc/{daemon.pid}/task')
                 wait_until(lambda: all(is_traced(task) for task in status.iterdir()), 'strace')

@@ -22,8 +22,8 @@ def measure(build):
     """The report of gcovr for each source, sorted by name."""
     with tempfile.TemporaryDirectory() as folder:
         report = os.path.join(folder, 'report.json')
-        subprocess.run(['gcovr', '--root', '.', '--filter', 'Src/', '-j', str(os.cpu_count()), '--json', report,
-                        os.path.join(build, 'Src'), os.path.join(build, 'tests')], check=True)
+        options = ['--root', '.', '--filter', 'Src/', '-j', str(os.cpu_count()), '--json', report]
+        subprocess.run(['gcovr', *options, f'{build}/Src', f'{build}/tests'], check=True)
         with open(report) as file:
             return sorted(json.load(file)['files'], key=lambda source: source['file'])
 

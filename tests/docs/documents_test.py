@@ -192,8 +192,10 @@ class CommandsTest(unittest.TestCase):
                 self.assertLessEqual(set(names[1:2]), set(operations), path)
 
     def test_scripts_take_the_options(self):
-        for script in ('./try', 'fuzz/run', 'bench/compare', 'tests/vm/run', 'tests/examples/build',
-                       'packaging/debian/build', 'packaging/cross/sizes', 'packaging/cross/sysroot'):
+        for script in (
+            './try fuzz/run bench/compare tests/vm/run tests/examples/build '
+            'packaging/debian/build packaging/cross/sizes packaging/cross/sysroot'
+        ).split():
             self.assertTrue(os.access(SOURCE / script, os.X_OK), script)
             for path, arguments in calls_of(script):
                 text = (SOURCE / script).read_text()

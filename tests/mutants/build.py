@@ -51,9 +51,14 @@ class Tree:
         self.program = os.path.join(self.build, 'bin', TESTS)
         self.copy()
         print('building the unit tests', flush=True)
-        run(['cmake', '-G', 'Ninja', '-S', self.root, '-B', self.build, '-DCMAKE_BUILD_TYPE=Debug',
-             '-DCMAKE_CXX_FLAGS_DEBUG=-O0 -g0', '-DCMAKE_EXE_LINKER_FLAGS=-fuse-ld=lld',
-             '-DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST'], folder)
+        options = {
+            'CMAKE_BUILD_TYPE': 'Debug',
+            'CMAKE_CXX_FLAGS_DEBUG': '-O0 -g0',
+            'CMAKE_EXE_LINKER_FLAGS': '-fuse-ld=lld',
+            'CMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE': 'PRE_TEST',
+        }
+        options = [f'-D{name}={value}' for name, value in options.items()]
+        run(['cmake', '-G', 'Ninja', '-S', self.root, '-B', self.build, *options], folder)
         run(['cmake', '--build', self.build, '--parallel', str(jobs), '--target', TESTS], folder)
         self.read_commands()
         self.precompile()

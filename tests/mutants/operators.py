@@ -7,33 +7,44 @@ and every branch has braces.
 import dataclasses
 import re
 
-TOKEN = re.compile(r'''
+TOKEN = re.compile(
+    r'''
     (?P<skip>   \s+ | //[^\n]* | /\*.*?\*/ | ^[ ]*\#[^\n]* )
   | (?P<string> "(?:\\.|[^"\\])*" )
   | (?P<char>   '(?:\\.|[^'\\])+' )
   | (?P<number> \d[\w.]* )
   | (?P<name>   [A-Za-z_]\w* )
   | (?P<sign>   \.\.\. | <<= | >>= | -> | :: | \+\+ | -- | << | [=!<>+\-*/|&^%]= | && | \|\| | . )
-''', re.VERBOSE | re.DOTALL | re.MULTILINE)
+''',
+    re.VERBOSE | re.DOTALL | re.MULTILINE,
+)
 
-SIGNS = {'==': '!=', '!=': '==', '<': '<=', '<=': '<', '>': '>=', '>=': '>', '&&': '||', '||': '&&', '+': '-', '-': '+'}
+# fmt: off
+SIGNS = {
+    "==": "!=", "!=": "==", "<": "<=", "<=": "<", ">": ">=", ">=": ">",
+    "&&": "||", "||": "&&", "+": "-", "-": "+",
+}
+# fmt: on
 COMPARISONS = {'==', '!=', '<', '<=', '>', '>='}
 
 # Each named constant becomes another one that the compiler accepts in its place.
+# fmt: off
 NAMES = {
-    'true': 'false', 'false': 'true',
-    'UsbOperationNone': 'UsbOperationAdded',
-    'UsbOperationAdded': 'UsbOperationRemoved',
-    'UsbOperationRemoved': 'UsbOperationAdded',
-    'MS_MGC_VAL': 'MS_SYNCHRONOUS', 'MS_RDONLY': 'MS_SYNCHRONOUS', 'MS_NOSUID': 'MS_NODEV',
-    'MS_NOEXEC': 'MS_NODEV', 'MS_NOATIME': 'MS_NODIRATIME', 'MNT_DETACH': 'MNT_FORCE',
-    'O_RDONLY': 'O_RDWR', 'O_NONBLOCK': 'O_SYNC', 'F_OK': 'W_OK',
+    "true": "false", "false": "true",
+    "UsbOperationNone": "UsbOperationAdded",
+    "UsbOperationAdded": "UsbOperationRemoved",
+    "UsbOperationRemoved": "UsbOperationAdded",
+    "MS_MGC_VAL": "MS_SYNCHRONOUS", "MS_RDONLY": "MS_SYNCHRONOUS", "MS_NOSUID": "MS_NODEV",
+    "MS_NOEXEC": "MS_NODEV", "MS_NOATIME": "MS_NODIRATIME", "MNT_DETACH": "MNT_FORCE",
+    "O_RDONLY": "O_RDWR", "O_NONBLOCK": "O_SYNC", "F_OK": "W_OK",
 }
+# fmt: on
 ERROR_NAME = re.compile(r'E[A-Z0-9]{3,}')
 
-NO_EXPRESSION = {'return', 'const', 'constexpr', 'using', 'static', 'extern', 'template', 'class', 'struct', 'enum',
-                 'namespace', 'public', 'private', 'protected', 'explicit', 'virtual', 'friend', 'inline', 'static_assert',
-                 'if', 'for', 'while', 'do', 'switch', 'case', 'default', 'else', 'try', 'catch', 'throw'}
+NO_EXPRESSION = set(
+    'return const constexpr using static extern template class struct enum namespace public private protected '
+    'explicit virtual friend inline static_assert if for while do switch case default else try catch throw'.split()
+)
 
 
 @dataclasses.dataclass

@@ -21,8 +21,9 @@ from installed import SOURCE, files_in, install, project_version, unknown_cmake_
 TREE = SOURCE / 'packaging' / 'buildroot'
 PACKAGE = TREE / 'package' / 'dockhand'
 MAKEFILES = [TREE / 'external.mk', PACKAGE / 'dockhand.mk']
-TOOLCHAIN = ['BR2_USE_MMU', 'BR2_INSTALL_LIBSTDCPP', 'BR2_TOOLCHAIN_GCC_AT_LEAST_8', 'BR2_TOOLCHAIN_HAS_THREADS',
-             'BR2_USE_WCHAR']
+TOOLCHAIN = (
+    'BR2_USE_MMU BR2_INSTALL_LIBSTDCPP BR2_TOOLCHAIN_GCC_AT_LEAST_8 BR2_TOOLCHAIN_HAS_THREADS BR2_USE_WCHAR'
+).split()
 
 STAND_INS = '''
 HOST_DIR = /host
@@ -81,8 +82,10 @@ class OptionsTest(TreeTest):
 
     def test_package_chooses_what_it_is_built_with_and_what_it_runs(self):
         self.choose(*TOOLCHAIN, 'BR2_PACKAGE_LIBURCU_ARCH_SUPPORTS', 'BR2_PACKAGE_DOCKHAND')
-        for name in ('BOOST', 'CLI11', 'JSON_FOR_MODERN_CPP', 'THRIFT', 'UTIL_LINUX', 'UTIL_LINUX_LIBBLKID',
-                     'UTIL_LINUX_LIBMOUNT', 'UTIL_LINUX_BINARIES', 'XFSPROGS'):
+        for name in (
+            'BOOST CLI11 JSON_FOR_MODERN_CPP THRIFT UTIL_LINUX UTIL_LINUX_LIBBLKID UTIL_LINUX_LIBMOUNT '
+            'UTIL_LINUX_BINARIES XFSPROGS'
+        ).split():
             self.assertEqual(self.value(f'BR2_PACKAGE_{name}'), 'y', name)
         self.options.syms['BR2_PACKAGE_DOCKHAND_RECORDING'].set_value('n')
         self.assertEqual(self.value('BR2_PACKAGE_XFSPROGS'), 'n')

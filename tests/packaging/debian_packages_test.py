@@ -24,8 +24,10 @@ PACKAGES = pathlib.Path(os.environ.get('DOCKHAND_PACKAGES_DIR', SOURCE / 'build'
 ROOT = pathlib.Path(os.environ.get('DOCKHAND_PACKAGES_ROOT', SOURCE / 'build' / 'packages-root'))
 NAMES = ('dockhand', 'dockhand-client', 'dockhand-dbg', 'libdockhand-client-dev')
 # What dpkg itself keeps and writes, what other packages' triggers rewrite, and the copies that groupadd makes.
-OTHERS = ('/var/lib/dpkg/', '/var/log/', '/var/cache/', '/etc/ld.so.cache', '/etc/group-', '/etc/gshadow-',
-          '/etc/.pwd.lock', '/dev/', '/tmp/')
+OTHERS = tuple(
+    '/var/lib/dpkg/ /var/log/ /var/cache/ /etc/ld.so.cache /etc/group- /etc/gshadow- /etc/.pwd.lock '
+    '/dev/ /tmp/'.split()
+)
 
 
 def files_of_packages():
@@ -41,8 +43,8 @@ class Root:
         for name in ('upper', 'work', 'root'):
             (self.folder / name).mkdir()
         self.path = self.folder / 'root'
-        subprocess.run(['mount', '-t', 'overlay', '-o', f'lowerdir={ROOT},upperdir={self.folder}/upper,'
-                        f'workdir={self.folder}/work', 'overlay', self.path], check=True)
+        folders = f'lowerdir={ROOT},upperdir={self.folder}/upper,workdir={self.folder}/work'
+        subprocess.run(['mount', '-t', 'overlay', '-o', folders, 'overlay', self.path], check=True)
 
     def remove(self):
         subprocess.run(['umount', self.path], check=True)
@@ -183,8 +185,8 @@ class PackagesTest(unittest.TestCase):
         (mounted / 'file').touch()
         self.root.check('dpkg', '--purge', 'dockhand')
         _, names = self.root.run('ls', '/tmp')
-        self.assertEqual(names.split(), ['Dockhand.log.moved-d', 'Dockhand.log.moved-e', 'others', 'others.moved-c',
-                                         'sdb_bcdUSB.txt', 'sdc_bcdUSB.txt', 'sdd_bcdUSB.txt'])
+        self.assertEqual(' '.join(names.split()), 'Dockhand.log.moved-d Dockhand.log.moved-e others '
+                         'others.moved-c sdb_bcdUSB.txt sdc_bcdUSB.txt sdd_bcdUSB.txt')
         self.assertTrue((mounted / 'file').exists())
         self.assertTrue((self.root.path / 'etc/passwd').exists())
 

@@ -17,8 +17,8 @@ class GroupTest(unittest.TestCase):
     def lines(self, *options):
         """What the files for the image say of the group."""
         with tempfile.TemporaryDirectory() as build:
-            subprocess.run(['cmake', '-S', str(SOURCE), '-B', build, '-G', 'Ninja', '-DDOCKHAND_BUILD_TESTS=OFF',
-                            *options], check=True, stdout=subprocess.DEVNULL)
+            command = ['cmake', '-S', str(SOURCE), '-B', build, '-G', 'Ninja', '-DDOCKHAND_BUILD_TESTS=OFF']
+            subprocess.run([*command, *options], check=True, stdout=subprocess.DEVNULL)
             folder = pathlib.Path(build, 'integration')
             unit = (folder / 'systemd' / 'dockhand.service').read_text()
             script = (folder / 'init' / 'dockhand').read_text()

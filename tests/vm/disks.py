@@ -20,8 +20,12 @@ PARTITION_OFFSET = MIB
 PARTITION_TABLE_ROOM = 2 * MIB
 
 # MBR type of the partition of each file system.
-PARTITION_TYPES = {"vfat": "c", "ext3": "83", "ext4": "83", "xfs": "83", "hfs": "af", "hfsplus": "af",
-                   "ntfs": "7", "garbage": "83", "empty": "83"}
+# fmt: off
+PARTITION_TYPES = {
+    "vfat": "c", "ext3": "83", "ext4": "83", "xfs": "83", "hfs": "af", "hfsplus": "af", "ntfs": "7",
+    "garbage": "83", "empty": "83",
+}
+# fmt: on
 
 
 def make(folder, filesystem, label="", name="stick.img"):
@@ -111,8 +115,12 @@ def _empty(path, _label):
     _truncate(path, 4 * MIB)
 
 
-MAKERS = {"ext2": _ext2, "ext3": _ext3, "ext4": _ext4, "vfat": _vfat, "fat32": _fat32, "xfs": _xfs, "hfs": _hfs,
-          "hfsplus": _hfsplus, "ntfs": _ntfs, "garbage": _garbage, "empty": _empty}
+# fmt: off
+MAKERS = {
+    "ext2": _ext2, "ext3": _ext3, "ext4": _ext4, "vfat": _vfat, "fat32": _fat32, "xfs": _xfs, "hfs": _hfs,
+    "hfsplus": _hfsplus, "ntfs": _ntfs, "garbage": _garbage, "empty": _empty,
+}
+# fmt: on
 
 
 def _truncate(path, size):

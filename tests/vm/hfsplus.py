@@ -60,6 +60,7 @@ def write_volume(path, megabytes, label, files=None, identifier=0x0123456789ABCD
     for block in [*range(next_block), total_blocks - 1]:
         bitmap[block // 8] |= 0x80 >> (block % 8)
 
+    # fmt: off
     header = struct.pack(
         ">HHIIIIIIIIIIIIIIIIIQ",
         0x482B, 4, VOLUME_UNMOUNTED, int.from_bytes(b"10.0", "big"), 0,
@@ -68,6 +69,7 @@ def write_volume(path, megabytes, label, files=None, identifier=0x0123456789ABCD
         BLOCK_SIZE, total_blocks, total_blocks - next_block - 1,
         next_block, BLOCK_SIZE, BLOCK_SIZE, FIRST_USER_ID + len(files), 1,
         1)  # Text encodings in use: MacRoman.
+    # fmt: on
     header += struct.pack(">6IQ", 0, 0, 0, 0, 0, 0, identifier)
     header += _fork(*allocation, BLOCK_SIZE)
     header += _fork(*extents, extents[1] * BLOCK_SIZE)
@@ -142,8 +144,10 @@ def _tree(records, nodes, max_key_length, attributes, key_compare):
     """A B-tree file of one header node and, where there are records, one leaf."""
     leaves = 1 if records else 0
     used = 1 + leaves
+    # fmt: off
     header = struct.pack(">HIIIIHHIIHIBBI", leaves, leaves, len(records), leaves, leaves, NODE_SIZE,
                          max_key_length, nodes, nodes - used, 0, NODE_SIZE, 0, key_compare, attributes)
+    # fmt: on
     header += bytes(64)
     bitmap = bytearray(NODE_SIZE - 256)
     bitmap[0] = 0xC0 if leaves else 0x80

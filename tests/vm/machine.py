@@ -380,6 +380,7 @@ class Machine:
             append += ["systemd.unit=vm.target", "systemd.show_status=0", "systemd.log_target=kmsg"]
         if any(" " in word for word in append):
             raise MachineError("the kernel's command line takes no path with a space")
+        # fmt: off
         command = [
             qemu, "-nodefaults", "-no-user-config", "-display", "none", "-no-reboot",
             "-machine", "q35,usb=off", "-accel", "tcg,thread=multi,tb-size=128", "-cpu", "max,la57=off",
@@ -397,6 +398,7 @@ class Machine:
             "-device", "usb-ehci,id=ehci",
             "-device", "piix3-usb-uhci,id=uhci", "-device", "usb-hub,bus=uhci.0,port=1",
         ]
+        # fmt: on
         qemu_log = open(os.path.join(self._folder, "qemu.log"), "wb")
         with qemu_log:
             process = subprocess.Popen(
