@@ -20,6 +20,7 @@ def median(values):
 @dataclasses.dataclass(frozen=True)
 class Goal:
     """The goal for a ratio: at most `bound`, or at least `bound` if `at_most` is false."""
+
     bound: float
     at_most: bool = True
 
@@ -27,12 +28,13 @@ class Goal:
         return ratio <= self.bound if self.at_most else ratio >= self.bound
 
     def __str__(self):
-        return ('≤ ' if self.at_most else '≥ ') + simple(self.bound)
+        return ("≤ " if self.at_most else "≥ ") + simple(self.bound)
 
 
 @dataclasses.dataclass(frozen=True)
 class Ratio:
     """The median of the rounds' ratios, and the quartiles below and above it."""
+
     middle: float
     low: float
     high: float
@@ -41,7 +43,7 @@ class Ratio:
 def ratio_of(ours, others):
     """Compares figures of the same round only, because a disturbance slows both."""
     if len(ours) != len(others) or not ours:
-        raise ValueError(f'{len(ours)} figures of ours, but {len(others)} of the other')
+        raise ValueError(f"{len(ours)} figures of ours, but {len(others)} of the other")
     ratios = [one / other for one, other in zip(ours, others)]
     return Ratio(median(ratios), quantile(ratios, 0.25), quantile(ratios, 0.75))
 
@@ -49,20 +51,20 @@ def ratio_of(ours, others):
 def simple(bound):
     """A bound in the form of the goals: 1/12, 0.5, 6."""
     if 0 < bound < 0.5:
-        return f'1/{round(1 / bound)}'
-    return f'{bound:g}'
+        return f"1/{round(1 / bound)}"
+    return f"{bound:g}"
 
 
 def rounded(ratio, less_is_better):
     """A ratio with three digits, rounded to the side that is worse for us. Below a half it reads 1/number."""
     if ratio <= 0:
-        return '0'
+        return "0"
     if ratio < 0.5:
         inverse = 1 / ratio
         step = 10 ** (math.floor(math.log10(inverse)) - 2)
         steps = inverse / step
         # A smaller 1/number has a larger number.
-        return '1/' + digits(towards(steps, not less_is_better) * step, step)
+        return "1/" + digits(towards(steps, not less_is_better) * step, step)
     step = 10 ** (math.floor(math.log10(ratio)) - 2)
     return digits(towards(ratio / step, less_is_better) * step, step)
 
@@ -76,10 +78,10 @@ def towards(steps, up):
 
 
 def digits(value, step):
-    return f'{value:.{max(0, -round(math.log10(step)))}f}'
+    return f"{value:.{max(0, -round(math.log10(step)))}f}"
 
 
 def spread(ratio, less_is_better):
     """A ratio with its quartiles, in the form of the tables."""
     middle, low, high = (rounded(value, less_is_better) for value in (ratio.middle, ratio.low, ratio.high))
-    return f'{middle} ({low} to {high})'
+    return f"{middle} ({low} to {high})"

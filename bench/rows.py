@@ -10,6 +10,7 @@ from rounds import PREPARATION_PAUSES_MICROSECONDS
 @dataclasses.dataclass(frozen=True)
 class Row:
     """`ours` and `other` compute one figure from the figures of a round. A row without a goal explains another row."""
+
     what: str
     ours: Callable
     other: Callable

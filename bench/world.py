@@ -15,25 +15,25 @@ import sys
 import time
 
 SOURCE = pathlib.Path(__file__).resolve().parents[1]
-sys.path.insert(0, str(SOURCE / 'tools' / 'try'))
+sys.path.insert(0, str(SOURCE / "tools" / "try"))
 
 import stick
 
 LOOP_CTL_REMOVE = 0x4C81
-DAEMON_SOCKET = '/run/ravel/9020.sock'
-BARE_SOCKET = '/run/bare.sock'
-BUS_SOCKET = '/run/bus.sock'
-UDISKSD = '/usr/libexec/udisks2/udisksd'
-UDEVD = '/lib/systemd/systemd-udevd'
-DBUS_DAEMON = '/usr/bin/dbus-daemon'
-BUS_SETTINGS = f'''<busconfig>
+DAEMON_SOCKET = "/run/ravel/9020.sock"
+BARE_SOCKET = "/run/bare.sock"
+BUS_SOCKET = "/run/bus.sock"
+UDISKSD = "/usr/libexec/udisks2/udisksd"
+UDEVD = "/lib/systemd/systemd-udevd"
+DBUS_DAEMON = "/usr/bin/dbus-daemon"
+BUS_SETTINGS = f"""<busconfig>
   <type>system</type>
   <listen>unix:path={BUS_SOCKET}</listen>
   <policy context="default">
     <allow user="*"/><allow own="*"/><allow send_destination="*" eavesdrop="true"/><allow eavesdrop="true"/>
   </policy>
 </busconfig>
-'''
+"""
 
 
 class NotTaken(Exception):
@@ -46,19 +46,19 @@ def pss_of(*pids):
     for pid in pids:
         # A process that has just exited has no file.
         with contextlib.suppress(FileNotFoundError, ProcessLookupError):
-            text = pathlib.Path(f'/proc/{pid}/smaps_rollup').read_text()
-            kibibytes += int(text.partition('\nPss:')[2].split()[0])
+            text = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text()
+            kibibytes += int(text.partition("\nPss:")[2].split()[0])
     return kibibytes
 
 
 def children_of(pid):
-    return [int(child) for child in pathlib.Path(f'/proc/{pid}/task/{pid}/children').read_text().split()]
+    return [int(child) for child in pathlib.Path(f"/proc/{pid}/task/{pid}/children").read_text().split()]
 
 
 def threads_of(pid):
     # The workers of udevd come and go.
     with contextlib.suppress(FileNotFoundError, ProcessLookupError):
-        return [int(thread) for thread in os.listdir(f'/proc/{pid}/task')]
+        return [int(thread) for thread in os.listdir(f"/proc/{pid}/task")]
     return []
 
 
@@ -85,40 +85,55 @@ class Programs:
     """Runs the programs of a build tree."""
 
     def __init__(self, build):
-        self.bin = pathlib.Path(build) / 'bin'
-        self.environment = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=f'unix:path={BUS_SOCKET}',
-                                SYSTEMD_IGNORE_CHROOT='1', LC_ALL='C',
-                                PATH=f'{build}/image-tools:/usr/sbin:/usr/bin:/sbin:/bin')
-        self.environment.pop('TLOG_LEVEL', None)
-        self.log = open('/tmp/log', 'ab')
+        self.bin = pathlib.Path(build) / "bin"
+        self.environment = dict(
+            os.environ,
+            DBUS_SYSTEM_BUS_ADDRESS=f"unix:path={BUS_SOCKET}",
+            SYSTEMD_IGNORE_CHROOT="1",
+            LC_ALL="C",
+            PATH=f"{build}/image-tools:/usr/sbin:/usr/bin:/sbin:/bin",
+        )
+        self.environment.pop("TLOG_LEVEL", None)
+        self.log = open("/tmp/log", "ab")
 
     def start(self, *command):
         """Starts a program that ends with this one."""
-        return subprocess.Popen(['setpriv', '--pdeathsig', 'KILL', *map(str, command)], env=self.environment,
-                                stdin=subprocess.DEVNULL, stdout=self.log, stderr=self.log)
+        return subprocess.Popen(
+            ["setpriv", "--pdeathsig", "KILL", *map(str, command)],
+            env=self.environment,
+            stdin=subprocess.DEVNULL,
+            stdout=self.log,
+            stderr=self.log,
+        )
 
     def start_unshared(self, program, *arguments):
         """The same, with copies of the program and its libraries.
 
         The PSS of a library depends on how many other processes use it. How much of a file is read at once depends on
         how the file was written."""
-        listed = subprocess.run(['ldd', program], check=True, stdout=subprocess.PIPE, text=True).stdout
-        copies = pathlib.Path('/tmp/copies')
+        listed = subprocess.run(["ldd", program], check=True, stdout=subprocess.PIPE, text=True).stdout
+        copies = pathlib.Path("/tmp/copies")
         if not copies.exists():
             copies.mkdir()
-            subprocess.run(['mount', '-t', 'tmpfs', '-o', 'huge=never', 'none', str(copies)], check=True)
-        for file in (program, *re.findall(r'=> (/\S+)', listed)):
+            subprocess.run(["mount", "-t", "tmpfs", "-o", "huge=never", "none", str(copies)], check=True)
+        for file in (program, *re.findall(r"=> (/\S+)", listed)):
             copy = copies / os.path.basename(file)
             if not copy.exists():
                 shutil.copy(file, copy)
-        return self.start('env', f'LD_LIBRARY_PATH={copies}', copies / os.path.basename(program), *arguments)
+        return self.start("env", f"LD_LIBRARY_PATH={copies}", copies / os.path.basename(program), *arguments)
 
     def measure(self, *arguments):
         """Runs a command of bench_measure and returns its figures by name."""
-        done = subprocess.run([str(self.bin / 'bench_measure'), *map(str, arguments)], env=self.environment,
-                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=300)
+        done = subprocess.run(
+            [str(self.bin / "bench_measure"), *map(str, arguments)],
+            env=self.environment,
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            timeout=300,
+        )
         if done.returncode != 0:
-            raise NotTaken(done.stderr.decode(errors='replace').strip() or f'{arguments[0]} failed')
+            raise NotTaken(done.stderr.decode(errors="replace").strip() or f"{arguments[0]} failed")
         return {name: float(value) for name, value in map(str.split, done.stdout.decode().splitlines())}
 
 
@@ -131,7 +146,7 @@ def wait_until(condition, what, seconds=20):
     deadline = time.monotonic() + seconds
     while not condition():
         if time.monotonic() > deadline:
-            raise NotTaken(f'{what}: not ready within {seconds} s')
+            raise NotTaken(f"{what}: not ready within {seconds} s")
         time.sleep(0.01)
 
 
@@ -144,25 +159,29 @@ class Peer:
         self.udisksd = None
         for program in (UDISKSD, UDEVD, DBUS_DAEMON):
             if shutil.which(program) is None:
-                raise NotTaken(f'{program} is not installed')
-        subprocess.run(['mount', '-t', 'tmpfs', 'none', '/var/lib'], check=True)
-        pathlib.Path('/tmp/bus.conf').write_text(BUS_SETTINGS)
-        self.needs.append(programs.start_unshared(DBUS_DAEMON, '--config-file=/tmp/bus.conf', '--nofork', '--nopidfile'))
+                raise NotTaken(f"{program} is not installed")
+        subprocess.run(["mount", "-t", "tmpfs", "none", "/var/lib"], check=True)
+        pathlib.Path("/tmp/bus.conf").write_text(BUS_SETTINGS)
+        self.needs.append(
+            programs.start_unshared(DBUS_DAEMON, "--config-file=/tmp/bus.conf", "--nofork", "--nopidfile")
+        )
         self.needs.append(programs.start_unshared(UDEVD))
-        wait_until(lambda: os.path.exists(BUS_SOCKET) and os.path.exists('/run/udev/control'), 'bus and udevd')
+        wait_until(
+            lambda: os.path.exists(BUS_SOCKET) and os.path.exists("/run/udev/control"), "bus and udevd"
+        )
 
     def settle(self):
         """Lets udevd probe all disks, and waits until it has."""
-        for command in (['trigger', '--action=add', '--subsystem-match=block'], ['settle', '--timeout=60']):
-            subprocess.run(['udevadm', *command], env=self.programs.environment, check=True)
+        for command in (["trigger", "--action=add", "--subsystem-match=block"], ["settle", "--timeout=60"]):
+            subprocess.run(["udevadm", *command], env=self.programs.environment, check=True)
 
     def start(self):
         self.udisksd = self.programs.start_unshared(UDISKSD)
-        wait_until(self.answers, 'udisksd')
+        wait_until(self.answers, "udisksd")
 
     def answers(self):
         try:
-            self.programs.measure('peer-ping', 1)
+            self.programs.measure("peer-ping", 1)
             return True
         except NotTaken:
             return False
@@ -211,45 +230,45 @@ class Disks:
     def add(self, count):
         """Makes loop devices until there are `count`."""
         while len(self.descriptors) < count:
-            image = f'/tmp/disk{len(self.descriptors)}.img'
+            image = f"/tmp/disk{len(self.descriptors)}.img"
             first = not self.descriptors
-            with open(image, 'wb') as file:
+            with open(image, "wb") as file:
                 file.truncate((64 if first else 1) << 20)
             if first:
-                subprocess.run(['mkfs.ext3', '-q', '-F', '-L', 'MUSIC', image], check=True)
+                subprocess.run(["mkfs.ext3", "-q", "-F", "-L", "MUSIC", image], check=True)
             self._attach(image)
         self.show(count)
 
     def _attach(self, image, offset=0):
         descriptor = stick.attach_loop_device(image, offset)
         self.descriptors.append(descriptor)
-        self.numbers.add(loop_number(os.readlink(f'/proc/self/fd/{descriptor}')))
+        self.numbers.add(loop_number(os.readlink(f"/proc/self/fd/{descriptor}")))
 
     def show(self, count):
         """Makes nodes for the first `count` devices, and for no others."""
         while len(self.nodes) > count:
             os.unlink(self.nodes.pop())
         for number in range(len(self.nodes), count):
-            letters = 'sd' + chr(ord('a') + number // 26) + chr(ord('a') + number % 26)
-            node = f'/dev/usb_storage_{letters}'
+            letters = "sd" + chr(ord("a") + number // 26) + chr(ord("a") + number % 26)
+            node = f"/dev/usb_storage_{letters}"
             stick.write_node(node, self.descriptors[number])
-            os.makedirs(f'/sys/block/{letters}', exist_ok=True)
-            pathlib.Path(f'/sys/block/{letters}/removable').write_text('1\n')
+            os.makedirs(f"/sys/block/{letters}", exist_ok=True)
+            pathlib.Path(f"/sys/block/{letters}/removable").write_text("1\n")
             self.nodes.append(node)
 
     def first_object(self):
         """The first disk's name on the bus."""
-        loop = os.path.basename(os.readlink(f'/proc/self/fd/{self.descriptors[0]}'))
-        return f'/org/freedesktop/UDisks2/block_devices/{loop}'
+        loop = os.path.basename(os.readlink(f"/proc/self/fd/{self.descriptors[0]}"))
+        return f"/org/freedesktop/UDisks2/block_devices/{loop}"
 
     def recording_disk(self):
         """Replaces the disks with one that is large enough for xfs; returns its node."""
         self.show(0)
-        image = '/tmp/recording.img'
-        with open(image, 'wb') as file:
+        image = "/tmp/recording.img"
+        with open(image, "wb") as file:
             file.truncate(520 << 20)
-        node = '/dev/usb_storage_sdr'
-        for offset, suffix in ((0, ''), (stick.PARTITION_OFFSET, '1')):
+        node = "/dev/usb_storage_sdr"
+        for offset, suffix in ((0, ""), (stick.PARTITION_OFFSET, "1")):
             self._attach(image, offset)
             stick.write_node(node + suffix, self.descriptors[-1])
             self.nodes.append(node + suffix)
@@ -259,7 +278,7 @@ class Disks:
         self.show(0)
         for descriptor in self.descriptors:
             os.close(descriptor)
-        with open('/dev/loop-control') as control:
+        with open("/dev/loop-control") as control:
             for number in self.numbers - self.before:
                 # The kernel releases a closed device with a delay.
                 for _ in range(100):
@@ -271,8 +290,8 @@ class Disks:
 
 
 def loop_number(node):
-    return int(os.path.basename(node).removeprefix('loop'))
+    return int(os.path.basename(node).removeprefix("loop"))
 
 
 def loop_numbers():
-    return [loop_number(name) for name in os.listdir('/sys/class/block') if re.fullmatch(r'loop\d+', name)]
+    return [loop_number(name) for name in os.listdir("/sys/class/block") if re.fullmatch(r"loop\d+", name)]

@@ -14,11 +14,11 @@ import unittest
 import xml.etree.ElementTree
 
 
-def add(results, status, name, reason=''):
-    if status not in ('passed', 'failed', 'skipped'):
+def add(results, status, name, reason=""):
+    if status not in ("passed", "failed", "skipped"):
         sys.exit(f'summary.py: unknown status "{status}"; use passed, failed or skipped')
-    with open(results, 'a') as file:
-        file.write('\t'.join((status, name, ' '.join(reason.split()))) + '\n')
+    with open(results, "a") as file:
+        file.write("\t".join((status, name, " ".join(reason.split()))) + "\n")
 
 
 def gtest(results, report, program, exit_status):
@@ -27,45 +27,45 @@ def gtest(results, report, program, exit_status):
     failures = 0
     cases = 0
     if os.path.exists(report):
-        for case in xml.etree.ElementTree.parse(report).iter('testcase'):
+        for case in xml.etree.ElementTree.parse(report).iter("testcase"):
             name = f"{program}: {case.get('classname')}.{case.get('name')}"
-            skipped = case.find('skipped')
+            skipped = case.find("skipped")
             cases += 1
-            if case.find('failure') is not None:
+            if case.find("failure") is not None:
                 failures += 1
-                add(results, 'failed', name)
+                add(results, "failed", name)
             elif skipped is not None:
                 # The first line is the position in the source.
-                add(results, 'skipped', name, skipped.get('message', '').partition('\n')[2])
-            elif case.get('status') == 'run':
-                add(results, 'passed', name)
-    if exit_status != '0' and failures == 0:
-        add(results, 'failed', program, f'ended with status {exit_status}')
+                add(results, "skipped", name, skipped.get("message", "").partition("\n")[2])
+            elif case.get("status") == "run":
+                add(results, "passed", name)
+    if exit_status != "0" and failures == 0:
+        add(results, "failed", program, f"ended with status {exit_status}")
     elif cases == 0:
-        add(results, 'failed', program, 'ran no test')
+        add(results, "failed", program, "ran no test")
 
 
 class Recorder(unittest.TextTestResult):
-    results = ''
+    results = ""
 
-    def note(self, status, test, reason=''):
+    def note(self, status, test, reason=""):
         add(self.results, status, test.id(), reason)
 
     def addSuccess(self, test):
         super().addSuccess(test)
-        self.note('passed', test)
+        self.note("passed", test)
 
     def addFailure(self, test, err):
         super().addFailure(test, err)
-        self.note('failed', test)
+        self.note("failed", test)
 
     def addError(self, test, err):
         super().addError(test, err)
-        self.note('failed', test)
+        self.note("failed", test)
 
     def addSkip(self, test, reason):
         super().addSkip(test, reason)
-        self.note('skipped', test, reason)
+        self.note("skipped", test, reason)
 
 
 def run_unittest(results, path):
@@ -75,10 +75,12 @@ def run_unittest(results, path):
     try:
         spec.loader.exec_module(module)
     except Exception as failure:
-        add(results, 'failed', name, f'cannot be loaded: {failure}')
+        add(results, "failed", name, f"cannot be loaded: {failure}")
         raise
     Recorder.results = results
-    outcome = unittest.TextTestRunner(resultclass=Recorder).run(unittest.defaultTestLoader.loadTestsFromModule(module))
+    outcome = unittest.TextTestRunner(resultclass=Recorder).run(
+        unittest.defaultTestLoader.loadTestsFromModule(module)
+    )
     sys.exit(0 if outcome.wasSuccessful() and outcome.testsRun > 0 else 1)
 
 
@@ -86,24 +88,24 @@ def print_summary(results):
     lines = []
     if os.path.exists(results):
         with open(results) as file:
-            lines = [line.rstrip('\n').split('\t') for line in file]
-    counts = {'passed': 0, 'failed': 0, 'skipped': 0}
+            lines = [line.rstrip("\n").split("\t") for line in file]
+    counts = {"passed": 0, "failed": 0, "skipped": 0}
     reasons = {}
     for status, name, reason in lines:
         counts[status] += 1
-        if status == 'failed':
-            print(f'failed: {name}' + (f': {reason}' if reason else ''))
-        elif status == 'skipped':
+        if status == "failed":
+            print(f"failed: {name}" + (f": {reason}" if reason else ""))
+        elif status == "skipped":
             reasons.setdefault(reason, []).append(name)
     for reason, names in reasons.items():
-        others = f' and {len(names) - 1} more' if len(names) > 1 else ''
-        print(f'skipped: {names[0]}{others}: {reason}')
-    print('{passed} passed, {failed} failed, {skipped} skipped'.format(**counts))
-    sys.exit(0 if counts['failed'] == 0 and counts['passed'] > 0 else 1)
+        others = f" and {len(names) - 1} more" if len(names) > 1 else ""
+        print(f"skipped: {names[0]}{others}: {reason}")
+    print("{passed} passed, {failed} failed, {skipped} skipped".format(**counts))
+    sys.exit(0 if counts["failed"] == 0 and counts["passed"] > 0 else 1)
 
 
-if __name__ == '__main__':
-    commands = {'gtest': gtest, 'unittest': run_unittest, 'add': add, 'print': print_summary}
+if __name__ == "__main__":
+    commands = {"gtest": gtest, "unittest": run_unittest, "add": add, "print": print_summary}
     if len(sys.argv) < 3 or sys.argv[1] not in commands:
         sys.exit(__doc__)
     commands[sys.argv[1]](*sys.argv[2:])

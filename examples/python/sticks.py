@@ -22,7 +22,7 @@ TIMEOUT_MILLISECONDS = 30000
 
 
 def socket_path(number):
-    return os.path.join(os.environ.get('RAVEL_SOCKET_DIR') or '/run/ravel', f'{number}.sock')
+    return os.path.join(os.environ.get("RAVEL_SOCKET_DIR") or "/run/ravel", f"{number}.sock")
 
 
 class DiskTextProtocol(TBinaryProtocol):
@@ -75,16 +75,21 @@ class MediaService:
         self.events = events
 
     def SendUsbAddedCallback(self, usbDevice, observerId, observer):
-        self.events.put(('added', usbDevice))
+        self.events.put(("added", usbDevice))
 
     def SendUsbRemovedCallback(self, usbDevice, observerId, observer):
-        self.events.put(('removed', usbDevice))
+        self.events.put(("removed", usbDevice))
 
 
 def serve_media_service(events):
     """Needs several threads: while one call waits, Dockhand may make another call on a new connection."""
-    server = TThreadedServer(corvane_rpc_gen_.Processor(MediaService(events)), ListeningSocket(socket_path(9014)),
-                             TBufferedTransportFactory(), TBinaryProtocolFactory(), daemon=True)
+    server = TThreadedServer(
+        corvane_rpc_gen_.Processor(MediaService(events)),
+        ListeningSocket(socket_path(9014)),
+        TBufferedTransportFactory(),
+        TBinaryProtocolFactory(),
+        daemon=True,
+    )
     threading.Thread(target=server.serve, daemon=True).start()
 
 
@@ -96,7 +101,7 @@ def printable(text):
             return data.decode()
     except UnicodeDecodeError:
         pass
-    return ''.join(chr(byte) if 0x20 <= byte < 0x7f else f'\\x{byte:02x}' for byte in data)
+    return "".join(chr(byte) if 0x20 <= byte < 0x7F else f"\\x{byte:02x}" for byte in data)
 
 
 def describe(client, device):
@@ -104,16 +109,16 @@ def describe(client, device):
     is_open = client.IsDeviceOpen(device) or client.OpenDevice(device)
     label = printable(client.GetDeviceLabel(device).text)
     if not is_open:
-        return f'{device}: {label} cannot be opened'
-    return f'{device}: {label} at {printable(client.GetUsbMountPoint(device).text)}'
+        return f"{device}: {label} cannot be opened"
+    return f"{device}: {label} at {printable(client.GetUsbMountPoint(device).text)}"
 
 
 def main():
     # Thrift also writes to standard error what it raises.
-    logging.getLogger('thrift').setLevel(logging.CRITICAL)
+    logging.getLogger("thrift").setLevel(logging.CRITICAL)
     events = queue.SimpleQueue()
     for number in (signal.SIGINT, signal.SIGTERM):
-        signal.signal(number, lambda *_: events.put(('end', None)))
+        signal.signal(number, lambda *_: events.put(("end", None)))
     serve_media_service(events)
     # Register first, then list: a stick that comes in between is reported twice, not missed. Dockhand forgets us when
     # it restarts, so a service under systemd should be PartOf=dockhand.service.
@@ -122,15 +127,15 @@ def main():
         client.RegisterUsbRemovedCallBack(OBSERVER, 0)
         for device in client.GetListOfInsertedDevices(False):
             print(describe(client, device), flush=True)
-    print('watching', flush=True)
+    print("watching", flush=True)
 
-    while (event := events.get())[0] != 'end':
+    while (event := events.get())[0] != "end":
         change, device = event
-        if change == 'added':
+        if change == "added":
             with dockhand() as client:
-                print('added', describe(client, device), flush=True)
+                print("added", describe(client, device), flush=True)
         else:
-            print('removed', device, flush=True)
+            print("removed", device, flush=True)
 
     with dockhand() as client:
         client.DeregisterUsbAddedCallBack(OBSERVER, 0)
@@ -141,4 +146,4 @@ def main():
 try:
     main()
 except (OSError, TException) as failure:
-    sys.exit(f'sticks.py: {failure}')
+    sys.exit(f"sticks.py: {failure}")

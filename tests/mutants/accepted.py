@@ -5,7 +5,7 @@ matches by the text of its lines, so it covers every mutant with these lines."""
 
 import os
 
-FILE = os.path.join(os.path.dirname(os.path.abspath(__file__)), 'accepted.txt')
+FILE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "accepted.txt")
 
 
 class Accepted:
@@ -21,16 +21,16 @@ class Accepted:
 
     def left(self):
         """The entries that match no survivor."""
-        return [f'{name}: {after}' for name, before, after in sorted(self.entries - self.used)]
+        return [f"{name}: {after}" for name, before, after in sorted(self.entries - self.used)]
 
 
 def read():
     entries = set()
     if os.path.exists(FILE):
         with open(FILE) as file:
-            lines = [line.strip() for line in file if line.strip() and not line.startswith('#')]
+            lines = [line.strip() for line in file if line.strip() and not line.startswith("#")]
         for name, before, after, reason in zip(*[iter(lines)] * 4):
-            if not (before.startswith('- ') and after.startswith('+ ') and reason.startswith('because ')):
-                raise ValueError(f'accepted.txt: not an entry: {name}, {before}, {after}, {reason}')
+            if not (before.startswith("- ") and after.startswith("+ ") and reason.startswith("because ")):
+                raise ValueError(f"accepted.txt: not an entry: {name}, {before}, {after}, {reason}")
             entries.add((name, before[2:], after[2:]))
     return Accepted(entries)

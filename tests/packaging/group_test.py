@@ -13,26 +13,29 @@ from installed import SOURCE
 
 
 class GroupTest(unittest.TestCase):
-
     def lines(self, *options):
         """What the files for the image say of the group."""
         with tempfile.TemporaryDirectory() as build:
-            command = ['cmake', '-S', str(SOURCE), '-B', build, '-G', 'Ninja', '-DDOCKHAND_BUILD_TESTS=OFF']
+            command = ["cmake", "-S", str(SOURCE), "-B", build, "-G", "Ninja", "-DDOCKHAND_BUILD_TESTS=OFF"]
             subprocess.run([*command, *options], check=True, stdout=subprocess.DEVNULL)
-            folder = pathlib.Path(build, 'integration')
-            unit = (folder / 'systemd' / 'dockhand.service').read_text()
-            script = (folder / 'init' / 'dockhand').read_text()
-            group = (folder / 'sysusers' / 'dockhand.conf').read_text()
-        return ([line for line in unit.splitlines() if line.startswith('Group=')],
-                [word for word in script.split() if word.startswith('root:')],
-                [line for line in group.splitlines() if line.startswith('g ')])
+            folder = pathlib.Path(build, "integration")
+            unit = (folder / "systemd" / "dockhand.service").read_text()
+            script = (folder / "init" / "dockhand").read_text()
+            group = (folder / "sysusers" / "dockhand.conf").read_text()
+        return (
+            [line for line in unit.splitlines() if line.startswith("Group=")],
+            [word for word in script.split() if word.startswith("root:")],
+            [line for line in group.splitlines() if line.startswith("g ")],
+        )
 
     def test_group_is_dockhand_unless_told_otherwise(self):
-        self.assertEqual(self.lines(), (['Group=dockhand'], ['root:dockhand'], ['g dockhand -']))
+        self.assertEqual(self.lines(), (["Group=dockhand"], ["root:dockhand"], ["g dockhand -"]))
 
     def test_group_is_the_one_that_cmake_is_told(self):
-        self.assertEqual(self.lines('-DDOCKHAND_GROUP=media'), (['Group=media'], ['root:media'], ['g media -']))
+        self.assertEqual(
+            self.lines("-DDOCKHAND_GROUP=media"), (["Group=media"], ["root:media"], ["g media -"])
+        )
 
 
-if __name__ == '__main__':
+if __name__ == "__main__":
     unittest.main()

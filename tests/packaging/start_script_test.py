@@ -17,18 +17,18 @@ import time
 import unittest
 
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
-BUILD = pathlib.Path(os.environ.get('DOCKHAND_BUILD_DIR', SOURCE / 'build' / 'debug'))
+BUILD = pathlib.Path(os.environ.get("DOCKHAND_BUILD_DIR", SOURCE / "build" / "debug"))
 PATIENCE_SECONDS = 30
-SOCKET = pathlib.Path('/run/ravel/9020.sock')
+SOCKET = pathlib.Path("/run/ravel/9020.sock")
 PR_SET_CHILD_SUBREAPER = 36
 
 
 def processes():
     """The daemons that run from the build tree."""
     found = []
-    for process in pathlib.Path('/proc').glob('[0-9]*'):
+    for process in pathlib.Path("/proc").glob("[0-9]*"):
         try:
-            if os.readlink(process / 'exe') == str(BUILD / 'bin' / 'dockhand'):
+            if os.readlink(process / "exe") == str(BUILD / "bin" / "dockhand"):
                 found.append(int(process.name))
         except OSError:
             pass
@@ -47,7 +47,7 @@ class Init:
         self.lock = threading.Lock()
         self.own = None
         if ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) != 0:
-            raise OSError('prctl failed')
+            raise OSError("prctl failed")
         threading.Thread(target=self.clear, daemon=True).start()
 
     def clear(self):
@@ -63,8 +63,9 @@ class Init:
 
     def run(self, command):
         with self.lock:
-            process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                       stderr=subprocess.STDOUT, text=True)
+            process = subprocess.Popen(
+                command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True
+            )
             self.own = process.pid
         output = process.communicate(timeout=PATIENCE_SECONDS)[0]
         return process.returncode, output
@@ -74,26 +75,27 @@ INIT = Init()
 
 
 class StartScriptTest:
-
-    program = ''
+    program = ""
 
     def setUp(self):
-        if os.environ.get('PRIVATE_ROOT') != '1':
-            self.skipTest(os.environ.get('PRIVATE_ROOT_MISSING', 'run by ./test packaging'))
+        if os.environ.get("PRIVATE_ROOT") != "1":
+            self.skipTest(os.environ.get("PRIVATE_ROOT_MISSING", "run by ./test packaging"))
         directory = tempfile.TemporaryDirectory()
         self.addCleanup(directory.cleanup)
-        programs = pathlib.Path(directory.name, 'bin')
+        programs = pathlib.Path(directory.name, "bin")
         programs.mkdir()
-        self.write(programs / 'start-stop-daemon', f'#!/bin/sh\nexec {self.program} "$@"\n')
-        text = (SOURCE / 'integration' / 'init' / 'dockhand').read_text()
-        for installed, here in (('PATH=/usr/lib/dockhand/tools', f'PATH={programs}'),
-                                ('/usr/lib/dockhand/dockhand-launch', f'{BUILD}/bin/dockhand-launch'),
-                                ('/usr/sbin/dockhand\n', f'{BUILD}/bin/dockhand\n'),
-                                ('/usr/sbin/dockhand &', f'{BUILD}/bin/dockhand &'),
-                                ('--chuid root:dockhand', '--chuid root:daemon')):
+        self.write(programs / "start-stop-daemon", f'#!/bin/sh\nexec {self.program} "$@"\n')
+        text = (SOURCE / "integration" / "init" / "dockhand").read_text()
+        for installed, here in (
+            ("PATH=/usr/lib/dockhand/tools", f"PATH={programs}"),
+            ("/usr/lib/dockhand/dockhand-launch", f"{BUILD}/bin/dockhand-launch"),
+            ("/usr/sbin/dockhand\n", f"{BUILD}/bin/dockhand\n"),
+            ("/usr/sbin/dockhand &", f"{BUILD}/bin/dockhand &"),
+            ("--chuid root:dockhand", "--chuid root:daemon"),
+        ):
             text = text.replace(installed, here)
-        self.assertNotIn('/usr/lib/dockhand', text)
-        self.path = pathlib.Path(directory.name, 'dockhand')
+        self.assertNotIn("/usr/lib/dockhand", text)
+        self.path = pathlib.Path(directory.name, "dockhand")
         self.write(self.path, text)
         self.assertEqual(processes(), [])
         self.addCleanup(self.end)
@@ -106,7 +108,7 @@ class StartScriptTest:
         return INIT.run([self.path, action])
 
     def end(self):
-        self.script('stop')
+        self.script("stop")
         for process in processes():
             os.kill(process, signal.SIGKILL)
 
@@ -117,30 +119,30 @@ class StartScriptTest:
             time.sleep(0.05)
 
     def start(self):
-        self.assertEqual(self.script('start'), (0, ''))
+        self.assertEqual(self.script("start"), (0, ""))
         self.wait_until(is_served)
 
     def test_it_says_whether_the_daemon_runs(self):
-        self.assertEqual(self.script('status'), (3, 'dockhand is not running\n'))
+        self.assertEqual(self.script("status"), (3, "dockhand is not running\n"))
         self.start()
-        self.assertEqual(self.script('status'), (0, 'dockhand is running\n'))
-        self.script('stop')
-        self.assertEqual(self.script('status'), (3, 'dockhand is not running\n'))
+        self.assertEqual(self.script("status"), (0, "dockhand is running\n"))
+        self.script("stop")
+        self.assertEqual(self.script("status"), (3, "dockhand is not running\n"))
 
     def test_it_starts_one_daemon_for_the_group_and_stops_it(self):
         self.start()
-        self.assertEqual(SOCKET.group(), 'daemon')
+        self.assertEqual(SOCKET.group(), "daemon")
         running = processes()
         self.assertEqual(len(running), 1)
-        self.assertEqual(self.script('start')[0], 0)
+        self.assertEqual(self.script("start")[0], 0)
         self.assertEqual(processes(), running)
-        self.assertEqual(self.script('stop')[0], 0)
+        self.assertEqual(self.script("stop")[0], 0)
         self.wait_until(lambda: processes() == [])
 
     def test_stopping_right_after_starting_leaves_no_daemon_behind(self):
         for _ in range(10):
-            self.assertEqual(self.script('start')[0], 0)
-            self.assertEqual(self.script('stop')[0], 0)
+            self.assertEqual(self.script("start")[0], 0)
+            self.assertEqual(self.script("stop")[0], 0)
             self.wait_until(lambda: processes() == [])
 
     def test_it_starts_the_daemon_again_when_that_dies(self):
@@ -152,17 +154,17 @@ class StartScriptTest:
     def test_restart_ends_the_old_daemon_and_starts_a_new_one(self):
         self.start()
         first = processes()
-        self.assertEqual(self.script('restart')[0], 0)
+        self.assertEqual(self.script("restart")[0], 0)
         self.wait_until(lambda: len(processes()) == 1 and processes() != first)
 
 
 class DpkgStartScriptTest(StartScriptTest, unittest.TestCase):
-    program = shutil.which('start-stop-daemon', path='/usr/sbin:/sbin')
+    program = shutil.which("start-stop-daemon", path="/usr/sbin:/sbin")
 
 
 class BusyboxStartScriptTest(StartScriptTest, unittest.TestCase):
     program = f'{shutil.which("busybox", path="/usr/bin:/bin")} start-stop-daemon'
 
 
-if __name__ == '__main__':
+if __name__ == "__main__":
     unittest.main()

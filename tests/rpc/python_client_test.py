@@ -13,8 +13,8 @@ import time
 import unittest
 
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
-BUILD = pathlib.Path(os.environ.get('DOCKHAND_BUILD_DIR', SOURCE / 'build' / 'debug'))
-sys.path.insert(0, str(BUILD / 'rpc' / 'gen-py'))
+BUILD = pathlib.Path(os.environ.get("DOCKHAND_BUILD_DIR", SOURCE / "build" / "debug"))
+sys.path.insert(0, str(BUILD / "rpc" / "gen-py"))
 
 from ravel.usb_rpc import usb_rpc_gen_
 from thrift.protocol.TBinaryProtocol import TBinaryProtocol
@@ -27,14 +27,18 @@ PATIENCE_SECONDS = 20
 
 
 class PythonClientTest(unittest.TestCase):
-
     @classmethod
     def setUpClass(cls):
         cls.directory = tempfile.TemporaryDirectory()
-        cls.log = open(os.path.join(cls.directory.name, 'log'), 'w+')
+        cls.log = open(os.path.join(cls.directory.name, "log"), "w+")
         environment = dict(os.environ, RAVEL_SOCKET_DIR=cls.directory.name)
-        cls.daemon = subprocess.Popen([str(BUILD / 'bin' / 'dockhand')], env=environment, stdin=subprocess.DEVNULL,
-                                      stdout=subprocess.DEVNULL, stderr=cls.log)
+        cls.daemon = subprocess.Popen(
+            [str(BUILD / "bin" / "dockhand")],
+            env=environment,
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.DEVNULL,
+            stderr=cls.log,
+        )
         cls.addClassCleanup(cls.stop_daemon)
         deadline = time.monotonic() + PATIENCE_SECONDS
         while True:
@@ -44,7 +48,7 @@ class PythonClientTest(unittest.TestCase):
             except TTransportException as failure:
                 if cls.daemon.poll() is not None or time.monotonic() > deadline:
                     cls.log.seek(0)
-                    raise RuntimeError('the daemon does not serve: ' + cls.log.read()) from failure
+                    raise RuntimeError("the daemon does not serve: " + cls.log.read()) from failure
                 time.sleep(0.01)
 
     @classmethod
@@ -56,7 +60,7 @@ class PythonClientTest(unittest.TestCase):
 
     @classmethod
     def connect(cls):
-        socket = TSocket(unix_socket=os.path.join(cls.directory.name, '9020.sock'))
+        socket = TSocket(unix_socket=os.path.join(cls.directory.name, "9020.sock"))
         socket.setTimeout(PATIENCE_SECONDS * 1000)
         transport = TBufferedTransport(socket)
         transport.open()
@@ -71,7 +75,7 @@ class PythonClientTest(unittest.TestCase):
         self.assertEqual(answer.text, text)
 
     def test_stub_has_the_operations_of_the_contract(self):
-        operations = [name for name in vars(usb_rpc_gen_.Iface) if not name.startswith('_')]
+        operations = [name for name in vars(usb_rpc_gen_.Iface) if not name.startswith("_")]
         self.assertEqual(len(operations), 25)
 
     def test_list_of_devices_is_a_list_of_numbers(self):
@@ -83,28 +87,28 @@ class PythonClientTest(unittest.TestCase):
 
     def test_unknown_device_cannot_be_opened_closed_or_repaired(self):
         self.assertIs(self.client.OpenDevice(UNKNOWN), False)
-        self.assertIs(self.client.OpenDeviceAt(UNKNOWN, '/media/nowhere', False), False)
+        self.assertIs(self.client.OpenDeviceAt(UNKNOWN, "/media/nowhere", False), False)
         self.assertIs(self.client.CloseDevice(UNKNOWN), False)
         self.assertIs(self.client.CloseDeviceSafeRemoval(UNKNOWN), False)
         self.assertIs(self.client.IsDeviceOpen(UNKNOWN), False)
         self.assertIs(self.client.RunDiskRepair(UNKNOWN), False)
 
     def test_queries_of_an_unknown_device_give_their_neutral_answers(self):
-        self.assert_answer(self.client.GetDeviceLabel(UNKNOWN), False, 'NONAME')
-        self.assert_answer(self.client.GetDeviceUuid(UNKNOWN), False, '0000-0000')
-        self.assert_answer(self.client.GetDeviceUsbVersion(UNKNOWN), False, '')
-        self.assert_answer(self.client.GetUsbMountPoint(UNKNOWN), True, '')
-        self.assert_answer(self.client.GetUsbPhysicalDevice(UNKNOWN), False, '')
+        self.assert_answer(self.client.GetDeviceLabel(UNKNOWN), False, "NONAME")
+        self.assert_answer(self.client.GetDeviceUuid(UNKNOWN), False, "0000-0000")
+        self.assert_answer(self.client.GetDeviceUsbVersion(UNKNOWN), False, "")
+        self.assert_answer(self.client.GetUsbMountPoint(UNKNOWN), True, "")
+        self.assert_answer(self.client.GetUsbPhysicalDevice(UNKNOWN), False, "")
         self.assertEqual(self.client.GetDeviceType(UNKNOWN), 0)
         self.assertEqual(self.client.GetDeviceCapacity(UNKNOWN), 0)
 
     def test_directory_of_an_unknown_device_is_looked_up_from_the_root(self):
         with tempfile.TemporaryDirectory() as directory:
-            for name in ('song.mp3', 'LOUD.MP3', 'photo.jpg'):
+            for name in ("song.mp3", "LOUD.MP3", "photo.jpg"):
                 pathlib.Path(directory, name).touch()
-            files = self.client.GetFilesByExtension(UNKNOWN, directory, 'mp3')
-        self.assertEqual(sorted(files), ['LOUD.MP3', 'song.mp3'])
-        self.assertEqual(self.client.GetFilesByExtension(UNKNOWN, 'no/such/directory', 'mp3'), [])
+            files = self.client.GetFilesByExtension(UNKNOWN, directory, "mp3")
+        self.assertEqual(sorted(files), ["LOUD.MP3", "song.mp3"])
+        self.assertEqual(self.client.GetFilesByExtension(UNKNOWN, "no/such/directory", "mp3"), [])
 
     def test_observers_are_registered_and_deregistered(self):
         self.assertIsNone(self.client.RegisterUsbAddedCallBack(-128, 1))
@@ -113,8 +117,8 @@ class PythonClientTest(unittest.TestCase):
         self.assertIsNone(self.client.DeregisterUsbRemovedCallBack(127, -1))
 
     def test_notifications_of_what_is_not_there_do_nothing(self):
-        self.assertIsNone(self.client.NotifyUsbAdded('no such device'))
-        self.assertIsNone(self.client.NotifyUsbRemoved('no such device'))
+        self.assertIsNone(self.client.NotifyUsbAdded("no such device"))
+        self.assertIsNone(self.client.NotifyUsbRemoved("no such device"))
         self.assertIsNone(self.client.NotifyUsbXriteAdded())
         self.assertIsNone(self.client.NotifyUsbXriteRemoved())
 
@@ -128,5 +132,5 @@ class PythonClientTest(unittest.TestCase):
         self.assertIs(self.client.PrepareDeviceForPvr(UNKNOWN), False)
 
 
-if __name__ == '__main__':
+if __name__ == "__main__":
     unittest.main()

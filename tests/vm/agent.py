@@ -61,7 +61,7 @@ class UdevMonitor:
             if not message.startswith(b"libudev\0"):
                 continue
             offset, length = struct.unpack_from("=II", message, 16)
-            lines = message[offset:offset + length].decode(errors="surrogateescape").split("\0")
+            lines = message[offset : offset + length].decode(errors="surrogateescape").split("\0")
             event = dict(line.split("=", 1) for line in lines if "=" in line)
             with self._changed:
                 self._events.append(event)
@@ -75,8 +75,9 @@ class Agent:
 
     def run(self, argv, input="", timeout=60, env=None, cwd="/"):
         """Runs a program to its end. A string instead of a list is run by the shell."""
-        child = self._spawn(argv, env, cwd, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                            stderr=subprocess.PIPE)
+        child = self._spawn(
+            argv, env, cwd, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE
+        )
         try:
             out, err = child.communicate(input.encode(errors="surrogateescape"), timeout)
         except subprocess.TimeoutExpired:
@@ -127,8 +128,9 @@ class Agent:
     def mount(self, source, target, filesystem, flags, options):
         """0, or the errno of mount(2)."""
         os.makedirs(target, exist_ok=True)
-        result = libc.mount(source.encode(), target.encode(), filesystem.encode(), ctypes.c_ulong(flags),
-                            options.encode())
+        result = libc.mount(
+            source.encode(), target.encode(), filesystem.encode(), ctypes.c_ulong(flags), options.encode()
+        )
         return ctypes.get_errno() if result != 0 else 0
 
     def umount(self, target, flags):
@@ -147,8 +149,9 @@ class Agent:
     @staticmethod
     def _spawn(argv, env, cwd, **streams):
         environment = {"PATH": PATH, "HOME": "/root", "LC_ALL": "C", **(env or {})}
-        return subprocess.Popen(argv, shell=isinstance(argv, str), env=environment, cwd=cwd,
-                                start_new_session=True, **streams)
+        return subprocess.Popen(
+            argv, shell=isinstance(argv, str), env=environment, cwd=cwd, start_new_session=True, **streams
+        )
 
 
 def _text(output):
@@ -186,7 +189,7 @@ def serve():
 def _answer(port, answer):
     data = json.dumps(answer).encode() + b"\n"
     while data:
-        data = data[port.write(data):]
+        data = data[port.write(data) :]
 
 
 if __name__ == "__main__":

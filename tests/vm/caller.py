@@ -14,8 +14,13 @@ STRUCT_END, I16 = b"\0", 6
 
 def message(operation, device):
     name = operation.encode()
-    return (struct.pack(">Ii", VERSION | CALL, len(name)) + name + struct.pack(">i", 0)
-            + struct.pack(">bhh", I16, 1, device) + STRUCT_END)
+    return (
+        struct.pack(">Ii", VERSION | CALL, len(name))
+        + name
+        + struct.pack(">i", 0)
+        + struct.pack(">bhh", I16, 1, device)
+        + STRUCT_END
+    )
 
 
 def main():

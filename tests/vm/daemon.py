@@ -31,17 +31,20 @@ class DaemonTestCase(testcase.MachineTestCase):
         """Waits until the daemon, or nobody where there is none, has been told of every stick."""
         self.machine.settle()
         if self.init == "systemd":
-            self.machine.check("until test -z \"$(systemctl list-jobs --no-legend)\"; do sleep 0.05; done",
-                               timeout=120)
+            self.machine.check(
+                'until test -z "$(systemctl list-jobs --no-legend)"; do sleep 0.05; done', timeout=120
+            )
         else:
-            self.machine.check("test ! -e /run/dockhand || flock /run/dockhand/plug-events.lock true",
-                               timeout=120)
+            self.machine.check(
+                "test ! -e /run/dockhand || flock /run/dockhand/plug-events.lock true", timeout=120
+            )
 
     def start_daemon(self, level="2", **environment):
         self.machine.check(["rm", "-f", DAEMON_LOG])
         environment = {"PATH": TOOLS_PATH, "TLOG_LEVEL": level, **environment}
-        self.daemon = self.machine.start(["/usr/lib/dockhand/dockhand-launch", "/usr/sbin/dockhand"],
-                                         log=DAEMON_LOG, env=environment)
+        self.daemon = self.machine.start(
+            ["/usr/lib/dockhand/dockhand-launch", "/usr/sbin/dockhand"], log=DAEMON_LOG, env=environment
+        )
         self.addCleanup(self.kill_daemon)
         self.await_daemon()
 
@@ -109,7 +112,8 @@ class DaemonTestCase(testcase.MachineTestCase):
         self.machine.check(["rm", "-f", writing])
         writer = self.machine.start(
             f"while dd if=/dev/zero of={directory}/growing bs=64k count=32 conv=fsync; do echo; done",
-            log=writing)
+            log=writing,
+        )
         # Two rounds, each with three lines of dd's own.
         self.machine.wait_lines(writing, 8)
         return writer

@@ -150,9 +150,15 @@ def _tool(command, input="", env=None):
     program = shutil.which(command[0], path=TOOL_PATH)
     if not program:
         raise RuntimeError(f"{command[0]} is missing")
-    done = subprocess.run([program, *command[1:]], input=input, text=True, check=False,
-                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                          env={**os.environ, "PATH": TOOL_PATH, **(env or {})})
+    done = subprocess.run(
+        [program, *command[1:]],
+        input=input,
+        text=True,
+        check=False,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.STDOUT,
+        env={**os.environ, "PATH": TOOL_PATH, **(env or {})},
+    )
     if done.returncode != 0:
         raise RuntimeError(f"{' '.join(command)}: status {done.returncode}\n{done.stdout}")
 

@@ -83,9 +83,17 @@ def write_volume(path, megabytes, label, files=None, identifier=0x0123456789ABCD
         _write_at(volume, total_blocks * BLOCK_SIZE - 1024, header)
         _write_at(volume, allocation[0] * BLOCK_SIZE, bitmap)
         _write_at(volume, extents[0] * BLOCK_SIZE, _tree([], EXTENTS_NODES, 10, BIG_KEYS, 0))
-        _write_at(volume, catalog[0] * BLOCK_SIZE,
-                  _tree(_catalog_records(label, files, placed), CATALOG_NODES, 516,
-                        BIG_KEYS | VARIABLE_INDEX_KEYS, CASE_FOLDING))
+        _write_at(
+            volume,
+            catalog[0] * BLOCK_SIZE,
+            _tree(
+                _catalog_records(label, files, placed),
+                CATALOG_NODES,
+                516,
+                BIG_KEYS | VARIABLE_INDEX_KEYS,
+                CASE_FOLDING,
+            ),
+        )
         for name, content in files.items():
             _write_at(volume, placed[name][0] * BLOCK_SIZE, content)
 
@@ -120,14 +128,16 @@ def _permissions(mode):
 
 
 def _folder(identifier, entries):
-    record = struct.pack(">hHIIIIIII", FOLDER_RECORD, 0, entries, identifier, CREATED, CREATED, CREATED,
-                         CREATED, 0)
+    record = struct.pack(
+        ">hHIIIIIII", FOLDER_RECORD, 0, entries, identifier, CREATED, CREATED, CREATED, CREATED, 0
+    )
     return record + _permissions(0o040755) + bytes(32) + struct.pack(">II", 0, 0)
 
 
 def _file(identifier, first, blocks, size):
-    record = struct.pack(">hHIIIIIII", FILE_RECORD, THREAD_EXISTS, 0, identifier, CREATED, CREATED, CREATED,
-                         CREATED, 0)
+    record = struct.pack(
+        ">hHIIIIIII", FILE_RECORD, THREAD_EXISTS, 0, identifier, CREATED, CREATED, CREATED, CREATED, 0
+    )
     record += _permissions(0o100644) + bytes(32) + struct.pack(">II", 0, 0)
     return record + _fork(first, blocks, size) + _fork(0, 0, 0)
 

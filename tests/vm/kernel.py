@@ -67,8 +67,13 @@ def _package(folder):
 
 
 def _versioned_package():
-    depends = subprocess.run(["apt-cache", "depends", "--no-recommends", "--no-suggests", KERNEL_PACKAGE],
-                             check=False, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True).stdout
+    depends = subprocess.run(
+        ["apt-cache", "depends", "--no-recommends", "--no-suggests", KERNEL_PACKAGE],
+        check=False,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.DEVNULL,
+        text=True,
+    ).stdout
     found = re.search(r"Depends: (linux-image-6\.1\.\S+)", depends)
     return found[1] if found else ""
 
@@ -78,8 +83,11 @@ def _unpack(package, folder):
     os.makedirs(unpacked)
     excluded = [f"--exclude=./lib/modules/*/kernel/{path}" for path in UNUSED_MODULES]
     with subprocess.Popen(["dpkg-deb", "--fsys-tarfile", package], stdout=subprocess.PIPE) as archive:
-        subprocess.run(["tar", "-x", "-C", unpacked, "--no-same-owner", *excluded, "./boot", "./lib/modules"],
-                       stdin=archive.stdout, check=True)
+        subprocess.run(
+            ["tar", "-x", "-C", unpacked, "--no-same-owner", *excluded, "./boot", "./lib/modules"],
+            stdin=archive.stdout,
+            check=True,
+        )
     if archive.returncode != 0:
         raise RuntimeError(f"{package} cannot be unpacked")
 
@@ -106,7 +114,7 @@ def decompress(bz_image):
     setup_sectors = bz_image[0x1F1] or 4
     payload_offset, payload_length = struct.unpack_from("<II", bz_image, 0x248)
     start = (setup_sectors + 1) * 512 + payload_offset
-    payload = bz_image[start:start + payload_length]
+    payload = bz_image[start : start + payload_length]
     return lzma.LZMADecompressor().decompress(payload)
 
 
@@ -143,7 +151,7 @@ def _with_dependencies(modules, names):
         for line in file:
             path, _, rest = line.partition(":")
             needs[path] = rest.split()
-    paths = {os.path.basename(path)[:-len(".ko")].replace("-", "_"): path for path in needs}
+    paths = {os.path.basename(path)[: -len(".ko")].replace("-", "_"): path for path in needs}
     ordered = []
     for name in names:
         path = paths[name]
@@ -162,8 +170,9 @@ def _cpio_entry(name, mode, content):
 
 
 def _output(command, cwd=None):
-    done = subprocess.run(command, cwd=cwd, check=False, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                          text=True)
+    done = subprocess.run(
+        command, cwd=cwd, check=False, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True
+    )
     if done.returncode != 0:
         raise RuntimeError(f"{' '.join(command)}: status {done.returncode}\n{done.stdout}")
     return done.stdout

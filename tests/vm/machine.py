@@ -180,13 +180,16 @@ class Machine:
     def wait_lines(self, path, count, timeout=60):
         """Waits until a file has that many lines."""
         if not self._ask("wait_lines", timeout, path=path, count=count, timeout=timeout):
-            raise MachineError(f"{path} has less than {count} lines after {timeout} s:\n"
-                               + self.get(path).decode(errors="replace"))
+            raise MachineError(
+                f"{path} has less than {count} lines after {timeout} s:\n"
+                + self.get(path).decode(errors="replace")
+            )
 
     def mount(self, source, target, filesystem, flags=0, options=""):
         """mount(2) at a directory, which is made; 0 or errno."""
-        return self._ask("mount", 0, source=source, target=target, filesystem=filesystem, flags=flags,
-                         options=options)
+        return self._ask(
+            "mount", 0, source=source, target=target, filesystem=filesystem, flags=flags, options=options
+        )
 
     def umount(self, target, flags=0):
         """umount2(2); 0 or errno."""
@@ -215,10 +218,16 @@ class Machine:
         file = {"driver": "file", "filename": image, "locking": "off"}
         if fails:
             file = {"driver": "blkdebug", "image": file, "inject-error": [{"event": "none", "iotype": fails}]}
-        self.command("blockdev-add", **{"node-name": identifier, "driver": "raw", "read-only": read_only,
-                                        "file": file})
-        device = {"driver": "usb-storage", "id": identifier, "drive": identifier, "removable": removable,
-                  "bus": BUSES[usb]}
+        self.command(
+            "blockdev-add", **{"node-name": identifier, "driver": "raw", "read-only": read_only, "file": file}
+        )
+        device = {
+            "driver": "usb-storage",
+            "id": identifier,
+            "drive": identifier,
+            "removable": removable,
+            "bus": BUSES[usb],
+        }
         if serial:
             device["serial"] = serial
         if behind_hub:
@@ -241,9 +250,18 @@ class Machine:
         # QEMU has no drive without a medium from the start.
         self.command("blockdev-add", **{"node-name": identifier, "driver": "null-co"})
         self.command("device_add", driver="usb-bot", id=identifier, bus=BUSES[usb])
-        self.command("device_add", **{"driver": "scsi-hd", "id": f"{identifier}-drive",
-                                      "bus": f"{identifier}.0", "scsi-id": 0, "lun": 0,
-                                      "drive": identifier, "removable": True})
+        self.command(
+            "device_add",
+            **{
+                "driver": "scsi-hd",
+                "id": f"{identifier}-drive",
+                "bus": f"{identifier}.0",
+                "scsi-id": 0,
+                "lun": 0,
+                "drive": identifier,
+                "removable": True,
+            },
+        )
         reader = Stick(identifier, identifier, first_event)
         self._sticks[identifier] = reader
         self.remove_card(reader)
@@ -255,10 +273,17 @@ class Machine:
         reader.first_event = self._ask("event_count", 0)
         reader.node = f"card{self._next_stick}"
         self._next_stick += 1
-        self.command("blockdev-add", **{"node-name": reader.node, "driver": "raw",
-                                        "file": {"driver": "file", "filename": image, "locking": "off"}})
-        self.command("blockdev-insert-medium", **{"id": f"{reader.identifier}-drive",
-                                                  "node-name": reader.node})
+        self.command(
+            "blockdev-add",
+            **{
+                "node-name": reader.node,
+                "driver": "raw",
+                "file": {"driver": "file", "filename": image, "locking": "off"},
+            },
+        )
+        self.command(
+            "blockdev-insert-medium", **{"id": f"{reader.identifier}-drive", "node-name": reader.node}
+        )
         self.command("blockdev-close-tray", id=f"{reader.identifier}-drive")
 
     def remove_card(self, reader):
@@ -286,8 +311,9 @@ class Machine:
 
     def wait_event(self, stick, action, name, timeout=60):
         """Waits for an event that udev has handled since the last thing done to `stick`; its properties."""
-        event = self._ask("wait_event", timeout, first=stick.first_event, action=action, name=name,
-                          timeout=timeout)
+        event = self._ask(
+            "wait_event", timeout, first=stick.first_event, action=action, name=name, timeout=timeout
+        )
         if event is None:
             seen = self.events_of(stick)
             raise MachineError(f"no event {action} {name} within {timeout} s, only {seen}")
@@ -306,8 +332,10 @@ class Machine:
 
     def wait_no_disks(self, timeout=60):
         """Waits until the kernel and udev have taken every disk away."""
-        self.run("until test -z \"$(ls /sys/block | grep '^sd')\"; do udevadm settle; done; udevadm settle",
-                 timeout=timeout)
+        self.run(
+            "until test -z \"$(ls /sys/block | grep '^sd')\"; do udevadm settle; done; udevadm settle",
+            timeout=timeout,
+        )
 
     def settle(self):
         """Waits until udev has handled every event that the kernel has sent."""
@@ -315,14 +343,19 @@ class Machine:
 
     def usb_attribute(self, name, attribute):
         """An attribute of the USB device that the disk with that kernel name belongs to."""
-        return self.check("folder=$(readlink -f /sys/block/%s) && until [ -e $folder/bcdDevice ]; do "
-                          "folder=${folder%%/*}; done; cat $folder/%s" % (name, attribute)).strip()
+        return self.check(
+            "folder=$(readlink -f /sys/block/%s) && until [ -e $folder/bcdDevice ]; do "
+            "folder=${folder%%/*}; done; cat $folder/%s" % (name, attribute)
+        ).strip()
 
     def events_of(self, stick, subsystem="block"):
         """[(action, kernel name), ...] since the last thing done to `stick`."""
         events = self._ask("events", 0, first=stick.first_event)
-        return [(event["ACTION"], os.path.basename(event["DEVPATH"])) for event in events
-                if event.get("SUBSYSTEM") == subsystem]
+        return [
+            (event["ACTION"], os.path.basename(event["DEVPATH"]))
+            for event in events
+            if event.get("SUBSYSTEM") == subsystem
+        ]
 
     # QEMU's monitor.
 
@@ -371,9 +404,17 @@ class Machine:
         qemu = shutil.which("qemu-system-x86_64")
         if not qemu:
             raise MachineError("qemu-system-x86_64 (package qemu-system-x86) is missing")
-        append = ["console=ttyS0", "loglevel=4", "panic=-1", "mitigations=off", "no_timer_check",
-                  "usb_storage.delay_use=0",
-                  "block.events_dfl_poll_msecs=500", f"VM_INIT={self.init}", f"VM_CHECKOUT={CHECKOUT}"]
+        append = [
+            "console=ttyS0",
+            "loglevel=4",
+            "panic=-1",
+            "mitigations=off",
+            "no_timer_check",
+            "usb_storage.delay_use=0",
+            "block.events_dfl_poll_msecs=500",
+            f"VM_INIT={self.init}",
+            f"VM_CHECKOUT={CHECKOUT}",
+        ]
         if programs:
             append.append(f"VM_PROGRAMS={programs}")
         if self.init == "systemd":
@@ -402,9 +443,13 @@ class Machine:
         qemu_log = open(os.path.join(self._folder, "qemu.log"), "wb")
         with qemu_log:
             process = subprocess.Popen(
-                command, stdin=subprocess.DEVNULL, stdout=qemu_log, stderr=qemu_log,
+                command,
+                stdin=subprocess.DEVNULL,
+                stdout=qemu_log,
+                stderr=qemu_log,
                 pass_fds=(self._monitor.peer.fileno(), self._agent.peer.fileno()),
-                preexec_fn=_die_with_parent)
+                preexec_fn=_die_with_parent,
+            )
         self._monitor.peer.close()
         self._agent.peer.close()
         return process
@@ -419,7 +464,8 @@ class Machine:
             self._agent.receive(deadline)
         except (TimeoutError, OSError) as error:
             raise MachineError(
-                f"the guest does not boot: {error!r}, {self.console_log}{self._console_tail()}") from error
+                f"the guest does not boot: {error!r}, {self.console_log}{self._console_tail()}"
+            ) from error
 
     def _console_tail(self):
         tail = ""
@@ -432,8 +478,12 @@ class Machine:
 
 
 def _share(tag, path):
-    return ["-fsdev", f"local,id={tag},path={path},security_model=none,readonly=on,multidevs=remap",
-            "-device", f"virtio-9p-pci,fsdev={tag},mount_tag={tag}"]
+    return [
+        "-fsdev",
+        f"local,id={tag},path={path},security_model=none,readonly=on,multidevs=remap",
+        "-device",
+        f"virtio-9p-pci,fsdev={tag},mount_tag={tag}",
+    ]
 
 
 def _die_with_parent():

@@ -12,8 +12,9 @@ class Mapped:
         machine.check(["modprobe", "-a", "dm_mod", "dm_flakey"])
         self.sectors = int(machine.get(f"/sys/block/{disk}/size"))
         machine.check(["dmsetup", "create", name, "--noudevsync", "--table", self._sound(0, self.sectors)])
-        number = machine.check(["dmsetup", "info", "-c", "--noheadings", "--separator", " ", "-o", "major,minor",
-                                name]).split()
+        number = machine.check(
+            ["dmsetup", "info", "-c", "--noheadings", "--separator", " ", "-o", "major,minor", name]
+        ).split()
         machine.check(["mknod", self.node, "b", *number])
 
     def _sound(self, start, end):
@@ -57,5 +58,7 @@ class Mapped:
         self.wake()
         self.recover()
         self.machine.check(["rm", self.node])
-        self.machine.check(f"umount -l $(awk '$1 == \"{self.node}\" {{ print $2 }}' /proc/mounts) 2>/dev/null; "
-                           f"dmsetup remove --noudevsync --retry {self.name}")
+        self.machine.check(
+            f"umount -l $(awk '$1 == \"{self.node}\" {{ print $2 }}' /proc/mounts) 2>/dev/null; "
+            f"dmsetup remove --noudevsync --retry {self.name}"
+        )

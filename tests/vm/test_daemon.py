@@ -155,7 +155,6 @@ class Starting(daemon.DaemonTestCase):
             self.assert_ctl(0, "close", device)
         self.assertEqual(self.mounts(), [])
 
-
     def test_what_a_killed_repair_has_mounted_is_unmounted_before_the_daemon_starts(self):
         stick = self.machine.plug(disks.make(self.folder, "xfs", "PVR_DISK"))
         self.machine.wait_node(stick, "sda")
@@ -226,7 +225,7 @@ class StartScript(daemon.DaemonTestCase):
         self.await_daemon()
         first = self.processes()
         self.machine.check(["kill", f"-{int(signal.SIGKILL)}", *first])
-        self.machine.check(f"while test \"$(pidof dockhand)\" = {first[0]}; do sleep 0.1; done")
+        self.machine.check(f'while test "$(pidof dockhand)" = {first[0]}; do sleep 0.1; done')
         self.await_daemon()
         self.assertNotEqual(self.processes(), first)
 

@@ -147,8 +147,12 @@ class Plugging(testcase.MachineTestCase):
                 self.machine.wait_gone(stick, "sda")
 
     def test_the_usb_version_and_speed_are_those_of_the_port(self):
-        for usb, behind_hub, version, speed in ((1, False, "2.00", "12"), (1, True, "2.00", "12"),
-                                                (2, False, "2.00", "480"), (3, False, "3.00", "5000")):
+        for usb, behind_hub, version, speed in (
+            (1, False, "2.00", "12"),
+            (1, True, "2.00", "12"),
+            (2, False, "2.00", "480"),
+            (3, False, "3.00", "5000"),
+        ):
             with self.subTest(usb=usb, behind_hub=behind_hub):
                 stick = self.machine.plug(disks.make(self.folder, "vfat"), usb=usb, behind_hub=behind_hub)
                 event = self.machine.wait_node(stick, "sda")

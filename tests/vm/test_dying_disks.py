@@ -46,7 +46,9 @@ class DyingDisks(daemon.DaemonTestCase):
     def start_call(self, operation, *arguments):
         """Makes a call in the background, which the daemon has begun when this returns; its process."""
         lines = self.daemon_log().count("\n")
-        caller = self.machine.start(["dockhandctl", "call", "--timeout", "300", operation, *map(str, arguments)])
+        caller = self.machine.start(
+            ["dockhandctl", "call", "--timeout", "300", operation, *map(str, arguments)]
+        )
         self.machine.wait_lines(daemon.DAEMON_LOG, lines + 1)
         return caller
 
@@ -113,8 +115,12 @@ class Errors(DyingDisks):
         self.plug_dying("ext3")
         self.assert_ctl(0, "open", DYING)
         self.disk.fail_writes()
-        self.assertNotEqual(self.machine.run(["dd", "if=/dev/zero", "of=/media/disk_3/new", "bs=64k", "count=4",
-                                              "conv=fsync"]).status, 0)
+        self.assertNotEqual(
+            self.machine.run(
+                ["dd", "if=/dev/zero", "of=/media/disk_3/new", "bs=64k", "count=4", "conv=fsync"]
+            ).status,
+            0,
+        )
         self.assert_ctl(0, "close", DYING)
         self.assertEqual(self.mounts(), [])
         self.assert_serves_the_sound_disk()
@@ -182,8 +188,10 @@ class Sticks(DyingDisks):
                 self.assertEqual(self.devices(), [SOUND, 2])
                 self.assertEqual(self.ask("label", 2)["label"], "NONAME" if fails == "read" else "DYING")
                 opened = self.ctl("open", 2).status
-                print(f"dying disks: a stick that fails to {fails} is{'' if opened == 0 else ' not'} opened: "
-                      f"{self.mounts()}")
+                print(
+                    f"dying disks: a stick that fails to {fails} is{'' if opened == 0 else ' not'} opened: "
+                    f"{self.mounts()}"
+                )
                 self.assertEqual(self.call("GetFilesByExtension", 2, "", "txt"), 0)
                 self.call("CloseDevice", 2)
                 self.assertEqual(self.mounts(), [])
@@ -199,19 +207,31 @@ class Hanging(DyingDisks):
     def test_while_a_disk_hangs_only_who_reads_it_waits(self):
         self.plug_dying("ext3")
         self.disk.hang()
-        for operation, *arguments in (("CheckForAndUpdateNewDevices",), ("GetListOfInsertedDevices", "true"),
-                                      ("IsDeviceOpen", DYING), ("GetDeviceType", DYING),
-                                      ("GetDeviceCapacity", DYING), ("GetUsbMountPoint", DYING),
-                                      ("GetUsbPhysicalDevice", DYING)):
+        for operation, *arguments in (
+            ("CheckForAndUpdateNewDevices",),
+            ("GetListOfInsertedDevices", "true"),
+            ("IsDeviceOpen", DYING),
+            ("GetDeviceType", DYING),
+            ("GetDeviceCapacity", DYING),
+            ("GetUsbMountPoint", DYING),
+            ("GetUsbPhysicalDevice", DYING),
+        ):
             self.assertIn(self.call(operation, *arguments), (0, 1), operation)
         self.assert_serves_the_sound_disk()
 
-    def test_a_probe_that_hangs_for_a_minute_keeps_every_other_call_waiting_and_all_are_answered_in_the_end(self):
+    def test_a_probe_that_hangs_for_a_minute_keeps_every_other_call_waiting_and_all_are_answered_in_the_end(
+        self,
+    ):
         self.plug_dying("ext3")
         self.disk.hang()
         probe = self.start_call("GetDeviceLabel", DYING)
-        for operation, *arguments in (("GetListOfInsertedDevices", "true"), ("IsDeviceOpen", SOUND),
-                                      ("OpenDevice", SOUND), ("NotifyUsbAdded", "sda"), ("NotifyUsbXriteAdded",)):
+        for operation, *arguments in (
+            ("GetListOfInsertedDevices", "true"),
+            ("IsDeviceOpen", SOUND),
+            ("OpenDevice", SOUND),
+            ("NotifyUsbAdded", "sda"),
+            ("NotifyUsbXriteAdded",),
+        ):
             self.assertEqual(self.call(operation, *arguments, timeout=1), WAITS, operation)
         waiting = self.machine.start(["dockhandctl", "call", "--timeout", "300", "GetUsbMountPoint", "1"])
         # Longer than the kernel gives a disk for one command.
@@ -255,8 +275,12 @@ class Hanging(DyingDisks):
         tool, began = "/usr/lib/dockhand/tools/xfs_repair", "/run/repair-began"
         self.addCleanup(self.machine.check, ["rm", "-f", tool, began])
         self.plug_dying("xfs")
-        self.machine.put(tool, b"#!/bin/sh\ndmsetup suspend --nolockfs --noflush sdx\necho >/run/repair-began\n"
-                               b"exec /sbin/xfs_repair \"$@\"\n", mode=0o755)
+        self.machine.put(
+            tool,
+            b"#!/bin/sh\ndmsetup suspend --nolockfs --noflush sdx\necho >/run/repair-began\n"
+            b'exec /sbin/xfs_repair "$@"\n',
+            mode=0o755,
+        )
         repair = self.start_call("RunDiskRepair", DYING)
         self.machine.wait_lines(began, 1)
         self.assertEqual(self.devices(), [SOUND, BELOW, DYING])

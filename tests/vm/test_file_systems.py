@@ -27,8 +27,10 @@ class FileSystems(daemon.DaemonTestCase):
 
     def bare_and_partitioned(self, filesystem, label=LABEL):
         """Plugs a stick of each kind in, one after the other."""
-        for name, image in (("sda", disks.make(self.folder, filesystem, label, "bare.img")),
-                            ("sda1", disks.make_partitioned(self.folder, [filesystem], label))):
+        for name, image in (
+            ("sda", disks.make(self.folder, filesystem, label, "bare.img")),
+            ("sda1", disks.make_partitioned(self.folder, [filesystem], label)),
+        ):
             stick = self.plug(image)
             self.assertEqual(self.kernel_name(1), name)
             yield
@@ -50,7 +52,9 @@ class FileSystems(daemon.DaemonTestCase):
     def assert_opens_without_a_mount(self, what_it_is):
         """The kernel finds no superblock in the last attempt, which counts as done; the client sees that it is not."""
         result = self.assert_ctl(1, "open", 1)
-        self.assertIn(f'counts as open, but nothing is mounted at "/media/disk_1": {what_it_is};', result.stderr)
+        self.assertIn(
+            f'counts as open, but nothing is mounted at "/media/disk_1": {what_it_is};', result.stderr
+        )
         self.assert_ctl(0, "is-open", 1)
         self.assertEqual(self.mounts(), [])
         self.assertIn("invalid superblock", self.daemon_log())

@@ -11,8 +11,10 @@ PACKAGES = os.path.join(testcase.PROGRAMS, "packages")
 NEWER = "9.0"
 DATABASE = "/tmp/dpkg"
 # Where the scripts of a package and its service leave something. What the packages bring along is looked for besides.
-FOLDERS = ("/etc/systemd /etc/udev /media /run/dockhand /run/ravel /var/lib/systemd/deb-systemd-helper-enabled "
-           "/var/lib/systemd/deb-systemd-helper-masked")
+FOLDERS = (
+    "/etc/systemd /etc/udev /media /run/dockhand /run/ravel /var/lib/systemd/deb-systemd-helper-enabled "
+    "/var/lib/systemd/deb-systemd-helper-masked"
+)
 
 
 class Packages(daemon.DaemonTestCase):
@@ -23,22 +25,29 @@ class Packages(daemon.DaemonTestCase):
     def setUp(self):
         super().setUp()
         # What tests of the rules alone have put in the place of files of the packages.
-        self.machine.check("rm -rf /usr/bin/dockhandctl /usr/lib/dockhand /etc/systemd/system/dockhand* "
-                           "/run/udev/rules.d")
+        self.machine.check(
+            "rm -rf /usr/bin/dockhandctl /usr/lib/dockhand /etc/systemd/system/dockhand* " "/run/udev/rules.d"
+        )
         self.make_database()
 
     def original(self, name):
-        package, = (entry.path for entry in os.scandir(PACKAGES) if entry.name.startswith(f"{name}_"))
+        (package,) = (entry.path for entry in os.scandir(PACKAGES) if entry.name.startswith(f"{name}_"))
         return package
 
     def make_database(self):
         """One for dpkg that knows no more than what the packages depend on: here the host's takes minutes to read."""
         needed = set()
         for name in ("dockhand", "dockhand-client"):
-            fields = subprocess.run(["dpkg-deb", "--field", self.original(name), "Depends"], check=True,
-                                    stdout=subprocess.PIPE, text=True).stdout
+            fields = subprocess.run(
+                ["dpkg-deb", "--field", self.original(name), "Depends"],
+                check=True,
+                stdout=subprocess.PIPE,
+                text=True,
+            ).stdout
             needed |= set(re.findall(r"(?:^|, )([a-z0-9+.-]+)", fields)) - {"dockhand-client"}
-        status = subprocess.run(["dpkg-query", "--status", *sorted(needed)], check=True, stdout=subprocess.PIPE).stdout
+        status = subprocess.run(
+            ["dpkg-query", "--status", *sorted(needed)], check=True, stdout=subprocess.PIPE
+        ).stdout
         self.machine.check(f"rm -rf {DATABASE} && mkdir -p {DATABASE}/info {DATABASE}/updates")
         self.machine.put(f"{DATABASE}/status", status)
 
@@ -54,7 +63,9 @@ class Packages(daemon.DaemonTestCase):
                 lines = [f"Version: {version}\n" if line.startswith("Version:") else line for line in file]
             with open(control, "w", encoding="utf-8") as file:
                 file.writelines(lines)
-            subprocess.run(["dpkg-deb", "--build", "-Zgzip", content, package], check=True, stdout=subprocess.DEVNULL)
+            subprocess.run(
+                ["dpkg-deb", "--build", "-Zgzip", content, package], check=True, stdout=subprocess.DEVNULL
+            )
             original = package
         path = f"/tmp/{name}.deb"
         with open(original, "rb") as file:
@@ -62,18 +73,24 @@ class Packages(daemon.DaemonTestCase):
         return path
 
     def dpkg(self, *arguments):
-        self.machine.check(["dpkg", f"--admindir={DATABASE}", *arguments], timeout=240,
-                           env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"})
+        self.machine.check(
+            ["dpkg", f"--admindir={DATABASE}", *arguments],
+            timeout=240,
+            env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"},
+        )
 
     def main_pid(self):
         return int(self.machine.check(["systemctl", "show", "--property=MainPID", "--value", "dockhand"]))
 
     def version(self):
-        return self.machine.check(["dpkg-query", f"--admindir={DATABASE}", "--show", "--showformat=${Version}",
-                                   "dockhand"])
+        return self.machine.check(
+            ["dpkg-query", f"--admindir={DATABASE}", "--show", "--showformat=${Version}", "dockhand"]
+        )
 
     def files_of_packages(self):
-        lines = self.machine.check(["dpkg", f"--admindir={DATABASE}", "--listfiles", "dockhand", "dockhand-client"])
+        lines = self.machine.check(
+            ["dpkg", f"--admindir={DATABASE}", "--listfiles", "dockhand", "dockhand-client"]
+        )
         return [line for line in lines.splitlines() if "dockhand" in line]
 
     def traces(self):
@@ -98,8 +115,10 @@ class Packages(daemon.DaemonTestCase):
         self.assertIn("/usr/sbin/dockhand", files)
         self.dpkg("--purge", "dockhand", "dockhand-client")
         self.assertEqual(self.machine.run(["test", "-e", f"/proc/{second}"]).status, 1)
-        self.assertEqual(self.machine.check(["systemctl", "show", "--property=LoadState", "--value", "dockhand"]),
-                         "not-found\n")
+        self.assertEqual(
+            self.machine.check(["systemctl", "show", "--property=LoadState", "--value", "dockhand"]),
+            "not-found\n",
+        )
         self.assertEqual(self.machine.run(["ls", "-d", *files]).stdout, "")
         self.assertEqual(self.traces(), before)
         self.assertEqual(self.machine.get("/etc/group"), groups)

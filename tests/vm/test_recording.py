@@ -87,7 +87,9 @@ class LargeDisks(RecordingTestCase):
     def test_a_disk_of_four_tebibytes_is_a_recording_disk_to_its_end(self):
         self.prepare()
         self.finish_announcements()
-        self.assertEqual(self.machine.check(["blkid", "-p", "-o", "value", "-s", "PTTYPE", "/dev/sda"]), "gpt\n")
+        self.assertEqual(
+            self.machine.check(["blkid", "-p", "-o", "value", "-s", "PTTYPE", "/dev/sda"]), "gpt\n"
+        )
         sectors = int(self.machine.get("/sys/block/sda/sda1/size"))
         self.assertGreater(sectors, self.disk_bytes // 512 - 2 * 2048 - 1)
 
@@ -95,7 +97,9 @@ class LargeDisks(RecordingTestCase):
         film = "/media/disk_1/recording.ts"
         self.machine.check(["fallocate", "-l", str(3 << 40), film])
         # Of the part that comes last on the disk: where it begins in the file and in the partition, in sectors.
-        parts = re.findall(r"^\s+\d+: \[(\d+)\.\.\d+\]: (\d+)\.\.", self.machine.check(["xfs_bmap", film]), re.M)
+        parts = re.findall(
+            r"^\s+\d+: \[(\d+)\.\.\d+\]: (\d+)\.\.", self.machine.check(["xfs_bmap", film]), re.M
+        )
         begin, place = max(((int(begin), int(place)) for begin, place in parts), key=lambda part: part[1])
         self.assertGreater(place, 1 << 32)
         self.machine.check(f"yes recorded | dd of={film} bs=512 count=8 seek={begin} conv=notrunc,fsync")
@@ -104,4 +108,6 @@ class LargeDisks(RecordingTestCase):
             image.seek((2048 + place) * 512)
             self.assertEqual(image.read(9), b"recorded\n")
         self.open_for_recording()
-        self.assertEqual(self.machine.check(f"dd if={film} bs=512 count=8 skip={begin} | head -n 1"), "recorded\n")
+        self.assertEqual(
+            self.machine.check(f"dd if={film} bs=512 count=8 skip={begin} | head -n 1"), "recorded\n"
+        )

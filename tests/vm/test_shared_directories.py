@@ -11,10 +11,12 @@ VERSION_FILE = "/tmp/sda_bcdUSB.txt"
 ROOTS_FILE = "/tmp/roots_file"
 REPAIR_TOOL = "/usr/lib/dockhand/tools/xfs_repair"
 
-PLANTS = {"symlink": f"ln -s {ROOTS_FILE} PATH",
-          "hard link": f"ln {ROOTS_FILE} PATH",
-          "fifo": "mkfifo -m 666 PATH",
-          "file": "echo forged >PATH"}
+PLANTS = {
+    "symlink": f"ln -s {ROOTS_FILE} PATH",
+    "hard link": f"ln {ROOTS_FILE} PATH",
+    "fifo": "mkfifo -m 666 PATH",
+    "file": "echo forged >PATH",
+}
 
 
 class SharedDirectoriesTestCase(daemon.DaemonTestCase):
@@ -31,8 +33,9 @@ class SharedDirectoriesTestCase(daemon.DaemonTestCase):
             self.machine.check(f"echo {value} >/proc/sys/fs/{name}")
 
     def as_user(self, command):
-        return self.machine.run(["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups",
-                                 "/bin/sh", "-c", command]).status
+        return self.machine.run(
+            ["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", "/bin/sh", "-c", command]
+        ).status
 
     def plug(self, filesystem):
         self.watch()
@@ -54,8 +57,9 @@ class SharedDirectoriesTestCase(daemon.DaemonTestCase):
                 self.assertEqual(planted, name != "hard link" or self.settings()[1] == "0")
                 use()
                 self.assertEqual(self.machine.get(ROOTS_FILE), b"root's own words\n")
-                moved = self.machine.check(f"for place in {path}.moved-*; do test -d $place && ls $place; "
-                                           "done; true")
+                moved = self.machine.check(
+                    f"for place in {path}.moved-*; do test -d $place && ls $place; " "done; true"
+                )
                 self.assertEqual(moved.split(), [path.rpartition("/")[2]] if planted else [])
 
 
@@ -101,8 +105,9 @@ class SharedDirectories(SharedDirectoriesTestCase):
 
     def test_a_user_who_may_write_to_media_decides_where_a_stick_is_mounted_until_tmpfiles_stops_him(self):
         roots = "/run/roots_directory"
-        self.addCleanup(self.machine.check,
-                        f"umount {roots}; rm -rf {roots} /media/disk_1; chmod 755 /media; true")
+        self.addCleanup(
+            self.machine.check, f"umount {roots}; rm -rf {roots} /media/disk_1; chmod 755 /media; true"
+        )
         self.machine.put(f"{roots}/file", b"root's own words\n")
         self.start_daemon(DOCKHAND_NAMESPACE="never")
         self.plug("vfat")

@@ -39,8 +39,11 @@ class Unit(daemon.DaemonTestCase):
         """Returns once the next daemon has been started."""
         before = self.main_pid()
         self.machine.check(["kill", f"-{int(signal.SIGKILL)}", str(before)])
-        self.machine.check(f"while pid=$(systemctl show --property=MainPID --value dockhand); "
-                           f"test $pid = 0 || test $pid = {before}; do sleep 0.1; done", timeout=120)
+        self.machine.check(
+            f"while pid=$(systemctl show --property=MainPID --value dockhand); "
+            f"test $pid = 0 || test $pid = {before}; do sleep 0.1; done",
+            timeout=120,
+        )
 
     def drop_in(self, text, unit="dockhand.service"):
         """Changes the unit for this test."""
@@ -74,8 +77,10 @@ class Unit(daemon.DaemonTestCase):
     def lengthen_mount_table(self):
         """Also with a directory on which two are mounted, as full systems have them."""
         self.addCleanup(self.machine.check, "for n in 20 $(seq 20); do umount /mnt/filler-$n; done")
-        self.machine.check("for n in $(seq 20) 20; do mkdir -p /mnt/filler-$n && "
-                           "mount -t tmpfs filler /mnt/filler-$n; done")
+        self.machine.check(
+            "for n in $(seq 20) 20; do mkdir -p /mnt/filler-$n && "
+            "mount -t tmpfs filler /mnt/filler-$n; done"
+        )
         self.assertGreater(len(self.machine.get("/proc/1/mounts")), 1024)
 
     def system_mounts(self):
@@ -192,7 +197,9 @@ class Unit(daemon.DaemonTestCase):
         self.machine.wait_lines(began, 1)
         self.kill_main_process()
         self.assertNotEqual(self.machine.wait(client), 0)
-        self.assertNotEqual(self.machine.run(["kill", "-0", self.machine.get(began).decode().strip()]).status, 0)
+        self.assertNotEqual(
+            self.machine.run(["kill", "-0", self.machine.get(began).decode().strip()]).status, 0
+        )
         self.await_daemon()
         self.machine.check(["rm", tool])
         self.assert_ctl(0, "repair", 1, timeout=300)
@@ -220,9 +227,11 @@ class Unit(daemon.DaemonTestCase):
         self.assert_ctl(1, "call", "RunDiskRepair", 99)
         entries = self.journal(f"_PID={self.main_pid()}")
         self.assertEqual({entry["SYSLOG_IDENTIFIER"] for entry in entries}, {"dockhand"})
-        for text, priority in (("OpenDeviceAt(1, /media/disk_1, isPvrDevice=0)", NOTICE),
-                               ("repair not supported for: vfat", WARNING),
-                               ("RunDiskRepair(99) - Unknown device!", ERROR)):
+        for text, priority in (
+            ("OpenDeviceAt(1, /media/disk_1, isPvrDevice=0)", NOTICE),
+            ("repair not supported for: vfat", WARNING),
+            ("RunDiskRepair(99) - Unknown device!", ERROR),
+        ):
             found = [entry["PRIORITY"] for entry in entries if entry["MESSAGE"].endswith(text)]
             self.assertEqual(found, [priority], text)
 
@@ -233,37 +242,47 @@ class Unit(daemon.DaemonTestCase):
         self.watch()
         self.plug(image=disks.make_partitioned(self.folder, ["xfs"], "PVR_DISK"))
         self.assert_ctl(1, "repair", 1)
-        found = {(entry["MESSAGE"], entry["PRIORITY"]) for entry in self.journal()
-                 if "/recording.ts" in entry["MESSAGE"]}
+        found = {
+            (entry["MESSAGE"], entry["PRIORITY"])
+            for entry in self.journal()
+            if "/recording.ts" in entry["MESSAGE"]
+        }
         self.assertEqual(found, {("<0>/recording.ts", INFORMATIONAL)})
 
     def test_a_tool_that_is_killed_for_memory_ends_alone(self):
         seen = "/run/end-seen"
         self.addCleanup(self.machine.check, ["rm", seen])
         # The second repair, which follows, waits until systemd has seen the first one's end.
-        self.replace_tools("MemoryMax=100M\nMemorySwapMax=0",
-                           xfs_repair='test "$1" = -L || exec tail /dev/zero\n'
-                                      f"until test -e {seen}; do sleep 0.1; done; exit 1")
+        self.replace_tools(
+            "MemoryMax=100M\nMemorySwapMax=0",
+            xfs_repair='test "$1" = -L || exec tail /dev/zero\n'
+            f"until test -e {seen}; do sleep 0.1; done; exit 1",
+        )
         self.start_unit()
         self.watch()
         self.plug(image=disks.make_partitioned(self.folder, ["xfs"], "PVR_DISK"))
         before = self.main_pid()
         client = self.machine.start(["dockhandctl", "repair", "1"])
-        self.machine.check("until dmesg | grep -q 'dockhand.service: A process .* killed by the OOM killer'; do "
-                           "sleep 0.1; done")
+        self.machine.check(
+            "until dmesg | grep -q 'dockhand.service: A process .* killed by the OOM killer'; do "
+            "sleep 0.1; done"
+        )
         self.machine.put(seen, b"")
         self.assertEqual(self.machine.wait(client), 1)
         self.assertEqual(self.main_pid(), before)
 
     def test_announcements_take_no_mount_namespace(self):
         self.addCleanup(self.machine.check, ["rm", "/run/namespace"])
-        self.drop_in("[Service]\nExecStart=/bin/sh -c 'readlink /proc/self/ns/mnt >/run/namespace'\n",
-                     "dockhand-usb@.service")
+        self.drop_in(
+            "[Service]\nExecStart=/bin/sh -c 'readlink /proc/self/ns/mnt >/run/namespace'\n",
+            "dockhand-usb@.service",
+        )
         self.start_unit()
         self.watch()
         self.plug()
-        self.assertEqual(self.machine.get("/run/namespace").decode(),
-                         self.machine.check(["readlink", "/proc/1/ns/mnt"]))
+        self.assertEqual(
+            self.machine.get("/run/namespace").decode(), self.machine.check(["readlink", "/proc/1/ns/mnt"])
+        )
 
     def record(self, device):
         """Prepares a disk, records on it, repairs it."""
@@ -276,7 +295,9 @@ class Unit(daemon.DaemonTestCase):
         self.assert_ctl(0, "repair", device, timeout=300)
         self.assert_ctl(0, "open", device, "--pvr")
         self.assertEqual(self.machine.get(f"/media/disk_{device}/recording.ts"), b"film")
-        self.assertEqual([mount for mount in self.mounts(1) if mount[1] == f"/media/disk_{device}"], self.mounts())
+        self.assertEqual(
+            [mount for mount in self.mounts(1) if mount[1] == f"/media/disk_{device}"], self.mounts()
+        )
 
     def test_recording_disks_are_prepared_and_repaired_in_the_hardened_unit(self):
         self.start_unit()
@@ -304,14 +325,23 @@ class Unit(daemon.DaemonTestCase):
         rules, image = "/run/udev/rules.d/61-loop.rules", "/run/disk.img"
         self.start_unit()
         self.assertNotIn(" loop\n", self.machine.get("/proc/devices").decode())
-        self.machine.put(rules, b'KERNEL=="loop0", SYMLINK+="usb_storage_vda"\n'
-                                b'KERNEL=="loop0p1", SYMLINK+="usb_storage_vda1"\n')
+        self.machine.put(
+            rules,
+            b'KERNEL=="loop0", SYMLINK+="usb_storage_vda"\n'
+            b'KERNEL=="loop0p1", SYMLINK+="usb_storage_vda1"\n',
+        )
         # The nodes go while the rules are there. udev may have the disk open for a moment.
-        self.addCleanup(self.machine.check, "losetup -d /dev/loop0 && until rmmod loop; do sleep 0.1; done && "
-                                            "udevadm settle && test ! -e /dev/usb_storage_vda && "
-                                            f"rm {rules} {image} && udevadm control --reload", timeout=120)
-        self.machine.check(f"udevadm control --reload && truncate -s 400M {image} && "
-                           f"echo ',,L' | sfdisk -q {image} && modprobe loop && losetup -P /dev/loop0 {image}")
+        self.addCleanup(
+            self.machine.check,
+            "losetup -d /dev/loop0 && until rmmod loop; do sleep 0.1; done && "
+            "udevadm settle && test ! -e /dev/usb_storage_vda && "
+            f"rm {rules} {image} && udevadm control --reload",
+            timeout=120,
+        )
+        self.machine.check(
+            f"udevadm control --reload && truncate -s 400M {image} && "
+            f"echo ',,L' | sfdisk -q {image} && modprobe loop && losetup -P /dev/loop0 {image}"
+        )
         self.machine.settle()
         self.assertEqual(self.devices(), [1])
         self.assertEqual(self.kernel_name(1), "vda1")

@@ -131,16 +131,18 @@ class UdevRulesWithoutSystemd(AnnouncementCases, UdevRules):
 
     def test_an_announcement_that_fails_is_logged_and_does_not_hold_up_the_next(self):
         self.machine.put("/usr/bin/dockhandctl", RECORDER + b"exit 1\n", 0o755)
-        self.machine.put("/usr/sbin/logger", b"#!/bin/sh\necho \"$*\" >> /run/logged\n", 0o755)
+        self.machine.put("/usr/sbin/logger", b'#!/bin/sh\necho "$*" >> /run/logged\n', 0o755)
         self.addCleanup(self.machine.check, ["rm", "/usr/sbin/logger", "/run/logged"])
         stick = self.machine.plug(disks.make(self.folder, "vfat"))
         self.machine.wait_node(stick, "sda")
         self.machine.unplug(stick)
         self.machine.wait_gone(stick, "sda")
         self.assertEqual(self.calls(2), ["notify added sda", "notify removed sda"])
-        self.assertEqual(self.machine.get("/run/logged"),
-                         b"-t dockhand-notify cannot announce: added sda\n"
-                         b"-t dockhand-notify cannot announce: removed sda\n")
+        self.assertEqual(
+            self.machine.get("/run/logged"),
+            b"-t dockhand-notify cannot announce: added sda\n"
+            b"-t dockhand-notify cannot announce: removed sda\n",
+        )
 
 
 class UdevRulesWithSystemd(AnnouncementCases, UdevRules):
@@ -153,7 +155,7 @@ class UdevRulesWithSystemd(AnnouncementCases, UdevRules):
         self.machine.check(["systemctl", "daemon-reload"])
 
     def finish_announcements(self):
-        self.machine.check("until test -z \"$(systemctl list-jobs --no-legend)\"; do sleep 0.05; done")
+        self.machine.check('until test -z "$(systemctl list-jobs --no-legend)"; do sleep 0.05; done')
         self.machine.check(["test", "!", "-e", "/run/dockhand"])
 
     def test_an_unplug_ends_an_announcement_that_is_still_under_way(self):

@@ -23,8 +23,12 @@ def _image():
     if not _images:
         folder = tempfile.mkdtemp(prefix="dockhand-image-")
         _images.append(folder)
-        subprocess.run(["cmake", "--install", PROGRAMS, "--strip"], check=True, stdout=subprocess.DEVNULL,
-                       env={**os.environ, "DESTDIR": folder})
+        subprocess.run(
+            ["cmake", "--install", PROGRAMS, "--strip"],
+            check=True,
+            stdout=subprocess.DEVNULL,
+            env={**os.environ, "DESTDIR": folder},
+        )
     return _images[0]
 
 

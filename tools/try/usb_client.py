@@ -12,7 +12,7 @@ from thrift.protocol.TBinaryProtocol import TBinaryProtocol
 from thrift.transport.TSocket import TSocket
 from thrift.transport.TTransport import TBufferedTransport
 
-SOCKET = '/run/ravel/9020.sock'
+SOCKET = "/run/ravel/9020.sock"
 
 
 @contextmanager
