@@ -22,12 +22,6 @@ namespace {
 constexpr std::int64_t mebibyte = 1 << 20;
 const char* const uuidBeginning = "7b5f1b2e-9d3a-4c55-8a52-3f1d6c0e4a";
 
-void makeTool(const std::string& name, const std::string& text) {
-  const std::string path = "/tmp/bin/" + name;
-  systest::writeFile(path, "#!/bin/sh\n" + text);
-  fs::permissions(path, fs::perms::owner_all);
-}
-
 bool isUnderMedia(const std::string& target) {
   return target.rfind("/media/", 0) == 0;
 }
@@ -53,10 +47,9 @@ Trial tryMount(const std::string& node, const std::string& type, unsigned long f
 
 DiskWorld::DiskWorld() {
   systest::clearWorld();
-  fs::create_directory("/tmp/bin");
-  makeTool("readUsbVersion.sh", "test -e /sys/block/$1/removable && echo 2.00\n");
+  systest::makeTool("readUsbVersion.sh", "test -e /sys/block/$1/removable && echo 2.00\n");
   // The private root has no system log.
-  makeTool("logger", "cat >/dev/null\n");
+  systest::makeTool("logger", "cat >/dev/null\n");
   setenv("PATH", ("/tmp/bin:" + std::string(std::getenv("PATH"))).c_str(), 1);
   // Try each file system of the daemon: ENODEV shows that this kernel lacks it.
   const Stick blank = makeStick({"sdz", "", "", false});

@@ -94,6 +94,14 @@ bool answersCalls() {
 
 }  // namespace
 
+Environment withTools() {
+  return {{"PATH", "/tmp/bin:/usr/sbin:/usr/bin:/sbin:/bin"}};
+}
+
+Environment withImageTools() {
+  return {{"PATH", DOCKHAND_IMAGE_TOOLS ":" + withTools().at("PATH")}};
+}
+
 Daemon::Daemon(const Environment& environment, gid_t group)
     : pid_(startProgram(environment, group)), logPath_(logPath(pid_)) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
@@ -116,7 +124,7 @@ bool Daemon::isRunning() const {
 
 void Daemon::kill() {
   if (!reaped_) {
-    // The log is deleted with the test, and only it says why a daemon ended by itself.
+    // Only the log says why a daemon ended by itself, and the test deletes it.
     if (!isRunning()) {
       std::cerr << "the daemon ended by itself, with this log: " << log() << '\n';
     }

@@ -15,6 +15,11 @@ namespace systest {
 /// Variables that are added to the test's environment for the daemon.
 using Environment = std::map<std::string, std::string>;
 
+/// A PATH with the test's tools in /tmp/bin before the system's.
+Environment withTools();
+/// The same, with the image's wrappers before both.
+Environment withImageTools();
+
 using testsupport::UsbClient;
 
 /// A running daemon, killed with this object. The process group of its tools has its pid.

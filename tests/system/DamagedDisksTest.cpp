@@ -1,7 +1,6 @@
 // Disks with damaged headers: whatever libblkid and the kernel do with them, the daemon replies and keeps
 // serving.
 
-#include <gmock/gmock.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <thrift/transport/TTransportException.h>
@@ -20,14 +19,10 @@
 #include <thread>
 #include <vector>
 
-#include "Daemon.h"
-#include "Stick.h"
 #include "SystemTest.h"
 
 namespace systest {
 namespace {
-
-using testing::IsEmpty;
 
 /// Bytes by their offset in the image.
 using Bytes = std::map<std::uint64_t, std::uint8_t>;
@@ -37,9 +32,9 @@ class Damager {
  public:
   explicit Damager(const std::string& image)
       : image_(image, std::ios::in | std::ios::out | std::ios::binary) {
-    constexpr std::size_t mostSectors = 64;
+    constexpr std::size_t maxSectors = 64;
     std::string sector(sectorSize, '\0');
-    for (std::uint64_t at = 0; at < searched && sectors_.size() < mostSectors; at += sectorSize) {
+    for (std::uint64_t at = 0; at < searched && sectors_.size() < maxSectors; at += sectorSize) {
       image_.seekg(static_cast<std::streamoff>(at));
       if (image_.read(sector.data(), sectorSize) && sector.find_first_not_of('\0') != std::string::npos) {
         sectors_.push_back(at);
@@ -198,8 +193,8 @@ TEST_F(DamagedDisksTest, Ext3IsOpenedOrRefusedAndTheDaemonKeepsServing) {
   EXPECT_EQ(readFile("/media/disk_1/song.mp3"), "la la la");
 }
 
-/// Makes the root directory of an ext3 disk one of 4 GiB, of which each block is the same one on the disk.
-/// That holds one name as often as it fits.
+/// Makes the root directory of an ext3 disk 4 GiB long. All its blocks are the same block of the disk, which
+/// holds one name as often as it fits.
 void nameOneBlockOverAndOver(const std::string& node, const std::string& name) {
   constexpr std::uint64_t blockSize = 4096;
   constexpr std::uint64_t superblock = 1024;
@@ -237,7 +232,7 @@ void nameOneBlockOverAndOver(const std::string& node, const std::string& name) {
   const std::uint32_t bitmap = number(blockSize, 4);
   const std::uint64_t inode =
       number(blockSize + 8, 4) * blockSize + (rootInode - 1) * number(superblock + 88, 2);
-  // Two blocks that nothing is in, for the numbers of blocks.
+  // Two free blocks for the block numbers.
   const std::uint32_t single = blocks - 1;
   const std::uint32_t twofold = blocks - 2;
   if (number(superblock + 24, 4) != 2 || blocks % 8 != 0 ||
@@ -289,8 +284,8 @@ TEST_F(DirectoryBombTest, EndsAfterSoManyNamesWhateverIsLookedFor) {
   UsbClient client;
   ASSERT_TRUE(client->OpenDevice(1));
   EXPECT_THAT(client.files(1, "", "ogg"), IsEmpty());
-  EXPECT_THAT(daemon.log(), testing::HasSubstr("readdir(/media/disk_1/) ended after 4194304 entries, with "
-                                               "20971520 bytes of names: the rest is left out"));
+  EXPECT_THAT(daemon.log(), HasSubstr("readdir(/media/disk_1/) ended after 4194304 entries, with "
+                                      "20971520 bytes of names: the rest is left out"));
   EXPECT_TRUE(client->CloseDevice(1));
 }
 
@@ -305,7 +300,7 @@ TEST_F(DirectoryBombTest, EndsAfterSoManyBytesOfNames) {
   const std::vector<std::string> files = client.files(1, "", "mp3");
   EXPECT_EQ(files.size(), fitting);
   EXPECT_EQ(std::count(files.begin(), files.end(), name), static_cast<std::ptrdiff_t>(fitting));
-  EXPECT_THAT(daemon.log(), testing::HasSubstr(") ended after " + std::to_string(fitting) + " entries, "));
+  EXPECT_THAT(daemon.log(), HasSubstr(") ended after " + std::to_string(fitting) + " entries, "));
   EXPECT_TRUE(client->CloseDevice(1));
 }
 
@@ -328,7 +323,7 @@ TEST_F(DamagedDisksTest, CrashClosesTheConnectionsAndTheNextStartFindsTheOpenSti
 
   const Daemon restarted;
   UsbClient next;
-  EXPECT_THAT(next.devices(), testing::ElementsAre(1));
+  EXPECT_THAT(next.devices(), ElementsAre(1));
   EXPECT_FALSE(next->IsDeviceOpen(1));
   EXPECT_TRUE(next->OpenDevice(1));
   EXPECT_EQ(mountsAt("/media/disk_1").size(), 1U);

@@ -1,21 +1,15 @@
 // The file systems of sticks, as this kernel mounts them.
 
-#include <gmock/gmock.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
 
-#include "Daemon.h"
-#include "Stick.h"
 #include "SystemTest.h"
 
 namespace systest {
 namespace {
-
-using testing::HasSubstr;
-using testing::IsEmpty;
 
 /// errno of the daemon's last attempt, which decides the reply if no file system fits; 0 if it mounts.
 int errorOfLastTry(const std::string& node) {
@@ -62,31 +56,48 @@ class FileSystemsTest : public SystemTest {
     EXPECT_EQ(client.mountPoint(1).text, "/media/disk_1");
     EXPECT_THAT(mountsAt("/media/disk_1"), IsEmpty());
     if (isAcceptedError(error)) {
-      EXPECT_THAT(namesIn("/media"), testing::ElementsAre("disk_1"));
+      EXPECT_THAT(namesIn("/media"), ElementsAre("disk_1"));
       EXPECT_TRUE(client->CloseDevice(1));
     }
     EXPECT_THAT(namesIn("/media"), IsEmpty());
   }
 };
 
-TEST_F(FileSystemsTest, Ext3MountsReadWrite) {
-  const Stick stick({});
-  expectOpens(stick, "ext3", "rw");
+struct Row {
+  static constexpr bool isRow = true;
+  std::string name;
+  std::vector<std::string> mkfs;
+  /// The type of its mount, and an option of it.
+  std::string type;
+  std::string option;
+  bool readOnly = false;
+};
+
+class EachFileSystemTest : public FileSystemsTest, public testing::WithParamInterface<Row> {};
+
+TEST_P(EachFileSystemTest, Mounts) {
+  if (GetParam().type != "ext3" && !kernelKnowsFileSystem(GetParam().type)) {
+    GTEST_SKIP() << "kernel has no " << GetParam().type;
+  }
+  StickOptions options;
+  options.mkfs = GetParam().mkfs;
+  options.readOnly = GetParam().readOnly;
+  const Stick stick(options);
+  expectOpens(stick, GetParam().type, GetParam().option);
 }
 
-TEST_F(FileSystemsTest, WriteProtectedStickMountsReadOnly) {
-  StickOptions options;
-  options.readOnly = true;
-  const Stick stick(options);
-  expectOpens(stick, "ext3", "ro");
-}
-
-TEST_F(FileSystemsTest, Ext4WithoutExtentsMountsAsExt3InTheSecondPass) {
-  StickOptions options;
-  options.mkfs = {"mkfs.ext4", "-q", "-F", "-O", "^extents,^64bit,^metadata_csum,^flex_bg,huge_file"};
-  const Stick stick(options);
-  expectOpens(stick, "ext3", "ro");
-}
+INSTANTIATE_TEST_SUITE_P(
+    Rows, EachFileSystemTest,
+    testing::Values(Row{"Ext3ReadWrite", StickOptions().mkfs, "ext3", "rw"},
+                    Row{"WriteProtectedStickReadOnly", StickOptions().mkfs, "ext3", "ro", true},
+                    Row{"Ext4WithoutExtentsAsExt3InTheSecondPass",
+                        {"mkfs.ext4", "-q", "-F", "-O", "^extents,^64bit,^metadata_csum,^flex_bg,huge_file"},
+                        "ext3",
+                        "ro"},
+                    Row{"FatReadWrite", {"mkfs.vfat", "-n", "FAT"}, "vfat", "rw"},
+                    Row{"Ntfs", {"mkfs.ntfs", "--quick", "--force"}, "ntfs", "nosuid"},
+                    Row{"HfsPlusReadOnly", {"mkfs.hfsplus"}, "hfsplus", "ro"}),
+    nameOf<Row>);
 
 TEST_F(FileSystemsTest, Ext4WithExtentsIsRecognisedButDoesNotMount) {
   StickOptions options;
@@ -120,36 +131,6 @@ TEST_F(FileSystemsTest, XfsMountsWithProjectQuota) {
     GTEST_SKIP() << "kernel has no xfs quota: it mounts this stick without quota, but not with prjquota";
   }
   expectOpens(stick, "xfs", "rw");
-}
-
-TEST_F(FileSystemsTest, FatMountsReadWrite) {
-  if (!kernelKnowsFileSystem("vfat")) {
-    GTEST_SKIP() << "kernel has no vfat";
-  }
-  StickOptions options;
-  options.mkfs = {"mkfs.vfat", "-n", "FAT"};
-  const Stick stick(options);
-  expectOpens(stick, "vfat", "rw");
-}
-
-TEST_F(FileSystemsTest, NtfsMounts) {
-  if (!kernelKnowsFileSystem("ntfs")) {
-    GTEST_SKIP() << "kernel has no ntfs";
-  }
-  StickOptions options;
-  options.mkfs = {"mkfs.ntfs", "--quick", "--force"};
-  const Stick stick(options);
-  expectOpens(stick, "ntfs", "nosuid");
-}
-
-TEST_F(FileSystemsTest, HfsPlusMountsReadOnly) {
-  if (!kernelKnowsFileSystem("hfsplus")) {
-    GTEST_SKIP() << "kernel has no hfsplus";
-  }
-  StickOptions options;
-  options.mkfs = {"mkfs.hfsplus"};
-  const Stick stick(options);
-  expectOpens(stick, "hfsplus", "ro");
 }
 
 }  // namespace

@@ -1,23 +1,18 @@
 // Plugging in and pulling out, and the callbacks to observers.
 
-#include <gmock/gmock.h>
 #include <thrift/TApplicationException.h>
 
 #include <fstream>
 #include <memory>
 #include <stdexcept>
 
-#include "Daemon.h"
 #include "MediaService.h"
-#include "Stick.h"
 #include "SystemTest.h"
 
 namespace systest {
 namespace {
 
 using apache::thrift::TApplicationException;
-using testing::ElementsAre;
-using testing::IsEmpty;
 using testsupport::Callback;
 using testsupport::MediaService;
 
@@ -30,80 +25,70 @@ StickOptions songStick(bool partitioned) {
   return options;
 }
 
-TEST_F(HotPlugTest, ObserversAreCalledInSignedOrderWithoutTheXriteObserver) {
-  const Stick stick(songStick(false));
-  setPartitions({"sda"});
-  const MediaService media;
-  const Daemon daemon;
+/// A stick that the kernel lists under these names, with a media service for its callbacks.
+struct Announced {
+  Stick stick;
+  MediaService media;
+  Daemon daemon;
   UsbClient client;
+};
+
+Announced announce(const std::vector<std::string>& listed = {"sda"}, bool partitioned = false) {
+  setPartitions(listed);
+  return {Stick(songStick(partitioned)), MediaService(), Daemon(), UsbClient()};
+}
+
+TEST_F(HotPlugTest, ObserversAreCalledInSignedOrderWithoutTheXriteObserver) {
+  auto [stick, media, daemon, client] = announce();
   for (const std::int8_t observerId : {std::int8_t{127}, std::int8_t{7}, std::int8_t{0}, std::int8_t{-3}}) {
     client->RegisterUsbAddedCallBack(observerId, 1000 + observerId);
     client->RegisterUsbRemovedCallBack(observerId, 2000 + observerId);
   }
   client->NotifyUsbAdded("sda");
-  EXPECT_THAT(media.callbacks(), ElementsAre(Callback{"added", 1, -3, 997}, Callback{"added", 1, 0, 1000},
-                                             Callback{"added", 1, 127, 1127}));
+  EXPECT_THAT(media.takeCallbacks(), ElementsAre(Callback{"added", 1, -3, 997}, Callback{"added", 1, 0, 1000},
+                                                 Callback{"added", 1, 127, 1127}));
   client->NotifyUsbRemoved("sda");
-  const auto callbacks = media.callbacks();
-  ASSERT_EQ(callbacks.size(), 6U);
-  EXPECT_EQ(callbacks[3], (Callback{"removed", 1, -3, 1997}));
-  EXPECT_EQ(callbacks[4], (Callback{"removed", 1, 0, 2000}));
-  EXPECT_EQ(callbacks[5], (Callback{"removed", 1, 127, 2127}));
+  EXPECT_THAT(media.takeCallbacks(),
+              ElementsAre(Callback{"removed", 1, -3, 1997}, Callback{"removed", 1, 0, 2000},
+                          Callback{"removed", 1, 127, 2127}));
 }
 
-TEST_F(HotPlugTest, DeviceIsAnnouncedOnce) {
-  const Stick stick(songStick(false));
-  setPartitions({"sda"});
-  const MediaService media;
-  const Daemon daemon;
-  UsbClient client;
+/// Notifications in order, and the one that announces the stick; empty: none.
+struct Notice {
+  static constexpr bool isRow = true;
+  std::string name;
+  bool partitioned;
+  std::vector<std::string> listed;
+  std::vector<std::string> notified;
+  std::string announcing;
+};
+
+class NoticeTest : public SystemTest, public testing::WithParamInterface<Notice> {};
+
+TEST_P(NoticeTest, AnnouncesTheStickOnceAtMost) {
+  auto [stick, media, daemon, client] = announce(GetParam().listed, GetParam().partitioned);
   client->RegisterUsbAddedCallBack(1, 42);
-  client->NotifyUsbAdded("sda");
-  client->NotifyUsbAdded("sda");
-  EXPECT_THAT(media.callbacks(), ElementsAre(Callback{"added", 1, 1, 42}));
+  std::vector<Callback> expected;
+  for (const std::string& kernelName : GetParam().notified) {
+    client->NotifyUsbAdded(kernelName);
+    if (kernelName == GetParam().announcing) {
+      expected = {{"added", 1, 1, 42}};
+    }
+    EXPECT_EQ(media.callbacks(), expected) << kernelName;
+  }
 }
 
-TEST_F(HotPlugTest, PartitionedStickIsAnnouncedByItsPartitionOnly) {
-  const Stick stick(songStick(true));
-  setPartitions({"sda", "sda1"});
-  const MediaService media;
-  const Daemon daemon;
-  UsbClient client;
-  client->RegisterUsbAddedCallBack(1, 42);
-  client->NotifyUsbAdded("sda");
-  EXPECT_THAT(media.callbacks(), IsEmpty());
-  client->NotifyUsbAdded("sda1");
-  EXPECT_THAT(media.callbacks(), ElementsAre(Callback{"added", 1, 1, 42}));
-}
-
-TEST_F(HotPlugTest, DiskWhosePartitionHasNoNodeYetIsNotAnnounced) {
-  const Stick stick(songStick(false));
-  setPartitions({"sda", "sda1"});
-  const MediaService media;
-  const Daemon daemon;
-  UsbClient client;
-  client->RegisterUsbAddedCallBack(1, 42);
-  client->NotifyUsbAdded("sda");
-  EXPECT_THAT(media.callbacks(), IsEmpty());
-}
-
-TEST_F(HotPlugTest, DeviceThatTheKernelDoesNotListIsNotAnnounced) {
-  const Stick stick(songStick(false));
-  setPartitions({"sdb"});
-  const MediaService media;
-  const Daemon daemon;
-  UsbClient client;
-  client->RegisterUsbAddedCallBack(1, 42);
-  client->NotifyUsbAdded("sda");
-  EXPECT_THAT(media.callbacks(), IsEmpty());
-}
+INSTANTIATE_TEST_SUITE_P(
+    Of, NoticeTest,
+    testing::Values(Notice{"TheSameDeviceTwice", false, {"sda"}, {"sda", "sda"}, "sda"},
+                    Notice{
+                        "APartitionedStickAndItsPartition", true, {"sda", "sda1"}, {"sda", "sda1"}, "sda1"},
+                    Notice{"ADiskWhosePartitionHasNoNodeYet", false, {"sda", "sda1"}, {"sda"}, ""},
+                    Notice{"ADeviceThatTheKernelDoesNotList", false, {"sdb"}, {"sda"}, ""}),
+    nameOf<Notice>);
 
 TEST_F(HotPlugTest, DeregisteredObserverIsNotCalled) {
-  const Stick stick(songStick(false));
-  setPartitions({"sda"});
-  const MediaService media;
-  const Daemon daemon;
-  UsbClient client;
+  auto [stick, media, daemon, client] = announce();
   client->RegisterUsbAddedCallBack(1, 41);
   client->RegisterUsbAddedCallBack(2, 42);
   client->RegisterUsbRemovedCallBack(1, 43);
@@ -129,11 +114,9 @@ TEST_F(HotPlugTest, XriteDeviceIsAnnouncedToItsObserverOnly) {
 
 /// Pulls out a mounted stick while one of its files is in use, and plugs it in again.
 void pullOutInUse(bool partitioned) {
-  Stick stick(songStick(partitioned));
-  setPartitions(partitioned ? std::vector<std::string>{"sda", "sda1"} : std::vector<std::string>{"sda"});
-  const MediaService media;
-  const Daemon daemon;
-  UsbClient client;
+  using Names = std::vector<std::string>;
+  auto [stick, media, daemon, client] =
+      announce(partitioned ? Names{"sda", "sda1"} : Names{"sda"}, partitioned);
   client->RegisterUsbAddedCallBack(1, 41);
   client->RegisterUsbRemovedCallBack(2, 42);
   client->NotifyUsbAdded(stick.announcedName());
@@ -172,10 +155,8 @@ TEST_F(HotPlugTest, PartitionedStickPulledOutInUseIsDetachedAndComesBack) {
 }
 
 TEST_F(HotPlugTest, SafelyRemovedStickComesBackWhenItIsPluggedInAgain) {
-  Stick stick(songStick(false));
   setPartitions({"sda"});
-  const Daemon daemon;
-  UsbClient client;
+  auto [stick, daemon, client] = serve(songStick(false));
   client->NotifyUsbAdded("sda");
   ASSERT_TRUE(client->OpenDevice(1));
   ASSERT_TRUE(client->CloseDeviceSafeRemoval(1));
@@ -190,20 +171,16 @@ TEST_F(HotPlugTest, SafelyRemovedStickComesBackWhenItIsPluggedInAgain) {
 }
 
 TEST_F(HotPlugTest, ObserverMayCallTheDaemonFromItsCallback) {
-  const Stick stick(songStick(false));
-  setPartitions({"sda"});
-  MediaService media;
+  auto [stick, media, daemon, client] = announce();
   bool opened = false;
   media.onCallback([&opened](const Callback& callback) {
-    UsbClient client;
+    UsbClient observer;
     if (callback.event == "added") {
-      opened = client->OpenDevice(callback.usbDevice);
+      opened = observer->OpenDevice(callback.usbDevice);
       // A second notification, and so a second callback, before the first one ends.
-      client->NotifyUsbRemoved("sda");
+      observer->NotifyUsbRemoved("sda");
     }
   });
-  const Daemon daemon;
-  UsbClient client;
   client->RegisterUsbAddedCallBack(1, 41);
   client->RegisterUsbRemovedCallBack(1, 42);
   client->NotifyUsbAdded("sda");
@@ -212,12 +189,8 @@ TEST_F(HotPlugTest, ObserverMayCallTheDaemonFromItsCallback) {
 }
 
 TEST_F(HotPlugTest, FailingObserverEndsOnlyTheNotification) {
-  const Stick stick(songStick(false));
-  setPartitions({"sda"});
-  MediaService media;
+  auto [stick, media, daemon, client] = announce();
   media.onCallback([](const Callback&) { throw std::runtime_error("no screen to show it on"); });
-  const Daemon daemon;
-  UsbClient client;
   client->RegisterUsbAddedCallBack(1, 41);
   client->RegisterUsbAddedCallBack(2, 42);
   EXPECT_THROW(client->NotifyUsbAdded("sda"), TApplicationException);
@@ -226,10 +199,8 @@ TEST_F(HotPlugTest, FailingObserverEndsOnlyTheNotification) {
 }
 
 TEST_F(HotPlugTest, WithoutAMediaServiceTheNotificationFailsAndTheStickIsAnnounced) {
-  const Stick stick(songStick(false));
   setPartitions({"sda"});
-  const Daemon daemon;
-  UsbClient client;
+  auto [stick, daemon, client] = serve(songStick(false));
   client->RegisterUsbAddedCallBack(1, 41);
   EXPECT_THROW(client->NotifyUsbAdded("sda"), TApplicationException);
   EXPECT_NO_THROW(client->NotifyUsbAdded("sda")) << "the stick is announced already";

@@ -2,7 +2,6 @@
 // replies, finds the disks and opens them, and all synced data is still there.
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,19 +18,14 @@
 #include <string>
 #include <vector>
 
-#include "Daemon.h"
 #include "Kills.h"
-#include "Stick.h"
 #include "SystemTest.h"
 
 namespace systest {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::ElementsAre;
-using testing::IsEmpty;
 
-constexpr std::uint64_t enoughForXfs = std::uint64_t{520} << 20;
 /// How often an operation runs to its end, to measure its duration.
 constexpr int measurements = 5;
 
@@ -46,9 +40,11 @@ const Call preparing = {[](UsbClient& client) { client->send_PrepareDeviceForPvr
 const Call repairing = {[](UsbClient& client) { client->send_RunDiskRepair(1); },
                         [](UsbClient& client) { return client->recv_RunDiskRepair(); }};
 
-/// The image's wrappers are first in PATH. All log lines are on, to show where the daemon was.
+/// All log lines are on, to show where the daemon was.
 Environment environmentOfImage() {
-  return {{"PATH", DOCKHAND_IMAGE_TOOLS ":/usr/sbin:/usr/bin:/sbin:/bin"}, {"TLOG_LEVEL", "2"}};
+  Environment environment = withImageTools();
+  environment["TLOG_LEVEL"] = "2";
+  return environment;
 }
 
 /// Writes a file and syncs it to the disk.
@@ -97,10 +93,50 @@ class KillTest : public SystemTest {
     EXPECT_NO_THROW(run({"e2fsck", "-f", "-n", stick.node()}));
   }
 
-  static Stick copyOf(const std::string& image) {
-    StickOptions options;
-    options.copyOf = image;
-    return Stick(options);
+  using Action = std::function<void(UsbClient&)>;
+  /// What a test does around its calls, each time on a new stick.
+  struct Plan {
+    StickOptions stick;
+    Action before;
+    std::vector<Call> calls;
+    Action afterReply;
+    /// With the daemon that is started after a kill.
+    std::function<void(const Kills&, UsbClient&, const Stick&, const Daemon&)> afterKill;
+  };
+
+  static void measureAndKill(const std::string& operation, const Plan& plan) {
+    Kills kills(operation);
+    std::optional<Daemon> daemon;
+    for (int i = 0; i < measurements; ++i) {
+      const Stick stick(plan.stick);
+      kills.start(daemon, environmentOfImage());
+      UsbClient client;
+      plan.before(client);
+      ASSERT_TRUE(kills.measure(client, plan.calls[0]));
+      plan.afterReply(client);
+      daemon.reset();
+    }
+    for (std::size_t i = 0; kills.before() < Kills::wanted() && !HasFailure(); ++i) {
+      const Stick stick(plan.stick);
+      {
+        kills.start(daemon, environmentOfImage());
+        UsbClient client;
+        plan.before(client);
+        kills.kill(*daemon, client, plan.calls[i % plan.calls.size()]);
+      }
+      kills.start(daemon, environmentOfImage());
+      SCOPED_TRACE(kills.description());
+      UsbClient client;
+      plan.afterKill(kills, client, stick, *daemon);
+      daemon.reset();
+    }
+    kills.print();
+  }
+
+  static void expectOnlyStickOpensWithItsFiles(const Kills& /*kills*/, UsbClient& client, const Stick& stick,
+                                               const Daemon& /*daemon*/) {
+    EXPECT_THAT(client.devices(), ElementsAre(1));
+    expectOpensWithItsFiles(client, 1, stick);
   }
 };
 
@@ -120,67 +156,22 @@ std::string imagePulledOutWhileMounted() {
 }
 
 TEST_F(KillTest, OpeningLosesNoSyncedFile) {
-  const std::string image = imagePulledOutWhileMounted();
-  Kills kills("open");
-  std::optional<Daemon> daemon;
-  for (int i = 0; i < measurements; ++i) {
-    const Stick stick = copyOf(image);
-    kills.start(daemon, environmentOfImage());
-    UsbClient client;
-    ASSERT_TRUE(kills.measure(client, opening));
-    ASSERT_TRUE(client->CloseDevice(1));
-    daemon.reset();
-  }
-  for (std::size_t i = 0; kills.before() < Kills::wanted() && !HasFailure(); ++i) {
-    const Stick stick = copyOf(image);
-    {
-      kills.start(daemon, environmentOfImage());
-      UsbClient client;
-      kills.kill(*daemon, client, opening);
-    }
-    kills.start(daemon, environmentOfImage());
-    SCOPED_TRACE(kills.description());
-    UsbClient client;
-    EXPECT_THAT(client.devices(), ElementsAre(1));
-    expectOpensWithItsFiles(client, 1, stick);
-    daemon.reset();
-  }
-  kills.print();
+  measureAndKill("open", {copyOf(imagePulledOutWhileMounted()),
+                          [](UsbClient&) {},
+                          {opening},
+                          [](UsbClient& client) { EXPECT_TRUE(client->CloseDevice(1)); },
+                          expectOnlyStickOpensWithItsFiles});
 }
 
 TEST_F(KillTest, ClosingLosesNoSyncedFile) {
-  Kills kills("close");
-  std::optional<Daemon> daemon;
   const auto openAndWrite = [](UsbClient& client) {
     EXPECT_TRUE(client->OpenDevice(1));
     writeSyncedFiles("/media/disk_1");
     // Unsynced data, so that closing has something to write.
     writeFile("/media/disk_1/unsynced", std::string(std::size_t{4} << 20, 'u'));
   };
-  for (int i = 0; i < measurements; ++i) {
-    const Stick stick({});
-    kills.start(daemon, environmentOfImage());
-    UsbClient client;
-    openAndWrite(client);
-    ASSERT_TRUE(kills.measure(client, closing));
-    daemon.reset();
-  }
-  for (std::size_t i = 0; kills.before() < Kills::wanted() && !HasFailure(); ++i) {
-    const Stick stick({});
-    {
-      kills.start(daemon, environmentOfImage());
-      UsbClient client;
-      openAndWrite(client);
-      kills.kill(*daemon, client, i % 2 == 0 ? closing : removing);
-    }
-    kills.start(daemon, environmentOfImage());
-    SCOPED_TRACE(kills.description());
-    UsbClient client;
-    EXPECT_THAT(client.devices(), ElementsAre(1));
-    expectOpensWithItsFiles(client, 1, stick);
-    daemon.reset();
-  }
-  kills.print();
+  measureAndKill(
+      "close", {{}, openAndWrite, {closing, removing}, [](UsbClient&) {}, expectOnlyStickOpensWithItsFiles});
 }
 
 /// The time from the beginning of the preparation to the start of a tool, from the daemon's log lines.
@@ -262,76 +253,40 @@ TEST_F(KillTest, PreparingLosesNothingOnAnotherDiskAndCanBeRepeated) {
 /// A recording disk with files, without the headers of its second allocation group, so that a repair has
 /// work.
 std::string damagedRecordingImage() {
-  const std::string image = "/tmp/recording.img";
-  writeFile(image, "");
-  fs::resize_file(image, enoughForXfs);
-  // mkfs makes the files, so they do not depend on the journal, which a kernel without quota does not replay
-  // here.
-  std::string proto = "/nowhere\n0 0\nd--755 0 0\n";
+  std::map<std::string, std::string> files;
   for (int number = 0; number < filesOfADisk; ++number) {
-    const std::string name = "synced" + std::to_string(number);
-    writeFile("/tmp/" + name, contentOf(number));
-    proto += name + " ---644 0 0 /tmp/" + name + "\n";
+    files["synced" + std::to_string(number)] = contentOf(number);
   }
-  writeFile("/tmp/proto", proto + "$\n");
-  run({"mkfs.xfs", "-q", "-p", "/tmp/proto", "-L", "PVR_DISK", image});
-
-  const std::string answer = run({"xfs_db", "-r", "-c", "sb 0", "-c", "print agblocks", image});
-  const std::uint64_t blocks = std::stoull(answer.substr(answer.find('=') + 1));
-  std::fstream file(image, std::ios::in | std::ios::out | std::ios::binary);
-  file.seekp(static_cast<std::streamoff>(blocks * 4096));
-  file << std::string(2048, '\0') << std::flush;
+  const std::string image = recordingImage(files);
+  overwrite(image, superblockValue(image, "agblocks") * superblockValue(image, "blocksize"),
+            std::string(2048, '\0'));
   return image;
 }
 
-/// Mounts without quota, because this kernel may lack it.
-void expectRecordings(const Stick& stick) {
-  mkdir("/media/look", 0755);
-  ASSERT_EQ(mount(stick.node().c_str(), "/media/look", "xfs", MS_RDONLY, ""), 0);
-  expectSyncedFiles("/media/look");
-  umount("/media/look");
-  rmdir("/media/look");
-}
-
 TEST_F(KillTest, RepairingLosesNoFileAndCanBeRepeated) {
-  const std::string image = damagedRecordingImage();
   StickOptions holiday;
   holiday.kernelName = "sdb";
   const Stick other(holiday);
-  Kills kills("repair");
-  std::optional<Daemon> daemon;
-  for (int i = 0; i < measurements; ++i) {
-    const Stick stick = copyOf(image);
-    kills.start(daemon, environmentOfImage());
-    UsbClient client;
-    ASSERT_TRUE(client->OpenDevice(2));
-    writeSyncedFiles("/media/disk_2");
-    ASSERT_TRUE(kills.measure(client, repairing));
-    daemon.reset();
-  }
-  for (std::size_t i = 0; kills.before() < Kills::wanted() && !HasFailure(); ++i) {
-    const Stick stick = copyOf(image);
-    {
-      kills.start(daemon, environmentOfImage());
-      UsbClient client;
-      EXPECT_TRUE(client->OpenDevice(2));
-      kills.kill(*daemon, client, repairing);
+  const auto openOther = [](UsbClient& client) {
+    EXPECT_TRUE(client->OpenDevice(2));
+    if (!fs::exists("/media/disk_2/synced0")) {
+      writeSyncedFiles("/media/disk_2");
     }
-    kills.start(daemon, environmentOfImage());
-    SCOPED_TRACE(kills.description());
-    UsbClient client;
+  };
+  const auto expectRepair = [&other](const Kills& kills, UsbClient& client, const Stick& stick,
+                                     const Daemon& daemon) {
     EXPECT_THAT(client.devices(), ElementsAre(1, 2));
     expectOpensWithItsFiles(client, 2, other);
     // Wait for tools that still use the disk.
     kills.waitForTools();
-    EXPECT_TRUE(client->RunDiskRepair(1)) << daemon->log();
+    EXPECT_TRUE(client->RunDiskRepair(1)) << daemon.log();
     EXPECT_THAT(mountsAt("/media/disk_tmp"), IsEmpty());
     EXPECT_FALSE(fs::exists("/media/disk_tmp"));
     EXPECT_NO_THROW(run({"xfs_repair", "-n", stick.node()}));
-    expectRecordings(stick);
-    daemon.reset();
-  }
-  kills.print();
+    lookInto(stick, [] { expectSyncedFiles("/media/look"); });
+  };
+  measureAndKill("repair",
+                 {copyOf(damagedRecordingImage()), openOther, {repairing}, [](UsbClient&) {}, expectRepair});
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
-// The launcher of the image, in systems of its own: with a short and a long mount table, and with users'
-// mounts. What root mounts stands for what a user mounts with fusermount.
-
-#include <gmock/gmock.h>
+// The image's launcher, with a short and a long mount table and with users' mounts. Root makes the mounts
+// that a user would make with fusermount.
 
 #include <cstdlib>
 #include <string>
@@ -12,16 +10,11 @@
 namespace systest {
 namespace {
 
-using testing::AllOf;
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::Not;
-
-// Known to the system and to the launched program, whose parent the system is.
+// Functions of the system and of the launched program, which is the system's child.
 const std::string commands = R"sh(
   on_system() { nsenter --target $PPID --mount "$@"; }
   stick() { mkdir -p "$1"; mount -t tmpfs stick "$1"; }
-  # How often something is mounted there, as the one sees it who asks, and in the bytes that the daemon reads.
+  # How often something is mounted there, in the caller's table, and in the part of it that the daemon reads.
   count() { echo "$1 $(grep -c " $1 " /proc/self/mounts)" || true; }
   count_first() { echo "$1 $(head -c 1024 /proc/self/mounts | grep -c " $1 ")" || true; }
   whose() {
@@ -29,7 +22,7 @@ const std::string commands = R"sh(
   }
 )sh";
 
-// Nothing of the machine's lets users mount, and the mount table is short.
+// Users may not mount, and the mount table is short.
 const std::string system = R"sh(
   mount -t tmpfs etc /etc; echo '/dev/sda1 /data ext4 noatime,nouser 0 0' >/etc/fstab
   mount -t tmpfs -o mode=755 mnt /mnt
@@ -91,8 +84,8 @@ TEST_F(LauncherTest, NamespaceIsChosenByTheTableAndByWhetherUsersMayMount) {
 }
 
 TEST_F(LauncherTest, UsersMountsWithOddNamesNeitherKeepTheDaemonFromStartingNorTakeItsDirectories) {
-  // A name that ends in a newline, and beside it one without, which is a link to a directory that the daemon
-  // needs.
+  // A name that ends in a newline. Next to it, the same name without the newline links to a directory that
+  // the daemon needs.
   for (const char* beside : {"true", "ln -s /media", "ln -s /proc", "ln -s /dev", "ln -s /run"}) {
     const std::string said = inSystem("beside='" + std::string(beside) + R"sh('
       mount --make-rshared /
@@ -122,8 +115,8 @@ TEST_F(LauncherTest, UsersMountsPushNoStickOutOfTheTable) {
             stick /media/disk_1
             count_first /media/disk_1
             count /tmp/$LONG
-            # Except inside of a stick, where it belongs into the table: closing the stick has to fail. Sticks that are
-            # opened later are behind it.
+            # A mount inside a stick must be in the table, because closing the stick must fail. Sticks that are opened
+            # later come after it.
             on_system sh -ec "$COMMANDS stick /media/disk_1/$LONG/$LONG"
             stick /media/disk_2
             count_first /media/disk_1
@@ -174,7 +167,7 @@ TEST_F(LauncherTest, OfTheSystemOnlyWhatTheDaemonNeedsIsThereAndNothingIsTakenFr
     export PATH=$PATH:/mnt/var/tools RAVEL_SOCKET_DIR=/mnt/var/volatile/not/yet
     launch 'cut -d " " -f 2 /proc/self/mounts | sort | tr "\n" " "; pwd'
     cut -d ' ' -f 2 /proc/self/mounts | cmp - /run/before)sh");
-  // Where the sources are on a file system of their own, the world has a mount for them.
+  // There may be one more mount, if the sources are on their own file system.
   EXPECT_THAT(
       said,
       testing::ContainsRegex(
@@ -215,7 +208,7 @@ TEST_F(LauncherTest, DirectoriesThatCannotBeSharedAreNamedAndTheOthersAre) {
 TEST_F(LauncherTest, ProgramIsStartedAsItIsWhereNoNamespaceCanBeMade) {
   const std::vector<std::string> ways = {
       "LAUNCHER='setpriv --bounding-set=-sys_admin dockhand-launch'",
-      // The root of a changed root is no mount, and another cannot take its place.
+      // After chroot the root is not a mount, so pivot_root fails.
       "mount -t tmpfs base /mnt; mkdir /mnt/root; cd /; for name in *; do "
       "if test -L $name; then cp -P $name /mnt/root; elif test -d $name -a $name != mnt; then mkdir -p "
       "/mnt/root/$name; "
@@ -247,7 +240,7 @@ TEST_F(LauncherTest, EndOfItsChildIsHeardOfAlsoWhereThatIsIgnored) {
 TEST_F(LauncherTest, WhatAKilledRepairHasMountedIsUnmountedAndNothingElse) {
   EXPECT_THAT(inSystem("stick /media/disk_tmp; mount -t tmpfs other /media/disk_tmp; launch 'ls /media'"),
               AllOf(EndsWith("may not mount\n"), Not(HasSubstr("disk_tmp"))));
-  // A directory that nobody has mounted anything on stays.
+  // A directory without a mount stays.
   EXPECT_THAT(inSystem("mkdir /media/disk_tmp; launch 'ls /media'; rmdir /media/disk_tmp"),
               AllOf(EndsWith("\ndisk_tmp\n"), Not(HasSubstr("disk_tmp stays"))));
   EXPECT_THAT(inSystem(R"sh(

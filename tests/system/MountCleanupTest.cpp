@@ -1,20 +1,15 @@
 // Leftovers of an automounter, a user or an earlier daemon at the place where a stick is mounted.
 
-#include <gmock/gmock.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 
+#include <array>
 #include <filesystem>
 
-#include "Daemon.h"
-#include "Stick.h"
 #include "SystemTest.h"
 
 namespace systest {
 namespace {
-
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 class MountCleanupTest : public SystemTest {
  protected:
@@ -67,33 +62,19 @@ TEST_F(MountCleanupTest, LeftoverDirectoryWithFilesIsMountedOverAndKept) {
   EXPECT_EQ(readFile("/media/disk_1/precious.txt"), "mine");
 }
 
-TEST_F(MountCleanupTest, StickMountedByOthersUnderItsLabelIsUnmountedThere) {
+TEST_F(MountCleanupTest, WhatAnAutomounterMayHaveMountedIsUnmounted) {
   const Stick stick(labelled());
-  mountAt(stick.node(), "/media/HOLIDAY", "ext3");
-  const Daemon daemon;
-  UsbClient client;
-  ASSERT_TRUE(client->OpenDevice(1));
-  EXPECT_THAT(mountsAt("/media/HOLIDAY"), IsEmpty());
-  EXPECT_EQ(mountsAt("/media/disk_1").size(), 1U);
-  EXPECT_THAT(namesIn("/media"), ElementsAre("disk_1"));
-}
-
-TEST_F(MountCleanupTest, StickMountedByOthersUnderItsUuidIsUnmountedThere) {
-  const Stick stick(labelled());
-  mountAt(stick.node(), std::string("/media/") + uuid, "ext3");
-  const Daemon daemon;
-  UsbClient client;
-  ASSERT_TRUE(client->OpenDevice(1));
-  EXPECT_THAT(namesIn("/media"), ElementsAre("disk_1"));
-}
-
-TEST_F(MountCleanupTest, AnyMountAtTheCommonDirectoryIsUnmounted) {
-  const Stick stick(labelled());
-  mountAt("none", "/media/disk", "tmpfs");
-  const Daemon daemon;
-  UsbClient client;
-  ASSERT_TRUE(client->OpenDevice(1));
-  EXPECT_THAT(namesIn("/media"), ElementsAre("disk_1"));
+  for (const auto& [source, name, type] : std::vector<std::array<std::string, 3>>{
+           {stick.node(), "HOLIDAY", "ext3"}, {stick.node(), uuid, "ext3"}, {"none", "disk", "tmpfs"}}) {
+    mountAt(source, "/media/" + name, type);
+    const Daemon daemon;
+    UsbClient client;
+    ASSERT_TRUE(client->OpenDevice(1));
+    EXPECT_THAT(mountsAt("/media/" + name), IsEmpty());
+    EXPECT_EQ(mountsAt("/media/disk_1").size(), 1U) << name;
+    EXPECT_THAT(namesIn("/media"), ElementsAre("disk_1")) << name;
+    ASSERT_TRUE(client->CloseDevice(1));
+  }
 }
 
 TEST_F(MountCleanupTest, MountsOfOtherSticksStay) {
@@ -119,9 +100,7 @@ TEST_F(MountCleanupTest, MountPointThatOnlySharesAPrefixIsNotUnmounted) {
 }
 
 TEST_F(MountCleanupTest, OpeningAnOpenStickMountsItOnce) {
-  const Stick stick(labelled());
-  const Daemon daemon;
-  UsbClient client;
+  auto [stick, daemon, client] = serve(labelled());
   ASSERT_TRUE(client->OpenDevice(1));
   ASSERT_TRUE(client->OpenDevice(1));
   EXPECT_EQ(mountsAt("/media/disk_1").size(), 1U);

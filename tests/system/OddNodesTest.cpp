@@ -1,18 +1,14 @@
 // Unusual nodes under /dev: the daemon replies for each of them, and keeps serving.
 
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "Daemon.h"
-#include "Stick.h"
+#include <functional>
+
 #include "SystemTest.h"
 
 namespace systest {
 namespace {
-
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 class OddNodesTest : public SystemTest {
  protected:
@@ -41,38 +37,29 @@ TEST_F(OddNodesTest, WithoutNodesNothingIsListed) {
   EXPECT_THAT(client.devices(true), IsEmpty());
 }
 
-TEST_F(OddNodesTest, NameWithoutLowerCaseLettersIsADeviceWithoutName) {
-  writeFile("/dev/usb_storage_SD\u00e9-1!", "");
-  const Daemon daemon;
-  expectListedButUnusable(daemon, "1");
-}
-
-TEST_F(OddNodesTest, NameWithTextBeforeThePrefixIsADevice) {
-  writeFile("/dev/xusb_storage_sdz", "");
-  const Daemon daemon;
-  expectListedButUnusable(daemon, "sdz");
-}
-
-TEST_F(OddNodesTest, DanglingLinkIsADeviceThatCannotBeRead) {
-  ASSERT_EQ(symlink("/dev/gone", "/dev/usb_storage_sda"), 0);
-  const Daemon daemon;
-  expectListedButUnusable(daemon, "sda");
-}
-
-TEST_F(OddNodesTest, DirectoryIsADeviceThatCannotBeRead) {
-  ASSERT_EQ(mkdir("/dev/usb_storage_sda", 0755), 0);
-  const Daemon daemon;
-  expectListedButUnusable(daemon, "sda");
-}
-
-TEST_F(OddNodesTest, RegularFileWithGarbageIsADeviceThatCannotBeMounted) {
-  std::string rubbish;
+TEST_F(OddNodesTest, AreDevicesThatNothingCanBeDoneWith) {
+  std::string garbage;
   for (unsigned i = 0; i < 100000; ++i) {
-    rubbish += static_cast<char>(i * 2654435761U >> 24U);
+    garbage += static_cast<char>(i * 2654435761U >> 24U);
   }
-  writeFile("/dev/usb_storage_sda", rubbish);
-  const Daemon daemon;
-  expectListedButUnusable(daemon, "sda");
+  struct Row {
+    const char* description;
+    std::function<void()> make;
+    const char* physicalDevice;
+  };
+  const char* const node = "/dev/usb_storage_sda";
+  for (const Row& row :
+       {Row{"no lower-case letters", [] { writeFile("/dev/usb_storage_SD\u00e9-1!", ""); }, "1"},
+        Row{"text before the prefix", [] { writeFile("/dev/xusb_storage_sdz", ""); }, "sdz"},
+        Row{"dangling link", [=] { ASSERT_EQ(symlink("/dev/gone", node), 0); }, "sda"},
+        Row{"directory", [=] { ASSERT_EQ(mkdir(node, 0755), 0); }, "sda"},
+        Row{"regular file with garbage", [&] { writeFile(node, garbage); }, "sda"}}) {
+    SCOPED_TRACE(row.description);
+    clearWorld();
+    row.make();
+    const Daemon daemon;
+    expectListedButUnusable(daemon, row.physicalDevice);
+  }
 }
 
 TEST_F(OddNodesTest, SymbolicLinkToADiskIsThatDisk) {

@@ -1,8 +1,7 @@
-// What a user without root's rights puts where the daemon's shell is about to write, in /tmp. Some kernels
-// are set to refuse root the use of such files (fs.protected_*); nothing here relies on that.
+// An unprivileged user puts files where the daemon's shell will write, in /tmp. Some kernels keep root from
+// using such files (fs.protected_*); these tests do not rely on that.
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -16,8 +15,6 @@
 #include <string>
 #include <vector>
 
-#include "Daemon.h"
-#include "Stick.h"
 #include "SystemLog.h"
 #include "SystemTest.h"
 #include "Users.h"
@@ -26,34 +23,26 @@ namespace systest {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
 
 const User planter{4801, 4801, {}};
 
-/// Where the questions to the silent file system go; -1 while there is none.
+/// The descriptor that gets the requests to the silent file system; -1: none.
 int silentFileSystem = -1;
 
 const std::string logFile = "/tmp/Dockhand.log";
 const std::string versionFile = "/tmp/sda_bcdUSB.txt";
-/// What a planted link leads to.
+/// The target of planted links.
 const std::string rootsFile = "/tmp/roots_file";
 const std::string rootsWords = "root's own words\n";
 const std::string noFile = "/tmp/no_file";
 
-/// A thing to put at a path, and what kind of file it is there.
+/// Puts a file of this type at a path.
 struct Plant {
+  static constexpr bool isRow = true;
   std::string name;
   fs::file_type type;
   std::function<bool(const char*)> put;
 };
-
-// For GoogleTest, in messages of failed tests.
-void PrintTo(const Plant& plant, std::ostream* out) {
-  *out << plant.name;
-}
 
 bool asPlanter(const std::function<bool()>& action) {
   return runAs(planter, [&] { return action() ? 0 : 1; }) == 0;
@@ -69,7 +58,7 @@ const std::vector<Plant> plants = {
      [](const char* path) { return asPlanter([=] { return symlink(rootsFile.c_str(), path) == 0; }); }},
     {"LinkToNothing", fs::file_type::symlink,
      [](const char* path) { return asPlanter([=] { return symlink(noFile.c_str(), path) == 0; }); }},
-    // By root, as most kernels let nobody else make one; the daemon cannot tell who did.
+    // Made by root, because most kernels let nobody else make one. The daemon cannot tell who did.
     {"HardLink", fs::file_type::regular, [](const char* path) { return link(rootsFile.c_str(), path) == 0; }},
     {"Fifo", fs::file_type::fifo,
      [](const char* path) { return asPlanter([=] { return mkfifo(path, 0666) == 0; }); }},
@@ -84,15 +73,6 @@ const std::vector<Plant> plants = {
      }},
 };
 
-std::string nameOf(const testing::TestParamInfo<Plant>& plant) {
-  return plant.param.name;
-}
-
-void makeTool(const std::string& name, const std::string& body) {
-  writeFile("/tmp/bin/" + name, "#!/bin/sh\n" + body);
-  fs::permissions("/tmp/bin/" + name, fs::perms::owner_all);
-}
-
 class PlantedFilesTest : public SystemTest {
  protected:
   void SetUp() override {
@@ -101,7 +81,6 @@ class PlantedFilesTest : public SystemTest {
       return;
     }
     removeOwnFiles();
-    fs::create_directory("/tmp/bin");
     makeTool("xfs_repair", "echo repaired\ntouch /tmp/ran\n");
     makeTool("readUsbVersion.sh", "echo 2.00\ntouch /tmp/ran\n");
     writeFile(rootsFile, rootsWords);
@@ -115,8 +94,6 @@ class PlantedFilesTest : public SystemTest {
     SystemTest::TearDown();
   }
 
-  static Environment toolsFirst() { return {{"PATH", "/tmp/bin:/usr/sbin:/usr/bin:/sbin:/bin"}}; }
-
   static StickOptions recordingDisk() {
     StickOptions options;
     options.mkfs = {"mkfs.xfs", "-q", "-f"};
@@ -124,7 +101,7 @@ class PlantedFilesTest : public SystemTest {
     return options;
   }
 
-  /// The directories that things planted at `path` were moved into.
+  /// The directories that planted files at `path` were moved into.
   static std::vector<std::string> placesOfMoved(const std::string& path) {
     std::vector<std::string> places;
     const std::string beginning = fs::path(path).filename().string() + ".moved-";
@@ -136,7 +113,7 @@ class PlantedFilesTest : public SystemTest {
     return places;
   }
 
-  /// That what was planted is out of the way, unharmed, and so is what it led to.
+  /// The planted file was moved aside unchanged, and the target of a link is unchanged too.
   static void expectMovedUnharmed(const Plant& plant, const std::string& path) {
     EXPECT_EQ(readFile(rootsFile), rootsWords);
     EXPECT_FALSE(fs::exists(noFile));
@@ -159,11 +136,8 @@ class PlantedFilesTest : public SystemTest {
   static void removeOwnFiles() {
     umount2(logFile.c_str(), MNT_DETACH);
     umount2(versionFile.c_str(), MNT_DETACH);
-    for (const std::string& path :
-         {logFile, versionFile, rootsFile, noFile, std::string("/tmp/bin"), std::string("/tmp/ran")}) {
+    for (const std::string& path : {logFile, versionFile, rootsFile, noFile}) {
       fs::remove_all(path);
-    }
-    for (const std::string& path : {logFile, versionFile}) {
       for (const std::string& place : placesOfMoved(path)) {
         fs::remove_all(place);
       }
@@ -176,7 +150,7 @@ class PlantedLogFileTest : public PlantedFilesTest, public testing::WithParamInt
 TEST_P(PlantedLogFileTest, IsMovedAsideAndTheToolRuns) {
   SystemLog systemLog;
   const Stick stick(recordingDisk());
-  const Daemon daemon(toolsFirst());
+  const Daemon daemon(withTools());
   ASSERT_TRUE(GetParam().put(logFile.c_str()));
   UsbClient client;
   EXPECT_TRUE(client->RunDiskRepair(1)) << daemon.log();
@@ -194,13 +168,13 @@ TEST_P(PlantedLogFileTest, IsMovedAsideAndTheToolRuns) {
   EXPECT_THAT(daemon.log(), HasSubstr(logFile + " was not ours and has been moved aside"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Kinds, PlantedLogFileTest, testing::ValuesIn(plants), nameOf);
+INSTANTIATE_TEST_SUITE_P(Kinds, PlantedLogFileTest, testing::ValuesIn(plants), nameOf<Plant>);
 
 class PlantedVersionFileTest : public PlantedFilesTest, public testing::WithParamInterface<Plant> {};
 
 TEST_P(PlantedVersionFileTest, IsMovedAsideAndTheVersionIsTheScripts) {
   const Stick stick({});
-  const Daemon daemon(toolsFirst());
+  const Daemon daemon(withTools());
   ASSERT_TRUE(GetParam().put(versionFile.c_str()));
   UsbClient client;
   const ravel::rpc::ReturnValueWithString version = client.usbVersion(1);
@@ -212,12 +186,10 @@ TEST_P(PlantedVersionFileTest, IsMovedAsideAndTheVersionIsTheScripts) {
   EXPECT_THAT(daemon.log(), HasSubstr(versionFile + " was not ours and has been moved aside"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Kinds, PlantedVersionFileTest, testing::ValuesIn(plants), nameOf);
+INSTANTIATE_TEST_SUITE_P(Kinds, PlantedVersionFileTest, testing::ValuesIn(plants), nameOf<Plant>);
 
 TEST_F(PlantedFilesTest, LogFileThatTheDaemonHasMadeIsUsedAgainAndOutOfAUsersReach) {
-  const Stick stick(recordingDisk());
-  const Daemon daemon(toolsFirst());
-  UsbClient client;
+  auto [stick, daemon, client] = serve(recordingDisk(), withTools());
   ASSERT_TRUE(client->RunDiskRepair(1)) << daemon.log();
   struct stat first {};
   ASSERT_EQ(lstat(logFile.c_str(), &first), 0);
@@ -234,20 +206,17 @@ TEST_F(PlantedFilesTest, LogFileThatTheDaemonHasMadeIsUsedAgainAndOutOfAUsersRea
   EXPECT_THAT(placesOfMoved(logFile), IsEmpty());
 }
 
-/// Something that cannot be moved: on a file or directory of his own a user may have a mount made by
-/// fusermount. Here root stands in for that.
+/// A mount, which cannot be moved. A user makes it with fusermount on a file or directory of their own; here
+/// root makes it.
 struct MountPlant {
+  static constexpr bool isRow = true;
   std::string name;
   std::function<void(const std::string& path)> put;
 };
 
-void PrintTo(const MountPlant& plant, std::ostream* out) {
-  *out << plant.name;
-}
-
 const std::string fuseNode = "/dev/fuse";
 
-/// A file that seems to be root's, and of whose file system nobody ever answers a question.
+/// A file that looks like root's, on a file system that never replies.
 void mountSilentFile(const std::string& path) {
   ASSERT_TRUE(asPlanter([&] { return putFile(path.c_str(), 0644); }));
   ASSERT_EQ(mknod(fuseNode.c_str(), S_IFCHR | 0600, makedev(10, 229)), 0);
@@ -256,7 +225,7 @@ void mountSilentFile(const std::string& path) {
   const std::string options =
       "fd=" + std::to_string(descriptor) + ",rootmode=100644,user_id=0,group_id=0,allow_other";
   ASSERT_EQ(mount("silent", path.c_str(), "fuse", MS_NOSUID | MS_NODEV, options.c_str()), 0);
-  // Stays open, or whoever asks would get an error at once.
+  // Keep it open, because a closed one makes every access fail at once.
   silentFileSystem = descriptor;
 }
 
@@ -286,7 +255,7 @@ class MountedPlantTest : public PlantedFilesTest, public testing::WithParamInter
   }
   void TearDown() override {
     if (silentFileSystem >= 0) {
-      // Whoever waits gets an error.
+      // Waiting accesses fail now.
       close(silentFileSystem);
       silentFileSystem = -1;
     }
@@ -297,7 +266,7 @@ class MountedPlantTest : public PlantedFilesTest, public testing::WithParamInter
 
 TEST_P(MountedPlantTest, KeepsToolsFromBeingRunWhileItIsTheLogFile) {
   const Stick stick(recordingDisk());
-  const Daemon daemon(toolsFirst());
+  const Daemon daemon(withTools());
   GetParam().put(logFile);
   UsbClient client;
   EXPECT_FALSE(client->RunDiskRepair(1));
@@ -307,14 +276,14 @@ TEST_P(MountedPlantTest, KeepsToolsFromBeingRunWhileItIsTheLogFile) {
   EXPECT_EQ(readFile(rootsFile), rootsWords);
   EXPECT_THAT(placesOfMoved(logFile), IsEmpty());
 
-  // As soon as it is gone, the daemon works again.
+  // Without the mount, the daemon works again.
   ASSERT_EQ(umount(logFile.c_str()), 0);
   EXPECT_TRUE(client->RunDiskRepair(1));
 }
 
 TEST_P(MountedPlantTest, KeepsTheVersionFromBeingReadWhileItIsItsFile) {
   const Stick stick({});
-  const Daemon daemon(toolsFirst());
+  const Daemon daemon(withTools());
   GetParam().put(versionFile);
   UsbClient client;
   EXPECT_FALSE(client.usbVersion(1).success);
@@ -327,13 +296,10 @@ TEST_P(MountedPlantTest, KeepsTheVersionFromBeingReadWhileItIsItsFile) {
   EXPECT_EQ(client.usbVersion(1).text, "2.00");
 }
 
-INSTANTIATE_TEST_SUITE_P(Kinds, MountedPlantTest, testing::ValuesIn(mountPlants),
-                         [](const testing::TestParamInfo<MountPlant>& plant) { return plant.param.name; });
+INSTANTIATE_TEST_SUITE_P(Kinds, MountedPlantTest, testing::ValuesIn(mountPlants), nameOf<MountPlant>);
 
 TEST_F(PlantedFilesTest, UsersCanPutNothingWhereSticksAreMounted) {
-  const Stick stick({});
-  const Daemon daemon(toolsFirst());
-  UsbClient client;
+  auto [stick, daemon, client] = serve({}, withTools());
   const auto plantFails = [](const std::string& path) {
     return asPlanter([&] {
       return symlink("/etc", path.c_str()) == -1 && errno == EACCES && mkdir(path.c_str(), 0755) == -1 &&
@@ -342,7 +308,7 @@ TEST_F(PlantedFilesTest, UsersCanPutNothingWhereSticksAreMounted) {
   };
   EXPECT_TRUE(plantFails("/media/disk_1"));
   ASSERT_TRUE(client->OpenDevice(1));
-  // Nor do they get the mounted stick away.
+  // They cannot remove the mounted stick either.
   EXPECT_TRUE(asPlanter([] { return umount2("/media/disk_1", MNT_DETACH) == -1 && errno == EPERM; }));
   EXPECT_TRUE(asPlanter([] { return rename("/media/disk_1", "/media/mine") == -1; }));
   EXPECT_EQ(mountsAt("/media/disk_1").size(), 1U);

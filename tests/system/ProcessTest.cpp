@@ -1,6 +1,5 @@
 // The process: its start, its refusal to start, socket, threads, children and log.
 
-#include <gmock/gmock.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -13,16 +12,11 @@
 #include <regex>
 #include <sstream>
 
-#include "Daemon.h"
-#include "Stick.h"
 #include "SystemTest.h"
 #include "TransportTestSupport.h"
 
 namespace systest {
 namespace {
-
-using testing::HasSubstr;
-using testing::Not;
 
 constexpr const char* socketPath = "/run/ravel/9020.sock";
 
@@ -33,14 +27,6 @@ class ProcessTest : public SystemTest {
     if (!IsSkipped()) {
       std::filesystem::remove_all("/run/ravel");
     }
-  }
-
-  /// Puts a replacement for the image's version script into a directory of the daemon's PATH.
-  static Environment withVersionScript(const std::string& body) {
-    std::filesystem::create_directories("/tmp/scripts");
-    writeFile("/tmp/scripts/readUsbVersion.sh", "#!/bin/sh\n" + body);
-    chmod("/tmp/scripts/readUsbVersion.sh", 0755);
-    return {{"PATH", "/tmp/scripts:/usr/sbin:/usr/bin:/sbin:/bin"}};
   }
 
   /// Expects that the daemon's output has only log lines.
@@ -132,10 +118,8 @@ TEST_F(ProcessTest, ServesTenConnectionsAtATime) {
 }
 
 TEST_F(ProcessTest, ChildrenInheritStandardDescriptorsOnly) {
-  const Stick stick({});
-  const Environment environment = withVersionScript("ls -l /proc/self/fd >/tmp/inherited\necho 2.00\n");
-  const Daemon daemon(environment);
-  UsbClient client;
+  makeTool("readUsbVersion.sh", "ls -l /proc/self/fd >/tmp/inherited\necho 2.00\n");
+  auto [stick, daemon, client] = serve({}, withTools());
   ASSERT_EQ(client.usbVersion(1).text, "2.00");
   std::istringstream list(readFile("/tmp/inherited"));
   std::string line;
@@ -156,28 +140,22 @@ TEST_F(ProcessTest, ChildrenInheritStandardDescriptorsOnly) {
 }
 
 TEST_F(ProcessTest, UsbVersionIsTheFirstLineOfTheScript) {
-  const Stick stick({});
-  const Environment environment = withVersionScript("echo \"3.10 of $1\"\necho more\n");
-  const Daemon daemon(environment);
-  UsbClient client;
+  makeTool("readUsbVersion.sh", "echo \"3.10 of $1\"\necho more\n");
+  auto [stick, daemon, client] = serve({}, withTools());
   EXPECT_TRUE(client.usbVersion(1).success);
   EXPECT_EQ(client.usbVersion(1).text, "3.10 of sda");
   EXPECT_FALSE(std::filesystem::exists("/tmp/sda_bcdUSB.txt"));
 }
 
 TEST_F(ProcessTest, WithoutTheVersionScriptThereIsNoUsbVersion) {
-  const Stick stick({});
-  const Daemon daemon;
-  UsbClient client;
+  auto [stick, daemon, client] = serve();
   EXPECT_FALSE(client.usbVersion(1).success);
   EXPECT_EQ(client.usbVersion(1).text, "");
   EXPECT_TRUE(daemon.isRunning());
 }
 
 TEST_F(ProcessTest, LogLinesHaveTheDocumentedForm) {
-  const Stick stick({});
-  const Daemon daemon(Environment{{"TLOG_LEVEL", "2"}});
-  UsbClient client;
+  auto [stick, daemon, client] = serve({}, Environment{{"TLOG_LEVEL", "2"}});
   ASSERT_TRUE(client->OpenDevice(1));
   ASSERT_TRUE(client->CloseDevice(1));
   EXPECT_GT(daemon.logLines().size(), 10U);

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <linux/loop.h>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -10,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 
 #include "World.h"
@@ -168,6 +170,51 @@ void Stick::makeFileSystem() const {
   command.push_back(node());
   run(command);
   fs::remove_all(content);
+}
+
+StickOptions copyOf(const std::string& image, const std::string& kernelName) {
+  StickOptions options;
+  options.kernelName = kernelName;
+  options.copyOf = image;
+  return options;
+}
+
+std::string recordingImage(const std::map<std::string, std::string>& files) {
+  const std::string image = "/tmp/recording.img";
+  writeFile(image, "");
+  fs::resize_file(image, enoughForXfs);
+  std::string proto = "/nowhere\n0 0\nd--755 0 0\n";
+  for (const auto& [name, text] : files) {
+    writeFile("/tmp/" + name, text);
+    proto += name + " ---644 0 0 /tmp/" + name + "\n";
+  }
+  writeFile("/tmp/proto", proto + "$\n");
+  run({"mkfs.xfs", "-q", "-p", "/tmp/proto", "-L", "PVR_DISK", image});
+  return image;
+}
+
+std::uint64_t superblockValue(const std::string& image, const std::string& field) {
+  const std::string answer = run({"xfs_db", "-r", "-c", "sb 0", "-c", "print " + field, image});
+  return std::stoull(answer.substr(answer.find('=') + 1));
+}
+
+void overwrite(const std::string& image, std::uint64_t offset, const std::string& bytes) {
+  // Opened for reading too, so that opening does not truncate the file.
+  std::fstream file(image, std::ios::in | std::ios::out | std::ios::binary);
+  file.seekp(static_cast<std::streamoff>(offset));
+  if (!file.write(bytes.data(), static_cast<std::streamsize>(bytes.size())).flush()) {
+    throwErrno(image);
+  }
+}
+
+void lookInto(const Stick& stick, const std::function<void()>& action) {
+  mkdir("/media/look", 0755);
+  if (mount(stick.node().c_str(), "/media/look", "xfs", MS_RDONLY, "") != 0) {
+    throwErrno("mount of " + stick.node());
+  }
+  action();
+  umount("/media/look");
+  rmdir("/media/look");
 }
 
 }  // namespace systest

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -28,6 +29,9 @@ class LoopDevice {
   int descriptor_ = -1;
   dev_t deviceNumber_ = 0;
 };
+
+/// XFS takes no smaller partitioned disk.
+constexpr std::uint64_t enoughForXfs = std::uint64_t{520} << 20;
 
 /// Options for making a stick.
 struct StickOptions {
@@ -80,6 +84,19 @@ class Stick {
   std::optional<LoopDevice> disk_;
   std::optional<LoopDevice> partition_;
 };
+
+/// The options of a copy of an image.
+StickOptions copyOf(const std::string& image, const std::string& kernelName = "sda");
+
+/// Makes the image of a recording disk with these files. mkfs writes them, so they do not depend on the
+/// journal, which a kernel without quota does not replay here.
+std::string recordingImage(const std::map<std::string, std::string>& files);
+/// A value of the image's first superblock.
+std::uint64_t superblockValue(const std::string& image, const std::string& field);
+void overwrite(const std::string& image, std::uint64_t offset, const std::string& bytes);
+/// Mounts a recording disk read-only at /media/look for `action`: without quota, because this kernel may lack
+/// it.
+void lookInto(const Stick& stick, const std::function<void()>& action);
 
 }  // namespace systest
 

@@ -1,22 +1,16 @@
 // One stick from plugging in to pulling out, as a service sees it.
 
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 
 #include <fstream>
 #include <optional>
 
-#include "Daemon.h"
 #include "IdleCrowd.h"
-#include "Stick.h"
 #include "SystemTest.h"
 #include "TransportTestSupport.h"
 
 namespace systest {
 namespace {
-
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 class StickTest : public SystemTest {};
 
@@ -36,9 +30,7 @@ void expectMountedOnce(const std::string& target, const std::string& type) {
 
 /// The life of a stick. Bare and partitioned sticks must behave alike.
 void openUseAndClose(const StickOptions& options) {
-  const Stick stick(options);
-  const Daemon daemon;
-  UsbClient client;
+  auto [stick, daemon, client] = serve(options);
 
   ASSERT_THAT(client.devices(), ElementsAre(1));
   EXPECT_FALSE(client->IsDeviceOpen(1));
@@ -81,7 +73,7 @@ TEST_F(StickTest, IsClosedAndOpenedBesideFiveThousandIdleClients) {
   UsbClient client;
   ASSERT_TRUE(client->OpenDevice(1));
   const IdleCrowd crowd;
-  // Until the daemon has accepted as many as it will: 192, beside six descriptors of its own.
+  // Wait until the daemon holds as many as it accepts: 192, besides six descriptors of its own.
   const std::string descriptors = "/proc/" + std::to_string(daemon->pid()) + "/fd";
   ASSERT_TRUE(transport_test::eventually([&] { return namesIn(descriptors).size() >= 198; }));
 
@@ -93,9 +85,7 @@ TEST_F(StickTest, IsClosedAndOpenedBesideFiveThousandIdleClients) {
 }
 
 TEST_F(StickTest, LabelAndUuidComeFromTheFileSystem) {
-  const Stick stick(holidayStick());
-  const Daemon daemon;
-  UsbClient client;
+  auto [stick, daemon, client] = serve(holidayStick());
   EXPECT_TRUE(client.label(1).success);
   EXPECT_EQ(client.label(1).text, "HOLIDAY");
   EXPECT_TRUE(client.uuid(1).success);
@@ -105,9 +95,7 @@ TEST_F(StickTest, LabelAndUuidComeFromTheFileSystem) {
 TEST_F(StickTest, PartitionedStickHasTheLabelOfItsPartition) {
   StickOptions options = holidayStick();
   options.partitioned = true;
-  const Stick stick(options);
-  const Daemon daemon;
-  UsbClient client;
+  auto [stick, daemon, client] = serve(options);
   EXPECT_EQ(client.label(1).text, "HOLIDAY");
   EXPECT_EQ(client.uuid(1).text, "7b5f1b2e-9d3a-4c55-8a52-3f1d6c0e4a11");
 }
@@ -115,9 +103,7 @@ TEST_F(StickTest, PartitionedStickHasTheLabelOfItsPartition) {
 TEST_F(StickTest, UnlabelledStickIsKnownWithoutName) {
   StickOptions options;
   options.mkfs = {"mkfs.ext3", "-q", "-F"};
-  const Stick stick(options);
-  const Daemon daemon;
-  UsbClient client;
+  auto [stick, daemon, client] = serve(options);
   EXPECT_TRUE(client.label(1).success);
   EXPECT_EQ(client.label(1).text, "NONAME");
 }
@@ -126,9 +112,7 @@ TEST_F(StickTest, CapacityIsTheSizeOfTheWholeDiskRoundedDown) {
   StickOptions options = holidayStick();
   options.partitioned = true;
   options.bytes = (std::uint64_t{24} << 20) - 512;
-  const Stick stick(options);
-  const Daemon daemon;
-  UsbClient client;
+  auto [stick, daemon, client] = serve(options);
   EXPECT_EQ(client->GetDeviceCapacity(1), 23);
 }
 
@@ -148,9 +132,7 @@ TEST_F(StickTest, KernelNameIsThatOfTheDiskOrOfItsFirstPartition) {
 }
 
 TEST_F(StickTest, TypeFollowsTheKernelsRemovableAttribute) {
-  const Stick stick(holidayStick());
-  const Daemon daemon;
-  UsbClient client;
+  auto [stick, daemon, client] = serve(holidayStick());
   EXPECT_EQ(client->GetDeviceType(1), 0);
   setRemovable("sda", "0\n");
   EXPECT_EQ(client->GetDeviceType(1), 1);
@@ -159,9 +141,7 @@ TEST_F(StickTest, TypeFollowsTheKernelsRemovableAttribute) {
 }
 
 TEST_F(StickTest, FilesAreFoundByExtensionAsGivenAndInUpperCase) {
-  const Stick stick(holidayStick());
-  const Daemon daemon;
-  UsbClient client;
+  auto [stick, daemon, client] = serve(holidayStick());
   ASSERT_TRUE(client->OpenDevice(1));
   EXPECT_THAT(client.files(1, "", "mp3"), ElementsAre("LOUD.MP3", "song.mp3"));
   EXPECT_THAT(client.files(1, "", "MP3"), ElementsAre("LOUD.MP3"));
@@ -171,9 +151,7 @@ TEST_F(StickTest, FilesAreFoundByExtensionAsGivenAndInUpperCase) {
 }
 
 TEST_F(StickTest, StickOpensAtTheGivenDirectory) {
-  const Stick stick(holidayStick());
-  const Daemon daemon;
-  UsbClient client;
+  auto [stick, daemon, client] = serve(holidayStick());
   ASSERT_TRUE(client->OpenDeviceAt(1, "/media/my music", false));
   EXPECT_EQ(client.mountPoint(1).text, "/media/my music");
   EXPECT_EQ(readFile("/media/my music/song.mp3"), "la la la");
@@ -182,27 +160,21 @@ TEST_F(StickTest, StickOpensAtTheGivenDirectory) {
 }
 
 TEST_F(StickTest, RecordingDiskIsListedOnRequestOnly) {
-  const Stick stick(holidayStick());
-  const Daemon daemon;
-  UsbClient client;
+  auto [stick, daemon, client] = serve(holidayStick());
   ASSERT_TRUE(client->OpenDeviceAt(1, "/media/pvr", true));
   EXPECT_THAT(client.devices(false), IsEmpty());
   EXPECT_THAT(client.devices(true), ElementsAre(1));
 }
 
 TEST_F(StickTest, MountIgnoresSetUserIdPrograms) {
-  const Stick stick(holidayStick());
-  const Daemon daemon;
-  UsbClient client;
+  auto [stick, daemon, client] = serve(holidayStick());
   ASSERT_TRUE(client->OpenDevice(1));
   ASSERT_EQ(mountsAt("/media/disk_1").size(), 1U);
-  EXPECT_THAT("," + mountsAt("/media/disk_1")[0].options + ",", testing::HasSubstr(",nosuid,"));
+  EXPECT_THAT("," + mountsAt("/media/disk_1")[0].options + ",", HasSubstr(",nosuid,"));
 }
 
 TEST_F(StickTest, ClosingWithAFileInUseFailsAndLeavesTheStickOpen) {
-  const Stick stick(holidayStick());
-  const Daemon daemon;
-  UsbClient client;
+  auto [stick, daemon, client] = serve(holidayStick());
   ASSERT_TRUE(client->OpenDevice(1));
   {
     const std::ifstream held("/media/disk_1/song.mp3");
@@ -215,9 +187,7 @@ TEST_F(StickTest, ClosingWithAFileInUseFailsAndLeavesTheStickOpen) {
 }
 
 TEST_F(StickTest, SafelyRemovedStickIsHiddenUntilItIsAnnounced) {
-  const Stick stick(holidayStick());
-  const Daemon daemon;
-  UsbClient client;
+  auto [stick, daemon, client] = serve(holidayStick());
   ASSERT_TRUE(client->OpenDevice(1));
   ASSERT_TRUE(client->CloseDeviceSafeRemoval(1));
   EXPECT_THAT(mountsAt("/media/disk_1"), IsEmpty());
@@ -231,9 +201,7 @@ TEST_F(StickTest, SafelyRemovedStickIsHiddenUntilItIsAnnounced) {
 }
 
 TEST_F(StickTest, SafeRemovalOfAClosedStickHidesNothing) {
-  const Stick stick(holidayStick());
-  const Daemon daemon;
-  UsbClient client;
+  auto [stick, daemon, client] = serve(holidayStick());
   ASSERT_THAT(client.devices(), ElementsAre(1));
   EXPECT_FALSE(client->CloseDeviceSafeRemoval(1));
   EXPECT_THAT(client.devices(), ElementsAre(1));
@@ -265,9 +233,7 @@ TEST_F(StickTest, TwoSticksAreOpenSideBySide) {
 }
 
 TEST_F(StickTest, RemovedStickIsForgottenAndItsNumberIsReused) {
-  Stick stick(holidayStick());
-  const Daemon daemon;
-  UsbClient client;
+  auto [stick, daemon, client] = serve(holidayStick());
   ASSERT_THAT(client.devices(), ElementsAre(1));
   stick.unplug();
   EXPECT_THAT(client.devices(), IsEmpty());

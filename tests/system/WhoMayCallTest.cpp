@@ -1,7 +1,6 @@
 // The daemon's socket and users without root rights: who may call, and who may replace the socket.
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,7 +9,6 @@
 #include <filesystem>
 #include <string>
 
-#include "Daemon.h"
 #include "LocalSocketPath.h"
 #include "SystemTest.h"
 #include "Users.h"
@@ -19,8 +17,6 @@ namespace systest {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::ElementsAre;
-using testing::HasSubstr;
 
 constexpr gid_t callers = 4700;
 const User outsider{4701, 4701, {}};
@@ -137,7 +133,7 @@ TEST_F(PlantedSocketDirectoryTest, ThatIsASymbolicLinkIsRefusedAndNothingIsMadeA
   fs::create_directory(rootsOwn);
   ASSERT_EQ(runAs(outsider, [] { return errorOf(symlink(rootsOwn.c_str(), planted.c_str())); }), 0);
   expectRefusal("is a symbolic link");
-  EXPECT_THAT(namesIn(rootsOwn), testing::IsEmpty());
+  EXPECT_THAT(namesIn(rootsOwn), IsEmpty());
 }
 
 TEST_F(PlantedSocketDirectoryTest, ThatEverybodyMayWriteToIsRefused) {
@@ -146,7 +142,7 @@ TEST_F(PlantedSocketDirectoryTest, ThatEverybodyMayWriteToIsRefused) {
     ASSERT_EQ(chmod(planted.c_str(), mode), 0);
     expectRefusal("may be written to by everybody");
   }
-  EXPECT_THAT(namesIn(planted), testing::IsEmpty());
+  EXPECT_THAT(namesIn(planted), IsEmpty());
 }
 
 TEST_F(PlantedSocketDirectoryTest, ThatIsAFileIsRefusedAndKeptUnchanged) {

@@ -29,7 +29,7 @@ std::string reasonForNoWorld() {
 
 void clearWorld() {
   for (const auto& entry : fs::directory_iterator("/media")) {
-    // With all that is mounted below it.
+    // Includes the mounts below it.
     while (umount2(entry.path().c_str(), MNT_DETACH | UMOUNT_NOFOLLOW) == 0) {
     }
     fs::remove_all(entry.path());
@@ -42,6 +42,10 @@ void clearWorld() {
   for (const auto& entry : fs::directory_iterator("/sys/block")) {
     fs::remove_all(entry.path());
   }
+  for (const char* path : {"/tmp/bin", "/tmp/ran"}) {
+    fs::remove_all(path);
+  }
+  fs::create_directory("/tmp/bin");
   setPartitions({});
 }
 
@@ -113,6 +117,11 @@ std::vector<std::string> namesIn(const std::string& directory) {
   }
   std::sort(names.begin(), names.end());
   return names;
+}
+
+void makeTool(const std::string& name, const std::string& body) {
+  writeFile("/tmp/bin/" + name, "#!/bin/sh\n" + body);
+  fs::permissions("/tmp/bin/" + name, fs::perms::owner_all);
 }
 
 std::string run(std::vector<std::string> command) {

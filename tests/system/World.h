@@ -11,7 +11,8 @@ namespace systest {
 /// Why there is no private root; empty if there is one.
 std::string reasonForNoWorld();
 
-/// Removes everything that a test may leave: mounts and directories under /media, nodes, kernel tables.
+/// Removes everything that a test may leave: mounts and directories under /media, nodes, kernel tables, tools
+/// and /tmp/ran, a mark that tools may make.
 void clearWorld();
 
 /// Sets the names in /proc/partitions.
@@ -37,6 +38,9 @@ void writeFile(const std::string& path, const std::string& text);
 std::string readLink(const std::string& path);
 /// The names in a directory, sorted.
 std::vector<std::string> namesIn(const std::string& directory);
+
+/// Makes a script in /tmp/bin. `withTools` puts it into the daemon's PATH.
+void makeTool(const std::string& name, const std::string& body);
 
 /// Runs a program to its end and returns its output. Throws if it fails.
 std::string run(std::vector<std::string> command);

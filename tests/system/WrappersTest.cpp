@@ -1,8 +1,6 @@
-// The programs that an image puts before dd, fdisk and umount, on disks that the kernel knows more of than
-// their node.
+// The image's wrappers of dd, fdisk and umount, with kernel partitions, mounts elsewhere and several nodes.
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -16,8 +14,6 @@
 #include <string>
 #include <vector>
 
-#include "Daemon.h"
-#include "Stick.h"
 #include "SystemLog.h"
 #include "SystemTest.h"
 
@@ -25,16 +21,12 @@ namespace systest {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
-using testing::StartsWith;
 
 const std::string node = "/dev/usb_storage_sda1";
 
 StickOptions partitioned() {
   StickOptions options;
-  options.bytes = std::uint64_t{520} << 20;
+  options.bytes = enoughForXfs;
   options.partitioned = true;
   return options;
 }
@@ -60,7 +52,7 @@ std::string firstMib(const std::string& image) {
   return bytes;
 }
 
-/// Makes the node of the stick's partition one of the kernel's, which the disk itself has to do with.
+/// Lets the node of the stick's partition name a partition that the kernel itself has made on the disk.
 void useKernelsPartition(const Stick& stick) {
   run({"addpart", stick.diskNode(), "1", "2048", std::to_string(fs::file_size(stick.image()) / 512 - 2048)});
   const dev_t disk = numberOf(stick.diskNode());
@@ -113,23 +105,16 @@ class WrappersTest : public SystemTest {
  protected:
   void SetUp() override {
     SystemTest::SetUp();
-    if (IsSkipped()) {
-      return;
+    if (!IsSkipped()) {
+      // Behind the wrappers, the tools of a small image.
+      fs::create_symlink(run({"/bin/sh", "-c", "printf %s \"$(command -v busybox)\""}), "/tmp/bin/umount");
     }
-    // Behind the wrappers, the tools of a small image.
-    fs::remove_all("/tmp/bin");
-    fs::create_directory("/tmp/bin");
-    fs::create_symlink(run({"/bin/sh", "-c", "printf %s \"$(command -v busybox)\""}), "/tmp/bin/umount");
   }
 
-  static std::string path() {
-    return std::string(DOCKHAND_IMAGE_TOOLS) + ":/tmp/bin:/usr/sbin:/usr/bin:/sbin:/bin";
-  }
-  static Environment pathOfImage() { return {{"PATH", path()}}; }
-
-  /// The exit status of a command of the shell, a blank, and what it wrote.
+  /// The exit status of a shell command, a blank, and its output.
   static std::string outcome(const std::string& command) {
-    return run({"/bin/sh", "-c", "PATH=" + path() + "; text=$(" + command + " 2>&1); echo $? \"$text\""});
+    return run({"/bin/sh", "-c",
+                "PATH=" + withImageTools().at("PATH") + "; text=$(" + command + " 2>&1); echo $? \"$text\""});
   }
 
   static void mountAt(const std::string& source, const std::string& target) {
@@ -145,7 +130,7 @@ TEST_F(WrappersTest, DiskThatIsMountedInAnotherNamespaceIsNotPrepared) {
   fs::create_directory("/media/elsewhere");
   const std::string before = firstMib(stick.image());
   const MountElsewhere mounted(stick.node(), "/media/elsewhere");
-  const Daemon daemon(pathOfImage());
+  const Daemon daemon(withImageTools());
   UsbClient client;
   EXPECT_THAT(mountsAt("/media/elsewhere"), IsEmpty());
   EXPECT_FALSE(client->PrepareDeviceForPvr(1));
@@ -199,11 +184,11 @@ TEST_F(WrappersTest, EveryMountOfADiskIsTakenAwayByWhateverNameItWasMounted) {
     fs::create_directory(target);
     ASSERT_EQ(mount("/media/twice/lost+found", target, nullptr, MS_BIND, nullptr), 0);
   }
-  // Part of a name of another mount's.
+  // Its path is the beginning of another mount's path.
   fs::create_directory("/media/by");
   ASSERT_EQ(mount("none", "/media/by", "tmpfs", 0, ""), 0);
 
-  const Daemon daemon(pathOfImage());
+  const Daemon daemon(withImageTools());
   UsbClient client;
   EXPECT_TRUE(client->PrepareDeviceForPvr(1)) << daemon.log();
   std::vector<std::string> unmounted;
@@ -231,7 +216,7 @@ TEST_F(WrappersTest, UmountTakesAwayNoMountOfAnother) {
   EXPECT_THAT(outcome("umount -f " + node),
               StartsWith("1 umount: " + node + ": /media/covered: Device or resource busy"));
   close(kept);
-  // A disk that has gone has a name, and no number.
+  // A removed disk still has a name, but no device number.
   fs::remove(node);
   EXPECT_EQ(outcome("umount -f " + node), "0 \n");
   EXPECT_THAT(mountsAt("/media/covered"), IsEmpty());
