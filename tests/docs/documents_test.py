@@ -11,9 +11,13 @@ import pathlib
 import re
 import shlex
 import subprocess
+import sys
 import unittest
 
-SOURCE = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
+import sources
+
+SOURCE = sources.ROOT
 BUILD = pathlib.Path(os.environ.get("DOCKHAND_BUILD_DIR", SOURCE / "build" / "debug"))
 NOT_OURS = {".git", "build", "node_modules", "gen-nodejs", "__pycache__"}
 
@@ -206,6 +210,13 @@ class CommandsTest(unittest.TestCase):
                 self.assertRegex(text, rf"(?m)[ ,]{option}\b", f"{path}: {arguments}")
             if names[:1] == ["call"]:
                 self.assertLessEqual(set(names[1:2]), set(operations), path)
+
+    def test_client_calls_every_operation_of_the_interface(self):
+        expected = []
+        for name, signature in sources.signatures_of_the_interface().items():
+            arguments = re.findall(r"(\w+) (\w+)[,)]", signature)
+            expected.append(" ".join([name, *(f"{argument}:{kind}" for kind, argument in arguments)]))
+        self.assertEqual(re.findall(r"^  ([A-Z]\w+.*)$", help_of("call"), re.MULTILINE), expected)
 
     def test_scripts_take_the_options(self):
         for script in (

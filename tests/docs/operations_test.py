@@ -1,11 +1,15 @@
 #!/usr/bin/python3
 """docs/OPERATIONS.md agrees with the interface and with the daemon's sources."""
 
+import functools
 import pathlib
 import re
+import sys
 import unittest
 
-SOURCE = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
+import sources
+
 LABELS = ["Arguments", "Reply", "Errors", "Lock", "Waits for", "Log"]
 
 # The log lines of a routine that only one operation uses are in that operation's section.
@@ -22,82 +26,51 @@ SECTION_OF_ROUTINE = {
     "DockhandServer": "Start and connections",
 }
 
-LITERAL = r'"(?:\\.|[^"\\])*"'
-TOKEN = re.compile(rf"{LITERAL}|\'(?:\\.|[^\'\\])\'|//[^\n]*|.", re.DOTALL)
+MODULES = {"Dockhand.UsbClient": "", "Dockhand.main": "main", "Dockhand.UsbServer": "server"}
 
 
 def read(path):
-    return (SOURCE / path).read_text()
-
-
-def sources():
-    return [path.read_text() for path in sorted((SOURCE / "Src" / "Dockhand").glob("*.cpp"))]
-
-
-def split_outside_parentheses(code, separator):
-    """The parts of an expression, up to the parenthesis that closes the one before the code."""
-    parts, depth = [""], 0
-    for token in TOKEN.findall(code):
-        if token.startswith("//"):
-            continue
-        depth += (token in "([{") - (token in ")]}")
-        if depth < 0:
-            break
-        if depth == 0 and token == separator:
-            parts.append("")
-        else:
-            parts[-1] += token
-    return [part.strip() for part in parts]
-
-
-def calls(code, function):
-    """Position and arguments of each call."""
-    for found in re.finditer(rf"(?<![\w:]){re.escape(function)}\(", code):
-        yield found.start(), split_outside_parentheses(code[found.end() :], ",")
+    return (sources.ROOT / path).read_text()
 
 
 def text_of(pieces):
     """The text that the pieces of an expression form, with <> for values that are not in the source."""
     text = ""
     for piece in pieces:
-        if re.fullmatch(rf"(?:{LITERAL}\s*)+", piece):
-            text += "".join(literal[1:-1] for literal in re.findall(LITERAL, piece))
-        elif piece != "std::hex":
+        if all(token.kind == "string" for token in piece):
+            text += "".join(token.text[1:-1] for token in piece)
+        elif sources.spelling(piece) != "std :: hex":
             text += "<>"
     return re.sub(r'\\(["\\])', r"\1", text).rstrip()
 
 
-def routine_at(code, position):
-    """The function at a position: the last one that begins at the left margin before it."""
-    return re.findall(r"^\w[^\n;]*?(\w+)\(", code[:position], re.MULTILINE)[-1]
+@functools.lru_cache
+def sites_of_the_daemon():
+    return sources.call_sites(sources.daemon_sources(".cpp"))[0]
 
 
 def log_lines_of_the_daemon():
     """(module, number): (level, text, routine) of every call site."""
     lines = {}
-    for code in sources():
-        for module, log in (("", "usbClientLog"), ("main", "mainLog"), ("server", "serverLog")):
-            for position, (level, number, *pieces) in calls(code, log + ".write"):
-                # The unmount loop logs for its callers, who pass the number.
-                if number != "sourceLine":
-                    lines[module, int(number)] = int(level), text_of(pieces), routine_at(code, position)
-        for position, (_, number, occasion) in calls(code, "forceUnmount"):
-            if number.isdigit():
-                lines["", int(number)] = (
-                    3,
-                    text_of(['"unmounted: "', "node", occasion]),
-                    routine_at(code, position),
-                )
+    for site in sites_of_the_daemon():
+        if site.callee.endswith(".write"):
+            (level, _, *pieces) = site.arguments
+            line = int(level[0].text), text_of(pieces)
+        elif site.callee == "forceUnmount":
+            # It logs this for its callers.
+            line = 3, text_of([*map(sources.tokens_of, ['"unmounted: "', "node"]), site.arguments[2]])
+        else:
+            continue
+        lines[MODULES[site.module], site.number] = *line, site.routine
     return lines
 
 
 def commands_of_the_daemon():
-    commands = {}
-    for code in sources():
-        for _, (command, number, *_) in calls(code, "executeShellCommand"):
-            if number.isdigit():
-                commands[int(number)] = text_of(split_outside_parentheses(command, "+"))
-    return commands
+    return {
+        site.number: text_of(sources.split(site.arguments[0], "+"))
+        for site in sites_of_the_daemon()
+        if site.callee == "executeShellCommand"
+    }
 
 
 def failure_texts(table):
@@ -105,21 +78,11 @@ def failure_texts(table):
     rows = re.search(rf"{table}Failures\[\] = {{(.*?)\n}};", code, re.DOTALL)[1]
     texts = {}
     for row in re.findall(r"{(E[A-Z]+.*?)}", rows, re.DOTALL):
-        error, text, accepted = split_outside_parentheses(row, ",")
-        texts[error] = ("yes" if accepted == "true" else "no", text_of([text]))
-    others = re.search(rf"unknown{table.capitalize()}Failure = {{0, ({LITERAL}), false}}", code)[1]
-    texts["others"] = ("no", text_of([others]))
+        (error,), text, (accepted,) = sources.split(sources.tokens_of(row), ",")
+        texts[error.text] = ("yes" if accepted.text == "true" else "no", text_of([text]))
+    others = re.search(rf'unknown{table.capitalize()}Failure = {{0, ("[^"]*"), false}}', code)[1]
+    texts["others"] = ("no", text_of([sources.tokens_of(others)]))
     return texts
-
-
-def signatures_of_the_interface():
-    service = read("rpc/usb_rpc.thrift").partition("service usb_rpc_gen_ ")[2]
-    code = re.sub(r"/\*.*?\*/", "", service, flags=re.DOTALL)
-    signatures = {}
-    for result, name, arguments in re.findall(r"(\S+) (\w+)\(([^)]*)\)", code):
-        arguments = ", ".join(re.findall(r"\d+: (\w+ \w+)", arguments))
-        signatures[name] = f"{result} {name}({arguments})"
-    return signatures
 
 
 def sections():
@@ -149,16 +112,16 @@ class OperationsDocumentTest(unittest.TestCase):
             if signature:
                 documented[title] = signature[1]
         self.assertEqual(len(documented), 25)
-        self.assertEqual(documented, signatures_of_the_interface())
+        self.assertEqual(documented, sources.signatures_of_the_interface())
 
     def test_every_operation_is_in_the_table_in_the_order_of_the_interface(self):
         rows = re.findall(r"^\| \[(\w+)\]\(#(\w+)\) \|", read("docs/OPERATIONS.md"), re.MULTILINE)
-        self.assertEqual([name for name, _ in rows], list(signatures_of_the_interface()))
+        self.assertEqual([name for name, _ in rows], list(sources.signatures_of_the_interface()))
         for name, anchor in rows:
             self.assertEqual(anchor, name.lower())
 
     def test_every_operation_says_what_its_callers_have_to_know(self):
-        for name in signatures_of_the_interface():
+        for name in sources.signatures_of_the_interface():
             self.assertEqual(
                 re.findall(r"^- \*\*(.*?)\*\*:", sections().get(name, ""), re.MULTILINE), LABELS, name
             )

@@ -5,19 +5,13 @@ and every branch has braces.
 """
 
 import dataclasses
+import pathlib
 import re
+import sys
 
-TOKEN = re.compile(
-    r"""
-    (?P<skip>   \s+ | //[^\n]* | /\*.*?\*/ | ^[ ]*\#[^\n]* )
-  | (?P<string> "(?:\\.|[^"\\])*" )
-  | (?P<char>   '(?:\\.|[^'\\])+' )
-  | (?P<number> \d[\w.]* )
-  | (?P<name>   [A-Za-z_]\w* )
-  | (?P<sign>   \.\.\. | <<= | >>= | -> | :: | \+\+ | -- | << | [=!<>+\-*/|&^%]= | && | \|\| | . )
-""",
-    re.VERBOSE | re.DOTALL | re.MULTILINE,
-)
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
+import sources
+from sources import closing
 
 # fmt: off
 SIGNS = {
@@ -47,14 +41,6 @@ NO_EXPRESSION = set(
 )
 
 
-@dataclasses.dataclass
-class Token:
-    kind: str
-    text: str
-    start: int
-    end: int
-
-
 @dataclasses.dataclass(frozen=True)
 class Mutant:
     """Replaces the characters from start to end of a source."""
@@ -76,26 +62,9 @@ class Mutant:
         return self.apply(source).split("\n")[self.line(source) - 1].strip()
 
 
-def closing(tokens, opening):
-    """The index of the bracket that closes the bracket at `opening`."""
-    depth = 0
-    for index in range(opening, len(tokens)):
-        if tokens[index].text in ("(", "[", "{"):
-            depth += 1
-        elif tokens[index].text in (")", "]", "}"):
-            depth -= 1
-            if depth == 0:
-                return index
-    raise ValueError("a bracket is not closed")
-
-
 def tokens_of(source):
     """The tokens, without those of static assertions, which only the compiler checks."""
-    tokens = [
-        Token(match.lastgroup, match.group(), match.start(), match.end())
-        for match in TOKEN.finditer(source)
-        if match.lastgroup != "skip"
-    ]
+    tokens = sources.tokens_of(source)
     while True:
         index = next((index for index, token in enumerate(tokens) if token.text == "static_assert"), None)
         if index is None:
