@@ -1,20 +1,23 @@
 /**
  * The two operations of the media service that Dockhand calls.
  *
- * The media service listens on local socket 9014 (/run/ravel/9014.sock) with the binary protocol over an
- * unframed, buffered transport. Dockhand calls it once for each registered observer of an event, in ascending
- * order of the signed observer number, one call after the other, and waits for each reply. A call has 10 s for
- * connecting and receiving together, and sending has 10 s more where it waits: a service that needs longer gets the
- * connection closed, and the caller of the notification a failure. No call is repeated.
+ * The media service listens on local socket 9014 (/run/ravel/9014.sock), with the binary protocol over an unframed,
+ * buffered transport.
  *
- * Dockhand keeps a connection for the next call and numbers the calls on it from 1. The reply has the number of its
- * call, which Thrift's libraries see to, and the service sends nothing else: a reply with another number is a failure,
- * and a connection on which more comes than the reply is closed. The service may close a connection at any time between
- * two calls, so it may be restarted; Dockhand connects anew for the next call.
+ * Order: for each event Dockhand calls the registered observers one after the other, in ascending order of the signed
+ * observer number. It waits for each reply. It repeats no call.
  *
- * Both operations may call back into Dockhand before they return, also to send another notification: Dockhand
- * holds no lock while it waits. For such a nested event Dockhand opens a second connection, so the service
- * needs to serve more than one at a time.
+ * Time limits: connecting and receiving take at most 10 s together. If sending has to wait, it takes at most 10 s more.
+ * After that Dockhand closes the connection, and the caller of the notification gets a failure.
+ *
+ * Connections: Dockhand keeps a connection for the next call, and numbers its calls from 1. A reply must have the
+ * number of its call; Thrift's libraries do that. A reply with another number is a failure. The service must send
+ * nothing else: Dockhand closes a connection that brings more than the reply. The service may close a connection
+ * between two calls, so it can be restarted; Dockhand connects again for the next call.
+ *
+ * Nested calls: both operations may call Dockhand before they return, and may even send another notification. Dockhand
+ * holds no lock while it waits. It opens a second connection for such a nested event, so the service must serve more
+ * than one at a time.
  */
 namespace cpp ravel.rpc
 namespace py ravel.corvane_rpc
@@ -24,25 +27,25 @@ service corvane_rpc_gen_ {
   /**
    * A storage device, or an Xrite device, was added.
    *
-   * An application exception as the answer ends the notification: the observers after this one are not called,
+   * An application exception as the reply ends the notification: Dockhand does not call the observers after this one,
    * and the caller of the notification gets the failure. Dockhand keeps the connection.
    */
   void SendUsbAddedCallback(
     /** Device number of the storage device, 1 or more; -1 means the Xrite device. */
     1: i16 usbDevice,
-    /** Number under which the observer registered; 7 is the Xrite consumer and the only one called with -1. */
+    /** Number of the observer. 7 is the Xrite observer, the only one that is called with -1. */
     2: i8 observerId,
-    /** The value given at registration, passed through unread. */
+    /** The value of the registration. Dockhand does not read it. */
     3: i32 observer)
 
   /**
    * A storage device, or an Xrite device, was removed. Failures as for SendUsbAddedCallback.
    */
   void SendUsbRemovedCallback(
-    /** Device number that the storage device had (its record is already gone); -1 means the Xrite device. */
+    /** Number that the storage device had (its record is already gone); -1 means the Xrite device. */
     1: i16 usbDevice,
-    /** Number under which the observer registered; 7 is the Xrite consumer and the only one called with -1. */
+    /** Number of the observer. 7 is the Xrite observer, the only one that is called with -1. */
     2: i8 observerId,
-    /** The value given at registration, passed through unread. */
+    /** The value of the registration. Dockhand does not read it. */
     3: i32 observer)
 }
