@@ -72,15 +72,19 @@ TEST_F(Call, EndsWithOneWhenTheAnswerIsNo) {
 }
 
 TEST_F(Call, RefusesWhatDoesNotFit) {
-  EXPECT_THAT(run({"call"}), Ends(2, "", HasSubstr("takes the name of an operation")));
-  EXPECT_THAT(run({"call", "Format"}), Ends(2, "", HasSubstr("no operation is called Format")));
+  EXPECT_THAT(run({"call"}), Ends(2, "", HasSubstr("needs the name of an operation")));
+  EXPECT_THAT(run({"call", "Format"}), Ends(2, "", HasSubstr("there is no operation \"Format\"")));
   EXPECT_THAT(run({"call", "OpenDeviceAt", "1"}),
               Ends(2, "", HasSubstr("OpenDeviceAt deviceId:i16 mountPoint:string isPvrDevice:bool")));
   for (const std::string number : {"32768", "x", "", "1x", "0x1"}) {
-    EXPECT_THAT(run({"call", "OpenDevice", number}), Ends(2, "", HasSubstr("is no i16"))) << number;
+    EXPECT_THAT(run({"call", "OpenDevice", number}),
+                Ends(2, "", HasSubstr("\"" + number + "\" is not an i16")))
+        << number;
   }
-  EXPECT_THAT(run({"call", "RegisterUsbAddedCallBack", "128", "0"}), Ends(2, "", HasSubstr("is no i8")));
-  EXPECT_THAT(run({"call", "GetListOfInsertedDevices", "1"}), Ends(2, "", HasSubstr("is no bool")));
+  EXPECT_THAT(run({"call", "RegisterUsbAddedCallBack", "128", "0"}),
+              Ends(2, "", HasSubstr("\"128\" is not an i8")));
+  EXPECT_THAT(run({"call", "GetListOfInsertedDevices", "1"}),
+              Ends(2, "", HasSubstr("\"1\" is not a bool (true, false)")));
 }
 
 TEST_F(Call, AsksBeforeItWipesADisk) {

@@ -95,11 +95,11 @@ TEST_F(Commands, OpenRefusesADirectoryWhereItCouldNotBeClosed) {
     std::filesystem::create_directory(deep.append("/" + std::string(250, 'd')));
   }
   const std::vector<std::pair<std::string, std::string>> paths = {
-      {folder + "/tab\t", "tab\\x09\" has a tab, a newline or a backslash in it"},
-      {folder + "/line\n", "line\\x0A\" has a tab, a newline or a backslash in it"},
-      {folder + "/back\\slash", "back\\\\slash\" has a tab, a newline or a backslash in it"},
-      {folder + "/link", "tab\\x09here\" has a tab, a newline or a backslash in it"},
-      {folder + "/link/new", "tab\\x09here/new\" has a tab, a newline or a backslash in it"},
+      {folder + "/tab\t", "tab\\x09\" contains a tab, a newline or a backslash"},
+      {folder + "/line\n", "line\\x0A\" contains a tab, a newline or a backslash"},
+      {folder + "/back\\slash", "back\\\\slash\" contains a tab, a newline or a backslash"},
+      {folder + "/link", "tab\\x09here\" contains a tab, a newline or a backslash"},
+      {folder + "/link/new", "tab\\x09here/new\" contains a tab, a newline or a backslash"},
       {"//", "\"/\" is the root directory"},
       {deep, "is too long"},
       {folder + "/loop", "cannot be resolved: Too many levels"},
@@ -225,7 +225,8 @@ TEST_F(Commands, CloseTellsWhyNot) {
   platform().umount2Error = EBUSY;
   EXPECT_THAT(
       run({"close", "1"}),
-      Ends(1, "", HasSubstr("device 1: not closed: \"/media/disk_1\" cannot be unmounted; no process")));
+      Ends(1, "",
+           HasSubstr("device 1: not closed: \"/media/disk_1\" cannot be unmounted; no visible process")));
 }
 
 /// A process that does something, and stays until this object goes.
@@ -315,8 +316,9 @@ TEST_F(Commands, CloseSaysThatItMayNotLookIntoOtherUsersProcesses) {
   std::filesystem::permissions(socketOf(9020), std::filesystem::perms(0666));
   RunOptions asNobody;
   asNobody.asNobody = true;
-  EXPECT_THAT(run({"close", "1"}, asNobody),
-              Ends(1, "", AllOf(HasSubstr("cannot be unmounted; no process"), HasSubstr("run as root"))));
+  EXPECT_THAT(
+      run({"close", "1"}, asNobody),
+      Ends(1, "", AllOf(HasSubstr("cannot be unmounted; no visible process"), HasSubstr("run as root"))));
   std::filesystem::permissions(socketOf(9020), std::filesystem::perms(0660));
   std::filesystem::permissions(folder, std::filesystem::perms(0700));
 }
@@ -343,7 +345,7 @@ TEST_F(Commands, NotifyAnnouncesPlugEvents) {
 }
 
 TEST_F(Commands, NotifyTakesANameWhereThereIsOne) {
-  EXPECT_THAT(run({"notify", "added"}), Ends(2, "", HasSubstr("takes the kernel NAME")));
+  EXPECT_THAT(run({"notify", "added"}), Ends(2, "", HasSubstr("needs the kernel NAME")));
   EXPECT_THAT(run({"notify", "xrite-added", "sda1"}), Ends(2, "", HasSubstr("takes no NAME")));
   EXPECT_THAT(run({"notify", "lost", "sda1"}), Ends(2, "", HasSubstr("lost")));
 }

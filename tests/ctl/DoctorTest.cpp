@@ -113,7 +113,7 @@ TEST_F(Doctor, TellsWhetherTheSocketIsServed) {
   machine.connectionError = ECONNREFUSED;
   EXPECT_THAT(checkSocket(machine), ElementsAre(Is(State::problem, HasSubstr("nobody serves"))));
   machine.connectionError = EACCES;
-  EXPECT_THAT(checkSocket(machine), ElementsAre(Is(State::problem, HasSubstr("may not be connected"))));
+  EXPECT_THAT(checkSocket(machine), ElementsAre(Is(State::problem, HasSubstr("permission denied"))));
   machine.connectionError = ENOMEM;
   EXPECT_THAT(checkSocket(machine), ElementsAre(Is(State::problem, HasSubstr("memory"))));
 }
@@ -151,7 +151,7 @@ TEST_F(Doctor, WantsMediaToBeWritable) {
   makeDirectory("/media");
   EXPECT_THAT(checkMedia(machine), ElementsAre(Is(State::ok, HasSubstr("/media"))));
   makeDirectory("/media", 0555);
-  EXPECT_THAT(checkMedia(machine), ElementsAre(Is(State::warning, HasSubstr("not the daemon's"))));
+  EXPECT_THAT(checkMedia(machine), ElementsAre(Is(State::warning, HasSubstr("the daemon may not write"))));
   makeDirectory("/media");
   machine.isOnReadOnlyFileSystem = [this](const std::string& path) {
     return path == machine.root + "/media";
@@ -190,7 +190,7 @@ TEST_F(Doctor, WantsTheKernelToProtectFilesInDirectoriesForAll) {
   }
   write("/proc/sys/fs/protected_regular", "0\n");
   EXPECT_THAT(checkProtectedFiles(machine),
-              ElementsAre(Is(State::warning, ::testing::EndsWith("off are fs.protected_regular"))));
+              ElementsAre(Is(State::warning, ::testing::EndsWith("are off: fs.protected_regular"))));
   write("/proc/sys/fs/protected_regular", "2\n");
   EXPECT_THAT(checkProtectedFiles(machine), ElementsAre(Is(State::ok, HasSubstr("their owners only"))));
 }
@@ -231,7 +231,7 @@ TEST_F(Doctor, FindsToolsThatAreRunWithoutTheirWrappers) {
               ElementsAre(Is(State::warning, HasSubstr("/usr/bin/dd, /usr/bin/fdisk"))));
   makeProgram("/opt/lib/dockhand/tools/dd");
   makeProgram("/opt/lib/dockhand/tools/fdisk");
-  EXPECT_THAT(checkWrappers(machine), ElementsAre(Is(State::ok, HasSubstr("stand before"))));
+  EXPECT_THAT(checkWrappers(machine), ElementsAre(Is(State::ok, HasSubstr("wrappers come before"))));
 }
 
 TEST_F(Doctor, TriesTheDaemonsFdiskCommandOnAFile) {
@@ -260,7 +260,7 @@ TEST_F(Doctor, TriesTheDaemonsMkfsOptions) {
   EXPECT_THAT(checkFormatting(machine), ElementsAre(Is(State::problem, HasSubstr("there is no mkfs.xfs"))));
   makeProgram("/usr/sbin/mkfs.xfs");
   results["mkfs.xfs -N -f -l lazy-count=0 -L PVR_DISK /"] = {0, "meta-data=..."};
-  EXPECT_THAT(checkFormatting(machine), ElementsAre(Is(State::ok, HasSubstr("/usr/sbin/mkfs.xfs takes"))));
+  EXPECT_THAT(checkFormatting(machine), ElementsAre(Is(State::ok, HasSubstr("/usr/sbin/mkfs.xfs accepts"))));
   results = {{"mkfs.xfs", {1, "Lazy superblock counters always enabled\nUsage: mkfs.xfs\n"}}};
   EXPECT_THAT(
       checkFormatting(machine),
@@ -304,7 +304,7 @@ TEST_F(DoctorOnKernels, FindsMissingFileSystems) {
 
 TEST_F(DoctorOnKernels, SaysThatNtfs3IsNotTried) {
   setFileSystems("\tntfs3\n");
-  EXPECT_THAT(fileSystem("ntfs"), Is(State::problem, HasSubstr("ntfs3, which is not tried")));
+  EXPECT_THAT(fileSystem("ntfs"), Is(State::problem, HasSubstr("ntfs3, which dockhand does not try")));
 }
 
 TEST_F(DoctorOnKernels, TakesModulesThatTheKernelWouldLoadForPresent) {
@@ -367,10 +367,10 @@ TEST_F(Doctor, FindsNodesThatAreNoBlockDevices) {
   EXPECT_THAT(checkNodes(machine), ElementsAre(Is(State::ok, HasSubstr("nothing is plugged in"))));
   write("/dev/usb_storage_sda", "");
   blockDevices.insert("/dev/usb_storage_sda");
-  EXPECT_THAT(checkNodes(machine), ElementsAre(Is(State::ok, HasSubstr("block devices only"))));
+  EXPECT_THAT(checkNodes(machine), ElementsAre(Is(State::ok, HasSubstr("are block devices"))));
   write("/dev/old-usb_storage_sdb", "");
   EXPECT_THAT(checkNodes(machine),
-              ElementsAre(Is(State::problem, HasSubstr("/dev/old-usb_storage_sdb is no block device"))));
+              ElementsAre(Is(State::problem, HasSubstr("/dev/old-usb_storage_sdb is not a block device"))));
 }
 
 TEST_F(Doctor, MeasuresTheMountTableOfTheDaemon) {
@@ -401,18 +401,19 @@ TEST_F(Doctor, FindsADeviceBeyondThePartOfTheMountTableThatIsRead) {
 
 TEST_F(Doctor, FallsBackOnItsOwnMountTable) {
   write("/proc/self/mounts", "none / overlay rw 0 0\n");
-  EXPECT_THAT(checkMountTable(machine), ElementsAre(Is(State::ok, HasSubstr("our own mount table"))));
+  EXPECT_THAT(checkMountTable(machine),
+              ElementsAre(Is(State::ok, HasSubstr("dockhandctl's own mount table"))));
 }
 
 TEST_F(Doctor, FindsALogFileThatIsNotTheDaemons) {
-  EXPECT_THAT(checkLogFile(machine), ElementsAre(Is(State::ok, HasSubstr("will be made"))));
+  EXPECT_THAT(checkLogFile(machine), ElementsAre(Is(State::ok, HasSubstr("does not exist yet"))));
   write("/tmp/Dockhand.log", "");
   EXPECT_THAT(checkLogFile(machine), ElementsAre(Is(State::ok, HasSubstr("is the daemon's"))));
   machine.owner = getuid() + 1;
   EXPECT_THAT(checkLogFile(machine), ElementsAre(Is(State::problem, HasSubstr("belongs to user"))));
   filesystem::remove(machine.root + "/tmp/Dockhand.log");
   filesystem::create_symlink("/etc/passwd", machine.root + "/tmp/Dockhand.log");
-  EXPECT_THAT(checkLogFile(machine), ElementsAre(Is(State::problem, HasSubstr("no regular file"))));
+  EXPECT_THAT(checkLogFile(machine), ElementsAre(Is(State::problem, HasSubstr("not a regular file"))));
 }
 
 class DoctorProgram : public ctltest::CtlTest {};
@@ -440,8 +441,8 @@ TEST_F(DoctorProgram, LooksAtItsOwnPathWithoutADaemon) {
       ctltest::run({"doctor"}, {{{"RAVEL_SOCKET_DIR", directory}, {"PATH", "/nowhere"}}});
   EXPECT_EQ(outcome.exitCode, 1);
   EXPECT_THAT(outcome.out,
-              HasSubstr("problem  socket: " + directory + "/9020.sock does not exist. To mend it: start"));
-  EXPECT_THAT(outcome.out, HasSubstr("warning  path: tools are looked for in our own PATH, /nowhere,"));
+              HasSubstr("problem  socket: " + directory + "/9020.sock does not exist. Fix: start"));
+  EXPECT_THAT(outcome.out, HasSubstr("warning  path: the checks use dockhandctl's own PATH, /nowhere,"));
   EXPECT_THAT(outcome.out, HasSubstr("problem  mkfs.xfs: not in the PATH"));
 }
 

@@ -29,7 +29,7 @@ class Failures : public CtlTest {
 TEST_F(Failures, SaysThatNobodyServesTheSocket) {
   const std::string directory = otherDirectory("nobody");
   EXPECT_THAT(run({"list"}, {{{"RAVEL_SOCKET_DIR", directory}}}),
-              Ends(4, "", "dockhandctl: nobody serves " + directory + "/9020.sock (is dockhand running?)\n"));
+              Ends(4, "", "dockhandctl: nobody serves \"" + directory + "/9020.sock\"; start dockhand\n"));
 }
 
 TEST_F(Failures, SaysThatADirectoryIsTooLongForASocket) {
@@ -46,11 +46,11 @@ TEST_F(Failures, NamesTheRightsOfASocketThatMayNotBeUsed) {
   const std::string directory = service().sockets.path();
   ASSERT_EQ(chmod(directory.c_str(), 0755), 0);
   EXPECT_THAT(run({"list"}, asNobody), Ends(4, "",
-                                            AllOf(HasSubstr("no permission for " + socketOf(9020)),
+                                            AllOf(HasSubstr("no permission for \"" + socketOf(9020) + "\""),
                                                   HasSubstr("group root, mode 0660"))));
   ASSERT_EQ(chmod(directory.c_str(), 0700), 0);
   EXPECT_THAT(run({"list"}, asNobody),
-              Ends(4, "", HasSubstr(directory + " belongs to root and group root, mode 0700")));
+              Ends(4, "", HasSubstr("\"" + directory + "\" belongs to root and group root, mode 0700")));
 }
 
 TEST_F(Failures, SaysThatAllWorkersAreBusy) {
@@ -69,7 +69,7 @@ TEST_F(Failures, SaysThatAllWorkersAreBusy) {
 TEST_F(Failures, PassesOnTheDaemonsOwn) {
   platform().scandirIgnoresFilter = true;
   platform().deviceNodes = {"short"};
-  EXPECT_THAT(run({"list"}), Ends(5, "", HasSubstr("dockhand answered with a failure: ")));
+  EXPECT_THAT(run({"list"}), Ends(5, "", HasSubstr("dockhand replied with a failure: ")));
   platform().scandirIgnoresFilter = false;
 }
 
@@ -99,7 +99,7 @@ TEST_F(Failures, SayThatTheConnectionEndedBeforeItsAnswer) {
   const std::string directory = otherDirectory("silent");
   const OddService silent(directory, "");
   EXPECT_THAT(run({"list"}, {{{"RAVEL_SOCKET_DIR", directory}}}),
-              Ends(5, "", HasSubstr("the connection to dockhand ended before its answer")));
+              Ends(5, "", HasSubstr("the connection to dockhand ended before its reply")));
 }
 
 TEST_F(Failures, SayThatAnAnswerMakesNoSense) {

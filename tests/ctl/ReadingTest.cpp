@@ -173,7 +173,7 @@ TEST_F(Reading, TellsWhereAFailedOpeningWasTried) {
   setMountError(ENODEV);
   run({"open", "1"});
   EXPECT_THAT(run({"mount-point", "1"}),
-              Ends(1, "", HasSubstr("not open; the last attempt to open it at /media/disk_1 failed")));
+              Ends(1, "", HasSubstr("not open; the last attempt to open it at \"/media/disk_1\" failed")));
 }
 
 TEST_F(Reading, ListsFilesOfAnOpenDevice) {
@@ -213,8 +213,8 @@ TEST_F(Reading, WarnsWhenTheDaemonMayNotHaveReadADirectoryToItsEnd) {
     EXPECT_EQ(
         testing::internal::GetCapturedStderr(),
         mayBeCut
-            ? "dockhandctl: device 1: files may be missing here: \"" + stick +
-                  "/music\" has more names than dockhand reads of one directory; put the files into several\n"
+            ? "dockhandctl: device 1: files may be missing: \"" + stick +
+                  "/music\" has more names than dockhand reads of one directory; spread them over several\n"
             : "");
   }
 }

@@ -119,7 +119,7 @@ TEST_F(Watching, HoldsNoConnectionToTheDaemon) {
 TEST_F(Watching, LeavesAMediaServiceInItsPlace) {
   const MediaService mediaService;
   EXPECT_THAT(run({"watch"}),
-              Ends(7, "", AllOf(HasSubstr("a media service is there"), HasSubstr(socketOf(9014)))));
+              Ends(7, "", AllOf(HasSubstr("a media service already serves"), HasSubstr(socketOf(9014)))));
 }
 
 TEST_F(Watching, EndsWhenThereIsNoDaemon) {

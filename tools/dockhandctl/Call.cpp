@@ -23,7 +23,7 @@ struct Parameter {
   Type type;
 };
 
-/// One argument, as the type of its parameter has it.
+/// One argument. Converts to the type of its parameter.
 struct Argument {
   std::string text;
   std::int32_t number = 0;
@@ -151,8 +151,8 @@ std::string signatureOf(const Operation& operation) {
 }
 
 [[noreturn]] void refuse(const Parameter& parameter, const std::string& text) {
-  throw Failure(wrongUsage, std::string(parameter.name) + ": " + printable(text) + " is no " +
-                                typeText(parameter.type) +
+  throw Failure(wrongUsage, std::string(parameter.name) + ": \"" + printable(text) + "\" is not " +
+                                (parameter.type == Type::flag ? "a " : "an ") + typeText(parameter.type) +
                                 (parameter.type == Type::flag ? " (true, false)" : ""));
 }
 
@@ -197,7 +197,7 @@ const Operation& find(const std::string& name) {
       return operation;
     }
   }
-  throw Failure(wrongUsage, "no operation is called " + printable(name) + "; see dockhandctl call --help");
+  throw Failure(wrongUsage, "there is no operation \"" + printable(name) + "\"; see dockhandctl call --help");
 }
 
 bool isNo(const Json& result) {
@@ -218,7 +218,7 @@ int call(const Settings& settings, const std::string& name, const std::vector<st
          bool confirmed) {
   const Operation& operation = find(name);
   if (texts.size() != operation.parameters.size()) {
-    throw Failure(wrongUsage, "the arguments have to be: " + signatureOf(operation));
+    throw Failure(wrongUsage, "wrong number of arguments; usage: call " + signatureOf(operation));
   }
   Arguments arguments;
   for (std::size_t i = 0; i < texts.size(); ++i) {
@@ -229,7 +229,7 @@ int call(const Settings& settings, const std::string& name, const std::vector<st
   }
   const Json result = ask(settings.timeout, [&](UsbService& service) {
     if (operation.slow) {
-      service.waitWithoutEnd();
+      service.waitForever();
     }
     return service.call([&](Client& client) { return operation.run(client, arguments); });
   });

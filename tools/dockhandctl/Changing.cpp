@@ -17,11 +17,11 @@ namespace {
 
 using Client = UsbService::Client;
 
-std::string usualDirectory(std::int16_t device) {
+std::string defaultDirectory(std::int16_t device) {
   return "/media/disk_" + std::to_string(device);
 }
 
-/// Opening it at another directory would leave the first mount behind, which the daemon then forgets.
+/// Opening at another directory leaves the first mount in place, and the daemon forgets that mount.
 std::string reasonNotToOpenAgain(UsbService& service, std::int16_t device, const std::string& directory) {
   if (!service.call([&](Client& client) { return client.IsDeviceOpen(device); })) {
     return {};
@@ -40,7 +40,7 @@ std::string reasonForNotOpening(UsbService& service, std::int16_t device) {
     return "it was closed for safe removal; pull it out and plug it in again";
   }
   return "its file system cannot be mounted, the directory cannot be made, or the device is under repair; "
-         "dockhand's log tells which";
+         "dockhand's log says which";
 }
 
 std::string reasonForNotClosing(const Device& device) {
@@ -52,14 +52,14 @@ std::string reasonForNotClosing(const Device& device) {
   const Holders holders = holdersOf(canonicalPath(device.mountPoint));
   std::string text = holders.lines.empty()
                          ? path +
-                               " cannot be unmounted; no process that can be seen here holds it, but a mount "
-                               "below it, a loop device or a swap file may; dockhand's log has the error"
-                         : path + " is in use; end these or have them let go, and close it again:";
+                               " cannot be unmounted; no visible process uses it, but a mount below it, a "
+                               "loop device or a swap file may; dockhand's log has the error"
+                         : path + " is in use; end these processes or let them release it, and try again:";
   for (const std::string& line : holders.lines) {
     text += "\n  " + line;
   }
   return holders.complete ? text
-                          : text + "\n  (not all processes could be looked into" +
+                          : text + "\n  (some processes could not be inspected" +
                                 (::geteuid() == 0 ? ")" : "; run as root)");
 }
 
@@ -71,7 +71,7 @@ int complainThatNotDone(std::int16_t device, const std::string& what, const std:
 }  // namespace
 
 int open(const Settings& settings, std::int16_t device, const std::string& directory, bool pvr, bool again) {
-  std::string path = usualDirectory(device);
+  std::string path = defaultDirectory(device);
   try {
     path = directory.empty() ? path : closablePath(directory);
   } catch (const std::runtime_error& reason) {
@@ -115,7 +115,7 @@ int close(const Settings& settings, std::int16_t device, bool safe) {
       return safe ? client.CloseDeviceSafeRemoval(device) : client.CloseDevice(device);
     });
     state = readMountState(service, device);
-    // What is pulled out is the whole disk.
+    // The user pulls out the whole disk.
     left = safe ? readMountedOfDisk(state.kernelName, service.daemon()) : state.mounted;
   });
   if (!closed) {
@@ -153,7 +153,7 @@ int notify(const Settings& settings, const std::string& event, const std::string
     if (failure.exitCode() != daemonFailed) {
       throw;
     }
-    // The event itself has been taken in by then.
+    // The daemon has already processed the event itself.
     throw Failure(daemonFailed, event + (name.empty() ? "" : " " + printable(name)) +
                                     ": not all observers were told: " + failure.what());
   }

@@ -14,22 +14,22 @@
 namespace dockhandctl {
 namespace {
 
-constexpr std::int8_t usualObserver = 100;
+constexpr std::int8_t defaultObserver = 100;
 constexpr std::int8_t xriteObserver = 7;
 
 const char* const exitCodes = R"(Exit status:
   0  done, or the answer is yes
-  1  the answer is no; doctor: something is to be mended
+  1  the answer is no; doctor: there is a warning or a problem
   2  wrong usage
   3  no such device
   4  the daemon cannot be reached
-  5  the daemon answered with a failure, or ended the connection
-  6  the daemon did not answer in time
-  7  watch: a media service is there
+  5  the daemon replied with a failure, or ended the connection
+  6  the daemon did not reply in time
+  7  watch: a media service is running
   8  prepare: not confirmed, nothing was done
   9  something failed on this side, such as writing the output)";
 
-/// Everything that the command line can say, and the command that it asks for.
+/// All options and arguments, and the command to run.
 struct Request {
   Settings settings;
   double timeout = 30;
@@ -45,7 +45,7 @@ struct Request {
   std::string event;
   std::string action;
   std::string name;
-  std::int8_t observerId = usualObserver;
+  std::int8_t observerId = defaultObserver;
   std::int32_t value = 0;
   std::vector<std::string> ignored;
   std::function<int()> command;
@@ -64,7 +64,7 @@ void addObserverId(CLI::App& command, Request& request, const std::string& name,
 void addTimeout(CLI::App& command, Request& request) {
   command
       .add_option("--timeout", request.timeout,
-                  "Wait for an answer this long, 30 s if not given; prepare and repair wait without end")
+                  "Wait at most this long for a reply (default: 30); prepare and repair have no limit")
       ->type_name("SECONDS")
       ->check(CLI::Range(0.001, 86400.0));
 }
@@ -89,23 +89,23 @@ void addDeviceQuery(CLI::App& app, Request& request, const char* name, const cha
 
 void addReadingCommands(CLI::App& app, Request& request) {
   CLI::App* const statusCommand = app.add_subcommand("status", "Show all devices in a table");
-  statusCommand->add_flag("--all", request.all, "Also those that were opened as recording disks");
+  statusCommand->add_flag("--all", request.all, "Include devices that were opened as recording disks");
   addJson(*statusCommand, request);
   statusCommand->callback(
       [&request] { request.command = [&request] { return status(request.settings, request.all); }; });
 
   CLI::App* const listCommand = app.add_subcommand("list", "List the numbers of the devices");
-  listCommand->add_flag("--all", request.all, "Also those that were opened as recording disks");
+  listCommand->add_flag("--all", request.all, "Include devices that were opened as recording disks");
   addJson(*listCommand, request);
   listCommand->callback(
       [&request] { request.command = [&request] { return list(request.settings, request.all); }; });
 
-  addDeviceQuery(app, request, "info", "Show all about a device", info);
+  addDeviceQuery(app, request, "info", "Show everything about a device", info);
   addDeviceQuery(app, request, "label", "Print its volume label", label);
   addDeviceQuery(app, request, "uuid", "Print the UUID of its file system", uuid);
   addDeviceQuery(app, request, "usb-version", "Print its USB version", usbVersion);
   addDeviceQuery(app, request, "type", "Print its type, fixed or removable", type);
-  addDeviceQuery(app, request, "capacity", "Print the size of the whole device in MiB", capacity);
+  addDeviceQuery(app, request, "capacity", "Print the size of the whole disk in MiB", capacity);
   addDeviceQuery(app, request, "mount-point", "Print the directory where it is open", mountPoint);
   addDeviceQuery(app, request, "kernel-name", "Print its kernel name, such as sdb1", kernelName);
   addDeviceQuery(app, request, "is-open", "Print yes or no", isOpen);
@@ -130,11 +130,12 @@ void addMountingCommands(CLI::App& app, Request& request) {
   openCommand->add_option("--at", request.directory, "Mount it at this directory, not at /media/disk_ID")
       ->type_name("DIR")
       ->check([](const std::string& path) {
-        return !path.empty() && path.front() == '/' ? "" : "\"" + path + "\": the path has to be absolute";
+        return !path.empty() && path.front() == '/' ? "" : "\"" + path + "\" is not an absolute path";
       });
-  openCommand->add_flag("--pvr", request.pvr, "As a recording disk, which list and status hide from now on");
+  openCommand->add_flag("--pvr", request.pvr,
+                        "Open it as a recording disk; list and status hide it from now on");
   openCommand->add_flag("--again", request.again,
-                        "Also when it is open at another directory, where it then stays");
+                        "Even if it is open at another directory; that mount stays");
   openCommand->callback([&request] {
     request.command = [&request] {
       return open(request.settings, request.device, request.directory, request.pvr, request.again);
@@ -144,13 +145,13 @@ void addMountingCommands(CLI::App& app, Request& request) {
   CLI::App* const closeCommand = app.add_subcommand("close", "Unmount a device");
   addDevice(*closeCommand, request);
   closeCommand->add_flag("--safe", request.safe,
-                         "For pulling it out: it is not used until it is pulled out and plugged in");
+                         "Before pulling it out: nobody uses it until it is plugged in again");
   closeCommand->callback([&request] {
     request.command = [&request] { return close(request.settings, request.device, request.safe); };
   });
 
   CLI::App* const prepareCommand =
-      app.add_subcommand("prepare", "Turn a disk into a recording disk; DESTROYS ALL THAT IS ON IT");
+      app.add_subcommand("prepare", "Turn a disk into a recording disk; DESTROYS ITS CONTENTS");
   addDevice(*prepareCommand, request);
   prepareCommand->add_flag("--yes", request.yes, "Do not ask");
   prepareCommand->callback([&request] {
@@ -177,7 +178,7 @@ void addEventCommands(CLI::App& app, Request& request) {
   notifyCommand->callback([&request, name] {
     const bool takesName = request.event == "added" || request.event == "removed";
     if (takesName == name->empty()) {
-      throw Failure(wrongUsage, takesName ? "notify " + request.event + " takes the kernel NAME of the device"
+      throw Failure(wrongUsage, takesName ? "notify " + request.event + " needs the kernel NAME of the device"
                                           : "notify " + request.event + " takes no NAME");
     }
     request.command = [&request] { return notify(request.settings, request.event, request.name); };
@@ -190,9 +191,9 @@ void addEventCommands(CLI::App& app, Request& request) {
   observerCommand->add_option("EVENT", request.event, "added or removed")
       ->required()
       ->check(CLI::IsMember({"added", "removed"}));
-  addObserverId(*observerCommand, request, "OBSERVER_ID", "Number of the observer; 7 gets Xrite events only");
+  addObserverId(*observerCommand, request, "OBSERVER_ID", "Number of the observer; 7 gets only Xrite events");
   observerCommand->get_option("OBSERVER_ID")->required();
-  observerCommand->add_option("VALUE", request.value, "Passed through to the media service; 0 if not given");
+  observerCommand->add_option("VALUE", request.value, "Passed to the media service (default: 0)");
   observerCommand->callback([&request] {
     request.command = [&request] {
       return observer(request.settings, request.action, request.event, request.observerId, request.value);
@@ -200,11 +201,11 @@ void addEventCommands(CLI::App& app, Request& request) {
   });
 
   CLI::App* const watchCommand =
-      app.add_subcommand("watch", "Print events as they come, in the place of a media service");
+      app.add_subcommand("watch", "Print events as they come, in place of the media service");
   addJson(*watchCommand, request);
-  addObserverId(*watchCommand, request, "--observer-id", "Register under this number; 100 if not given");
+  addObserverId(*watchCommand, request, "--observer-id", "Register under this number (default: 100)");
   CLI::Option* const observerId = watchCommand->get_option("--observer-id")->type_name("N");
-  watchCommand->add_flag("--xrite", request.xrite, "Register under number 7, for the events of Xrite devices")
+  watchCommand->add_flag("--xrite", request.xrite, "Register under number 7, for events of Xrite devices")
       ->excludes(observerId);
   watchCommand->callback([&request] {
     request.command = [&request] {
@@ -217,15 +218,14 @@ void addOtherCommands(CLI::App& app, Request& request) {
   CLI::App* const callCommand =
       app.add_subcommand("call", "Call an operation by its interface name: call OPERATION ARGUMENT...");
   callCommand->add_flag("--yes", request.yes, "Do not ask before PrepareDeviceForPvr");
-  // What comes behind the operation is the operation's, also what looks like an option of ours.
+  // Everything after the operation belongs to it, even if it looks like one of our options.
   callCommand->prefix_command()->fallthrough(false);
   addTimeout(*callCommand, request);
   callCommand->footer("Operations with their arguments; bool is true or false:\n" + operationList());
   callCommand->callback([&request, callCommand] {
-    // CLI11 hands out what it does not know, first to last.
     const std::vector<std::string> words = callCommand->remaining();
     if (words.empty()) {
-      throw Failure(wrongUsage, "call takes the name of an operation; see dockhandctl call --help");
+      throw Failure(wrongUsage, "call needs the name of an operation; see dockhandctl call --help");
     }
     request.command = [&request, words] {
       return call(request.settings, words.front(), {words.begin() + 1, words.end()}, request.yes);
@@ -233,10 +233,10 @@ void addOtherCommands(CLI::App& app, Request& request) {
   });
 
   CLI::App* const doctorCommand =
-      app.add_subcommand("doctor", "Check the system around the daemon and tell how to mend it");
+      app.add_subcommand("doctor", "Check the system around the daemon and say how to fix it");
   addJson(*doctorCommand, request);
   doctorCommand
-      ->add_option("--ignore", request.ignored, "Do not count what this check finds; may be repeated")
+      ->add_option("--ignore", request.ignored, "Ignore this check in the exit status; may be repeated")
       ->type_name("CHECK")
       ->expected(1)
       ->take_all();
@@ -248,7 +248,7 @@ void addOtherCommands(CLI::App& app, Request& request) {
 
 int runCommandLine(int argumentCount, char** arguments) {
   Request request;
-  CLI::App app("Looks into, commands and diagnoses Dockhand, the USB storage daemon.", "dockhandctl");
+  CLI::App app("Shows, controls and diagnoses Dockhand, the USB storage daemon.", "dockhandctl");
   app.set_version_flag("--version", "dockhandctl " DOCKHAND_VERSION, "Print the version");
   addTimeout(app, request);
   app.require_subcommand(1);

@@ -3,7 +3,7 @@
 
 namespace dockhandctl {
 
-/// Reads the command line, runs the command, reports its failure on standard error. The exit code.
+/// Runs the command of the command line, and reports its failure on standard error. Returns the exit code.
 int runCommandLine(int argumentCount, char** arguments);
 
 }  // namespace dockhandctl

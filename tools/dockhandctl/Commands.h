@@ -9,17 +9,17 @@
 
 #include "DirectoryBounds.h"
 
-/// The commands. Each writes its result to standard output, a complaint to standard error, and returns the
-/// exit code, or throws Failure. None keeps a connection to the daemon beyond its calls.
+/// The commands. Each writes its result to standard output and complaints to standard error. It returns the
+/// exit code, or throws Failure. None keeps a connection to the daemon after its calls.
 namespace dockhandctl {
 
-/// What every command has to know.
+/// Options that several commands take.
 struct Settings {
-  /// For connecting, and for each answer but those of prepare and repair.
+  /// For connecting, and for each reply except those of prepare and repair.
   std::chrono::milliseconds timeout = std::chrono::seconds(30);
-  /// JSON instead of text for people.
+  /// Print JSON instead of text for people.
   bool json = false;
-  /// What the daemon reads of one directory, for files.
+  /// How much of one directory the daemon reads, for the command files.
   DirectoryBounds directoryBounds;
 };
 
@@ -41,8 +41,8 @@ int files(const Settings& settings, std::int16_t device, const std::string& dire
 
 // Mounting and events.
 
-/// An empty `directory` stands for the daemon's own choice. A device that is open at another directory is
-/// opened only `again`.
+/// An empty `directory` means the daemon's own choice. If the device is open at another directory, it is
+/// opened only if `again` is true.
 int open(const Settings& settings, std::int16_t device, const std::string& directory, bool pvr, bool again);
 int close(const Settings& settings, std::int16_t device, bool safe);
 int rescan(const Settings& settings);
@@ -52,29 +52,28 @@ int notify(const Settings& settings, const std::string& event, const std::string
 int observer(const Settings& settings, const std::string& action, const std::string& event,
              std::int8_t observerId, std::int32_t value);
 
-// Maintenance. The wait for the daemon has no end.
+// Maintenance. These wait for the daemon without a limit.
 
-/// Wipes a disk, after somebody at the terminal has typed yes; `confirmed` stands for that.
+/// Wipes a disk. Asks at the terminal first, unless `confirmed` is true.
 int prepare(const Settings& settings, std::int16_t device, bool confirmed);
 int repair(const Settings& settings, std::int16_t device);
 
-/// Shows what is about to be wiped and asks. Throws Failure (notConfirmed) for every answer but yes.
+/// Shows the disk and asks whether to wipe it. Throws Failure (notConfirmed) unless the answer is yes.
 void confirmWiping(const Settings& settings, std::int16_t device);
 
 // Everything else.
 
-/// Any operation by the name that it has in the interface, with its arguments as texts. `confirmed` as for
-/// prepare.
+/// Calls an operation by its name in the interface, with its arguments as texts. `confirmed` as for prepare.
 int call(const Settings& settings, const std::string& name, const std::vector<std::string>& texts,
          bool confirmed);
-/// The operations of call, one line each.
+/// All operations with their parameters, one a line.
 std::string operationList();
 
 /// Takes the place of the media service and prints events until SIGINT, SIGTERM or SIGHUP.
 int watch(const Settings& settings, std::int8_t observerId);
 
-/// Checks of the system around the daemon. The findings of the checks in `ignored` are shown but do not
-/// count.
+/// Checks the system around the daemon. Findings of the checks in `ignored` are printed, but do not change
+/// the exit code.
 int runDoctor(const Settings& settings, const std::vector<std::string>& ignored);
 
 }  // namespace dockhandctl

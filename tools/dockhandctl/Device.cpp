@@ -16,7 +16,7 @@ std::optional<std::string> asOptional(const ReturnValueWithString& value) {
   return value.success && !value.text.empty() ? std::optional(value.text) : std::nullopt;
 }
 
-std::string whichThereAre(const std::vector<std::int16_t>& devices) {
+std::string knownDevices(const std::vector<std::int16_t>& devices) {
   if (devices.empty()) {
     return "there is none";
   }
@@ -40,11 +40,11 @@ std::string nameOf(std::int16_t device) {
 std::string requireDevice(UsbService& service, std::int16_t device) {
   ReturnValueWithString kernelName = service.text(&Client::GetUsbPhysicalDevice, device);
   if (!kernelName.success) {
-    // It may have been plugged in after the daemon's last scan; listing scans anew.
+    // It may have been plugged in after the daemon's last scan; listing scans again.
     const auto devices = service.deviceNumbers(true);
     kernelName = service.text(&Client::GetUsbPhysicalDevice, device);
     if (!kernelName.success) {
-      throw Failure(noSuchDevice, nameOf(device) + ": no such device; " + whichThereAre(devices));
+      throw Failure(noSuchDevice, nameOf(device) + ": no such device; " + knownDevices(devices));
     }
   }
   return kernelName.text;

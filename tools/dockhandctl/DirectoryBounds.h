@@ -7,14 +7,13 @@
 
 namespace dockhandctl {
 
-/// How much of one directory the daemon reads (its DirectoryLimits). What lies behind is not in its list of
-/// files.
+/// How much of one directory the daemon reads (its DirectoryLimits). Its list of files lacks the rest.
 struct DirectoryBounds {
   std::size_t entries = 4194304;
   std::size_t nameBytes = std::size_t{64} * 1024 * 1024;
 };
 
-/// Whether a directory has more than that. Nothing: it may not be read here.
+/// True if a directory has more. No value if we may not read it.
 std::optional<bool> exceeds(const std::string& directory, const DirectoryBounds& bounds);
 
 }  // namespace dockhandctl

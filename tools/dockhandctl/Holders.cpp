@@ -18,13 +18,13 @@ bool isBelow(const std::string& path, const std::string& directory) {
   return path.rfind(directory, 0) == 0 && (path.size() == directory.size() || path[directory.size()] == '/');
 }
 
-/// Looks into one process for paths below a directory.
+/// Looks for paths below a directory in one process.
 class Process {
  public:
   Process(fs::path folder, const std::string& directory)
       : folder_(std::move(folder)), directory_(directory) {}
 
-  /// What it holds first, for people; empty: nothing.
+  /// The first use that is found, as a text for people. Empty if there is none.
   std::string find() {
     for (const auto& [name, title] :
          {std::pair("cwd", "working directory"), {"root", "root directory"}, {"exe", "program"}}) {
@@ -44,7 +44,7 @@ class Process {
     return found_;
   }
 
-  /// False when the kernel has refused something.
+  /// False if the kernel has refused access to a part.
   bool wasOpen() const { return open_; }
 
  private:
@@ -94,7 +94,7 @@ std::string nameOf(const fs::path& folder) {
 
 Holders holdersOf(const std::string& directory) {
   Holders result;
-  // Others may not even see that there are more processes (hidepid).
+  // With the mount option hidepid, other users do not even see that there are more processes.
   result.complete = ::geteuid() == 0;
   std::error_code error;
   for (fs::directory_iterator entry("/proc", error), end; !error && entry != end; entry.increment(error)) {

@@ -6,15 +6,15 @@
 
 namespace dockhandctl {
 
-/// Who keeps a mount from being unmounted, as /proc has it.
+/// The processes that use a mount, according to /proc.
 struct Holders {
   /// One line for each process, for people: `process 4711 (mpg123): open file "/media/disk_1/a.mp3"`.
   std::vector<std::string> lines;
-  /// Every process could be looked into.
+  /// True if every process could be inspected.
   bool complete = true;
 };
 
-/// Of a directory by its canonical path. Follows no link, so that it does not wait for a disk.
+/// Takes the canonical path of a directory. Follows no link, so that it never waits for a disk.
 Holders holdersOf(const std::string& directory);
 
 }  // namespace dockhandctl

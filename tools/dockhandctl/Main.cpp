@@ -10,7 +10,7 @@
 int main(int argumentCount, char** arguments) {
   try {
     dockhandctl::useUtf8();
-    // All that Thrift prints by itself also comes as an exception, and is told in our own words.
+    // Everything that Thrift prints also comes as an exception, which we report ourselves.
     apache::thrift::GlobalOutput.setOutputFunction([](const char*) {});
     const int exitCode = dockhandctl::runCommandLine(argumentCount, arguments);
     std::cout.flush();

@@ -16,7 +16,7 @@ namespace {
 
 using Client = UsbService::Client;
 
-/// Waits for the operation and shows on a terminal for how long it has been doing so.
+/// Waits for the operation. On a terminal, shows the time that has passed.
 bool runShowingTime(const std::string& title, const std::function<bool()>& operation) {
   if (isatty(STDERR_FILENO) == 0) {
     return operation();
@@ -51,7 +51,7 @@ void confirmWiping(const Settings& settings, std::int16_t device) {
             << "  open      " << (disk.open ? "yes, at " + printable(disk.mountPoint) : "no") << std::endl;
   if (isatty(STDIN_FILENO) == 0) {
     throw Failure(notConfirmed,
-                  nameOf(device) + ": nothing was done: there is no terminal to ask on, and no --yes");
+                  nameOf(device) + ": nothing was done: there is no terminal to ask on; give --yes");
   }
   std::cerr << "Type yes to go on: " << std::flush;
   std::string answer;
@@ -59,13 +59,13 @@ void confirmWiping(const Settings& settings, std::int16_t device) {
   if (answer != "yes") {
     throw Failure(notConfirmed, nameOf(device) + ": nothing was done");
   }
-  // Numbers are given again: what has it now may be another disk than the one that was shown.
+  // Numbers are reused, so another disk may have this one now.
   const bool isTheSame = ask(settings.timeout, [&](UsbService& service) {
     return requireDevice(service, device) == disk.kernelName &&
            service.text(&Client::GetDeviceLabel, device).text == disk.label;
   });
   if (!isTheSame) {
-    throw Failure(notConfirmed, nameOf(device) + ": nothing was done: it has become another disk meanwhile");
+    throw Failure(notConfirmed, nameOf(device) + ": nothing was done: it is another disk now; try again");
   }
 }
 
@@ -73,19 +73,19 @@ int prepare(const Settings& settings, std::int16_t device, bool confirmed) {
   if (!confirmed) {
     confirmWiping(settings, device);
   }
-  // An unknown device would leave the daemon deaf to plug events.
+  // After a call for an unknown device the daemon would ignore plug events.
   const std::string kernelName =
       printable(ask(settings.timeout, [&](UsbService& service) { return requireDevice(service, device); }));
   const bool prepared = runShowingTime("Preparing " + nameOf(device) + " (" + kernelName + ")", [&] {
     return ask(settings.timeout, [&](UsbService& service) {
-      service.waitWithoutEnd();
+      service.waitForever();
       return service.call([&](Client& client) { return client.PrepareDeviceForPvr(device); });
     });
   });
   if (!prepared) {
     complain(nameOf(device) + " (" + kernelName +
              "): partitioning or formatting failed; see /tmp/Dockhand.log and dockhand's log, and "
-             "dockhandctl doctor");
+             "run dockhandctl doctor");
     return answerIsNo;
   }
   std::cout << nameOf(device) << " is a recording disk now\n";
@@ -98,7 +98,7 @@ int repair(const Settings& settings, std::int16_t device) {
   std::string reasonForNot;
   const bool repaired = runShowingTime("Repairing " + nameOf(device) + " (" + kernelName + ")", [&] {
     return ask(settings.timeout, [&](UsbService& service) {
-      service.waitWithoutEnd();
+      service.waitForever();
       if (service.call([&](Client& client) { return client.RunDiskRepair(device); })) {
         return true;
       }

@@ -55,14 +55,14 @@ bool isServed(const std::string& path) {
 MediaServiceStandIn::MediaServiceStandIn(std::function<void(const Event&)> onEvent) {
   const std::string path = ravel::rpc::localSocketPath(mediaServiceNumber);
   if (isServed(path)) {
-    throw Failure(mediaServiceThere,
-                  "a media service is there and serves " + path + "; watch is for when none is");
+    throw Failure(mediaServiceRunning,
+                  "a media service already serves \"" + path + "\"; stop it to watch in its place");
   }
   std::shared_ptr<ravel::rpc::TUnixServerSocket> socket;
   try {
     socket = std::make_shared<ravel::rpc::TUnixServerSocket>(mediaServiceNumber);
   } catch (const TTransportException& reason) {
-    throw Failure(ownFailure, std::string("cannot serve in the media service's place: ") + reason.what());
+    throw Failure(ownFailure, std::string("cannot take the media service's place: ") + reason.what());
   }
   server_ = std::make_unique<apache::thrift::server::TThreadedServer>(
       std::make_shared<ravel::rpc::corvane_rpc_gen_Processor>(std::make_shared<Handler>(std::move(onEvent))),

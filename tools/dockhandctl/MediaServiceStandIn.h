@@ -11,7 +11,7 @@
 
 namespace dockhandctl {
 
-/// One callback as it arrived.
+/// One callback.
 struct Event {
   std::string name;  ///< "added" or "removed"
   std::int16_t device;
@@ -22,12 +22,12 @@ struct Event {
 /// Serves the media service's socket in its place.
 class MediaServiceStandIn {
  public:
-  /// Serves from now on. `onEvent` is called in threads of the server, one call at a time. Throws Failure:
-  /// mediaServiceThere when somebody serves the socket, ownFailure when it cannot be had.
+  /// Serves from now on. Calls `onEvent` in threads of the server, one call at a time. Throws Failure:
+  /// mediaServiceRunning if somebody serves the socket, ownFailure if the socket cannot be bound.
   explicit MediaServiceStandIn(std::function<void(const Event&)> onEvent);
   MediaServiceStandIn(const MediaServiceStandIn&) = delete;
   MediaServiceStandIn& operator=(const MediaServiceStandIn&) = delete;
-  /// Ends the connections and gives the socket back.
+  /// Ends the connections and removes the socket.
   ~MediaServiceStandIn();
 
  private:

@@ -26,10 +26,10 @@ namespace fs = std::filesystem;
 
 constexpr auto nodeFolder = "/dev";
 constexpr auto nodePrefix = "usb_storage_";
-/// The kernel writes these as octal numbers into the mount table; the daemon does so for blanks only.
+/// The kernel writes these as octal numbers into the mount table; the daemon writes only blanks so.
 constexpr auto escapedByTheKernel = "\t\n\\";
-/// How much of the mount table the daemon reads.
-constexpr std::size_t readByTheDaemon = 1024;
+/// The daemon reads this many bytes of the mount table.
+constexpr std::size_t maxTableBytes = 1024;
 
 std::string systemPath(const std::string& path) {
   const char* const root = std::getenv("DOCKHANDCTL_TEST_ROOT");
@@ -53,7 +53,7 @@ std::string textOf(const char* text) {
   return text != nullptr ? text : "";
 }
 
-/// Nothing when it cannot be read.
+/// No value if it cannot be read.
 std::optional<std::vector<Mount>> readMountTable(const std::string& process) {
   const std::string path = systemPath("/proc/" + process + "/mountinfo");
   const std::unique_ptr<libmnt_table, TableDeleter> table(mnt_new_table_from_file(path.c_str()));
@@ -70,7 +70,7 @@ std::optional<std::vector<Mount>> readMountTable(const std::string& process) {
   return result;
 }
 
-/// The number of the device behind a node. What is no node has the number 0, which no mount has.
+/// The number of the device behind a node. 0, which no mount has, if there is no node.
 dev_t numberOf(const std::string& kernelName) {
   struct stat status {};
   const std::string node = systemPath(nodeFolder) + "/" + nodePrefix + kernelName;
@@ -89,8 +89,8 @@ std::optional<std::string> typeByUdev(dev_t device) {
   return std::nullopt;
 }
 
-/// The path of what the kernel finds there, which also is who says which links may be followed. Nothing, with
-/// errno, when there is nothing.
+/// The path of what the kernel finds there, so that the kernel decides which links may be followed. No value,
+/// and errno, if it finds nothing.
 std::optional<std::string> resolveExisting(const std::string& path) {
   const ravel::rpc::FileDescriptor file(::open(path.c_str(), O_PATH | O_CLOEXEC));
   if (!file.valid()) {
@@ -102,7 +102,7 @@ std::optional<std::string> resolveExisting(const std::string& path) {
   return error ? std::nullopt : std::optional(result);
 }
 
-/// As resolveExisting(); the last part need not exist.
+/// Like resolveExisting(), but the last part may be missing.
 std::optional<std::string> resolve(const std::string& path) {
   auto result = resolveExisting(path);
   if (result || errno != ENOENT) {
@@ -134,7 +134,7 @@ Mounted readMounted(const std::string& kernelName, pid_t daemon) {
   const auto table = readMountTable("self");
   if (!table) {
     throw Failure(ownFailure, "\"" + systemPath("/proc/self/mountinfo") +
-                                  "\" cannot be read, so what is mounted is not known; mount /proc");
+                                  "\" cannot be read, so the mounts are unknown; mount /proc");
   }
   add(*table, result.at);
   add(readMountTable(std::to_string(daemon)).value_or(std::vector<Mount>()), result.atForDaemonOnly);
@@ -183,9 +183,9 @@ std::string closablePath(const std::string& path) {
     throw std::system_error(error, quotedList({path}) + " cannot be resolved");
   }
   const bool isEscaped = resolved->find_first_of(escapedByTheKernel) != std::string::npos;
-  if (isEscaped || *resolved == "/" || resolved->size() >= readByTheDaemon) {
+  if (isEscaped || *resolved == "/" || resolved->size() >= maxTableBytes) {
     throw std::runtime_error(quotedList({*resolved}) +
-                             (isEscaped          ? " has a tab, a newline or a backslash in it"
+                             (isEscaped          ? " contains a tab, a newline or a backslash"
                               : *resolved == "/" ? " is the root directory"
                                                  : " is too long") +
                              ", so dockhand could not close the device there; choose another directory");

@@ -30,7 +30,7 @@ std::vector<ListedDevice> readDevices(const Settings& settings, bool includeHidd
     try {
       result.push_back({readDevice(service, number), visibleOnes.count(number) == 0});
     } catch (const Failure& failure) {
-      // One that is pulled out meanwhile does not keep the others from being shown.
+      // If one is pulled out meanwhile, still show the others.
       if (failure.exitCode() != noSuchDevice) {
         throw;
       }
@@ -39,7 +39,7 @@ std::vector<ListedDevice> readDevices(const Settings& settings, bool includeHidd
   return result;
 }
 
-/// As ask(), about a device that there is.
+/// Like ask(), but throws for an unknown device first.
 template <class Questions>
 auto askAbout(const Settings& settings, std::int16_t device, Questions&& questions) {
   return ask(settings.timeout, [&](UsbService& service) {
@@ -48,7 +48,7 @@ auto askAbout(const Settings& settings, std::int16_t device, Questions&& questio
   });
 }
 
-/// Prints the one value that a command is about; nothing is a "no" whose reason goes to standard error.
+/// Prints the one value of a command. A null value counts as "no", with the reason on standard error.
 int printValue(const Settings& settings, std::int16_t device, const char* key, const Json& value,
                const std::string& text, const std::string& reasonForNone) {
   if (settings.json) {
@@ -155,7 +155,7 @@ int usbVersion(const Settings& settings, std::int16_t device) {
     return service.text(&Client::GetDeviceUsbVersion, device);
   });
   return printText(settings, device, "usbVersion", answer.success ? answer.text : "",
-                   "its USB version is not known: readUsbVersion.sh is missing, fails or prints nothing");
+                   "its USB version is unknown: readUsbVersion.sh is missing, fails or prints nothing");
 }
 
 int type(const Settings& settings, std::int16_t device) {
@@ -184,7 +184,7 @@ int mountPoint(const Settings& settings, std::int16_t device) {
   return printText(settings, device, "mountPoint", isOpen ? path : "",
                    path.empty()
                        ? "it is not open"
-                       : "it is not open; the last attempt to open it at " + printable(path) + " failed");
+                       : "it is not open; the last attempt to open it at " + quotedList({path}) + " failed");
 }
 
 int kernelName(const Settings& settings, std::int16_t device) {
@@ -210,7 +210,7 @@ int files(const Settings& settings, std::int16_t device, const std::string& dire
   std::vector<std::string> names;
   std::string path;
   const bool isOpen = askAbout(settings, device, [&](UsbService& service) {
-    // Without a mount point the daemon would look the directory up from the root of its own file system.
+    // Without a mount point the daemon looks the directory up from the root of its own file system.
     if (!service.call([&](Client& client) { return client.IsDeviceOpen(device); })) {
       return false;
     }
@@ -219,7 +219,8 @@ int files(const Settings& settings, std::int16_t device, const std::string& dire
     return true;
   });
   if (!isOpen) {
-    complain(nameOf(device) + ": it is not open, so its files cannot be listed");
+    complain(nameOf(device) + ": it is not open; open it first (dockhandctl open " + std::to_string(device) +
+             ")");
     return answerIsNo;
   }
   const std::optional<bool> mayBeCut = exceeds(path, settings.directoryBounds);
@@ -236,9 +237,8 @@ int files(const Settings& settings, std::int16_t device, const std::string& dire
     }
   }
   if (mayBeCut.value_or(false)) {
-    complain(nameOf(device) + ": files may be missing here: " + quotedList({path}) +
-             " has more names than "
-             "dockhand reads of one directory; put the files into several");
+    complain(nameOf(device) + ": files may be missing: " + quotedList({path}) +
+             " has more names than dockhand reads of one directory; spread them over several");
   }
   return done;
 }

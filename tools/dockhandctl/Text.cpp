@@ -27,8 +27,7 @@ Character characterAt(const std::string& text, std::size_t position) {
   return {value, length, true};
 }
 
-/// Characters that libc calls printable although one does not see them: they reorder or hide what is around
-/// them.
+/// Invisible characters that libc calls printable: they reorder or hide the text around them.
 bool misleads(wchar_t character) {
   return character == 0x061C || (character >= 0x200B && character <= 0x200F) ||
          (character >= 0x202A && character <= 0x202E) || (character >= 0x2060 && character <= 0x206F) ||

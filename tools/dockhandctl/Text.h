@@ -5,22 +5,22 @@
 #include <string>
 #include <vector>
 
-/// Texts for people. Those that come from disks are not to be trusted: they go through printable(). Call
-/// useUtf8() first. One thread at a time.
+/// Texts for people. Texts from disks are untrusted and go through printable(). Call useUtf8() first. One
+/// thread at a time.
 namespace dockhandctl {
 
-/// Makes the functions below take texts for UTF-8 whatever the user's locale is. Where the system has no such
-/// locale, everything that is not ASCII counts as unprintable.
+/// Makes the functions below read texts as UTF-8, whatever the user's locale is. If the system has no such
+/// locale, everything but ASCII counts as unprintable.
 void useUtf8();
 
-/// The text with all that could drive a terminal or mislead the reader written \xHH, byte by byte: control
-/// characters, bytes that are no UTF-8, characters that reorder or hide text. A backslash becomes two.
+/// The text without what could drive a terminal or mislead the reader. Control characters, bytes that are not
+/// UTF-8, and characters that reorder or hide text are written \xHH, byte by byte. A backslash becomes two.
 std::string printable(const std::string& text);
 
-/// How many columns of a terminal a printable text takes.
+/// The width of a printable text in columns of a terminal.
 int columns(const std::string& text);
 
-/// "dockhandctl: " and the text, as a line on standard error.
+/// Writes "dockhandctl: " and the text as a line to standard error.
 void complain(const std::string& text);
 
 /// Columns of equal width, two blanks apart.
@@ -28,7 +28,7 @@ class Table {
  public:
   explicit Table(std::vector<std::string> headings);
 
-  /// As many cells as there are headings, already printable.
+  /// Takes one printable cell for each heading.
   void add(std::vector<std::string> cells);
   void print(std::ostream& out) const;
 

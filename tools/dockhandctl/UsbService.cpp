@@ -26,8 +26,8 @@ namespace {
 constexpr int serviceNumber = 9020;
 constexpr auto busy =
     "all ten workers of dockhand may be busy with connections that others keep open, or a slow operation "
-    "holds up "
-    "the others";
+    "delays "
+    "the others; try again later, or with a longer --timeout";
 
 std::string userName(uid_t user) {
   const passwd* const entry = getpwuid(user);
@@ -45,27 +45,26 @@ std::string permissionText(const std::string& path) {
   if (::stat(object.c_str(), &status) != 0) {
     object = ravel::rpc::localSocketDirectory();
     if (::stat(object.c_str(), &status) != 0) {
-      return "no permission for " + path + ": a directory above it may not be searched; run as root";
+      return "no permission for \"" + path + "\": a directory above it cannot be searched; run as root";
     }
   }
   char mode[8];
   static_cast<void>(std::snprintf(mode, sizeof(mode), "%04o", status.st_mode & 07777U));
   const std::string group = groupName(status.st_gid);
-  return "no permission for " + path + ": " + object + " belongs to " + userName(status.st_uid) +
-         " and group " + group + ", mode " + mode +
-         "; run as root or as a member of a group that the mode lets in";
+  return "no permission for \"" + path + "\": \"" + object + "\" belongs to " + userName(status.st_uid) +
+         " and group " + group + ", mode " + mode + "; run as root or as a member of a group that has access";
 }
 
 [[noreturn]] void failToConnect(const TTransportException& reason) {
   const std::string path = ravel::rpc::localSocketPath(serviceNumber);
   if (reason.getType() == TTransportException::TIMED_OUT) {
-    throw Failure(noAnswerInTime, path + " accepts no connection: " + busy);
+    throw Failure(noReplyInTime, "\"" + path + "\" accepts no connection: " + busy);
   }
   switch (connectionError(path)) {
     case ENOENT:
     case ENOTDIR:
     case ECONNREFUSED:
-      throw Failure(notReached, "nobody serves " + path + " (is dockhand running?)");
+      throw Failure(notReached, "nobody serves \"" + path + "\"; start dockhand");
     case EACCES:
     case EPERM:
       throw Failure(notReached, permissionText(path));
@@ -131,16 +130,16 @@ void UsbService::rethrowAsFailure() {
   try {
     throw;
   } catch (const TApplicationException& failure) {
-    throw Failure(daemonFailed, "dockhand answered with a failure: " + printable(failure.what()));
+    throw Failure(daemonFailed, "dockhand replied with a failure: " + printable(failure.what()));
   } catch (const TTransportException& failure) {
     if (failure.getType() == TTransportException::TIMED_OUT) {
-      throw Failure(noAnswerInTime,
-                    std::string("no answer in time: ") + busy + "; what was asked for may still be done");
+      throw Failure(noReplyInTime,
+                    std::string("no reply in time: ") + busy + "; the operation may still complete");
     }
     throw Failure(daemonFailed,
-                  std::string("the connection to dockhand ended before its answer: ") + failure.what());
+                  std::string("the connection to dockhand ended before its reply: ") + failure.what());
   } catch (const TException& failure) {
-    throw Failure(daemonFailed, std::string("dockhand's answer makes no sense: ") + failure.what());
+    throw Failure(daemonFailed, std::string("dockhand's reply is invalid: ") + failure.what());
   }
 }
 

@@ -17,25 +17,25 @@
 namespace dockhandctl {
 
 /// One connection to the daemon, for the calls of one command. It occupies one of the daemon's ten workers,
-/// so it is not kept while somebody is asked or something is waited for; see ask(). One thread at a time.
+/// so do not keep it while the program waits for a user or an event; see ask(). One thread at a time.
 ///
-/// Everything throws Failure with the code that fits: notReached, daemonFailed, noAnswerInTime.
+/// Every function may throw Failure: notReached, daemonFailed or noReplyInTime.
 class UsbService {
  public:
   using Client = ravel::rpc::usb_rpc_gen_Client;
-  /// An operation that answers with a flag and a text about a device.
+  /// An operation that returns a flag and a text about a device.
   using TextOperation = void (Client::*)(ravel::rpc::ReturnValueWithString&, std::int16_t);
 
-  /// Connects. `timeout` bounds the connecting and the wait for each answer.
+  /// Connects. `timeout` limits the connecting, and the wait for each reply.
   explicit UsbService(std::chrono::milliseconds timeout);
 
-  /// The process that serves the socket; 0: not known.
+  /// The process that serves the socket; 0 if unknown.
   pid_t daemon() const;
 
-  /// From now on an answer is waited for without end.
-  void waitWithoutEnd() { socket_->setRecvTimeout(0); }
+  /// Removes the time limit for replies.
+  void waitForever() { socket_->setRecvTimeout(0); }
 
-  /// Runs `operation`, which is given the generated client, and returns its result.
+  /// Runs `operation` with the generated client, and returns its result.
   template <class Operation>
   auto call(Operation&& operation) {
     try {
@@ -58,16 +58,16 @@ class UsbService {
   Client client_;
 };
 
-/// Runs `questions`, which is given a UsbService&, and returns its result once the connection has ended. Who
-/// prints it may have to wait for its reader, be that a pager or a terminal that was stopped.
+/// Runs `questions` with a UsbService&, and returns its result after the connection has ended. Printing the
+/// result may have to wait for its reader, such as a pager or a stopped terminal.
 template <class Questions>
 auto ask(std::chrono::milliseconds timeout, Questions&& questions) {
   UsbService service(timeout);
   return std::forward<Questions>(questions)(service);
 }
 
-/// Whether somebody serves the local socket at `path`: 0, or the errno of a connection attempt. EAGAIN means
-/// served, with a full backlog.
+/// 0 if somebody serves the local socket at `path`, otherwise the errno of a connection attempt. EAGAIN means
+/// that it is served, but the backlog is full.
 int connectionError(const std::string& path);
 
 }  // namespace dockhandctl

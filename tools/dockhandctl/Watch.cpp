@@ -16,7 +16,7 @@ namespace {
 
 using Client = UsbService::Client;
 
-/// The device number that stands for the Xrite device.
+/// The device number of the Xrite device in events.
 constexpr std::int16_t xriteDevice = -1;
 
 void print(const Settings& settings, const Event& event) {
@@ -33,18 +33,18 @@ void print(const Settings& settings, const Event& event) {
   }
 }
 
-/// SIGINT, SIGTERM and SIGHUP, held back for the whole process from here on and taken one by one.
-class EndingSignals {
+/// Blocks SIGINT, SIGTERM and SIGHUP for the whole process, and takes them one by one.
+class TerminationSignals {
  public:
-  EndingSignals() {
+  TerminationSignals() {
     sigemptyset(&signals_);
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
       sigaddset(&signals_, signal);
     }
     if (pthread_sigmask(SIG_BLOCK, &signals_, nullptr) != 0) {
-      throw Failure(ownFailure, "signals cannot be held back");
+      throw Failure(ownFailure, "signals cannot be blocked");
     }
-    // A reader that goes away is to end the watch in order, not the process in the midst of it.
+    // If the reader goes away, the watch must still deregister.
     ::signal(SIGPIPE, SIG_IGN);
   }
 
@@ -61,8 +61,8 @@ class EndingSignals {
 }  // namespace
 
 int watch(const Settings& settings, std::int8_t observerId) {
-  // Before the server's threads are made, which inherit it.
-  const EndingSignals endingSignals;
+  // Before the server starts its threads, because they inherit the blocked signals.
+  const TerminationSignals terminationSignals;
   std::atomic<bool> outputFailed{false};
   const MediaServiceStandIn mediaService([&](const Event& event) {
     print(settings, event);
@@ -77,7 +77,7 @@ int watch(const Settings& settings, std::int8_t observerId) {
     client.RegisterUsbRemovedCallBack(observerId, observer);
   });
   std::cerr << "Watching as observer " << static_cast<int>(observerId) << "; Ctrl-C ends it." << std::endl;
-  endingSignals.waitForOne();
+  terminationSignals.waitForOne();
   UsbService(settings.timeout).call([&](Client& client) {
     client.DeregisterUsbAddedCallBack(observerId, observer);
     client.DeregisterUsbRemovedCallBack(observerId, observer);

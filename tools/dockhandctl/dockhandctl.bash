@@ -1,4 +1,4 @@
-# Completion of dockhandctl for bash. Device numbers come from the daemon itself.
+# Completion of dockhandctl for bash. It asks the daemon for device numbers.
 
 _dockhandctl_devices() {
   dockhandctl --timeout 1 list --all 2>/dev/null

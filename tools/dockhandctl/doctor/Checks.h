@@ -6,17 +6,17 @@
 
 #include "Machine.h"
 
-/// Each check looks at one thing that the daemon relies on, and changes nothing.
+/// Each check looks at one thing that the daemon needs, and changes nothing.
 namespace dockhandctl::doctor {
 
 enum class State { ok, warning, problem };
 
-/// What a check has found.
+/// The result of a check.
 struct Finding {
   std::string check;  ///< Its name, one word.
   State state;
-  std::string message;  ///< What is the case.
-  std::string remedy;   ///< How to mend it; empty for ok.
+  std::string message;  ///< What was found.
+  std::string remedy;   ///< How to fix it; empty for ok.
 };
 
 using Findings = std::vector<Finding>;
@@ -46,7 +46,7 @@ Findings checkUdevRules(const Machine& machine);
 Findings checkNodes(const Machine& machine);
 Findings checkLogFile(const Machine& machine);
 
-/// All of them, in this order.
+/// All checks, in the order of the report.
 Findings checkEverything(const Machine& machine);
 
 }  // namespace dockhandctl::doctor

@@ -41,11 +41,11 @@ Findings checkEverything(const Machine& machine) {
 
 int runDoctor(const Settings& settings, const std::vector<std::string>& ignored) {
   const doctor::Findings findings = doctor::checkEverything(doctor::thisMachine());
-  bool allWell = true;
+  bool allOk = true;
   Json checks = Json::array();
   for (const doctor::Finding& finding : findings) {
     const bool isIgnored = std::find(ignored.begin(), ignored.end(), finding.check) != ignored.end();
-    allWell = allWell && (finding.state == doctor::State::ok || isIgnored);
+    allOk = allOk && (finding.state == doctor::State::ok || isIgnored);
     const std::string state = doctor::textOf(finding.state);
     if (settings.json) {
       checks.push_back({{"check", finding.check},
@@ -55,14 +55,14 @@ int runDoctor(const Settings& settings, const std::vector<std::string>& ignored)
                         {"remedy", finding.remedy}});
     } else {
       std::cout << state << std::string(9 - state.size(), ' ') << finding.check << ": "
-                << printable(finding.message) << (finding.remedy.empty() ? "" : ". To mend it: ")
+                << printable(finding.message) << (finding.remedy.empty() ? "" : ". Fix: ")
                 << printable(finding.remedy) << (isIgnored ? " (ignored)" : "") << '\n';
     }
   }
   if (settings.json) {
-    std::cout << toText({{"ok", allWell}, {"checks", checks}}) << '\n';
+    std::cout << toText({{"ok", allOk}, {"checks", checks}}) << '\n';
   }
-  return allWell ? done : answerIsNo;
+  return allOk ? done : answerIsNo;
 }
 
 }  // namespace dockhandctl

@@ -22,15 +22,14 @@ Findings checkMedia(const Machine& machine) {
              "mount a tmpfs at /media"}};
   }
   if (status.st_uid != machine.owner || (status.st_mode & S_IWUSR) == 0) {
-    return {
-        {check, State::warning, "/media is not the daemon's to write to", "give it to root, with mode 0755"}};
+    return {{check, State::warning, "the daemon may not write to /media", "give it to root, with mode 0755"}};
   }
   if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
     return {{check, State::problem,
-             "/media may be written to by others than root, who decide with a link where a stick is mounted",
+             "others than root may write to /media, and redirect the mount of a stick with a link",
              "chmod 0755 /media, and install integration/tmpfiles"}};
   }
-  return {{check, State::ok, "/media is there and may be written to, by root only", ""}};
+  return {{check, State::ok, "only root may write to /media", ""}};
 }
 
 Findings checkTmp(const Machine& machine) {
@@ -42,10 +41,10 @@ Findings checkTmp(const Machine& machine) {
   }
   const bool forOthers = (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
   if (status.st_uid != machine.owner || (forOthers && (status.st_mode & S_ISVTX) == 0)) {
-    return {{check, State::problem, "others can take the daemon's files in /tmp away and put a link there",
+    return {{check, State::problem, "others can remove the daemon's files in /tmp and put a link there",
              "give it to root, with mode 1777"}};
   }
-  return {{check, State::ok, "files in /tmp are safe from others than their owner", ""}};
+  return {{check, State::ok, "files in /tmp are safe from all but their owners", ""}};
 }
 
 Findings checkUdevRules(const Machine& machine) {
@@ -54,13 +53,13 @@ Findings checkUdevRules(const Machine& machine) {
   for (const char* folder :
        {"/etc/udev/rules.d", "/run/udev/rules.d", "/usr/lib/udev/rules.d", "/lib/udev/rules.d"}) {
     const std::string file = std::string(folder) + "/" + name;
-    std::error_code ignored;  // what cannot be looked at is not there
+    std::error_code ignored;  // a folder that we cannot read counts as empty
     if (std::filesystem::exists(machine.root + file, ignored)) {
       return {{check, State::ok, file + " is installed", ""}};
     }
   }
   return {{check, State::warning, name + " is not installed: udev makes no nodes and announces no devices",
-           "install integration/udev, or let something else do its work"}};
+           "install integration/udev, or let another device manager do this"}};
 }
 
 Findings checkNodes(const Machine& machine) {
@@ -80,15 +79,16 @@ Findings checkNodes(const Machine& machine) {
     }
     ++devices;
     if (!machine.isBlockDevice(machine.root + "/dev/" + name)) {
-      findings.push_back({check, State::problem, "/dev/" + name + " is no block device, but taken for one",
-                          "remove it, and mend what made it"});
+      findings.push_back({check, State::problem,
+                          "/dev/" + name + " is not a block device, but dockhand takes it for one",
+                          "remove it, and fix the program that made it"});
     }
   }
   ::closedir(directory);
   if (findings.empty()) {
     findings.push_back({check, State::ok,
                         devices == 0 ? "/dev has no " + mark + " node: nothing is plugged in"
-                                     : "/dev has block devices only among its " + mark + " nodes",
+                                     : "all " + mark + " nodes in /dev are block devices",
                         ""});
   }
   return findings;
@@ -100,12 +100,13 @@ Findings checkLogFile(const Machine& machine) {
   struct stat status {};
   if (::lstat((machine.root + file).c_str(), &status) != 0) {
     if (errno == ENOENT) {
-      return {{check, State::ok, file + " will be made by the first disk tool", ""}};
+      return {{check, State::ok, file + " does not exist yet; the daemon makes it before the first disk tool",
+               ""}};
     }
     return {{check, State::problem, file + ": " + std::strerror(errno), "make /tmp accessible"}};
   }
   if (!S_ISREG(status.st_mode)) {
-    return {{check, State::problem, file + " is no regular file: the daemon will move it aside, if it can",
+    return {{check, State::problem, file + " is not a regular file: the daemon will move it aside if it can",
              "remove it, and find out who put it there"}};
   }
   if (status.st_uid != machine.owner) {

@@ -7,7 +7,7 @@
 namespace dockhandctl::doctor {
 namespace {
 
-/// How the kernel was configured, where it tells.
+/// The kernel's configuration, if it can be read.
 class KernelConfiguration {
  public:
   explicit KernelConfiguration(const Machine& machine) {
@@ -27,7 +27,7 @@ class KernelConfiguration {
 
   bool known() const { return text_.has_value(); }
 
-  /// Whether an option is built in or a module; false also where nothing is known.
+  /// True if an option is built in or a module; false also if the configuration is unknown.
   bool has(const std::string& option) const {
     return text_ && (("\n" + *text_).find("\nCONFIG_" + option + "=y\n") != std::string::npos ||
                      ("\n" + *text_).find("\nCONFIG_" + option + "=m\n") != std::string::npos);
@@ -47,7 +47,7 @@ bool isRegistered(const Machine& machine, const std::string& fileSystem) {
   return false;
 }
 
-/// As the kernel itself would load it, whatever the PATH is.
+/// Uses the modprobe that the kernel itself runs, whatever the PATH is.
 bool isLoadable(const Machine& machine, const std::string& module) {
   return machine.run({"/sbin/modprobe", "-n", "-q", module}).status == 0;
 }
@@ -65,7 +65,7 @@ Finding checkVfat(const Machine& machine, const KernelConfiguration& configurati
   if (!kernelHas(machine, "vfat")) {
     return missing("vfat", "CONFIG_VFAT_FS", "FAT sticks");
   }
-  // Every mount needs the tables of the default code page and of the default character set, utf8 or not.
+  // Every mount needs the tables of the default code page and the default character set, even with utf8.
   const bool tables = configuration.has("NLS_CODEPAGE_437") &&
                       (configuration.has("NLS_ISO8859_1") || configuration.has("NLS_ASCII"));
   if (configuration.known() && !tables) {
@@ -85,7 +85,7 @@ Finding withNlsUtf8(const Machine& machine, const KernelConfiguration& configura
             "make the kernel's configuration readable: CONFIG_IKCONFIG_PROC, or /boot/config-" +
                 machine.kernelRelease};
   }
-  return {fileSystem, State::problem, "the kernel has no table for nls=utf8, the mount option used",
+  return {fileSystem, State::problem, "the kernel has no table for dockhand's mount option nls=utf8",
           "build the kernel with CONFIG_NLS_UTF8"};
 }
 
@@ -96,7 +96,7 @@ Finding checkNtfs(const Machine& machine, const KernelConfiguration& configurati
   Finding finding = missing("ntfs", "CONFIG_NTFS_FS", "NTFS sticks");
   if (kernelHas(machine, "ntfs3")) {
     finding.message =
-        "the kernel has ntfs only under the name ntfs3, which is not tried: NTFS sticks cannot be opened";
+        "the kernel has NTFS only as ntfs3, which dockhand does not try: NTFS sticks cannot be opened";
   }
   return finding;
 }
@@ -114,9 +114,8 @@ Finding checkHfs(const Machine& machine, const KernelConfiguration& /*configurat
   }
   return {"hfs", State::warning,
           "the kernel's hfs does not know the mount option nls=utf8: HFS disks (not HFS+) cannot be opened, "
-          "although "
-          "opening them reports success",
-          "where such disks matter, patch the kernel to take the option; else pass --ignore hfs"};
+          "although opening them reports success",
+          "if you need such disks, patch the kernel to accept the option; otherwise pass --ignore hfs"};
 }
 
 Finding checkHfsplus(const Machine& machine, const KernelConfiguration& configuration) {
@@ -142,12 +141,12 @@ Finding checkXfs(const Machine& machine, const KernelConfiguration& configuratio
               machine.kernelRelease};
 }
 
-/// How much of the mount table the daemon reads when it closes a device.
-constexpr std::size_t tableRead = 1024;
+/// The daemon reads this many bytes of the mount table when it closes a device.
+constexpr std::size_t maxTableBytes = 1024;
 
 struct MountLine {
   std::string target;
-  std::size_t endOfTarget;  ///< Offset behind the blank that follows the mount point.
+  std::size_t endOfTarget;  ///< Offset after the blank that follows the mount point.
 };
 
 std::vector<MountLine> parseMountTable(const std::string& table) {
@@ -201,42 +200,44 @@ Findings checkProtectedFiles(const Machine& machine) {
     }
   }
   if (!off.empty()) {
-    return {{check, State::warning, "root uses what users put into directories for all: off are " + off,
-             "install integration/sysctl, or set them"}};
+    return {{check, State::warning,
+             "root uses what users plant in shared directories, because these settings are off: " + off,
+             "install integration/sysctl, or switch them on"}};
   }
-  return {{check, State::ok, "links, pipes and files in directories for all work for their owners only", ""}};
+  return {{check, State::ok, "links, pipes and files in shared directories work for their owners only", ""}};
 }
 
 Findings checkMountTable(const Machine& machine) {
   const std::string check = "mount-table";
   const std::string consequence = ", and closing it reports success without unmounting it";
-  const std::string remedy = "run dockhand in a mount namespace of its own with fewer mounts";
-  const std::string limit = " bytes, of which closing a device reads " + std::to_string(tableRead);
+  const std::string remedy =
+      "run dockhand in its own mount namespace, with fewer mounts (DOCKHAND_NAMESPACE=always)";
+  const std::string limit = " bytes, of which closing a device reads " + std::to_string(maxTableBytes);
   std::string whose = "the daemon's mount table";
   auto table = machine.daemon == 0 ? std::nullopt
                                    : machine.read("/proc/" + std::to_string(machine.daemon) + "/mounts");
   if (!table) {
-    whose = "our own mount table (the daemon's cannot be read)";
+    whose = "dockhandctl's own mount table (the daemon's cannot be read)";
     table = machine.read("/proc/self/mounts");
   }
   if (!table) {
     return {{check, State::problem, "no mount table can be read", "mount /proc"}};
   }
   for (const MountLine& line : parseMountTable(*table)) {
-    if (line.target.rfind("/media/", 0) == 0 && line.endOfTarget > tableRead) {
+    if (line.target.rfind("/media/", 0) == 0 && line.endOfTarget > maxTableBytes) {
       std::string message = line.target;
-      message.append(" lies beyond the first ").append(std::to_string(tableRead)).append(" bytes of ");
+      message.append(" lies beyond the first ").append(std::to_string(maxTableBytes)).append(" bytes of ");
       return {{check, State::problem, message.append(whose).append(consequence), remedy}};
     }
   }
-  // A line as a stick gets it is about 150 bytes long; its mount point has to be within the limit.
+  // The line of a stick has about 150 bytes; only its mount point must be within the limit.
   constexpr std::size_t lineLength = 150;
   constexpr std::size_t upToMountPoint = 40;
   const std::string size = whose + " has " + std::to_string(table->size()) + limit;
-  if (table->size() + upToMountPoint > tableRead) {
+  if (table->size() + upToMountPoint > maxTableBytes) {
     return {{check, State::problem, size + ": the next device will lie beyond them" + consequence, remedy}};
   }
-  const std::size_t room = (tableRead - upToMountPoint - table->size()) / lineLength + 1;
+  const std::size_t room = (maxTableBytes - upToMountPoint - table->size()) / lineLength + 1;
   if (room < 2) {
     return {{check, State::warning, size + ": there is room for one more device only", remedy}};
   }

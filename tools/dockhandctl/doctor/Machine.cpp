@@ -86,7 +86,7 @@ CommandResult runProgram(const std::string& program, std::vector<std::string> co
                          const std::vector<std::string>& path) {
   int ends[2];
   if (::pipe2(ends, O_CLOEXEC) != 0) {
-    throw Failure(ownFailure, "no pipe for " + program);
+    throw Failure(ownFailure, "cannot make a pipe for \"" + program + "\"");
   }
   const FileDescriptor reading(ends[0]);
   FileDescriptor writing(ends[1]);
@@ -135,7 +135,7 @@ std::optional<std::string> pathOf(const Machine& machine) {
       return variable.substr(5);
     }
   }
-  // What the shell that the daemon starts falls back on.
+  // The default of the daemon's shell.
   return "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 }
 
@@ -145,7 +145,8 @@ void findPath(Machine& machine) {
       machine.path = splitPath(*path);
       return;
     }
-    machine.reasonForOtherPath = "that of process " + std::to_string(machine.daemon) + " may not be read";
+    machine.reasonForOtherPath =
+        "the daemon's (process " + std::to_string(machine.daemon) + ") cannot be read";
   } else {
     machine.reasonForOtherPath = "the daemon was not found";
   }
@@ -167,7 +168,7 @@ std::optional<std::string> Machine::read(const std::string& file) const {
 
 std::string Machine::find(const std::string& program) const {
   for (const std::string& folder : path) {
-    std::error_code ignored;  // what cannot be looked at is not there
+    std::error_code ignored;  // a file that we cannot read does not count
     std::string file = folder;
     file.append("/").append(program);
     const std::string place = root + file;
@@ -196,7 +197,7 @@ Machine thisMachine() {
   if (::uname(&names) == 0) {
     machine.kernelRelease = names.release;
   }
-  // The lookup is a copy's: the machine may move.
+  // Captures a copy, because the machine may move.
   machine.run = [path = machine.path](const std::vector<std::string>& command) -> CommandResult {
     Machine lookup;
     lookup.path = path;

@@ -12,21 +12,21 @@ namespace dockhandctl::doctor {
 
 /// How a command ended.
 struct CommandResult {
-  int status = 0;      ///< Exit status; 127: there is no such program; 128 and more: ended by a signal.
+  int status = 0;      ///< Exit status; 127: no such program; 128 and more: ended by a signal.
   std::string output;  ///< Standard output and standard error.
 };
 
-/// All that the checks know of the system, so that a test can hand them one of its own making.
+/// All that the checks know about the system, so that a test can replace it.
 struct Machine {
   /// Put before every absolute path that a check looks at. Empty: the system itself.
   std::string root;
   /// Path of the daemon's socket, without the root.
   std::string socket;
-  /// Who is to own the socket, its directory and the log file.
+  /// The expected owner of the socket, its directory and the log file.
   uid_t owner = 0;
-  /// The process that serves the socket; 0: not known.
+  /// The process that serves the socket; 0 if unknown.
   pid_t daemon = 0;
-  /// errno of connecting to the socket; 0: it is served.
+  /// The errno of connecting to the socket; 0 if it is served.
   int connectionError = 0;
   /// The folders where the daemon finds its tools, without the root.
   std::vector<std::string> path;
@@ -35,20 +35,20 @@ struct Machine {
   std::string reasonForOtherPath;
   std::string kernelRelease;
 
-  /// Runs a program, looked up in `path`, to its end, with nothing to read.
+  /// Looks a program up in `path` and runs it to its end, with an empty input.
   std::function<CommandResult(const std::vector<std::string>&)> run;
-  /// Whether a path, which comes with the root, is on a file system that is mounted read-only.
+  /// Takes a path with the root. True if it is on a file system that is mounted read-only.
   std::function<bool(const std::string&)> isOnReadOnlyFileSystem;
-  /// Whether a path, which comes with the root, is, or leads to, a block device.
+  /// Takes a path with the root. True if it is, or leads to, a block device.
   std::function<bool(const std::string&)> isBlockDevice;
 
-  /// The content of a file, or nothing when it cannot be read.
+  /// The content of a file; no value if it cannot be read.
   std::optional<std::string> read(const std::string& file) const;
-  /// Where `path` has a program of this name, without the root; empty: nowhere.
+  /// The file of a program in `path`, without the root; empty if there is none.
   std::string find(const std::string& program) const;
 };
 
-/// The one that this process runs on. Connects to the daemon once, to learn its process id.
+/// The machine of this process. Connects to the daemon once, to learn its process id.
 Machine thisMachine();
 
 /// Folders of a PATH.

@@ -33,10 +33,10 @@ Findings checkSocket(const Machine& machine) {
       return {{check, State::problem, machine.socket + " does not exist", "start dockhand"}};
     case ECONNREFUSED:
       return {{check, State::problem, "nobody serves " + machine.socket,
-               "start dockhand; it replaces a socket that an earlier one left behind"}};
+               "start dockhand; it replaces the socket that an earlier one has left"}};
     case EACCES:
-      return {{check, State::problem, machine.socket + " may not be connected to",
-               "run this as root or as a member of the socket's group"}};
+      return {{check, State::problem, machine.socket + " refuses the connection: permission denied",
+               "run dockhandctl as root or as a member of the socket's group"}};
     default:
       return {{check, State::problem, machine.socket + ": " + std::strerror(machine.connectionError),
                "see dockhand's log"}};

@@ -15,7 +15,7 @@
 
 namespace dockhandctl::doctor {
 
-/// An empty file to try disk tools on, which takes no room, gone with this object.
+/// An empty file to try disk tools on. It takes no room, and is removed with this object.
 class SparseFile {
  public:
   explicit SparseFile(off_t size) : path_(std::filesystem::temp_directory_path() / "dockhandctl-XXXXXX") {
@@ -35,7 +35,7 @@ class SparseFile {
 
   const std::string& path() const { return path_; }
 
-  /// The byte at `offset`; 0 where there is none.
+  /// The byte at `offset`; 0 if there is none.
   unsigned char byteAt(off_t offset) const {
     unsigned char byte = 0;
     return ::pread(file_.get(), &byte, 1, offset) == 1 ? byte : static_cast<unsigned char>(0);

@@ -24,9 +24,9 @@ constexpr Tool tools[] = {{"umount", "preparing and repairing a disk that is mou
                           {"udevadm", "looking into udev", true}};
 
 const char* const wrapperFirst =
-    "put the folder of Dockhand's own tools (lib/dockhand/tools) first in the daemon's PATH";
+    "put the folder of the wrappers (lib/dockhand/tools) first in the daemon's PATH";
 
-// Where they are installed, whatever the prefix is.
+// The installed folder ends so, whatever the prefix is.
 const char* const wrapperFolder = "/dockhand/tools/";
 constexpr const char* wrappers[] = {"dd", "fdisk", "logger", "mkfs.xfs", "umount"};
 
@@ -35,9 +35,8 @@ std::string firstLine(const std::string& text) {
 }
 
 bool hasPartition(const SparseFile& disk) {
-  // The type of the first entry of a DOS partition table.
-  constexpr off_t typeOfFirst = 446 + 4;
-  return disk.byteAt(typeOfFirst) != 0;
+  constexpr off_t typeOfFirstDosEntry = 446 + 4;
+  return disk.byteAt(typeOfFirstDosEntry) != 0;
 }
 
 }  // namespace
@@ -49,8 +48,8 @@ Findings checkPath(const Machine& machine) {
   }
   if (!machine.pathIsDaemons) {
     return {{"path", State::warning,
-             "tools are looked for in our own PATH, " + folders + ", since " + machine.reasonForOtherPath,
-             "run this as root while dockhand runs"}};
+             "the checks use dockhandctl's own PATH, " + folders + ", because " + machine.reasonForOtherPath,
+             "run dockhandctl as root while dockhand runs"}};
   }
   return {{"path", State::ok, "the daemon looks for its tools in " + folders, ""}};
 }
@@ -82,23 +81,23 @@ Findings checkWrappers(const Machine& machine) {
     }
   }
   if (!bare.empty()) {
-    return {{"wrappers", State::warning,
-             "nothing of Dockhand's stands before " + bare +
-                 ", so that a disk may be wiped while it is in use, prepared wrongly, or write to the log "
-                 "what it "
-                 "likes",
-             wrapperFirst}};
+    return {
+        {"wrappers", State::warning,
+         "no wrapper comes before " + bare +
+             ", so a disk may be wiped while it is in use, be prepared wrongly, or write control characters "
+             "to the log",
+         wrapperFirst}};
   }
-  return {{"wrappers", State::ok, "Dockhand's own tools stand before the system's", ""}};
+  return {{"wrappers", State::ok, "the wrappers come before the system's tools", ""}};
 }
 
 Findings checkPartitioning(const Machine& machine) {
   const std::string check = "partitioning";
   const std::string fdisk = machine.find("fdisk");
   if (fdisk.empty()) {
-    return {{check, State::problem, "cannot be tried, there is no fdisk", "install fdisk"}};
+    return {{check, State::problem, "cannot be tried: there is no fdisk", "install fdisk"}};
   }
-  // The daemon's own command, on a file. fdisk may well make a mess and still say that all went well.
+  // The daemon's own command, on a file. Look at the result, because fdisk may fail and still exit with 0.
   constexpr off_t diskSize = 16 << 20;
   const SparseFile disk(diskSize);
   const CommandResult result =
@@ -109,7 +108,7 @@ Findings checkPartitioning(const Machine& machine) {
   if (machine.run({"/bin/sh", "-c", "echo -e 'n'"}).output != "n\n") {
     return {{check, State::problem,
              "the echo of /bin/sh prints the -e that the daemon gives it, and " + fdisk +
-                 " takes it for an answer",
+                 " reads it as an answer",
              std::string(wrapperFirst) + ", or make bash or busybox the /bin/sh"}};
   }
   return {
@@ -122,7 +121,7 @@ Findings checkFormatting(const Machine& machine) {
   const std::string check = "formatting";
   const std::string mkfs = machine.find("mkfs.xfs");
   if (mkfs.empty()) {
-    return {{check, State::problem, "cannot be tried, there is no mkfs.xfs", "install xfsprogs"}};
+    return {{check, State::problem, "cannot be tried: there is no mkfs.xfs", "install xfsprogs"}};
   }
   // Today's mkfs.xfs refuses a disk of less than 300 MiB.
   constexpr off_t diskSize = 512 << 20;
@@ -130,7 +129,7 @@ Findings checkFormatting(const Machine& machine) {
   const CommandResult result =
       machine.run({"mkfs.xfs", "-N", "-f", "-l", "lazy-count=0", "-L", "PVR_DISK", disk.path()});
   if (result.status == 0) {
-    return {{check, State::ok, mkfs + " takes the daemon's options", ""}};
+    return {{check, State::ok, mkfs + " accepts the daemon's options", ""}};
   }
   return {{check, State::problem,
            mkfs + " refuses the daemon's options (-l lazy-count=0): " + firstLine(result.output),
