@@ -4,10 +4,6 @@
 
 #include "HandlerTest.h"
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::SizeIs;
-
 namespace {
 
 class Closing : public HandlerTest {
@@ -87,35 +83,6 @@ TEST_F(Closing, KeepsAnEarlierMarkOfSafeRemoval) {
   entry(id).safelyRemoved = true;
   EXPECT_TRUE(handler->CloseDevice(id));
   EXPECT_TRUE(entry(id).safelyRemoved);
-}
-
-TEST_F(Closing, HoldsTheLockForAllButItsFirstLine) {
-  const auto id = plugInOpen();
-  watchLock();
-  EXPECT_TRUE(handler->CloseDevice(id));
-  EXPECT_THAT(unlocked, ElementsAre("CloseDevice(1)"));
-}
-
-TEST_F(Closing, HoldsTheLockForAllButTheFirstLineOfASafeRemoval) {
-  const auto id = plugInOpen();
-  watchLock();
-  EXPECT_TRUE(handler->CloseDeviceSafeRemoval(id));
-  EXPECT_THAT(unlocked, ElementsAre("CloseDeviceSafeRemoval(1)"));
-}
-
-TEST_F(Closing, RefusesNumbersThatNoDeviceHas) {
-  plugInOpen();
-  for (const int number : {-32768, -1, 0, 2, 32767}) {
-    const auto id = static_cast<std::int16_t>(number);
-    journal().clear();
-    EXPECT_FALSE(handler->CloseDevice(id));
-    EXPECT_FALSE(handler->CloseDeviceSafeRemoval(id));
-    EXPECT_THAT(journal().events(),
-                ElementsAre("log 2 @806 CloseDevice(" + std::to_string(number) + ")",
-                            "log 2 @834 No such device available!",
-                            "log 2 @816 CloseDeviceSafeRemoval(" + std::to_string(number) + ")",
-                            "log 2 @834 No such device available!"));
-  }
 }
 
 TEST_F(Closing, RefusesADeviceThatIsNotMounted) {
@@ -237,23 +204,6 @@ TEST_F(Closing, ReportsWhetherADeviceIsOpen) {
   entry(id).deviceOpen = true;
   EXPECT_TRUE(handler->IsDeviceOpen(id));
   EXPECT_THAT(journal().events(), ElementsAre("log 2 @792 IsDeviceOpen(1)", "log 2 @792 IsDeviceOpen(1)"));
-}
-
-TEST_F(Closing, HoldsTheLockWhileItReportsWhetherADeviceIsOpen) {
-  watchLock();
-  handler->IsDeviceOpen(1);
-  EXPECT_THAT(journal().logs(), SizeIs(2));
-  EXPECT_THAT(unlocked, IsEmpty());
-}
-
-TEST_F(Closing, TreatsAnUnknownDeviceAsNotOpen) {
-  entry(plugIn({"sdb"})).deviceOpen = true;
-  for (const int number : {-32768, -1, 0, 2, 32767}) {
-    journal().clear();
-    EXPECT_FALSE(handler->IsDeviceOpen(static_cast<std::int16_t>(number)));
-    EXPECT_THAT(journal().events(), ElementsAre("log 2 @792 IsDeviceOpen(" + std::to_string(number) + ")",
-                                                "log 2 @797 No such device available!"));
-  }
 }
 
 TEST_F(Closing, NamesTheNodeOfAPartitionedDisk) {

@@ -5,9 +5,6 @@
 
 #include "HandlerTest.h"
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-
 namespace {
 
 class Discovery : public HandlerTest {
@@ -55,14 +52,6 @@ TEST_F(Discovery, LogsANewRecordWithAPartitionInItsTextForm) {
                                             "log 2 @196 entry: name=sdb12 number=12 matchFound=0",
                                             "log 2 @208 deviceNumber NOT empty - settings part count to 1",
                                             "log 2 @226 deviceMap.insert(1, [sdb,1,0,,0,0], mapSize=1"));
-}
-
-TEST_F(Discovery, ScansWithTheLockHeld) {
-  bool held = false;
-  platform.onCall = [&](const std::string&) { held = lockIsHeld(); };
-  handler->CheckForAndUpdateNewDevices();
-  EXPECT_TRUE(held);
-  EXPECT_FALSE(lockIsHeld());
 }
 
 TEST_F(Discovery, GivesANewDeviceTheSmallestFreeNumber) {
@@ -257,14 +246,6 @@ TEST_F(Discovery, ReplacesWhatTheListHeldBefore) {
   std::vector<std::int16_t> found = {id, 9};
   handler->GetListOfInsertedDevices(found, false);
   EXPECT_THAT(found, ElementsAre(id));
-}
-
-TEST_F(Discovery, HoldsTheLockForAllButTheFirstLineOfAListing) {
-  plugIn({"sda"});
-  watchLock();
-  std::vector<std::int16_t> found;
-  handler->GetListOfInsertedDevices(found, false);
-  EXPECT_THAT(unlocked, ElementsAre("GetListOfInsertedDevices"));
 }
 
 TEST_F(Discovery, ListsAnAnnouncedDevice) {

@@ -3,14 +3,9 @@
 #include <atomic>
 #include <cerrno>
 #include <future>
-#include <limits>
 #include <new>
 
 #include "HandlerTest.h"
-
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::SizeIs;
 
 namespace {
 
@@ -192,25 +187,6 @@ TEST_F(DiskRepair, FailsWhenTheLogFileIsLostBeforeTheSecondRepair) {
 }
 
 // Refusals
-
-TEST_F(DiskRepair, RefusesAnUnknownDevice) {
-  for (const std::uint32_t key : {65535U, 32768U}) {
-    handler->deviceMap[key] = entry(1);
-  }
-  for (const std::int16_t id : {std::int16_t{-1}, std::numeric_limits<std::int16_t>::min(), std::int16_t{0},
-                                std::int16_t{9}, std::numeric_limits<std::int16_t>::max()}) {
-    journal().clear();
-    EXPECT_FALSE(handler->RunDiskRepair(id));
-    const std::string number = std::to_string(id);
-    EXPECT_THAT(journal().events(),
-                ElementsAre("log 2 @1187 RunDiskRepair(" + number + ")",
-                            "log 2 @952 GetPartitionInfo(" + number + ")",
-                            "log 5 @965 GetPartitionInfo(" + number + ") - Unknown device!",
-                            "log 5 @1194 RunDiskRepair(" + number + ") - Unknown device!",
-                            "log 3 @1263 xfs_repair FAILED"));
-    EXPECT_TRUE(isIdle());
-  }
-}
 
 TEST_F(DiskRepair, RefusesAnOpenDeviceAndUnmountsNothing) {
   entry(1).deviceOpen = true;

@@ -10,9 +10,6 @@
 #include "FailureJudges.h"
 #include "HandlerTest.h"
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-
 namespace {
 
 struct Judgement {

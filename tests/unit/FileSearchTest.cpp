@@ -1,11 +1,6 @@
 // Files by extension.
 
-#include <limits>
-
 #include "HandlerTest.h"
-
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 namespace {
 
@@ -108,12 +103,9 @@ TEST_F(FileSearch, SearchesFromTheRootDirectoryForADeviceThatWasNeverOpened) {
 
 TEST_F(FileSearch, SearchesFromTheRootDirectoryForAnUnknownDeviceWithoutReportingIt) {
   mountWith({"a.conf"});
-  for (const std::uint32_t key : {65535U, 32768U}) {
-    handler->deviceMap[key] = entry(1);
-  }
+  addRecordsUnderUnsignedNumbers();
   platform.directories["/etc"] = {"b.conf"};
-  for (const std::int16_t id : {std::int16_t{-1}, std::numeric_limits<std::int16_t>::min(), std::int16_t{0},
-                                std::int16_t{9}, std::numeric_limits<std::int16_t>::max()}) {
+  for (const auto id : unknownIds) {
     journal().clear();
     EXPECT_THAT(search(id, "etc", "conf"), ElementsAre("b.conf"));
     EXPECT_THAT(journal().events(), ElementsAre("log 2 @1402 GetFilesByExtension(" + std::to_string(id) + ")",
@@ -162,15 +154,6 @@ TEST_F(FileSearch, FindsALongNameInFull) {
   const std::string name = std::string(251, 'n') + ".mp3";
   const auto id = mountWith({name});
   EXPECT_THAT(search(id, "music", "mp3"), ElementsAre(name));
-}
-
-TEST_F(FileSearch, HoldsTheLockForTheWholeListing) {
-  const auto id = mountWith({"a.mp3"});
-  watchLock();
-  search(id, "music", "mp3");
-  EXPECT_THAT(journal().calls(), ElementsAre("opendir /media/disk_1/music", "closedir /media/disk_1/music"));
-  EXPECT_THAT(unlocked, ElementsAre("GetFilesByExtension(1)"));
-  EXPECT_FALSE(lockIsHeld());
 }
 
 TEST_F(FileSearch, LogsNothingAboveTraceLevel) {

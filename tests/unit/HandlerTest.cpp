@@ -48,6 +48,13 @@ void HandlerTest::pullOut(const std::vector<std::string>& nodes) {
   }
 }
 
+void HandlerTest::addRecordsUnderUnsignedNumbers() {
+  for (const std::uint32_t key : {65535U, 32768U}) {
+    handler->deviceMap[key] = entry(1);
+    handler->deviceMap[key].mountPoint = "/media/wrong";
+  }
+}
+
 bool HandlerTest::lockIsHeld() {
   bool held = false;
   std::thread([this, &held] {

@@ -4,7 +4,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <string>
 #include <vector>
@@ -13,6 +15,20 @@
 #include "Journal.h"
 #include "ModuleLog.h"
 #include "TestableHandler.h"
+
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::IsSupersetOf;
+using ::testing::Not;
+using ::testing::Pair;
+using ::testing::SizeIs;
+
+/// Numbers that no device has in these tests.
+constexpr std::int16_t unknownIds[] = {-1, std::numeric_limits<std::int16_t>::min(), 0, 9,
+                                       std::numeric_limits<std::int16_t>::max()};
 
 /// A handler over a fake system, with all log lines on. The journal is empty when a test begins, and after
 /// each plugIn.
@@ -27,6 +43,9 @@ class HandlerTest : public ::testing::Test {
   std::int16_t plugIn(const std::vector<std::string>& nodes, const std::string& fsType = "");
   /// Removes the nodes, without a scan.
   void pullOut(const std::vector<std::string>& nodes);
+
+  /// Adds copies of record 1 that a negative number would find if it lost its sign.
+  void addRecordsUnderUnsignedNumbers();
 
   Dockhand::UsbDeviceEntry& entry(std::int16_t deviceId) {
     return handler->deviceMap.at(static_cast<std::uint32_t>(deviceId));

@@ -18,10 +18,6 @@
 #include "MediaService.h"
 #include "SocketDirectory.h"
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::SizeIs;
-
 using testsupport::Callback;
 using testsupport::MediaService;
 

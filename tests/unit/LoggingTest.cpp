@@ -7,11 +7,6 @@
 
 #include "HandlerTest.h"
 
-using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::SizeIs;
-
 namespace {
 
 /// What happened before the first test began: before main, as far as the handler's module goes.

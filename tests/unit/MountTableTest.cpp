@@ -5,8 +5,6 @@
 #include "HandlerTest.h"
 #include "MountTable.h"
 
-using ::testing::ElementsAre;
-
 namespace {
 
 class MountTable : public HandlerTest {

@@ -4,10 +4,6 @@
 
 #include "HandlerTest.h"
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::Pair;
-
 namespace {
 
 class ObserverTables : public HandlerTest {};
@@ -122,14 +118,6 @@ TEST_F(ObserverTables, LogsNothingAboveTraceLevel) {
   EXPECT_THAT(journal().events(), IsEmpty());
   EXPECT_THAT(handler->addedObservers, IsEmpty());
   EXPECT_THAT(handler->removedObservers, IsEmpty());
-}
-
-TEST_F(ObserverTables, WaitsForTheLock) {
-  EXPECT_TRUE(waitsForTheLock([this] { handler->RegisterUsbAddedCallBack(1, 1); }));
-  EXPECT_TRUE(waitsForTheLock([this] { handler->RegisterUsbRemovedCallBack(1, 1); }));
-  EXPECT_TRUE(waitsForTheLock([this] { handler->DeregisterUsbAddedCallBack(1, 1); }));
-  EXPECT_TRUE(waitsForTheLock([this] { handler->DeregisterUsbRemovedCallBack(1, 1); }));
-  EXPECT_FALSE(lockIsHeld());
 }
 
 }  // namespace

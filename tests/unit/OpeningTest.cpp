@@ -7,15 +7,6 @@
 
 #include "HandlerTest.h"
 
-using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::IsSupersetOf;
-using ::testing::Not;
-using ::testing::SizeIs;
-
 namespace {
 
 class Opening : public HandlerTest {
@@ -283,14 +274,6 @@ TEST_F(Opening, LeavesTheOtherFieldsOfTheRecordUnchanged) {
   EXPECT_FALSE(entry(id).safelyRemoved);
 }
 
-TEST_F(Opening, HoldsTheLockForAllButItsFirstLine) {
-  const auto id = plugIn({"sdb"});
-  failMounts(ENODEV);
-  watchLock();
-  EXPECT_FALSE(handler->OpenDevice(id));
-  EXPECT_THAT(unlocked, ElementsAre("OpenDeviceAt(1, /media/disk_1, isPvrDevice=0)"));
-}
-
 TEST_F(Opening, OpenDeviceCallsTheVirtualOpenDeviceAt) {
   class Overriding : public TestableHandler {
    public:
@@ -375,20 +358,6 @@ TEST_F(Opening, RefusesADeviceWhoseNodeIsGone) {
                           "log 2 @142 CheckForAndUpdateNewDevices", "scandir /dev",
                           "log 2 @652 Number of devices in map 0",
                           "log 2 @669 No such device available or device not plugged in"));
-}
-
-TEST_F(Opening, RefusesNumbersThatNoDeviceHas) {
-  plugIn({"sdb"}, "vfat");
-  for (const int id : {-32768, -1, 0, 2, 32767}) {
-    journal().clear();
-    EXPECT_FALSE(handler->OpenDevice(static_cast<std::int16_t>(id)));
-    const auto events = journal().events();
-    ASSERT_FALSE(events.empty());
-    EXPECT_EQ(events.front(), "log 3 @640 OpenDeviceAt(" + std::to_string(id) + ", /media/disk_" +
-                                  std::to_string(id) + ", isPvrDevice=0)");
-    EXPECT_EQ(events.back(), "log 2 @669 No such device available or device not plugged in");
-    EXPECT_THAT(journal().calls(), ElementsAre("scandir /dev"));
-  }
 }
 
 TEST_F(Opening, RefusesADeviceThatWasReportedRemoved) {

@@ -4,9 +4,6 @@
 
 #include "HandlerTest.h"
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-
 namespace {
 
 class Probing : public HandlerTest {
@@ -96,36 +93,6 @@ TEST_F(Probing, ReportsNothingAboutAnUnknownDevice) {
     EXPECT_THAT(journal().events(),
                 ElementsAre("log 2 @952 GetPartitionInfo(" + number + ")",
                             "log 5 @965 GetPartitionInfo(" + number + ") - Unknown device!"));
-  }
-}
-
-TEST_F(Probing, GivesAnUnknownDeviceTheDefaultLabelWithoutProbing) {
-  plugIn({"sdb"}, "vfat");
-  for (const int id : {-32768, -1, 0, 2, 32767}) {
-    journal().clear();
-    const auto result = label(id);
-    EXPECT_FALSE(result.success) << id;
-    EXPECT_EQ(result.text, "NONAME");
-    EXPECT_THAT(journal().events(),
-                ElementsAre("log 2 @1046 GetDeviceLabel",
-                            "log 2 @1060 GetDeviceLabel(" + std::to_string(id) + ")=NONAME"));
-  }
-}
-
-TEST_F(Probing, GivesAnUnknownDeviceTheDefaultUuidWithoutProbing) {
-  plugIn({"sdb"}, "vfat");
-  // The records that -1 and -32768 would find if they were cut to 16 bits.
-  for (const std::uint32_t key : {65535U, 32768U}) {
-    handler->deviceMap[key] = entry(1);
-  }
-  for (const int id : {-32768, -1, 0, 2, 32767}) {
-    journal().clear();
-    const auto result = uuid(id);
-    EXPECT_FALSE(result.success) << id;
-    EXPECT_EQ(result.text, "0000-0000");
-    EXPECT_THAT(journal().events(),
-                ElementsAre("log 2 @1024 GetDeviceUuid",
-                            "log 2 @1036 GetDeviceUUID(" + std::to_string(id) + ")=0000-0000"));
   }
 }
 

@@ -8,15 +8,10 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <limits>
 #include <new>
 #include <stdexcept>
 
 #include "HandlerTest.h"
-
-using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
-using ::testing::IsEmpty;
 
 namespace {
 
@@ -111,18 +106,6 @@ TEST_F(PvrPreparation, PartitionsTheDiskOfARecordWithoutAPartition) {
                           "system " + forceUnmount, "system " + makeFileSystem("Whole") + toLogFile));
 }
 
-TEST_F(PvrPreparation, HoldsTheLockFromTheFirstStepToTheLast) {
-  watchLock();
-  handler->PrepareDeviceForPvr(1);
-  EXPECT_THAT(unlocked, IsEmpty());
-  EXPECT_GT(journal().events().size(), 20U);
-  EXPECT_FALSE(lockIsHeld());
-
-  handler->PrepareDeviceForPvr(9);
-  EXPECT_THAT(unlocked, IsEmpty());
-  EXPECT_FALSE(lockIsHeld());
-}
-
 TEST_F(PvrPreparation, IsAnnouncedFromTheLookUpToTheRescan) {
   std::vector<std::string> announced;
   std::vector<std::string> unannounced;
@@ -135,23 +118,6 @@ TEST_F(PvrPreparation, IsAnnouncedFromTheLookUpToTheRescan) {
   EXPECT_EQ(announced.front(), "new_probe /dev/usb_storage_sdb1");
   EXPECT_EQ(announced.back(), "sleep 2");
   EXPECT_FALSE(handler->pvrPreparationRunning);
-}
-
-TEST_F(PvrPreparation, RefusesAnUnknownDeviceAndStaysAnnounced) {
-  for (const std::uint32_t key : {65535U, 32768U}) {
-    handler->deviceMap[key] = entry(1);
-  }
-  for (const std::int16_t id : {std::int16_t{-1}, std::numeric_limits<std::int16_t>::min(), std::int16_t{0},
-                                std::int16_t{9}, std::numeric_limits<std::int16_t>::max()}) {
-    journal().clear();
-    handler->pvrPreparationRunning = false;
-    EXPECT_FALSE(handler->PrepareDeviceForPvr(id));
-    EXPECT_TRUE(handler->pvrPreparationRunning);
-    const std::string number = std::to_string(id);
-    EXPECT_THAT(journal().events(),
-                ElementsAre("log 2 @860 PrepareDeviceForPvr(" + number + ")",
-                            "log 4 @866 PrepareDeviceForPvr() - Unknown device: " + number));
-  }
 }
 
 TEST_F(PvrPreparation, IgnoresPlugEventsAfterAnUnknownDeviceUntilAKnownOneIsPrepared) {

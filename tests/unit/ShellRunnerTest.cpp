@@ -2,9 +2,6 @@
 
 #include "HandlerTest.h"
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-
 namespace {
 
 const std::string passLog = "system logger -s -t Dockhand </tmp/Dockhand.log";
