@@ -1,12 +1,12 @@
-// dockhand-launch PROGRAM [ARGUMENT]...: starts the daemon where it can see what it has mounted.
+// dockhand-launch PROGRAM [ARGUMENT]...: starts the daemon so that it sees its own mounts.
 //
 // The daemon looks for its mounts in the first 1024 bytes of the mount table. On a full Linux system the
-// kernel's own file systems fill those, and a user who may mount can do it anywhere; closing a device then
-// finds nothing to unmount, and reports success. There the daemon gets a mount namespace with a table of a
-// few lines. /media and what DOCKHAND_SHARED names stay shared with the system: what one side mounts and
-// unmounts there, the other side sees.
+// kernel's own file systems fill these bytes, and so can a user who may mount. Closing a device then finds
+// nothing to unmount, and reports success. On such a system the daemon gets a mount namespace with a table of
+// a few lines. /media and the directories of DOCKHAND_SHARED stay shared with the system: each side sees what
+// the other mounts and unmounts there.
 //
-// Whatever fails here is said on standard error, and the daemon is started all the same.
+// The launcher reports every failure on standard error, and starts the daemon all the same.
 
 #include <mntent.h>
 #include <sys/mount.h>
@@ -39,16 +39,16 @@ using Words = std::vector<std::string>;
 
 namespace {
 
-// Room for two mounted sticks, with names and options, below the 1024 bytes that the daemon reads.
-constexpr std::size_t longestTable = 700;
+// Leaves room for two mounted sticks, with names and options, in the 1024 bytes that the daemon reads.
+constexpr std::size_t maxTableBytes = 700;
 
-// What the daemon and its tools use, where it is a mount of its own.
+// The daemon and its tools use these, so they must be in the namespace if they are mounts of their own.
 const Words usedDirectories = {"/bin", "/dev",  "/etc", "/lib", "/lib64", "/proc",
                                "/run", "/sbin", "/sys", "/tmp", "/usr"};
 
-std::string variable(const char* name, const std::string& otherwise) {
+std::string variable(const char* name, const std::string& defaultValue) {
   const char* const value = std::getenv(name);
-  return value != nullptr ? value : otherwise;
+  return value != nullptr ? value : defaultValue;
 }
 
 Words split(const std::string& text, char separator) {
@@ -74,8 +74,8 @@ std::size_t tableSize() {
   return text.size();
 }
 
-/// What lets users mount, as far as one can tell; empty when nothing does.
-std::string usersMayMount() {
+/// The program or the option that lets users mount; empty if none is found.
+std::string reasonUsersMayMount() {
   for (const char* folder :
        {"/bin/", "/sbin/", "/usr/bin/", "/usr/sbin/", "/usr/local/bin/", "/usr/local/sbin/"}) {
     for (const char* name : {"fusermount3", "fusermount"}) {
@@ -103,11 +103,11 @@ std::string usersMayMount() {
   return found;
 }
 
-/// Why the daemon gets a namespace of its own; nothing when it does not, which is then said.
+/// Why the daemon gets its own namespace. If it does not, says why and returns no value.
 std::optional<std::string> reasonForNamespace() {
   std::string setting = variable("DOCKHAND_NAMESPACE", "auto");
   if (!contains({"auto", "always", "never"}, setting)) {
-    say("DOCKHAND_NAMESPACE is \"" + setting + "\", not auto, always or never; auto is used");
+    say("DOCKHAND_NAMESPACE is \"" + setting + "\", which is not auto, always or never; auto is used");
     setting = "auto";
   }
   if (setting == "always") {
@@ -115,10 +115,10 @@ std::optional<std::string> reasonForNamespace() {
   }
   const std::string size = "the mount table has " + std::to_string(tableSize()) + " bytes";
   if (setting == "auto") {
-    if (tableSize() > longestTable) {
-      return size + ", more than " + std::to_string(longestTable);
+    if (tableSize() > maxTableBytes) {
+      return size + ", more than " + std::to_string(maxTableBytes);
     }
-    const std::string how = usersMayMount();
+    const std::string how = reasonUsersMayMount();
     if (!how.empty()) {
       return "users may mount (" + how + ")";
     }
@@ -128,22 +128,22 @@ std::optional<std::string> reasonForNamespace() {
   return std::nullopt;
 }
 
-/// True when nobody but root can make a directory on the way to this one, or in it.
-bool isRootsAlone(const fs::path& directory) {
+/// True if only root can make a directory in this one, or in one above it.
+bool isOnlyRoots(const fs::path& directory) {
   struct stat status {};
   const bool known = stat(directory.c_str(), &status) == 0;
   const bool othersMayWrite =
       (status.st_mode & S_IWOTH) != 0 || ((status.st_mode & S_IWGRP) != 0 && status.st_gid != 0);
   return known && status.st_uid == 0 && !othersMayWrite &&
-         (directory == directory.root_path() || isRootsAlone(directory.parent_path()));
+         (directory == directory.root_path() || isOnlyRoots(directory.parent_path()));
 }
 
-/// The directories of DOCKHAND_SHARED as they are shared.
+/// The directories that are shared for DOCKHAND_SHARED.
 Words namedDirectories() {
   Words shared;
   for (const std::string& name : split(variable("DOCKHAND_SHARED", ""), ':')) {
     fs::path path = fs::path(name + "/").lexically_normal().parent_path();
-    // The daemon makes and removes the directory that a stick is on, so the one above has to be shared.
+    // The daemon makes and removes the directory of a stick, so its parent must be shared.
     const std::string above = path.parent_path();
     if (above != "/" && !contains(usedDirectories, above)) {
       path = above;
@@ -151,12 +151,12 @@ Words namedDirectories() {
     std::error_code error;
     const fs::path directory = fs::canonical(path, error);
     const bool usable = path.is_absolute() && directory != "/" && fs::is_directory(directory, error);
-    if (usable && isRootsAlone(directory)) {
+    if (usable && isOnlyRoots(directory)) {
       shared.push_back(directory);
     } else if (!name.empty()) {
-      say("DOCKHAND_SHARED: \"" + name + "\" is not shared: " + path.string() +
-          (usable ? " and all above it must be root's to write to only"
-                  : " is no directory that can be shared"));
+      say("DOCKHAND_SHARED: \"" + name + "\" is not shared: \"" + path.string() +
+          (usable ? "\" and all above it must belong to root, and only root may write to them"
+                  : "\" is not a directory that can be shared; make it, or name another"));
     }
   }
   return shared;
@@ -179,7 +179,7 @@ launch::View viewOf(const std::string& program) {
   fs::create_directories("/media");
   Words shared = namedDirectories();
   shared.push_back(fs::canonical("/media"));
-  // What is below another comes along with that.
+  // A directory below another is shared with that one.
   std::sort(shared.begin(), shared.end());
   for (const std::string& path : shared) {
     if (view.shared.empty() || (path + "/").rfind(view.shared.back() + "/", 0) != 0) {
@@ -189,8 +189,8 @@ launch::View viewOf(const std::string& program) {
   return view;
 }
 
-/// What a daemon has left that was killed while it repaired a disk. No later one would unmount it before the
-/// next repair, and a disk that is closed for removal would still be mounted.
+/// Unmounts what a daemon left that was killed while it repaired a disk. Otherwise it stays mounted until the
+/// next repair, even if the disk is closed for removal.
 void unmountLeftRepair() {
   const char* const place = "/media/disk_tmp";
   int count = 0;
@@ -199,9 +199,9 @@ void unmountLeftRepair() {
     ++count;
   }
   if (result != 0 && errno != EINVAL && errno != ENOENT) {
-    say(std::string(place) + " stays mounted: " + std::strerror(errno));
+    say("\"" + std::string(place) + "\" stays mounted: " + std::strerror(errno));
   } else if (count > 0 && rmdir(place) != 0) {
-    say(std::string(place) + " stays there: " + std::strerror(errno));
+    say("\"" + std::string(place) + "\" cannot be removed: " + std::strerror(errno));
   }
 }
 
@@ -216,9 +216,9 @@ void chooseNamespace(const std::string& program) {
       say("the daemon stays in the system's mount namespace, although " + *reason);
     }
   }
-  if (tableSize() > longestTable) {
+  if (tableSize() > maxTableBytes) {
     say("the daemon's mount table has " + std::to_string(tableSize()) +
-        " bytes, of which it reads 1024; closing may not find its mounts");
+        " bytes, of which it reads 1024; closing may not find its mounts; shorten the table");
   }
 }
 
@@ -229,15 +229,15 @@ int main(int argc, char** argv) {
     std::fputs("usage: dockhand-launch PROGRAM [ARGUMENT]...\n", stderr);
     return 2;
   }
-  // Where it is ignored, nobody hears of the end of a child.
+  // If the parent ignored SIGCHLD, waitpid would not get the status of a child.
   std::signal(SIGCHLD, SIG_DFL);
   unmountLeftRepair();
   try {
     chooseNamespace(argv[1]);
   } catch (const std::exception& error) {
-    say(std::string("the daemon starts without a mount namespace that is made for it: ") + error.what());
+    say(std::string("the daemon starts without its own mount namespace: ") + error.what());
   }
   execvp(argv[1], argv + 1);
-  say(std::string(argv[1]) + ": " + std::strerror(errno));
+  say("\"" + std::string(argv[1]) + "\": " + std::strerror(errno));
   return 127;
 }

@@ -27,13 +27,13 @@ void require(bool succeeded, const std::string& step) {
   }
 }
 
-/// The descriptor means this directory whatever is renamed or mounted. Nobody closes it but exec.
+/// The descriptor stays on this directory whatever is renamed or mounted. Only exec closes it.
 struct Directory {
   std::string path;
   int descriptor = -1;
 };
 
-/// How the kernel names the mount that a descriptor is on, in fdinfo and mountinfo.
+/// The kernel's number, in fdinfo and mountinfo, of the mount of a descriptor.
 int mountNumber(int descriptor) {
   const std::string name = "/proc/self/fdinfo/" + std::to_string(descriptor);
   std::ifstream lines(name);
@@ -46,7 +46,7 @@ int mountNumber(int descriptor) {
   return number;
 }
 
-/// True when the mount has peers, or can have them: 36 35 98:0 / /media rw shared:1 - tmpfs media rw
+/// True if the mount has peers, or can have them: 36 35 98:0 / /media rw shared:1 - tmpfs media rw
 bool isShared(int number) {
   std::ifstream table("/proc/self/mountinfo");
   std::string line;
@@ -54,7 +54,7 @@ bool isShared(int number) {
     std::istringstream words(line);
     int found = -1;
     if (words >> found && found == number) {
-      // The options that follow the fixed fields end with a hyphen.
+      // A hyphen ends the options after the fixed fields.
       std::string word;
       while (words >> word && word != "-") {
         if (word.rfind("shared:", 0) == 0) {
@@ -66,7 +66,7 @@ bool isShared(int number) {
   return false;
 }
 
-/// The directories on the way to a canonical path at which a mount begins: "/" first.
+/// The directories on the way to a canonical path where a mount begins; the first is "/".
 std::vector<Directory> mountsOnTheWay(const std::string& path) {
   std::vector<Directory> found;
   int lastNumber = -1;
@@ -105,8 +105,8 @@ void makeDirectory(const std::string& path) {
   require(mkdir(path.c_str(), 0700) == 0, path);
 }
 
-/// Shares the mount that holds the directory, and those below. A stick that is not shared would be unmounted
-/// here and stay in the system, where somebody may have mounted something inside of it.
+/// Shares the mount that holds the directory, and the mounts below it. A stick that is not shared would be
+/// unmounted only here, and stay in the system, where somebody may have mounted something inside it.
 void share(const std::string& path) {
   const Directory holder = mountsOnTheWay(path).back();
   if (!isShared(mountNumber(holder.descriptor))) {
@@ -120,8 +120,8 @@ void enterNamespace(const View& view) {
   std::for_each(view.shared.begin(), view.shared.end(), share);
   require(unshare(CLONE_NEWNS) == 0, "unshare");
 
-  // Looked up only now, as the kernel binds no mount of another namespace. In the order of the paths: a mount
-  // comes before those that are on it.
+  // Look them up only now, because the kernel binds no mount of another namespace. The map has the order of
+  // the paths, so a mount comes before the mounts on it.
   std::map<std::string, Directory> mounts;
   for (const auto* paths : {&view.used, &view.shared}) {
     for (const std::string& path : *paths) {
@@ -135,14 +135,14 @@ void enterNamespace(const View& view) {
     const int descriptor = open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     require(descriptor >= 0, path);
     shared.push_back({path, descriptor});
-    // What is mounted there comes along with it.
+    // The mounts below come with the directory.
     for (auto mount = mounts.begin(); mount != mounts.end();) {
       mount = isWithin(mount->first, path) ? mounts.erase(mount) : std::next(mount);
     }
   }
 
-  // The new root is put together on a file system over /proc: that is always a mount, which lets go alone.
-  // The /proc below is still the working directory, and knows all descriptors.
+  // Build the new root on a file system over /proc, because /proc is always a mount and can be made private
+  // by itself. The /proc below is still the working directory, and has all descriptors.
   const std::string stage = "/proc";
   const std::string root = stage + "/root";
   const auto source = [](const Directory& directory) {
@@ -152,7 +152,8 @@ void enterNamespace(const View& view) {
   setPropagation(stage, MS_PRIVATE);
   require(mount("dockhand-launch", stage.c_str(), "tmpfs", 0, "mode=700") == 0, "tmpfs on " + stage);
 
-  // First what stays shared. All else lets go before it is bound: at no moment can anybody mount into it.
+  // First the shared directories. Everything else is made private before it is bound, so nobody can mount
+  // into it.
   const auto staged = [&stage](const Directory& directory) {
     return stage + "/" + std::to_string(directory.descriptor);
   };
@@ -171,8 +172,8 @@ void enterNamespace(const View& view) {
             "move to " + target);
   }
 
-  // The old root is then mounted over the new one. All in it lets go first, or its sticks would be unmounted
-  // everywhere.
+  // pivot_root leaves the old root mounted over the new one. Make all of it private first, or its unmount
+  // would unmount the sticks everywhere.
   require(chdir(root.c_str()) == 0, root);
   require(syscall(SYS_pivot_root, ".", ".") == 0, "pivot_root");
   require(fchdir(mounts.at("/").descriptor) == 0, "the old root");
@@ -189,7 +190,7 @@ bool canEnterNamespace(const View& view) {
       enterNamespace(view);
       _exit(0);
     } catch (const std::exception& error) {
-      say(std::string("no mount namespace can be made: ") + error.what());
+      say(std::string("cannot make a mount namespace: ") + error.what());
       _exit(1);
     }
   }

@@ -14,13 +14,15 @@
 namespace image {
 
 Disk::Disk(const std::string& tool, const std::string& path, int flags) : tool_(tool), path_(path) {
-  // Without O_CREAT, this is Linux' way to have a block device for oneself; it means nothing for a file.
+  // On Linux, O_EXCL without O_CREAT opens a block device exclusively. It has no effect on a file.
   file_ = open(path.c_str(), flags | O_EXCL | O_CLOEXEC);
   if (file_ < 0 && errno == EBUSY) {
     complain(tool,
-             path + " is in use: it, or a partition of it, is mounted, perhaps in another mount namespace");
+             quoted(path) +
+                 " is in use: it or one of its partitions is mounted, perhaps in another mount namespace; "
+                 "unmount it");
   } else if (file_ < 0 || !measure()) {
-    complainOfErrno(tool, path);
+    complainOfErrno(tool, quoted(path));
     close(file_);
     file_ = -1;
   }
@@ -53,7 +55,7 @@ bool Disk::wipe(std::uint64_t offset, std::size_t bytes) const {
   for (std::size_t done = 0; done < bytes;) {
     const ssize_t count = pwrite(file_, zeros.data(), bytes - done, static_cast<off_t>(offset + done));
     if (count <= 0) {
-      complainOfErrno(tool_, path_ + ": cannot write");
+      complainOfErrno(tool_, quoted(path_) + ": cannot write");
       return false;
     }
     done += static_cast<std::size_t>(count);
@@ -63,7 +65,7 @@ bool Disk::wipe(std::uint64_t offset, std::size_t bytes) const {
 
 bool Disk::flush() const {
   if (fsync(file_) != 0) {
-    complainOfErrno(tool_, path_ + ": cannot write");
+    complainOfErrno(tool_, quoted(path_) + ": cannot write");
     return false;
   }
   return true;
@@ -71,7 +73,7 @@ bool Disk::flush() const {
 
 bool Disk::read(std::uint64_t offset, void* buffer, std::size_t bytes) const {
   if (pread(file_, buffer, bytes, static_cast<off_t>(offset)) != static_cast<ssize_t>(bytes)) {
-    complain(tool_, path_ + ": cannot be read");
+    complain(tool_, quoted(path_) + ": cannot be read");
     return false;
   }
   return true;

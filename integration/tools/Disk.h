@@ -9,12 +9,12 @@
 
 namespace image {
 
-/// A disk, or an image of one, that is open.
+/// An open disk, or an open image of a disk.
 class Disk {
  public:
-  /// Opens a block device exclusively. The kernel refuses that for one that is in use, or has a partition
-  /// that is, in whatever mount namespace. Never makes a file. `flags` is O_RDONLY or O_RDWR. After a
-  /// failure, and a complaint in the name of `tool`, isOpen() is false.
+  /// Opens a block device exclusively. The kernel refuses that if the device or one of its partitions is in
+  /// use, in any mount namespace. Never makes a file. `flags` is O_RDONLY or O_RDWR. On failure it complains
+  /// in the name of `tool`, and isOpen() is false.
   Disk(const std::string& tool, const std::string& path, int flags);
   Disk(const Disk&) = delete;
   Disk& operator=(const Disk&) = delete;
@@ -24,14 +24,14 @@ class Disk {
   bool isBlockDevice() const { return isBlockDevice_; }
   /// In bytes.
   std::uint64_t size() const { return size_; }
-  /// Logical sectors, in bytes; 512 for an image.
+  /// Size of a logical sector in bytes; 512 for an image.
   std::uint32_t sectorSize() const { return sectorSize_; }
 
-  /// Writes zeros; false after a failure and a complaint.
+  /// Writes zeros. Returns false on failure, after a complaint.
   bool wipe(std::uint64_t offset, std::size_t bytes) const;
-  /// Waits until all that was written is on the disk; false after a failure and a complaint.
+  /// Waits until all written data is on the disk. Returns false on failure, after a complaint.
   bool flush() const;
-  /// False after a failure and a complaint.
+  /// Returns false on failure, after a complaint.
   bool read(std::uint64_t offset, void* buffer, std::size_t bytes) const;
 
  private:

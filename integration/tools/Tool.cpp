@@ -21,7 +21,7 @@ bool isProgram(const std::string& path, struct stat& status) {
   return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && access(path.c_str(), X_OK) == 0;
 }
 
-/// Does not return where it succeeds.
+/// Returns only on failure.
 void execute(const std::string& tool, const std::string& program, std::vector<std::string>& arguments) {
   std::vector<char*> words;
   words.reserve(arguments.size() + 1);
@@ -30,7 +30,7 @@ void execute(const std::string& tool, const std::string& program, std::vector<st
   }
   words.push_back(nullptr);
   execv(program.c_str(), words.data());
-  complainOfErrno(tool, program);
+  complainOfErrno(tool, quoted(program));
 }
 
 }  // namespace
@@ -38,7 +38,7 @@ void execute(const std::string& tool, const std::string& program, std::vector<st
 std::string nextProgram(const std::string& tool, const std::string& name) {
   struct stat self {};
   if (stat("/proc/self/exe", &self) != 0) {
-    // Whoever cannot tell himself from others would call himself for ever.
+    // A program that cannot recognise itself would call itself for ever.
     complainOfErrno(tool, "/proc/self/exe");
     return "";
   }
@@ -47,7 +47,7 @@ std::string nextProgram(const std::string& tool, const std::string& name) {
   std::string next;
   for (std::size_t begin = 0; begin <= path.size();) {
     const std::size_t end = std::min(path.find(':', begin), path.size());
-    // An empty folder is the current one.
+    // An empty entry means the current directory.
     std::string program = end == begin ? "." : path.substr(begin, end - begin);
     program.append("/").append(name);
     begin = end + 1;
@@ -62,7 +62,8 @@ std::string nextProgram(const std::string& tool, const std::string& name) {
     }
   }
   if (next.empty()) {
-    complain(tool, (name == tool ? "" : name + ": ") + "not found in " + path);
+    complain(tool,
+             (name == tool ? "" : name + ": ") + "not found in the PATH " + quoted(path) + "; install it");
   }
   return next;
 }
@@ -112,8 +113,12 @@ int readableText(const std::string& tool, const std::string& text) {
   return file;
 }
 
+std::string quoted(const std::string& text) {
+  return "\"" + text + "\"";
+}
+
 void complain(const std::string& tool, const std::string& text) {
-  // By one call, so that the lines of several programs do not mix.
+  // One call, so that the lines of several programs do not mix.
   std::fprintf(stderr, "%s\n", (tool + ": " + text).c_str());
 }
 

@@ -1,11 +1,15 @@
-// Stands before the real dd in the daemon's PATH.
+// Comes before the real dd in the daemon's PATH.
 //
-// The daemon zeroes the first sector of a disk before it makes a partition there, and goes on whatever comes
-// of it. The real dd makes a regular file where the disk has gone, which the daemon then takes for a disk; it
-// writes below a mounted file system; and it leaves what keeps fdisk from making a table: a label of BSD in
-// the second sector, and a GPT there and in the last ones. This one writes to a block device that nobody
-// uses, or not at all, and zeroes the first and the last MiB: partitions begin behind the one, and all that
-// tells of an old content of the whole disk is in them. Every other call is passed on as it is.
+// The daemon zeroes the first sector of a disk before it makes a partition, and goes on whatever happens. The
+// real dd
+// - makes a regular file if the disk has gone, and the daemon then takes the file for a disk;
+// - writes below a mounted file system;
+// - leaves what keeps fdisk from making a table: a BSD label in the second sector, and a GPT there and in the
+// last ones.
+//
+// This dd writes only to a block device that nobody uses. It zeroes the first and the last MiB: partitions
+// begin after the first, and every trace of an old content of the whole disk is in these two. It passes every
+// other call on.
 
 #include <fcntl.h>
 
@@ -21,16 +25,16 @@ namespace {
 const std::string tool = "dd";
 
 int wipe(const std::string& path) {
-  constexpr std::uint64_t most = 1 << 20;
+  constexpr std::uint64_t maxWipedBytes = 1 << 20;
   const image::Disk disk(tool, path, O_RDWR);
   if (!disk.isOpen()) {
     return image::failed;
   }
   if (!disk.isBlockDevice()) {
-    image::complain(tool, path + " is not a block device");
+    image::complain(tool, image::quoted(path) + " is not a block device; has the disk gone?");
     return image::failed;
   }
-  const auto bytes = static_cast<std::size_t>(std::min(disk.size(), most));
+  const auto bytes = static_cast<std::size_t>(std::min(disk.size(), maxWipedBytes));
   return disk.wipe(0, bytes) && disk.wipe(disk.size() - bytes, bytes) && disk.flush() ? 0 : image::failed;
 }
 

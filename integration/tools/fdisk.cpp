@@ -1,12 +1,15 @@
-// Stands before the real fdisk in the daemon's PATH.
+// Comes before the real fdisk in the daemon's PATH.
 //
 // The daemon answers fdisk's questions through `echo -e`, and asks for one partition over the whole disk.
-// This one
-// - takes the "-e " away that the echo of dash puts before the first answer,
-// - refuses a disk that is in use,
-// - has sfdisk make a GPT where a DOS table cannot name the end of the disk: with more than 2^32 sectors,
-// - fails where there is no such partition afterwards: the real one exits 0 when it was refused an answer.
-// Every other call, and other answers but for the "-e ", are passed on as they are.
+// This fdisk
+// - removes the "-e " that the echo of dash puts before the first answer;
+// - refuses a disk in use;
+// - lets sfdisk make a GPT if a DOS table cannot name the end of the disk, that is with more than 2^32
+// sectors;
+// - fails if the disk has no such partition afterwards: the real fdisk exits with 0 even if it accepts no
+// answer.
+//
+// It passes on every other call, and other answers without the "-e ".
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -25,7 +28,7 @@ using image::Disk;
 
 const std::string tool = "fdisk";
 const std::string daemonsAnswers = "n\np\n1\n\n\nw\n";
-constexpr std::uint64_t mostSectorsOfDosTable = std::uint64_t{1} << 32U;
+constexpr std::uint64_t maxSectorsOfDosTable = std::uint64_t{1} << 32U;
 
 std::string readInput() {
   std::string text;
@@ -45,7 +48,7 @@ std::uint64_t littleEndian(const unsigned char* bytes, int count) {
   return value;
 }
 
-/// Sectors of the one partition of a DOS table; 0 where there is none, or another besides.
+/// Sectors of the only partition of a DOS table; 0 if there is none, or more than one.
 std::uint64_t sectorsByDosTable(const Disk& disk) {
   constexpr std::size_t firstEntry = 446;
   constexpr std::size_t entrySize = 16;
@@ -63,7 +66,7 @@ std::uint64_t sectorsByDosTable(const Disk& disk) {
   return table[firstEntry + typeAt] == 0 ? 0 : littleEndian(&table[firstEntry + sectorsAt], 4);
 }
 
-/// Sectors of the first partition of a GPT; 0 where there is none.
+/// Sectors of the first partition of a GPT; 0 if there is none.
 std::uint64_t sectorsByGpt(const Disk& disk) {
   std::array<unsigned char, 512> header{};
   if (!disk.read(disk.sectorSize(), header.data(), header.size()) ||
@@ -84,7 +87,7 @@ std::uint64_t sectorsByGpt(const Disk& disk) {
 int makePartition(const std::string& path) {
   std::uint64_t sectors = 0;
   {
-    // Closed at the end of this block: the kernel reads a new table only of a disk that nobody has
+    // Close it at the end of this block: the kernel does not read a new table while a disk is open
     // exclusively.
     const Disk disk(tool, path, O_RDONLY);
     if (!disk.isOpen()) {
@@ -92,10 +95,11 @@ int makePartition(const std::string& path) {
     }
     sectors = disk.size() / disk.sectorSize();
   }
-  const bool needsGpt = sectors > mostSectorsOfDosTable;
+  const bool needsGpt = sectors > maxSectorsOfDosTable;
   const std::string maker = needsGpt ? "sfdisk" : tool;
   if (needsGpt) {
-    image::complain(tool, path + " has more sectors than a DOS table can name, and gets a GPT by sfdisk");
+    image::complain(tool,
+                    image::quoted(path) + " has more sectors than a DOS table can name; sfdisk makes a GPT");
   }
   const std::string program = image::nextProgram(tool, maker);
   const int answers = image::readableText(tool, needsGpt ? "label: gpt\ntype=L\n" : daemonsAnswers);
@@ -109,11 +113,12 @@ int makePartition(const std::string& path) {
   if (!disk.isOpen()) {
     return image::failed;
   }
-  // What lies before the partition, and behind one that ends with a cylinder, is less on any disk.
+  // On every disk the space before the partition, and after one that ends at a cylinder, is less than an
+  // eighth.
   const std::uint64_t made = needsGpt ? sectorsByGpt(disk) : sectorsByDosTable(disk);
   if (made < sectors - sectors / 8) {
-    image::complain(tool,
-                    path + " has no partition over the whole disk, although " + program + " reports success");
+    image::complain(tool, image::quoted(path) + " has no partition over the whole disk, although " +
+                              image::quoted(program) + " reports success");
     return image::failed;
   }
   return 0;

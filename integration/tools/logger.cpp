@@ -1,9 +1,9 @@
-// Stands before the real logger in the daemon's PATH.
+// Comes before the real logger in the daemon's PATH.
 //
-// The daemon hands it what the disk tools have printed, and waits for it with its lock held. File names of a
-// stick are in there, and a syslog whose reader hangs keeps the real logger waiting for ever. This one
-// escapes what could drive a terminal, as the log does, and ends a logger that takes nothing for some
-// seconds. Every other call is passed on as it is.
+// The daemon passes the output of the disk tools to logger, and holds its lock meanwhile. The output may
+// contain file names of a stick, and the real logger waits for ever if the reader of syslog hangs. This
+// logger escapes what could drive a terminal, as the log does, and kills a real logger that takes nothing for
+// some seconds. It passes every other call on.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -22,8 +22,8 @@ namespace {
 
 const std::string tool = "logger";
 
-/// A healthy syslog takes a thousand lines meanwhile. The daemon serves nobody until then.
-constexpr unsigned secondsOfPatience = 5;
+/// In this time a healthy syslog takes a thousand lines. The daemon serves nobody meanwhile.
+constexpr unsigned maxIdleSeconds = 5;
 
 pid_t realLogger = -1;
 
@@ -31,7 +31,7 @@ void endRealLogger(int /*signal*/) {
   kill(realLogger, SIGKILL);
 }
 
-/// A line without its end. The bytes that lay a text out stay.
+/// Takes a line without its end. Keeps tabs, because they lay a text out.
 std::string escape(const std::string& line) {
   std::string escaped;
   for (std::size_t begin = 0; begin <= line.size();) {
@@ -43,7 +43,7 @@ std::string escape(const std::string& line) {
   return escaped;
 }
 
-/// False once nobody reads.
+/// Returns false once nobody reads.
 bool passLines(int sink) {
   char* line = nullptr;
   std::size_t room = 0;
@@ -56,7 +56,7 @@ bool passLines(int sink) {
     }
     text = escape(text) + (hasEnd ? "\n" : "");
     for (std::size_t done = 0; taken && done < text.size();) {
-      alarm(secondsOfPatience);
+      alarm(maxIdleSeconds);
       const ssize_t count = write(sink, text.data() + done, text.size() - done);
       taken = count > 0;
       done += taken ? static_cast<std::size_t>(count) : 0;
@@ -76,7 +76,7 @@ int passText(const std::vector<std::string>& arguments) {
     image::complainOfErrno(tool, "pipe");
     return image::failed;
   }
-  // A small pipe: it soon shows that nobody reads.
+  // A small pipe is soon full if nobody reads.
   fcntl(ends[1], F_SETPIPE_SZ, 4096);
   realLogger = image::start(tool, program, arguments, ends[0]);
   if (realLogger < 0) {
@@ -87,15 +87,15 @@ int passText(const std::vector<std::string>& arguments) {
   std::signal(SIGALRM, endRealLogger);
   const bool taken = passLines(ends[1]);
   close(ends[1]);
-  alarm(secondsOfPatience);
+  alarm(maxIdleSeconds);
   const int status = image::waitFor(realLogger);
   alarm(0);
   constexpr int signalled = 128;
   if (taken && status < signalled) {
     return status;
   }
-  image::complain(tool, "the system log does not take the text; the rest of it is left out");
-  // The real logger may have failed before it read anything: its status says more than ours.
+  image::complain(tool, "the system log does not take the text; the rest is lost; look at the syslog daemon");
+  // If the real logger failed before it read anything, its status says more than ours.
   return status > 0 && status < signalled ? status : image::failed;
 }
 

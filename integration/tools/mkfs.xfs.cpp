@@ -1,11 +1,12 @@
-// Stands before the real mkfs.xfs in the daemon's PATH.
+// Comes before the real mkfs.xfs in the daemon's PATH.
 //
-// The daemon asks for `-l lazy-count=0`. Since xfsprogs 3.2.3, mkfs.xfs makes file systems with checksums
-// unless it is told otherwise; their counters are always lazy, and it refuses the option. A file system with
-// checksums and without the option is the better recording disk, so this drops it. Everything else is passed
-// on as it is; so is the option where the caller wants no checksums (`-m crc=0`).
+// The daemon asks for `-l lazy-count=0`. Since xfsprogs 3.2.3, mkfs.xfs makes file systems with checksums by
+// default. Their counters are always lazy, so it refuses the option. For a recording disk, checksums are
+// better than the option, so this mkfs.xfs drops the option. It passes on everything else, and also the
+// option if the caller wants no checksums
+// (`-m crc=0`).
 //
-// It can go from an image whose mkfs.xfs is older than that.
+// An image with an older mkfs.xfs does not need it.
 
 #include <string>
 #include <vector>

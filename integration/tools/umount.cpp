@@ -1,9 +1,9 @@
-// Stands before the real umount in the daemon's PATH.
+// Comes before the real umount in the daemon's PATH.
 //
-// The daemon has `umount -f` take away every mount of /dev/usb_storage_NAME before it prepares or repairs a
-// disk, one a call until a call fails. That name is a link of udev's, and the mount table has the name by
-// which somebody has mounted it: umount of busybox follows the link, and then does not find the mount. This
-// one finds mounts by their device number. Every other call is passed on as it is.
+// Before the daemon prepares or repairs a disk, it calls `umount -f /dev/usb_storage_NAME` until a call
+// fails. Each call removes one mount. That name is a link of udev's, but the mount table has the name that
+// somebody mounted: umount of busybox follows the link, and then does not find the mount. This umount finds
+// mounts by their device number. It passes every other call on.
 
 #include <fcntl.h>
 #include <sys/mount.h>
@@ -29,13 +29,13 @@ const std::string tool = "umount";
 /// A line of /proc/self/mountinfo.
 struct Mount {
   std::string id;
-  std::string device;  ///< "8:1"; the number 0:... says nothing of the disk.
+  std::string device;  ///< Such as "8:1". A number 0:... does not tell the disk.
   std::string directory;
   std::string type;
   std::string source;
 };
 
-/// The table has blanks, tabs, line ends and backslashes as a backslash with three octal digits.
+/// In the table, blanks, tabs, line ends and backslashes are a backslash with three octal digits.
 std::string unescape(const std::string& text) {
   std::string plain;
   for (std::size_t i = 0; i < text.size(); ++i) {
@@ -64,7 +64,7 @@ std::vector<Mount> readMounts() {
   std::ifstream table("/proc/self/mountinfo");
   for (std::string line; std::getline(table, line);) {
     const std::vector<std::string> fields = split(line);
-    // Behind the sixth field are as many options as there are, up to a dash.
+    // After the sixth field comes any number of options, and then a dash.
     std::size_t dash = 6;
     while (dash < fields.size() && fields[dash] != "-") {
       ++dash;
@@ -77,7 +77,7 @@ std::vector<Mount> readMounts() {
   return mounts;
 }
 
-/// "8:1", or "" for what is no block device.
+/// Such as "8:1", or "" if the node is not a block device.
 std::string deviceNumber(const std::string& node) {
   struct stat status {};
   if (stat(node.c_str(), &status) != 0 || !S_ISBLK(status.st_mode)) {
@@ -90,15 +90,15 @@ bool isOf(const Mount& mount, const std::string& node, const std::string& number
   if (mount.device == number) {
     return true;
   }
-  // A disk that has gone has no number any more, and some file systems have one of their own: then the name
-  // tells. A user chooses the name of a FUSE mount.
+  // A disk that has gone has no number, and some file systems have a number of their own. Then compare the
+  // names, but not those of FUSE mounts, because a user chooses them.
   const bool isNamed =
       mount.source == node || (!number.empty() && mount.source.rfind("/dev/", 0) == 0 &&
                                mount.device.rfind("0:", 0) == 0 && deviceNumber(mount.source) == number);
   return isNamed && mount.type.rfind("fuse", 0) != 0;
 }
 
-/// Whether the mount is what one meets at its directory, and no other is on top of it.
+/// True if no other mount covers this one at its directory.
 bool isOnTop(const Mount& mount) {
   const int place = open(mount.directory.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
   if (place < 0) {
@@ -116,20 +116,20 @@ bool isOnTop(const Mount& mount) {
 int unmountOne(const std::string& node) {
   const std::vector<Mount> mounts = readMounts();
   const std::string number = deviceNumber(node);
-  std::string trouble = "not mounted";
+  std::string reason = "not mounted";
   for (auto mount = mounts.rbegin(); mount != mounts.rend(); ++mount) {
     if (!isOf(*mount, node, number)) {
       continue;
     }
     if (!isOnTop(*mount)) {
-      trouble = "another mount is on top of it at " + mount->directory;
+      reason = "another mount is on top of it at " + image::quoted(mount->directory) + "; unmount that first";
     } else if (umount2(mount->directory.c_str(), MNT_FORCE | UMOUNT_NOFOLLOW) == 0) {
       return 0;
     } else {
-      trouble = mount->directory + ": " + std::strerror(errno);
+      reason = image::quoted(mount->directory) + ": " + std::strerror(errno);
     }
   }
-  image::complain(tool, node + ": " + trouble);
+  image::complain(tool, image::quoted(node) + ": " + reason);
   return image::failed;
 }
 

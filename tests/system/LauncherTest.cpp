@@ -73,7 +73,8 @@ TEST_F(LauncherTest, NamespaceIsChosenByTheTableAndByWhetherUsersMayMount) {
       {"always", "export DOCKHAND_NAMESPACE=always", "own", "DOCKHAND_NAMESPACE=always"},
       {"never", "long_table; export DOCKHAND_NAMESPACE=never", "system", "DOCKHAND_NAMESPACE=never"},
       {"never", "long_table; export DOCKHAND_NAMESPACE=never", "system", "closing may not find its mounts"},
-      {"bad value", "export DOCKHAND_NAMESPACE=Always", "system", "\"Always\", not auto, always or never"},
+      {"bad value", "export DOCKHAND_NAMESPACE=Always", "system",
+       "\"Always\", which is not auto, always or never"},
       {"bad value", "export DOCKHAND_NAMESPACE=; long_table", "own", "auto is used"},
   };
   for (const Row& row : rows) {
@@ -220,13 +221,13 @@ TEST_F(LauncherTest, ProgramIsStartedAsItIsWhereNoNamespaceCanBeMade) {
       long_table
       launch() { $LAUNCHER sh -ec "$COMMANDS $1"; }
       )sh" + way + "\nlaunch 'whose; echo $0'");
-    EXPECT_THAT(said, AllOf(HasSubstr("no mount namespace can be made: "),
+    EXPECT_THAT(said, AllOf(HasSubstr("cannot make a mount namespace: "),
                             HasSubstr("stays in the system's mount namespace, although the mount table has "),
                             HasSubstr("closing may not find its mounts"), EndsWith("\nsystem\nsh\n")))
         << way;
   }
   EXPECT_THAT(inSystem("\"$LAUNCHER\" /no/such/program || echo $?"),
-              EndsWith("/no/such/program: No such file or directory\n127\n"));
+              EndsWith("\"/no/such/program\": No such file or directory\n127\n"));
   EXPECT_THAT(inSystem("\"$LAUNCHER\" || echo $?"),
               EndsWith("usage: dockhand-launch PROGRAM [ARGUMENT]...\n2\n"));
 }
@@ -242,12 +243,12 @@ TEST_F(LauncherTest, WhatAKilledRepairHasMountedIsUnmountedAndNothingElse) {
               AllOf(EndsWith("may not mount\n"), Not(HasSubstr("disk_tmp"))));
   // A directory without a mount stays.
   EXPECT_THAT(inSystem("mkdir /media/disk_tmp; launch 'ls /media'; rmdir /media/disk_tmp"),
-              AllOf(EndsWith("\ndisk_tmp\n"), Not(HasSubstr("disk_tmp stays"))));
+              AllOf(EndsWith("\ndisk_tmp\n"), Not(HasSubstr("disk_tmp\""))));
   EXPECT_THAT(inSystem(R"sh(
                 stick /media/disk_tmp; cd /media/disk_tmp
                 launch 'count /media/disk_tmp'
                 cd /; umount /media/disk_tmp; rmdir /media/disk_tmp)sh"),
-              AllOf(HasSubstr("/media/disk_tmp stays mounted: Device or resource busy"),
+              AllOf(HasSubstr("\"/media/disk_tmp\" stays mounted: Device or resource busy"),
                     EndsWith("\n/media/disk_tmp 1\n")));
   EXPECT_THAT(inSystem(R"sh(
                 stick /mnt/disk; ln -s /mnt/disk /media/disk_tmp

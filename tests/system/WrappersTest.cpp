@@ -134,8 +134,8 @@ TEST_F(WrappersTest, DiskThatIsMountedInAnotherNamespaceIsNotPrepared) {
   UsbClient client;
   EXPECT_THAT(mountsAt("/media/elsewhere"), IsEmpty());
   EXPECT_FALSE(client->PrepareDeviceForPvr(1));
-  EXPECT_THAT(systemLog.text(), HasSubstr("dd: /dev/usb_storage_sda is in use"));
-  EXPECT_THAT(systemLog.text(), HasSubstr("fdisk: /dev/usb_storage_sda is in use"));
+  EXPECT_THAT(systemLog.text(), HasSubstr("dd: \"/dev/usb_storage_sda\" is in use"));
+  EXPECT_THAT(systemLog.text(), HasSubstr("fdisk: \"/dev/usb_storage_sda\" is in use"));
   EXPECT_THAT(daemon.log(), Not(HasSubstr("Executing: mkfs.xfs")));
   run({"sync"});
   EXPECT_TRUE(firstMib(stick.image()) == before);
@@ -143,10 +143,10 @@ TEST_F(WrappersTest, DiskThatIsMountedInAnotherNamespaceIsNotPrepared) {
 
 TEST_F(WrappersTest, DdWritesToABlockDeviceOrNotAtAll) {
   const std::string daemonsOwn = "dd if=/dev/zero of=/dev/usb_storage_sda bs=512 count=1";
-  EXPECT_THAT(outcome(daemonsOwn), StartsWith("1 dd: /dev/usb_storage_sda: No such file"));
+  EXPECT_THAT(outcome(daemonsOwn), StartsWith("1 dd: \"/dev/usb_storage_sda\": No such file"));
   EXPECT_FALSE(fs::exists("/dev/usb_storage_sda"));
   writeFile("/dev/usb_storage_sda", "text");
-  EXPECT_THAT(outcome(daemonsOwn), StartsWith("1 dd: /dev/usb_storage_sda is not a block device"));
+  EXPECT_THAT(outcome(daemonsOwn), StartsWith("1 dd: \"/dev/usb_storage_sda\" is not a block device"));
   EXPECT_EQ(readFile("/dev/usb_storage_sda"), "text");
 }
 
@@ -204,23 +204,23 @@ TEST_F(WrappersTest, EveryMountOfADiskIsTakenAwayByWhateverNameItWasMounted) {
 
 TEST_F(WrappersTest, UmountTakesAwayNoMountOfAnother) {
   const Stick stick(partitioned());
-  EXPECT_THAT(outcome("umount -f " + node), StartsWith("1 umount: " + node + ": not mounted"));
+  const std::string complaint = "1 umount: \"" + node + "\": ";
+  EXPECT_THAT(outcome("umount -f " + node), StartsWith(complaint + "not mounted"));
   mountAt(node, "/media/covered");
   ASSERT_EQ(mount("none", "/media/covered", "tmpfs", 0, ""), 0);
-  EXPECT_THAT(outcome("umount -f " + node),
-              StartsWith("1 umount: " + node + ": another mount is on top of it"));
+  EXPECT_THAT(outcome("umount -f " + node), StartsWith(complaint + "another mount is on top of it"));
   EXPECT_EQ(mountsAt("/media/covered").size(), 2U);
   ASSERT_EQ(umount("/media/covered"), 0);
 
   const int kept = open("/media/covered", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   EXPECT_THAT(outcome("umount -f " + node),
-              StartsWith("1 umount: " + node + ": /media/covered: Device or resource busy"));
+              StartsWith(complaint + "\"/media/covered\": Device or resource busy"));
   close(kept);
   // A removed disk still has a name, but no device number.
   fs::remove(node);
   EXPECT_EQ(outcome("umount -f " + node), "0 \n");
   EXPECT_THAT(mountsAt("/media/covered"), IsEmpty());
-  EXPECT_THAT(outcome("umount -f " + node), StartsWith("1 umount: " + node + ": not mounted"));
+  EXPECT_THAT(outcome("umount -f " + node), StartsWith(complaint + "not mounted"));
 }
 
 }  // namespace
