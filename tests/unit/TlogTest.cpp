@@ -1,34 +1,23 @@
-#include <fcntl.h>
-#include <gtest/gtest.h>
+// The logging library: lines, levels, targets, threads and stack traces.
+
+#include "TlogTest.h"
+
 #include <pthread.h>
-#include <regex.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <ctime>
 #include <fstream>
 #include <future>
-#include <iterator>
 #include <new>
-#include <optional>
-#include <sstream>
-#include <stdexcept>
-#include <string>
-#include <system_error>
 #include <thread>
 #include <utility>
-#include <vector>
 
-#include "Tlog.h"
 #include "TlogLine.h"
 #include "TlogSettings.h"
 
@@ -36,51 +25,6 @@ namespace {
 
 TlogContext* const contextBeforeMain =
     TlogContext::GetLogContext("Test.BeforeMain", "tests/unit/TlogTest", 1);
-
-void require(bool condition, const char* what) {
-  if (!condition) {
-    throw std::system_error(errno, std::generic_category(), what);
-  }
-}
-
-std::vector<std::string> linesOf(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) {
-    lines.push_back(line);
-  }
-  return lines;
-}
-
-bool matches(const std::string& text, const std::string& pattern) {
-  regex_t compiled{};
-  require(regcomp(&compiled, ('^' + pattern + '$').c_str(), REG_EXTENDED | REG_NOSUB) == 0, "regcomp");
-  const bool matched = regexec(&compiled, text.c_str(), 0, nullptr, 0) == 0;
-  regfree(&compiled);
-  return matched;
-}
-
-bool isOneLine(const std::string& text, const std::string& pattern) {
-  return !text.empty() && text.find('\n') == text.size() - 1 &&
-         matches(text.substr(0, text.size() - 1), pattern);
-}
-
-// Makes another descriptor the process's standard error as long as it lives.
-class RedirectedStandardError {
- public:
-  explicit RedirectedStandardError(int target) : saved_(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)) {
-    require(saved_ >= 0 && dup2(target, STDERR_FILENO) >= 0, "redirect standard error");
-  }
-  ~RedirectedStandardError() {
-    dup2(saved_, STDERR_FILENO);
-    close(saved_);
-  }
-  RedirectedStandardError(const RedirectedStandardError&) = delete;
-  RedirectedStandardError& operator=(const RedirectedStandardError&) = delete;
-
- private:
-  const int saved_;
-};
 
 // A file without a name that takes standard error.
 class CapturedStandardError {
@@ -172,57 +116,9 @@ class PipedStandardError {
   int writeEnd_ = -1;
 };
 
-// While it lives, this thread finds no memory once it has got this much: so many pieces of any size.
-class MemoryShortage {
- public:
-  explicit MemoryShortage(int pieces) {
-    piecesLeft_ = pieces;
-    happened_ = false;
-  }
-  ~MemoryShortage() { piecesLeft_ = -1; }
-  MemoryShortage(const MemoryShortage&) = delete;
-  MemoryShortage& operator=(const MemoryShortage&) = delete;
-
-  static bool happened() { return happened_; }
-  // Called for each piece that somebody wants.
-  static bool isNow() {
-    if (piecesLeft_ != 0) {
-      piecesLeft_ -= piecesLeft_ > 0 ? 1 : 0;
-      return false;
-    }
-    happened_ = true;
-    return true;
-  }
-
- private:
-  static inline thread_local int piecesLeft_ = -1;
-  static inline thread_local bool happened_ = false;
-};
-
-class Tlog : public testing::Test {
- protected:
-  Tlog() { reset(); }
-  ~Tlog() override { reset(); }
-
-  static void reset() {
-    unsetenv("TLOG_TARGET");
-    unsetenv("TLOG_LEVEL");
-    unsetenv("JOURNAL_STREAM");
-    TlogInit();
-  }
-
-  static void initWith(const char* variable, const std::string& value) {
-    require(setenv(variable, value.c_str(), 1) == 0, "setenv");
-    TlogInit();
-  }
-
-  TlogContext* const context_ = TlogContext::GetLogContext("Test.Context", "tests/unit/TlogTest", 2);
-};
-
 using TlogLine = Tlog;
 using TlogLevel = Tlog;
 using TlogTarget = Tlog;
-using TlogJournal = Tlog;
 using TlogThreads = Tlog;
 using TlogStack = Tlog;
 
@@ -231,12 +127,11 @@ using TlogStack = Tlog;
 TEST_F(TlogLine, HasTimestampThreadLevelContextPlaceAndText) {
   const CapturedStandardError captured;
   TlogPrintf(context_, 3, "Src/Some/File", 42, "mounted %s, %d files", "/media/a b", 7);
-  const std::string text = captured.text();
-  EXPECT_TRUE(isOneLine(
-      text,
-      R"([0-9]{4}-[0-9][0-9]-[0-9][0-9]T[0-9][0-9]:[0-9][0-9]:[0-9][0-9]\.[0-9]{6}Z [0-9]+ 3 Test\.Context Src/Some/File:42 )"
-      R"(mounted /media/a b, 7 files)"))
-      << text;
+  EXPECT_THAT(
+      captured.text(),
+      IsOneLine(
+          R"([0-9]{4}-[0-9][0-9]-[0-9][0-9]T[0-9][0-9]:[0-9][0-9]:[0-9][0-9]\.[0-9]{6}Z [0-9]+ 3 Test\.Context Src/Some/File:42 )"
+          R"(mounted /media/a b, 7 files)"));
 }
 
 TEST_F(TlogLine, NamesTheKernelsThreadNumber) {
@@ -254,7 +149,7 @@ TEST_F(TlogLine, NamesTheKernelsThreadNumber) {
 TEST_F(TlogLine, HasADashForAMissingContext) {
   const CapturedStandardError captured;
   TlogPrintf(nullptr, 5, "F", 1, "text");
-  EXPECT_TRUE(isOneLine(captured.text(), R"(\S+Z [0-9]+ 5 - F:1 text)")) << captured.text();
+  EXPECT_THAT(captured.text(), IsOneLine(R"(\S+Z [0-9]+ 5 - F:1 text)"));
 }
 
 TEST_F(TlogLine, TimestampLiesBetweenTheClockBeforeAndAfter) {
@@ -282,17 +177,23 @@ TEST_F(TlogLine, TimestampIsUtcWithSixDigitsOfMicroseconds) {
 TEST_F(TlogLine, WritesControlCharactersAsHexEscapes) {
   const CapturedStandardError captured;
   TlogPrintf(context_, 3, "F", 1, "a\nb\rc\x1b[31m\td\x7f%c\x01", 0);
-  EXPECT_TRUE(isOneLine(captured.text(), R"(.* F:1 a\\x0ab\\x0dc\\x1b\[31m\\x09d\\x7f\\x00\\x01)"))
-      << captured.text();
+  EXPECT_THAT(captured.text(), IsOneLine(R"(.* F:1 a\\x0ab\\x0dc\\x1b\[31m\\x09d\\x7f\\x00\\x01)"));
 }
 
-TEST_F(TlogLine, KeepsBlanksBackslashesAndTextInUtf8) {
-  const std::string text = "  C:\\x0a ~ \xc2\xa0\xc3\xa4\xe2\x82\xac\xf0\x9f\x92\xbe ";
-  EXPECT_EQ(tlog::escapeControlCharacters(text), text);
-}
-
-TEST_F(TlogLine, EscapesEachByteOfControlCharactersAndOfThoseThatTurnTextRound) {
+TEST_F(TlogLine, EscapesEachByteOfControlCharactersAndOfThoseThatTurnTextRoundOnly) {
   for (const auto& [text, expected] : std::vector<std::pair<std::string, std::string>>{
+           // Kept: blanks, backslashes, text in UTF-8, and other bytes that are not UTF-8.
+           {"  C:\\x0a ~ \xc2\xa0\xc3\xa4\xe2\x82\xac\xf0\x9f\x92\xbe ",
+            "  C:\\x0a ~ \xc2\xa0\xc3\xa4\xe2\x82\xac\xf0\x9f\x92\xbe "},
+           {"\xa0", "\xa0"},
+           {"\xc2", "\xc2"},
+           {"\xc2z", "\xc2z"},
+           {"\xff\xfe", "\xff\xfe"},
+           {"\xb0"
+            "C",
+            "\xb0"
+            "C"},
+           {"\xc2\xc2\xa0", "\xc2\xc2\xa0"},
            // C1 in UTF-8, and what follows it.
            {"\xc2\x80\xc2\x9b\xc2\x9f\xc2\xa0", "\\xc2\\x80\\xc2\\x9b\\xc2\\x9f\xc2\xa0"},
            // C1 as bytes.
@@ -305,8 +206,7 @@ TEST_F(TlogLine, EscapesEachByteOfControlCharactersAndOfThoseThatTurnTextRound) 
             "\xe2\x81\xa5\\xe2\\x81\\xa6\\xe2\\x81\\xa9\xe2\x81\xaa"},
            // Letters whose last byte would be C1 by itself.
            {"\xc3\x89\xc3\x9b\xe2\x82\xac\xf0\x9f\x92\x9b", "\xc3\x89\xc3\x9b\xe2\x82\xac\xf0\x9f\x92\x9b"},
-           // No UTF-8: the end or a byte is missing, longer than needed, a surrogate, beyond the last
-           // character.
+           // Not UTF-8: truncated, a byte missing, overlong, a surrogate, beyond the last character.
            {"\xe2\x82", "\xe2\\x82"},
            {"\xc2\xc2\x85", "\xc2\\xc2\\x85"},
            {"\xe2\x80z\xf0\x9f\x92", "\xe2\\x80z\xf0\\x9f\\x92"},
@@ -318,19 +218,10 @@ TEST_F(TlogLine, EscapesEachByteOfControlCharactersAndOfThoseThatTurnTextRound) 
   }
 }
 
-TEST_F(TlogLine, KeepsOtherBytesThatAreNoUtf8) {
-  for (const char* text : {"\xa0", "\xc2", "\xc2z", "\xff\xfe",
-                           "\xb0"
-                           "C",
-                           "\xc2\xc2\xa0"}) {
-    EXPECT_EQ(tlog::escapeControlCharacters(text), text);
-  }
-}
-
 TEST_F(TlogLine, TakesPerCentSignsOfAnArgumentVerbatim) {
   const CapturedStandardError captured;
   TlogPrintf(context_, 3, "F", 1, "%s", "100%s %n %d%%");
-  EXPECT_TRUE(isOneLine(captured.text(), R"(.* F:1 100%s %n %d%%)")) << captured.text();
+  EXPECT_THAT(captured.text(), IsOneLine(R"(.* F:1 100%s %n %d%%)"));
 }
 
 TEST_F(TlogLine, IsNeverTruncated) {
@@ -346,7 +237,7 @@ TEST_F(TlogLine, ShowsAFormatThatCannotBeFormatted) {
   const CapturedStandardError captured;
   const std::array<wchar_t, 2> euro{0x20ac, 0};  // not in the C locale
   TlogPrintf(context_, 3, "F", 1, "label %ls", euro.data());
-  EXPECT_TRUE(isOneLine(captured.text(), R"(.* F:1 \(cannot be formatted\) label %ls)")) << captured.text();
+  EXPECT_THAT(captured.text(), IsOneLine(R"(.* F:1 \(cannot be formatted\) label %ls)"));
 }
 
 TEST_F(TlogLine, IsOneWrite) {
@@ -365,8 +256,8 @@ TEST_F(TlogLine, IsOneWrite) {
   }
   close(ends[0]);
   ASSERT_EQ(packets.size(), 2U);
-  EXPECT_TRUE(isOneLine(packets[0], R"(\S+Z .* F:1 first)")) << packets[0];
-  EXPECT_TRUE(isOneLine(packets[1], R"(\S+Z .* F:2 second)")) << packets[1];
+  EXPECT_THAT(packets[0], IsOneLine(R"(\S+Z .* F:1 first)"));
+  EXPECT_THAT(packets[1], IsOneLine(R"(\S+Z .* F:2 second)"));
 }
 
 TEST_F(TlogLine, LeavesErrnoAlone) {
@@ -394,8 +285,7 @@ TEST_F(TlogLine, HasAFixedTextWithoutMemoryForItsOwn) {
     EXPECT_EQ(errno, ENOTCONN);
     happened = MemoryShortage::happened();
     const std::string expected = happened ? R"(\(no memory for the text of this line\))" : text;
-    EXPECT_TRUE(isOneLine(captured.text(), R"(\S+Z [0-9]+ 4 Test\.Context F:7 )" + expected))
-        << captured.text();
+    EXPECT_THAT(captured.text(), IsOneLine(R"(\S+Z [0-9]+ 4 Test\.Context F:7 )" + expected));
   }
   EXPECT_GT(pieces, 3);
 }
@@ -457,14 +347,14 @@ TEST_F(TlogLine, IsWrittenThoughSignalsInterruptTheWrite) {
   pipe.closeWriteEnd();
   const std::string text = all.get();
   sigaction(SIGUSR1, &before, nullptr);
-  EXPECT_TRUE(isOneLine(text.substr(std::min(text.size(), text.find_first_not_of('.'))),
-                        R"(\S+Z [0-9]+ 3 Test\.Context F:1 <text>)"));
+  EXPECT_THAT(text.substr(std::min(text.size(), text.find_first_not_of('.'))),
+              IsOneLine(R"(\S+Z [0-9]+ 3 Test\.Context F:1 <text>)"));
 }
 
 TEST(TlogStart, WritesToStandardErrorBeforeInit) {
   const CapturedStandardError captured;
   TlogPrintf(contextBeforeMain, 3, "F", 1, "early");
-  EXPECT_TRUE(isOneLine(captured.text(), R"(\S+Z [0-9]+ 3 Test\.BeforeMain F:1 early)")) << captured.text();
+  EXPECT_THAT(captured.text(), IsOneLine(R"(\S+Z [0-9]+ 3 Test\.BeforeMain F:1 early)"));
 }
 
 TEST(TlogStart, ContextBeforeInitHasTheDefaultThreshold) {
@@ -548,10 +438,8 @@ TEST_F(TlogLevel, ReportsABadValueOnceAndUsesTheDefaultForAll) {
   initWith("TLOG_LEVEL", "5,Test.Context=2,\x1b]0;x");
   EXPECT_EQ(context_->threshold(), 3);
   EXPECT_EQ(TlogContext::GetLogContext("Test.AfterBadValue", "F", 1)->threshold(), 3);
-  const std::string text = captured.text();
-  EXPECT_TRUE(isOneLine(text, R"(\S+Z [0-9]+ 4 - Src/Tlog/Tlog:[0-9]+ TLOG_LEVEL: bad value )"
-                              R"("5,Test\.Context=2,\\x1b\]0;x", using the default, 3)"))
-      << text;
+  EXPECT_THAT(captured.text(), IsOneLine(R"(\S+Z [0-9]+ 4 - Src/Tlog/Tlog:[0-9]+ TLOG_LEVEL: bad value )"
+                                         R"("5,Test\.Context=2,\\x1b\]0;x", using the default, 3)"));
 }
 
 TEST_F(TlogLevel, EmptyValueCountsAsAbsent) {
@@ -568,7 +456,7 @@ TEST_F(TlogTarget, StderrWritesToStandardError) {
   const CapturedStandardError captured;
   initWith("TLOG_TARGET", "stderr");
   TlogPrintf(context_, 3, "F", 1, "text");
-  EXPECT_TRUE(isOneLine(captured.text(), R"(\S+Z [0-9]+ 3 Test\.Context F:1 text)")) << captured.text();
+  EXPECT_THAT(captured.text(), IsOneLine(R"(\S+Z [0-9]+ 3 Test\.Context F:1 text)"));
 }
 
 TEST_F(TlogTarget, SyslogWritesNothingToStandardError) {
@@ -616,181 +504,6 @@ TEST_F(TlogTarget, SyslogPriorityFollowsTheLevel) {
   EXPECT_EQ(tlog::syslogPriority(4), LOG_WARNING);
   EXPECT_EQ(tlog::syslogPriority(5), LOG_ERR);
   EXPECT_EQ(tlog::syslogPriority(6), LOG_ERR);
-}
-
-namespace {
-
-// Stands as the journal: a folder with its two sockets, the one connected to standard error as systemd does
-// it.
-class TestJournal {
- public:
-  TestJournal() {
-    require(mkdtemp(folder_.data()) != nullptr, "mkdtemp");
-    const int listener = bound("stdout", SOCK_STREAM);
-    require(listen(listener, 1) == 0, "listen");
-    const int connection = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_un address = addressOf("stdout");
-    require(connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0, "connect");
-    stream_ = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-    require(stream_ >= 0, "accept");
-    close(listener);
-    entries_ = bound("socket", SOCK_DGRAM | SOCK_NONBLOCK);
-    redirection_.emplace(connection);
-    close(connection);
-  }
-  ~TestJournal() {
-    redirection_.reset();
-    removeSocket();
-    unlink((folder_ + "/stdout").c_str());
-    rmdir(folder_.c_str());
-    close(stream_);
-    close(entries_);
-  }
-  TestJournal(const TestJournal&) = delete;
-  TestJournal& operator=(const TestJournal&) = delete;
-
-  void removeSocket() const { unlink((folder_ + "/socket").c_str()); }
-  // What JOURNAL_STREAM says of standard error, with numbers that are a little off.
-  static std::string name(dev_t deviceOffset = 0, ino_t inodeOffset = 0) {
-    struct stat status {};
-    require(fstat(STDERR_FILENO, &status) == 0, "fstat");
-    return std::to_string(status.st_dev + deviceOffset) + ':' + std::to_string(status.st_ino + inodeOffset);
-  }
-  // Priority and message of each entry since the last call.
-  std::vector<std::pair<char, std::string>> entries() const {
-    const std::string fields =
-        std::string("\nSYSLOG_FACILITY=3\nSYSLOG_IDENTIFIER=") + program_invocation_short_name + "\nMESSAGE=";
-    std::vector<std::pair<char, std::string>> all;
-    for (std::string entry; !(entry = received(entries_)).empty();) {
-      const auto message = entry.find(fields);
-      if (entry.rfind("PRIORITY=", 0) != 0 || message != 10 || entry.back() != '\n') {
-        throw std::runtime_error("not an entry: " + entry);
-      }
-      entry.pop_back();
-      all.emplace_back(entry[9], entry.substr(message + fields.size()));
-    }
-    return all;
-  }
-  std::string textOnTheStream() const { return received(stream_); }
-
- private:
-  sockaddr_un addressOf(const std::string& name) const {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    (folder_ + '/' + name).copy(std::data(address.sun_path), sizeof address.sun_path - 1);
-    return address;
-  }
-  int bound(const std::string& name, int type) const {
-    const int made = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
-    const sockaddr_un address = addressOf(name);
-    require(made >= 0 && bind(made, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0,
-            "bind");
-    return made;
-  }
-  static std::string received(int from) {
-    std::string bytes(1U << 20U, '\0');
-    const ssize_t count = recv(from, bytes.data(), bytes.size(), 0);
-    require(count >= 0 || errno == EAGAIN, "recv");
-    bytes.resize(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
-    return bytes;
-  }
-
-  std::string folder_ = testing::TempDir() + "tlog-test-XXXXXX";
-  int stream_ = -1;
-  int entries_ = -1;
-  std::optional<RedirectedStandardError> redirection_;
-};
-
-using Entries = std::vector<std::pair<char, std::string>>;
-
-}  // namespace
-
-TEST_F(TlogJournal, LineHasItsPriorityAndNoTimestamp) {
-  const TestJournal journal;
-  initWith("JOURNAL_STREAM", TestJournal::name());
-  const std::string thread = std::to_string(gettid());
-  for (int level = 1; level <= 5; ++level) {
-    TlogPrintf(context_, level, "F", level, "<0>text");
-  }
-  const Entries expected = {
-      {'7', thread + " 1 Test.Context F:1 <0>text"}, {'7', thread + " 2 Test.Context F:2 <0>text"},
-      {'5', thread + " 3 Test.Context F:3 <0>text"}, {'4', thread + " 4 Test.Context F:4 <0>text"},
-      {'3', thread + " 5 Test.Context F:5 <0>text"},
-  };
-  EXPECT_EQ(journal.entries(), expected);
-  EXPECT_EQ(journal.textOnTheStream(), "");
-}
-
-TEST_F(TlogJournal, LineWithoutMemoryHasAPriority) {
-  const TestJournal journal;
-  initWith("JOURNAL_STREAM", TestJournal::name());
-  {
-    const MemoryShortage shortage(0);
-    TlogPrintf(nullptr, 5, "F", 7, "text");
-  }
-  const Entries expected = {
-      {'3', std::to_string(gettid()) + " 5 - F:7 (no memory for the text of this line)"}};
-  EXPECT_EQ(journal.entries(), expected);
-}
-
-TEST_F(TlogJournal, ReportOfABadValueHasAPriority) {
-  const TestJournal journal;
-  require(setenv("TLOG_LEVEL", "9", 1) == 0, "setenv");
-  initWith("JOURNAL_STREAM", TestJournal::name());
-  const Entries entries = journal.entries();
-  ASSERT_EQ(entries.size(), 1U);
-  EXPECT_EQ(entries[0].first, '4');
-  EXPECT_TRUE(matches(entries[0].second, R"([0-9]+ 4 - Src/Tlog/Tlog:[0-9]+ TLOG_LEVEL: .*)"))
-      << entries[0].second;
-}
-
-TEST_F(TlogJournal, AVeryLongLineIsSeveralEntries) {
-  const TestJournal journal;
-  initWith("JOURNAL_STREAM", TestJournal::name());
-  const std::string text(100000, 'x');
-  TlogPrintf(context_, 5, "F", 1, "%s", text.c_str());
-  std::string line;
-  for (const auto& [priority, part] : journal.entries()) {
-    EXPECT_EQ(priority, '3');
-    EXPECT_LE(part.size(), 48U * 1024);
-    line += part;
-  }
-  EXPECT_TRUE(line == std::to_string(gettid()) + " 5 Test.Context F:1 " + text) << line.size();
-}
-
-TEST_F(TlogJournal, WithoutItsSocketTheLineIsWrittenToStandardError) {
-  const TestJournal journal;
-  initWith("JOURNAL_STREAM", TestJournal::name());
-  journal.removeSocket();
-  TlogPrintf(context_, 3, "F", 1, "text");
-  const std::string text = journal.textOnTheStream();
-  EXPECT_TRUE(isOneLine(text, R"(\S+Z [0-9]+ 3 Test\.Context F:1 text)")) << text;
-}
-
-TEST_F(TlogJournal, AnotherStreamInTheEnvironmentIsNotTheJournal) {
-  const TestJournal journal;
-  const std::string right = TestJournal::name();
-  for (const std::string& value : {TestJournal::name(0, 1), right.substr(0, right.find(':') + 1),
-                                   TestJournal::name(1, 0), std::string("nonsense"), std::string()}) {
-    initWith("JOURNAL_STREAM", value);
-    TlogPrintf(context_, 3, "F", 1, "text");
-    const std::string text = journal.textOnTheStream();
-    EXPECT_TRUE(isOneLine(text, R"(\S+Z [0-9]+ 3 Test\.Context F:1 text)")) << value << ": " << text;
-    EXPECT_EQ(journal.entries(), Entries()) << value;
-  }
-}
-
-TEST_F(TlogJournal, AClosedStandardErrorIsNotTheJournal) {
-  const TestJournal journal;
-  const std::string name = TestJournal::name();
-  const int kept = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
-  close(STDERR_FILENO);
-  initWith("JOURNAL_STREAM", name);
-  dup2(kept, STDERR_FILENO);
-  close(kept);
-  TlogPrintf(context_, 3, "F", 1, "text");
-  EXPECT_TRUE(isOneLine(journal.textOnTheStream(), R"(\S+Z [0-9]+ 3 Test\.Context F:1 text)"));
-  EXPECT_EQ(journal.entries(), Entries());
 }
 
 TEST_F(TlogThreads, LinesNeverMix) {
