@@ -60,7 +60,7 @@ class ClaimedFile : public ::testing::Test {
     EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
     return status.st_mode & 07777U;
   }
-  /// What has been moved aside, by its new paths.
+  /// The new paths of files that were moved aside.
   std::vector<fs::path> moved() const {
     std::vector<fs::path> found;
     for (const auto& entry : fs::recursive_directory_iterator(directory)) {
@@ -70,7 +70,7 @@ class ClaimedFile : public ::testing::Test {
     }
     return found;
   }
-  /// That the file is a new one, and what was there is `type` at another place now.
+  /// Claims the file: it is new, and the former one, of type `type`, was moved aside.
   void expectMovedAside(fs::file_type type) const {
     EXPECT_EQ(claimFile(file), Claim::movedAside);
     ASSERT_TRUE(fs::is_regular_file(fs::symlink_status(file)));
@@ -79,7 +79,7 @@ class ClaimedFile : public ::testing::Test {
     EXPECT_EQ(moved()[0].filename(), "log");
     EXPECT_EQ(fs::symlink_status(moved()[0]).type(), type);
     EXPECT_EQ(modeOf(moved()[0].parent_path()), 0700U);
-    // Which is enough for good.
+    // The next claim moves nothing.
     EXPECT_EQ(claimFile(file), Claim::ours);
   }
 
@@ -162,7 +162,7 @@ TEST_F(ClaimedFile, IsLeftToWhoeverOpensItWhereNoneCanBeMade) {
 TEST_F(ClaimedFile, IsRefusedWhereWhatIsThereCannotBeMoved) {
   const fs::path parent = directory / "parent";
   fs::create_directory(parent);
-  // The directory of our own that it would be moved into would have too long a name.
+  // The name of the directory for it would be too long.
   file = parent / std::string(NAME_MAX - 5, 'n');
   fs::create_symlink(directory / "target", file);
   EXPECT_EQ(claimFile(file), Claim::refused);
@@ -224,7 +224,7 @@ TEST_F(ClaimedFile, IsRefusedWhileSixteenThingsAreKeptThatWereInItsWay) {
   EXPECT_EQ(claimFile(file), Claim::tooManyMoved);
   EXPECT_TRUE(fs::is_symlink(file));
   EXPECT_THAT(moved(), SizeIs(16));
-  // Nothing is in the way of another file.
+  // Another file can still be claimed.
   EXPECT_EQ(claimFile(directory / "other"), Claim::ours);
 
   fs::remove_all(moved()[7].parent_path());
@@ -248,7 +248,7 @@ TEST_F(ClaimedFile, TakesNothingForMovedAsideThatIsNoDirectoryOfOurs) {
   EXPECT_EQ(claimFile(file), Claim::movedAside);
 }
 
-/// What is mounted where a file is to be. Each claim is made by a thread that has mounts of its own.
+/// Mounts at the path of the file. Each claim runs in a thread with its own mount namespace.
 class MountedOver : public ClaimedFile, public ::testing::WithParamInterface<bool> {
  protected:
   void SetUp() override {
@@ -261,7 +261,7 @@ class MountedOver : public ClaimedFile, public ::testing::WithParamInterface<boo
   }
   static bool beforeLinux58() { return GetParam(); }
 
-  /// What becomes of the claim to the file once all this is mounted.
+  /// The claim of the file after these mounts.
   Claim claimAfter(const std::function<void()>& mountAll) const {
     std::future<Claim> claim = std::async(std::launch::async, [&] {
       EXPECT_EQ(unshare(CLONE_NEWNS), 0);
@@ -274,11 +274,11 @@ class MountedOver : public ClaimedFile, public ::testing::WithParamInterface<boo
     });
     const bool waits = claim.wait_for(std::chrono::seconds(20)) == std::future_status::timeout;
     EXPECT_FALSE(waits);
-    // Whoever waits for it gets an error.
+    // Waiting accesses fail now.
     close(fuse);
     return claim.get();
   }
-  /// As if the kernel had no such call, for this thread.
+  /// Makes statx fail with ENOSYS in this thread.
   static void refuseStatx() {
     sock_filter program[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
                              BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_statx, 0, 1),
@@ -288,7 +288,7 @@ class MountedOver : public ClaimedFile, public ::testing::WithParamInterface<boo
     EXPECT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
     EXPECT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter), 0);
   }
-  /// A file system of which the kernel knows nothing but this mode, as nobody ever answers for it.
+  /// A file system that never replies. The kernel knows only this mode of its root.
   void mountSilent(const fs::path& target, const std::string& mode) {
     fuse = open("/dev/fuse", O_RDWR | O_CLOEXEC);
     const std::string options =
@@ -365,11 +365,11 @@ TEST_P(MountedOver, NothingIsTakenForOursAndNothingMovedWhileNoDescriptorIsLeftT
     return claim;
   };
   write(file, "what the last tool said");
-  // Today's kernel tells without a descriptor.
+  // statx needs no descriptor.
   EXPECT_EQ(claimWithoutDescriptors(), beforeLinux58() ? Claim::refused : Claim::ours);
   EXPECT_EQ(read(file), "what the last tool said");
   fs::remove(file);
-  // What is kept cannot be counted.
+  // The files that were moved aside cannot be counted.
   fs::create_symlink(directory / "target", file);
   EXPECT_EQ(claimWithoutDescriptors(), Claim::refused);
   EXPECT_TRUE(fs::is_symlink(file));

@@ -30,7 +30,7 @@ class Closing : public HandlerTest {
     const TestableHandler::Lock lock(*handler);
     return handler->releaseDevice(deviceId, safeRemoval);
   }
-  /// Whether a mount table with this text contains the path.
+  /// True if the path is found in a mount table with this text.
   bool isFound(const std::string& mountPath, const std::string& mounts) {
     platform.files["/proc/mounts"] = mounts;
     journal().clear();

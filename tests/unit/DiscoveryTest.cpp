@@ -111,7 +111,7 @@ TEST_F(Discovery, KeepsAndListsEveryRecordWhenDevCannotBeRead) {
   EXPECT_TRUE(entry(2).safelyRemoved);
   EXPECT_EQ(entry(3).lastUsbOperation, Dockhand::UsbOperationAdded);
 
-  // Nothing of this outlives the next scan that can.
+  // The next successful scan restores everything.
   platform.scandirError = 0;
   platform.deviceNodes = {"usb_storage_sda1", "usb_storage_sdb", "usb_storage_sdc1"};
   EXPECT_THAT(list(), ElementsAre(1, 3));
@@ -274,7 +274,7 @@ TEST_F(Discovery, NeverListsSuchADeviceWhateverItsOtherFlagsAre) {
       for (const bool includeHidden : {false, true}) {
         journal().clear();
         EXPECT_THAT(list(includeHidden), IsEmpty()) << operation << " " << flags;
-        // Its last operation alone decides, and without a word about the flags.
+        // Only its last operation decides; no line mentions the flags.
         EXPECT_EQ(journal().logs().back(),
                   "log 2 @272 Found a device in the map - last op is " + std::to_string(operation));
       }

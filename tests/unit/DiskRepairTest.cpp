@@ -19,7 +19,7 @@ bool begins(const std::string& text, const std::string& beginning) {
   return text.rfind(beginning, 0) == 0;
 }
 
-/// The events of a repair of device 1 that has come to these after the look-up of the device.
+/// The events of a repair of device 1: those of the look-up, then these.
 std::vector<std::string> afterLookUp(const std::string& type, const std::vector<std::string>& events) {
   std::vector<std::string> all = {
       "log 2 @1187 RunDiskRepair(1)",
@@ -56,13 +56,13 @@ class DiskRepair : public HandlerTest {
   bool isIdle() const { return !handler->diskRepairRunning && handler->diskRepairDeviceId == 0; }
 };
 
-/// A repair that has come as far as xfs_repair on a thread of its own, and stays there until it is let go.
+/// A repair in its own thread, which waits in xfs_repair until finish().
 class RunningRepair : public DiskRepair {
  protected:
   RunningRepair() {
     plugIn({"sdc1"}, "xfs");
     platform.systemStatus = [this](const std::string& command) {
-      // A second repair that gets this far is not held: it is to fail the test, not to keep it waiting.
+      // A second repair does not wait here, so that it fails the test instead of blocking it.
       if (begins(command, "xfs_repair /dev/usb_storage_sdb1") && arrive()) {
         letGo_.get_future().wait();
       }
@@ -70,7 +70,7 @@ class RunningRepair : public DiskRepair {
     };
     first_ = std::async(std::launch::async, [this] {
       const bool repaired = handler->RunDiskRepair(1);
-      // Nor is a repair that ends early.
+      // The same for a repair that ends early.
       arrive();
       return repaired;
     });
@@ -89,7 +89,7 @@ class RunningRepair : public DiskRepair {
   }
 
  private:
-  /// True for the first to arrive.
+  /// True for the first caller.
   bool arrive() {
     if (hasArrived_.exchange(true)) {
       return false;

@@ -1,4 +1,4 @@
-// What a failed mkdir or mount means: a text, and whether to continue.
+// The text for a failed mkdir or mount, and whether the opening continues.
 
 #include <sys/stat.h>
 #include <unistd.h>

@@ -39,8 +39,7 @@ class HotPlug : public HandlerTest {
     });
   }
 
-  /// True when the notification, whose observer is called once, ends only when nobody has taken the lock from
-  /// its callback on.
+  /// True if the notification takes the lock once more after its callback. It must call one observer.
   bool waitsForTheLockAfterItsCallback(const std::function<void()>& notification) {
     std::promise<void> taken;
     std::atomic<bool> ended{false};
@@ -49,7 +48,7 @@ class HotPlug : public HandlerTest {
       holder = std::async(std::launch::async, [&] {
         const TestableHandler::Lock lock(*handler);
         taken.set_value();
-        // A notification that does wait never ends within this time, however slow the machine.
+        // A notification that waits never ends within this time, even on a slow machine.
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         return !ended;
       });
@@ -326,7 +325,7 @@ TEST_F(UsbAdded, LetsAnObserverCallBackAlsoWithAnotherNotification) {
   });
   handler->NotifyUsbAdded("sda1");
   EXPECT_THAT(listed, ElementsAre(1));
-  // Observer 3 registered too late for the notification under way.
+  // Observer 3 registered too late for this notification.
   EXPECT_THAT(callbacks(), ElementsAre("callback for 1", "callback for 7"));
 }
 
@@ -532,31 +531,20 @@ TEST_F(UsbRemoved, ForgetsTheDeviceAlsoWithoutAMediaService) {
   EXPECT_THAT(handler->deviceMap, IsEmpty());
 }
 
-TEST_F(Xrite, AddedCallsTheXriteConsumerAloneWithMinusOne) {
+TEST_F(Xrite, NotificationsCallTheXriteConsumerAloneWithMinusOne) {
   for (const std::int8_t observerId : std::vector<std::int8_t>{2, 7, 9}) {
     handler->RegisterUsbAddedCallBack(observerId, 0x10);
     handler->RegisterUsbRemovedCallBack(observerId, 0x20);
   }
   journal().clear();
   handler->NotifyUsbXriteAdded();
+  handler->NotifyUsbXriteRemoved();
   EXPECT_THAT(
       journal().events(),
       ElementsAre("log 2 @452 Xrite device inserted",
                   "log 2 @462 Calling ADDED callback function with usbDevice -1 and observerId is 7 and "
                   "observer is 0x10",
-                  "callback added -1 7 16"));
-}
-
-TEST_F(Xrite, RemovedCallsTheXriteConsumerAloneWithMinusOne) {
-  for (const std::int8_t observerId : std::vector<std::int8_t>{2, 7, 9}) {
-    handler->RegisterUsbAddedCallBack(observerId, 0x10);
-    handler->RegisterUsbRemovedCallBack(observerId, 0x20);
-  }
-  journal().clear();
-  handler->NotifyUsbXriteRemoved();
-  EXPECT_THAT(
-      journal().events(),
-      ElementsAre("log 2 @478 Xrite device removed",
+                  "callback added -1 7 16", "log 2 @478 Xrite device removed",
                   "log 2 @488 Calling REMOVE callback function with usbDevice -1 and observerId is 7 and "
                   "observer is 0x20",
                   "callback removed -1 7 32"));

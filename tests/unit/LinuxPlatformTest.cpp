@@ -1,4 +1,4 @@
-// The real system behind the handler, as far as a test may use it: in a private directory, without mounts.
+// The real platform, in a private directory and without mounts.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -85,7 +85,7 @@ TEST_F(LinuxPlatformTest, ReportsWhichPathsMayBeAccessed) {
   const std::string file = makeFile("file");
   EXPECT_EQ(platform_.access(file, F_OK), 0);
   EXPECT_EQ(errorOf([this] { return platform_.access(path("none"), F_OK) == -1; }), ENOENT);
-  // Nobody, not even root, may run a file without an x bit.
+  // Not even root may execute a file without an x bit.
   EXPECT_EQ(errorOf([&] { return platform_.access(file, X_OK) == -1; }), EACCES);
 }
 
@@ -135,7 +135,7 @@ TEST_F(LinuxPlatformTest, EndsADirectoryThatHasTooManyNamesAndSaysSoOnce) {
   for (const std::string name : {"one", "two", "abc"}) {
     makeFile(name);
   }
-  // At the usual level, whatever the environment says.
+  // The default threshold, whatever the environment says.
   TlogContext* const context = Dockhand::usbClientLog.context;
   const std::int32_t threshold = context->threshold();
   context->setThreshold(3);
@@ -151,7 +151,7 @@ TEST_F(LinuxPlatformTest, EndsADirectoryThatHasTooManyNamesAndSaysSoOnce) {
     while (platform.readdir(opened) != nullptr) {
       ++read;
     }
-    // It stays at its end.
+    // Further reads return nothing either.
     EXPECT_EQ(platform.readdir(opened), nullptr);
     EXPECT_EQ(errno, EXDEV);
     const std::string log = ::testing::internal::GetCapturedStderr();

@@ -9,7 +9,7 @@
 
 namespace {
 
-/// What happened before the first test began: before main, as far as the handler's module goes.
+/// The events before the first test: those of the handler's module come from before main.
 class BeforeTheTests : public ::testing::Environment {
  public:
   void SetUp() override {
@@ -25,7 +25,7 @@ class BeforeTheTests : public ::testing::Environment {
 const ::testing::Environment* const beforeTheTests =
     ::testing::AddGlobalTestEnvironment(new BeforeTheTests);  // NOLINT: GoogleTest owns it
 
-/// A piece of a line that takes note of being composed.
+/// A piece of a line that counts how often it is composed.
 struct Piece {
   int& composed;
 };
@@ -36,7 +36,7 @@ std::ostream& operator<<(std::ostream& stream, const Piece& piece) {
 
 class Logging : public HandlerTest {
  protected:
-  /// Levels of the lines that come through at a threshold, of one line of each level.
+  /// Writes one line of each level at a threshold. Returns the levels of the lines that appear.
   std::vector<int> levelsAt(int threshold) {
     setThreshold(threshold);
     journal().clear();
@@ -52,7 +52,7 @@ class Logging : public HandlerTest {
     }
     return levels;
   }
-  /// Has the handler write lines of the levels 2 to 5, and ask for a stack trace.
+  /// Lets the handler write lines of the levels 2 to 5 and a stack trace.
   void makeAllKindsOfLines() {
     plugIn({"sdb"});
     handler->OpenDevice(1);
@@ -231,7 +231,7 @@ TEST_F(Logging, ComposesNothingForALineThatNobodyWants) {
   EXPECT_THAT(journal().logs(), ElementsAre("log 4 @1 piecepiece"));
 }
 
-/// Pieces for which there is no memory: a stream of the standard library keeps quiet about that.
+/// Pieces without memory: one throws, and one sets a flag, as streams of the standard library do.
 struct Loud {};
 std::ostream& operator<<(std::ostream& /*stream*/, const Loud& /*piece*/) {
   errno = ENOMEM;

@@ -70,12 +70,12 @@ using ::testing::Not;
   std::exit(1);
 }
 
-/// A line that the contexts let through, as a regular expression: "CONTEXT PLACE TEXT".
+/// A regular expression for a line of level 2: "CONTEXT PLACE TEXT".
 std::string line(const std::string& text) {
   return "[^\n]*Z [0-9]+ 2 " + text + '\n';
 }
 
-/// What the daemon says of its start to one context, and the sleeps after that.
+/// The lines of the start in one context, and the sleeps after them.
 std::string startOfMain(const std::string& context) {
   const std::string place = context + " Src/Dockhand/DockhandMain:";
   return line(place + "19 Before Creating DockhandServer") +

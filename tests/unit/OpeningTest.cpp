@@ -44,7 +44,7 @@ const std::vector<std::string> everyRow = {"vfat c0ed0002", "vfat c0ed0003", "nt
                                            "ntfs b",        "ext3 c0ed0002", "ext3 c0ed0003",
                                            "hfs 3",         "hfsplus 3",     "xfs 40a"};
 
-/// Returns values of a device that no disk of the fake system can have.
+/// Returns a label and UUID that no disk of the fake system can have.
 class HandlerWithAnswers : public TestableHandler {
  public:
   using TestableHandler::TestableHandler;

@@ -1,4 +1,4 @@
-// Preparing a recording disk, down to what a real shell makes of the disk's label.
+// Preparing a recording disk. Its label is also passed through a real shell.
 
 #include <spawn.h>
 #include <sys/stat.h>
@@ -40,13 +40,13 @@ class PvrPreparation : public HandlerTest {
   }
 
   void setLabel(const std::string& label) { platform.disks["/dev/usb_storage_sdb1"].values["LABEL"] = label; }
-  /// Every command but the forced unmounts ends well, except the one that begins so.
+  /// The command with this beginning ends with `status`. The forced unmounts fail, all others succeed.
   void letFail(const std::string& beginning, int status) {
     platform.systemStatus = [beginning, status](const std::string& command) {
       return begins(command, beginning) ? status : begins(command, "umount") ? 256 : 0;
     };
   }
-  /// The first unmounts succeed, as many as are said for the loop before and the one after partitioning.
+  /// The number of forced unmounts that succeed before and after partitioning.
   void stackMounts(int before, int after) {
     platform.systemStatus = [before, after, partitioned = false](const std::string& command) mutable {
       if (begins(command, "echo")) {
@@ -56,7 +56,7 @@ class PvrPreparation : public HandlerTest {
       return begins(command, "umount") && left-- <= 0 ? 256 : 0;
     };
   }
-  /// The command that makes the file system of a disk with this label.
+  /// Prepares a disk with this label. Returns the command that makes the file system.
   std::string fileSystemCommand(const std::string& label) {
     setLabel(label);
     journal().clear();
@@ -354,7 +354,7 @@ TEST_F(PvrPreparation, CarriesOverLabelsThatOnlyResembleThose) {
                             "krx_logs", "KRX_LOG", "PVR_DISK", "a b", "''", "-L"}) {
     EXPECT_EQ(fileSystemCommand(label), makeFileSystem(label)) << label;
   }
-  // Longer than 11 characters, so an excluded text cannot come out of the cut.
+  // Cutting must not produce an excluded text; all of them have fewer than 11 characters.
   EXPECT_EQ(fileSystemCommand("New Volume 12"), makeFileSystem("New Volume "));
 }
 
@@ -399,7 +399,7 @@ TEST_F(PvrPreparation, CutsBytesThatAreNoCharactersAtElevenBytes) {
     EXPECT_EQ(fileSystemCommand("abc" + std::string(16, byte)), makeFileSystem("abc" + std::string(8, byte)));
     EXPECT_EQ(fileSystemCommand(std::string(11, byte)), makeFileSystem(std::string(11, byte)));
   }
-  // The 12th byte continues no character, or one that is complete.
+  // The 12th byte does not continue a character, or the character is complete.
   for (const std::string label :
        {"Aufnahme 20\xB0"
         "C",
@@ -421,7 +421,7 @@ TEST_F(PvrPreparation, EscapesWhatTheShellWouldReadBetweenDoubleQuotes) {
   EXPECT_EQ(fileSystemCommand("disk\\"), makeFileSystem("disk\\\\"));
   EXPECT_EQ(fileSystemCommand("\\\\"), makeFileSystem("\\\\\\\\"));
   EXPECT_EQ(fileSystemCommand("a'b;c&d|e>f"), makeFileSystem("a'b;c&d|e>f"));
-  // The escapes come after the cut.
+  // Escaped after the cut.
   EXPECT_EQ(fileSystemCommand("\"\"\"\"\"\"\"\"\"\"\"\"\""),
             makeFileSystem("\\\"\\\"\\\"\\\"\\\"\\\"\\\"\\\"\\\"\\\"\\\""));
 }
@@ -448,7 +448,7 @@ TEST_F(PvrPreparation, ShowsTheEscapedCommandInTheLog) {
 
 // The same through a real shell
 
-/// A directory whose bin holds stand-ins that do nothing but record how they were called.
+/// A directory with stand-ins in bin/ that only record their arguments.
 class StandIns {
  public:
   StandIns() {
@@ -491,7 +491,7 @@ class StandIns {
     waitpid(child, &status, 0);
     return status;
   }
-  /// Every name and argument that a stand-in was called with, in order.
+  /// The names and arguments of all calls of stand-ins, in order.
   std::vector<std::string> recorded() const {
     std::ifstream file(record(), std::ios::binary);
     std::vector<std::string> words;
@@ -500,7 +500,7 @@ class StandIns {
     }
     return words;
   }
-  /// What the command has left in the directory where it ran.
+  /// The files that the command left in its directory.
   std::vector<std::string> leftBehind() const {
     std::vector<std::string> names;
     for (const auto& file : std::filesystem::directory_iterator(root_ / "work")) {
@@ -577,7 +577,7 @@ TEST_F(PvrPreparation, HandsEveryByteOfALabelToTheFormatterOrDropsIt) {
   }
 }
 
-// What keeps the two tests above from passing for the wrong reason.
+// Shows that the two tests above can fail.
 TEST_F(PvrPreparation, StandInsWouldShowACommandHiddenInALabel) {
   StandIns standIns;
   standIns.run(R"(mkfs.xfs -L "";reboot;touch "" >left)");

@@ -26,7 +26,7 @@ namespace {
 TlogContext* const contextBeforeMain =
     TlogContext::GetLogContext("Test.BeforeMain", "tests/unit/TlogTest", 1);
 
-// A file without a name that takes standard error.
+// Captures standard error in an unnamed file.
 class CapturedStandardError {
  public:
   std::string text() const {
@@ -58,7 +58,7 @@ class CapturedStandardError {
   const RedirectedStandardError redirection_{file_.fd};
 };
 
-// A pipe for standard error; collect() empties it while the writer runs and returns all that came.
+// A pipe for standard error. collect() reads it while the writer runs, and returns everything.
 class PipedStandardError {
  public:
   explicit PipedStandardError(int flags = 0) {
@@ -76,7 +76,7 @@ class PipedStandardError {
   PipedStandardError& operator=(const PipedStandardError&) = delete;
 
   int writeEnd() const { return writeEnd_; }
-  // The next write blocks until somebody reads.
+  // Fills it, so that the next write blocks until someone reads.
   void fill() const {
     require(fcntl(writeEnd_, F_SETFL, O_NONBLOCK) == 0, "fcntl");
     while (write(writeEnd_, ".", 1) == 1) {
@@ -204,7 +204,7 @@ TEST_F(TlogLine, EscapesEachByteOfControlCharactersAndOfThoseThatTurnTextRoundOn
            // U+2065 to U+206A.
            {"\xe2\x81\xa5\xe2\x81\xa6\xe2\x81\xa9\xe2\x81\xaa",
             "\xe2\x81\xa5\\xe2\\x81\\xa6\\xe2\\x81\\xa9\xe2\x81\xaa"},
-           // Letters whose last byte would be C1 by itself.
+           // Letters whose last byte alone would be C1.
            {"\xc3\x89\xc3\x9b\xe2\x82\xac\xf0\x9f\x92\x9b", "\xc3\x89\xc3\x9b\xe2\x82\xac\xf0\x9f\x92\x9b"},
            // Not UTF-8: truncated, a byte missing, overlong, a surrogate, beyond the last character.
            {"\xe2\x82", "\xe2\\x82"},
@@ -509,7 +509,7 @@ TEST_F(TlogTarget, SyslogPriorityFollowsTheLevel) {
 TEST_F(TlogThreads, LinesNeverMix) {
   constexpr int threadCount = 8;
   constexpr int linesPerThread = 200;
-  // More than PIPE_BUF, below which the kernel itself would keep lines together.
+  // More than PIPE_BUF: the kernel keeps shorter writes together.
   constexpr std::size_t length = 6000;
   const std::string all = PipedStandardError().collect([&] {
     std::vector<std::thread> threads;
@@ -565,7 +565,7 @@ TEST_F(TlogThreads, GetTheSameContextForTheSameName) {
   EXPECT_EQ(found.front()[7]->name(), "Test.Shared7");
 }
 
-// All memory of this program, but for types with an alignment of their own.
+// All memory of this program, except types with extended alignment.
 void* operator new(std::size_t size) {
   void* const memory = MemoryShortage::isNow() ? nullptr : std::malloc(std::max(size, std::size_t{1}));
   if (memory == nullptr) {
@@ -585,7 +585,7 @@ void operator delete(void* memory, std::size_t) noexcept {
 void traceFromANamedFunction();
 __attribute__((noinline)) void traceFromANamedFunction() {
   TlogStackTrace();
-  // Keeps the call above from becoming a jump that leaves no frame.
+  // Prevents a tail call, which would leave no frame.
   std::atomic_signal_fence(std::memory_order_seq_cst);
 }
 
