@@ -108,29 +108,42 @@ TEST_F(ClaimedFile, IsKeptWithItsContentWhenItIsOursAlready) {
   EXPECT_THAT(moved(), IsEmpty());
 }
 
-TEST_F(ClaimedFile, TakesThePlaceOfALink) {
-  write(directory / "target", "precious");
-  fs::create_symlink(directory / "target", file);
-  expectMovedAside(fs::file_type::symlink);
-  EXPECT_EQ(read(directory / "target"), "precious");
-}
-
-TEST_F(ClaimedFile, TakesThePlaceOfALinkToNothing) {
-  fs::create_symlink(directory / "target", file);
-  expectMovedAside(fs::file_type::symlink);
-  EXPECT_FALSE(fs::exists(directory / "target"));
-}
-
-TEST_F(ClaimedFile, TakesThePlaceOfAFileThatHasAnotherName) {
-  write(directory / "target", "precious");
-  fs::create_hard_link(directory / "target", file);
-  expectMovedAside(fs::file_type::regular);
-  EXPECT_EQ(read(directory / "target"), "precious");
-}
-
-TEST_F(ClaimedFile, TakesThePlaceOfAFifo) {
-  ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
-  expectMovedAside(fs::file_type::fifo);
+TEST_F(ClaimedFile, TakesThePlaceOfAFileThatMayBeSomeoneElses) {
+  struct Row {
+    const char* description;
+    fs::file_type type;
+    std::function<void(const fs::path& target)> put;
+    /// Whether the target exists, with its content.
+    bool hasTarget = false;
+  };
+  const auto putWritable = [this](mode_t mode) {
+    write(file, "precious");
+    ASSERT_EQ(chmod(file.c_str(), mode), 0);
+  };
+  for (const Row& row : {
+           Row{"link", fs::file_type::symlink, [&](auto& target) { fs::create_symlink(target, file); }, true},
+           Row{"link to nothing", fs::file_type::symlink,
+               [&](auto& target) { fs::create_symlink(target, file); }},
+           Row{"second name", fs::file_type::regular,
+               [&](auto& target) { fs::create_hard_link(target, file); }, true},
+           Row{"fifo", fs::file_type::fifo, [&](auto&) { ASSERT_EQ(mkfifo(file.c_str(), 0600), 0); }},
+           Row{"group may write", fs::file_type::regular, [&](auto&) { putWritable(0664); }},
+           Row{"others may write", fs::file_type::regular, [&](auto&) { putWritable(0646); }},
+       }) {
+    SCOPED_TRACE(row.description);
+    fs::remove_all(directory);
+    fs::create_directory(directory);
+    const fs::path target = directory / "target";
+    if (row.hasTarget) {
+      write(target, "precious");
+    }
+    row.put(target);
+    expectMovedAside(row.type);
+    EXPECT_EQ(fs::exists(target), row.hasTarget);
+    if (row.type == fs::file_type::regular || row.hasTarget) {
+      EXPECT_EQ(read(row.hasTarget ? target : moved()[0]), "precious");
+    }
+  }
 }
 
 TEST_F(ClaimedFile, TakesThePlaceOfADirectory) {
@@ -140,17 +153,6 @@ TEST_F(ClaimedFile, TakesThePlaceOfADirectory) {
   EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(file)));
   ASSERT_THAT(moved(), SizeIs(1));
   EXPECT_EQ(read(moved()[0] / "inside"), "precious");
-}
-
-TEST_F(ClaimedFile, TakesThePlaceOfAFileThatOthersMayWriteTo) {
-  for (const mode_t mode : {0664U, 0646U}) {
-    fs::remove_all(directory);
-    fs::create_directory(directory);
-    write(file, "ours, and whose else?");
-    ASSERT_EQ(chmod(file.c_str(), mode), 0);
-    expectMovedAside(fs::file_type::regular);
-    EXPECT_EQ(read(moved()[0]), "ours, and whose else?");
-  }
 }
 
 TEST_F(ClaimedFile, IsLeftToWhoeverOpensItWhereNoneCanBeMade) {

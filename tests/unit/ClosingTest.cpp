@@ -133,29 +133,19 @@ TEST_F(Closing, ClearsTheLeftoversOfAFailedOpening) {
   EXPECT_EQ(entry(id).mountPoint, "");
 }
 
-TEST_F(Closing, DetachesADeviceThatWasReportedRemoved) {
-  const auto id = plugInOpen();
-  entry(id).lastUsbOperation = Dockhand::UsbOperationRemoved;
-  EXPECT_TRUE(handler->CloseDevice(id));
-  EXPECT_THAT(journal().eventsBeginning("umount2"), ElementsAre("umount2 /media/disk_1 2"));
-}
-
-TEST_F(Closing, DetachesARemovedDeviceForASafeRemovalToo) {
-  const auto id = plugInOpen();
-  entry(id).lastUsbOperation = Dockhand::UsbOperationRemoved;
-  EXPECT_TRUE(handler->CloseDeviceSafeRemoval(id));
-  EXPECT_THAT(journal().eventsBeginning("umount2"), ElementsAre("umount2 /media/disk_1 2"));
-  EXPECT_TRUE(entry(id).safelyRemoved);
-}
-
-TEST_F(Closing, UnmountsEveryOtherDeviceStrictly) {
-  for (const int operation : {0, 1, 3, -1}) {
-    const auto id = plugInOpen();
-    entry(id).lastUsbOperation = static_cast<Dockhand::UsbOperation>(operation);
-    EXPECT_TRUE(handler->CloseDevice(id));
-    EXPECT_THAT(journal().eventsBeginning("umount2"), ElementsAre("umount2 /media/disk_1 0")) << operation;
-    pullOut({"sdb"});
-    handler->CheckForAndUpdateNewDevices();
+TEST_F(Closing, DetachesADeviceThatWasReportedRemovedAndUnmountsEveryOtherStrictly) {
+  for (const int operation : {2, 0, 1, 3, -1}) {
+    for (const bool safeRemoval : {false, true}) {
+      const auto id = plugInOpen();
+      entry(id).lastUsbOperation = static_cast<Dockhand::UsbOperation>(operation);
+      EXPECT_TRUE(safeRemoval ? handler->CloseDeviceSafeRemoval(id) : handler->CloseDevice(id));
+      EXPECT_EQ(entry(id).safelyRemoved, safeRemoval);
+      EXPECT_THAT(journal().eventsBeginning("umount2"),
+                  ElementsAre(operation == 2 ? "umount2 /media/disk_1 2" : "umount2 /media/disk_1 0"))
+          << operation;
+      pullOut({"sdb"});
+      handler->CheckForAndUpdateNewDevices();
+    }
   }
 }
 

@@ -87,24 +87,6 @@ TEST_F(FailureJudges, PrintAndJudgeEachErrorOfMkdir) {
   EXPECT_THAT(journal().events(), IsEmpty());
 }
 
-TEST_F(FailureJudges, AcceptTwoErrorsOfMkdir) {
-  std::vector<int> accepted;
-  ::testing::internal::CaptureStdout();
-  for (const int error : errors()) {
-    if (Dockhand::acceptMkdirError(error)) {
-      accepted.push_back(error);
-    }
-  }
-  ::testing::internal::GetCapturedStdout();
-  EXPECT_THAT(accepted, ElementsAre(EPERM, EEXIST));
-}
-
-TEST_F(FailureJudges, PrintAnEmptyLineForADirectoryThatExists) {
-  ::testing::internal::CaptureStdout();
-  EXPECT_TRUE(Dockhand::acceptMkdirError(17));
-  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "\n");
-}
-
 TEST_F(FailureJudges, JudgeTheErrorNumberThatIsPassedForMkdir) {
   ::testing::internal::CaptureStdout();
   errno = EEXIST;
@@ -134,17 +116,6 @@ TEST_F(FailureJudges, LogAndJudgeEachErrorOfMount) {
     EXPECT_EQ(accepted, judgement.accepted) << error;
     EXPECT_THAT(journal().events(), ElementsAre("log 2 @590 " + judgement.text)) << error;
   }
-}
-
-TEST_F(FailureJudges, AcceptTwoErrorsOfMount) {
-  std::vector<int> accepted;
-  for (const int error : errors()) {
-    errno = error;
-    if (Dockhand::acceptMountError()) {
-      accepted.push_back(error);
-    }
-  }
-  EXPECT_THAT(accepted, ElementsAre(EBUSY, EINVAL));
 }
 
 TEST_F(FailureJudges, JudgeAMountEvenIfItsLineIsBelowTheThreshold) {

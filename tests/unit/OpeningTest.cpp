@@ -64,17 +64,19 @@ class HandlerWithAnswers : public TestableHandler {
   bool hasUuid = true;
 };
 
-TEST_F(Opening, MountsAtADirectoryNamedAfterTheDeviceNumber) {
-  plugIn({"sda"}, "vfat");
-  plugIn({"sdb"}, "vfat");
-  const auto id = plugIn({"sdc"}, "vfat");
-  ASSERT_EQ(id, 3);
-  EXPECT_TRUE(handler->OpenDevice(id));
-  EXPECT_TRUE(entry(id).deviceOpen);
-  EXPECT_EQ(entry(id).mountPoint, "/media/disk_3");
-  EXPECT_FALSE(entry(id).hidden);
-  EXPECT_THAT(journal().eventsBeginning("mount "),
-              ElementsAre("mount /dev/usb_storage_sdc /media/disk_3 vfat c0ed0002 utf8"));
+TEST_F(Opening, MountsTheDiskOrItsPartitionAtADirectoryNamedAfterTheDeviceNumber) {
+  for (const std::vector<std::string>& nodes : {std::vector<std::string>{"sda"}, {"sdb", "sdb1"}, {"sdc"}}) {
+    const std::string& node = nodes.back();
+    const auto id = plugIn(nodes, "vfat");
+    const std::string directory = "/media/disk_" + std::to_string(id);
+    EXPECT_TRUE(handler->OpenDevice(id));
+    EXPECT_TRUE(entry(id).deviceOpen);
+    EXPECT_EQ(entry(id).mountPoint, directory);
+    EXPECT_FALSE(entry(id).hidden);
+    EXPECT_THAT(journal().eventsBeginning("mount "),
+                ElementsAre("mount /dev/usb_storage_" + node + " " + directory + " vfat c0ed0002 utf8"));
+  }
+  EXPECT_EQ(handler->deviceMap.size(), 3U);
 }
 
 TEST_F(Opening, DoesAndLogsEachStepInOrder) {
@@ -292,20 +294,6 @@ TEST_F(Opening, OpenDeviceCallsTheVirtualOpenDeviceAt) {
   EXPECT_FALSE(overriding.OpenDevice(-1));
   EXPECT_THAT(overriding.calls, ElementsAre("7 /media/disk_7 0", "-1 /media/disk_-1 0"));
   EXPECT_THAT(journal().events(), IsEmpty());
-}
-
-TEST_F(Opening, MountsThePartitionOfAPartitionedDisk) {
-  const auto id = plugIn({"sdb", "sdb1"}, "vfat");
-  EXPECT_TRUE(handler->OpenDevice(id));
-  EXPECT_THAT(journal().eventsBeginning("mount "),
-              ElementsAre("mount /dev/usb_storage_sdb1 /media/disk_1 vfat c0ed0002 utf8"));
-}
-
-TEST_F(Opening, MountsTheNodeOfADiskWithoutPartitions) {
-  const auto id = plugIn({"sdb"}, "vfat");
-  EXPECT_TRUE(handler->OpenDevice(id));
-  EXPECT_THAT(journal().eventsBeginning("mount "),
-              ElementsAre("mount /dev/usb_storage_sdb /media/disk_1 vfat c0ed0002 utf8"));
 }
 
 TEST_F(Opening, RefusesTheDeviceUnderRepairWithoutAccessingIt) {

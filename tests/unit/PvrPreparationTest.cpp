@@ -10,6 +10,7 @@
 #include <fstream>
 #include <new>
 #include <stdexcept>
+#include <tuple>
 
 #include "HandlerTest.h"
 
@@ -187,20 +188,16 @@ TEST_F(PvrPreparation, GoesOnWithoutALineWhenUnmountingCannotEvenBeTried) {
 
 // Failing tools
 
-TEST_F(PvrPreparation, GoesOnWhenTheOldTableCannotBeListed) {
-  letFail("sfdisk", 256);
-  EXPECT_TRUE(handler->PrepareDeviceForPvr(1));
-  EXPECT_THAT(journal().eventsBeginning("log 4"),
-              ElementsAre("log 4 @129 Warning: " + listTable + " returned 256 # from Line=908"));
-  EXPECT_EQ(journal().eventsBeginning("system mkfs.xfs").size(), 1U);
-}
-
-TEST_F(PvrPreparation, GoesOnWhenTheOldTableCannotBeWiped) {
-  letFail("dd", 256);
-  EXPECT_TRUE(handler->PrepareDeviceForPvr(1));
-  EXPECT_THAT(journal().eventsBeginning("log 4"),
-              ElementsAre("log 4 @129 Warning: " + wipeTable + " returned 256 # from Line=913"));
-  EXPECT_EQ(journal().eventsBeginning("system mkfs.xfs").size(), 1U);
+TEST_F(PvrPreparation, GoesOnWhenTheOldTableCannotBeListedOrWiped) {
+  for (const auto& [tool, command, line] :
+       {std::tuple{"sfdisk", listTable, "908"}, std::tuple{"dd", wipeTable, "913"}}) {
+    letFail(tool, 256);
+    journal().clear();
+    EXPECT_TRUE(handler->PrepareDeviceForPvr(1));
+    EXPECT_THAT(journal().eventsBeginning("log 4"),
+                ElementsAre("log 4 @129 Warning: " + command + " returned 256 # from Line=" + line));
+    EXPECT_EQ(journal().eventsBeginning("system mkfs.xfs").size(), 1U);
+  }
 }
 
 TEST_F(PvrPreparation, StopsBeforeThePauseWhenTheDiskCannotBePartitioned) {
