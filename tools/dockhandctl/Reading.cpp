@@ -138,41 +138,41 @@ int info(const Settings& settings, std::int16_t number) {
 }
 
 int label(const Settings& settings, std::int16_t device) {
-  const auto answer = askAbout(
+  const auto reply = askAbout(
       settings, device, [&](UsbService& service) { return service.text(&Client::GetDeviceLabel, device); });
-  return printText(settings, device, "label", answer.text, "it has no label");
+  return printText(settings, device, "label", reply.text, "it has no label");
 }
 
 int uuid(const Settings& settings, std::int16_t device) {
-  const auto answer = askAbout(
+  const auto reply = askAbout(
       settings, device, [&](UsbService& service) { return service.text(&Client::GetDeviceUuid, device); });
-  return printText(settings, device, "uuid", answer.success ? answer.text : "",
+  return printText(settings, device, "uuid", reply.success ? reply.text : "",
                    "no UUID can be read from it (is it formatted?)");
 }
 
 int usbVersion(const Settings& settings, std::int16_t device) {
-  const auto answer = askAbout(settings, device, [&](UsbService& service) {
+  const auto reply = askAbout(settings, device, [&](UsbService& service) {
     return service.text(&Client::GetDeviceUsbVersion, device);
   });
-  return printText(settings, device, "usbVersion", answer.success ? answer.text : "",
+  return printText(settings, device, "usbVersion", reply.success ? reply.text : "",
                    "its USB version is unknown: readUsbVersion.sh is missing, fails or prints nothing");
 }
 
 int type(const Settings& settings, std::int16_t device) {
-  const std::int32_t answer = askAbout(settings, device, [&](UsbService& service) {
+  const std::int32_t reply = askAbout(settings, device, [&](UsbService& service) {
     return service.call([&](Client& client) { return client.GetDeviceType(device); });
   });
-  const std::string name = typeName(answer);
+  const std::string name = typeName(reply);
   return printText(settings, device, "type", name == "unknown" ? "" : name,
                    "the kernel does not say whether it is removable");
 }
 
 int capacity(const Settings& settings, std::int16_t device) {
-  const std::int32_t answer = askAbout(settings, device, [&](UsbService& service) {
+  const std::int32_t reply = askAbout(settings, device, [&](UsbService& service) {
     return service.call([&](Client& client) { return client.GetDeviceCapacity(device); });
   });
-  return printValue(settings, device, "capacityMiB", answer == 0 ? Json(nullptr) : Json(answer),
-                    capacityText(answer), "its node cannot be opened, or has no size");
+  return printValue(settings, device, "capacityMiB", reply == 0 ? Json(nullptr) : Json(reply),
+                    capacityText(reply), "its node cannot be opened, or has no size");
 }
 
 int mountPoint(const Settings& settings, std::int16_t device) {
@@ -194,15 +194,15 @@ int kernelName(const Settings& settings, std::int16_t device) {
 }
 
 int isOpen(const Settings& settings, std::int16_t device) {
-  const bool answer = askAbout(settings, device, [&](UsbService& service) {
+  const bool reply = askAbout(settings, device, [&](UsbService& service) {
     return service.call([&](Client& client) { return client.IsDeviceOpen(device); });
   });
   if (settings.json) {
-    std::cout << toText({{"device", device}, {"open", answer}}) << '\n';
+    std::cout << toText({{"device", device}, {"open", reply}}) << '\n';
   } else {
-    std::cout << (answer ? "yes" : "no") << '\n';
+    std::cout << (reply ? "yes" : "no") << '\n';
   }
-  return answer ? done : answerIsNo;
+  return reply ? done : answerIsNo;
 }
 
 int files(const Settings& settings, std::int16_t device, const std::string& directory,
