@@ -5,13 +5,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdint>
-#include <cstdio>
-#include <fstream>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <sstream>
 
 namespace Dockhand {
 
@@ -32,14 +32,20 @@ struct Look {
   std::uint64_t names;
 };
 
-/// A descriptor that stands for a path and opens nothing.
+/// A descriptor that names a path and opens nothing.
 struct Descriptor {
+  Platform& platform;
   const int number;
 
-  Descriptor(const std::string& path, int flags) : number(::open(path.c_str(), O_PATH | O_CLOEXEC | flags)) {}
+  Descriptor(Platform& openingPlatform, const std::string& path, int flags)
+      : platform(openingPlatform), number(openingPlatform.open(path, O_PATH | flags)) {}
   Descriptor(const Descriptor&) = delete;
   Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() { ::close(number); }
+  ~Descriptor() {
+    if (number >= 0) {
+      platform.close(number);
+    }
+  }
 };
 
 std::string directoryOf(const std::string& path) {
@@ -52,93 +58,94 @@ std::string nameOf(const std::string& path) {
 
 /// Since Linux 5.8 statx tells what is mounted. The C library's stand-in for kernels without statx waits for
 /// the file system, and is found out in this way too.
-bool statxTellsMountRoots() {
+bool statxTellsMountRoots(Platform& platform) {
   struct statx status {};
-  return ::statx(AT_FDCWD, "/", AT_STATX_DONT_SYNC, 0, &status) == 0 &&
+  return platform.statx(AT_FDCWD, "/", AT_STATX_DONT_SYNC, 0, &status) == 0 &&
          (status.stx_attributes_mask & mountRootAttribute) != 0;
 }
 
-Look lookByStatx(const std::string& path) {
+Look lookByStatx(Platform& platform, const std::string& path) {
   constexpr int flags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | AT_STATX_DONT_SYNC;
   struct statx status {};
-  if (::statx(AT_FDCWD, path.c_str(), flags, 0, &status) != 0) {
+  if (platform.statx(AT_FDCWD, path, flags, 0, &status) != 0) {
     return {errno, {}, {}, {}, {}};
   }
   const bool isMountRoot = (status.stx_attributes & mountRootAttribute) != 0;
   return {0, isMountRoot, status.stx_mode, status.stx_uid, status.stx_nlink};
 }
 
-/// The line with the number of the mount that a descriptor is in; empty where it cannot be read.
+/// The line with the number of the mount that a descriptor is in; empty if it cannot be read.
 std::string mountOf(const Descriptor& descriptor) {
-  std::ifstream information("/proc/self/fdinfo/" + std::to_string(descriptor.number));
+  Platform& platform = descriptor.platform;
+  const int information = platform.open("/proc/self/fdinfo/" + std::to_string(descriptor.number), O_RDONLY);
+  if (information < 0) {
+    return {};
+  }
+  // It begins with the position, the flags and the mount: three lines of fewer than 40 characters each.
+  std::array<char, 256> text;
+  const ssize_t size = platform.read(information, text.data(), text.size());
+  platform.close(information);
+  std::istringstream lines(std::string(text.data(), size > 0 ? static_cast<std::size_t>(size) : 0));
   std::string line;
-  while (std::getline(information, line) && line.rfind("mnt_id:", 0) != 0) {
+  while (std::getline(lines, line) && line.rfind("mnt_id:", 0) != 0) {
   }
   return line;
 }
 
-Look lookByMountNumber(const std::string& path) {
-  const Descriptor file(path, O_NOFOLLOW);
+Look lookByMountNumber(Platform& platform, const std::string& path) {
+  const Descriptor file(platform, path, O_NOFOLLOW);
   if (file.number < 0) {
     return {errno, {}, {}, {}, {}};
   }
   const std::string mount = mountOf(file);
-  const Descriptor directory(directoryOf(path), O_DIRECTORY);
+  const Descriptor directory(platform, directoryOf(path), O_DIRECTORY);
   const std::string mountAround = mountOf(directory);
   if (mount.empty() || mount != mountAround) {
     return {0, true, {}, {}, {}};
   }
-  struct stat status {};
-  if (::fstat(file.number, &status) != 0) {
+  struct statx status {};
+  if (platform.statx(file.number, "", AT_EMPTY_PATH, STATX_BASIC_STATS, &status) != 0) {
     return {errno, {}, {}, {}, {}};
   }
-  return {0, false, status.st_mode, status.st_uid, status.st_nlink};
+  return {0, false, status.stx_mode, status.stx_uid, status.stx_nlink};
 }
 
-Look lookAt(const std::string& path) {
-  return statxTellsMountRoots() ? lookByStatx(path) : lookByMountNumber(path);
+Look lookAt(Platform& platform, const std::string& path) {
+  return statxTellsMountRoots(platform) ? lookByStatx(platform, path) : lookByMountNumber(platform, path);
 }
 
 enum class Found { nothing, ours, foreign, outOfReach };
 
-Found whatIsAt(const std::string& path) {
-  const Look look = lookAt(path);
+Found whatIsAt(Platform& platform, const std::string& path) {
+  const Look look = lookAt(platform, path);
   if (look.error == ENOENT) {
     return Found::nothing;
   }
   if (look.error != 0 || look.isMountRoot) {
     return Found::outOfReach;
   }
-  const bool onlyOursToWrite = look.owner == ::geteuid() && (look.mode & (S_IWGRP | S_IWOTH)) == 0;
+  const bool onlyOursToWrite = look.owner == platform.geteuid() && (look.mode & (S_IWGRP | S_IWOTH)) == 0;
   // Another hard link may be somebody's file.
   return S_ISREG(look.mode) && onlyOursToWrite && look.names == 1 ? Found::ours : Found::foreign;
 }
 
-/// 0 or errno.
-int makeFile(const std::string& path) {
-  const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-  if (file < 0) {
-    return errno;
-  }
-  ::close(file);
-  return 0;
-}
-
 /// How many directories of ours hold what was moved aside from `path`; nothing if they cannot be counted.
 /// Users may use such names too: theirs do not count, or they could keep us from ever moving anything.
-std::optional<int> countMovedAside(const std::string& path) {
+std::optional<int> countMovedAside(Platform& platform, const std::string& path) {
   const std::string directory = directoryOf(path);
   const std::string beginning = nameOf(path) + movedSuffix;
-  const std::unique_ptr<DIR, int (*)(DIR*)> entries(::opendir(directory.c_str()), ::closedir);
+  const auto close = [&platform](DIR* opened) { platform.closedir(opened); };
+  const std::unique_ptr<DIR, decltype(close)> entries(platform.opendir(directory), close);
   if (entries == nullptr) {
     return std::nullopt;
   }
   int count = 0;
-  while (const dirent* entry = ::readdir(entries.get())) {
+  while (const dirent* entry = platform.readdir(entries.get())) {
     const std::string name = entry->d_name;
     if (name.compare(0, beginning.size(), beginning) == 0) {
-      const Look look = lookAt(directory + name);
-      const bool isDirectoryOfOurs = S_ISDIR(look.mode) && look.owner == ::geteuid() && !look.isMountRoot;
+      const Look look = lookAt(platform, directory + name);
+      const bool isDirectoryOfOurs =
+          S_ISDIR(look.mode) && look.owner == platform.geteuid() && !look.isMountRoot;
       count += isDirectoryOfOurs ? 1 : 0;
     }
   }
@@ -146,43 +153,43 @@ std::optional<int> countMovedAside(const std::string& path) {
 }
 
 /// movedAside once nothing is left at the path, also if it went by itself.
-Claim moveAside(const std::string& path) {
-  const std::optional<int> count = countMovedAside(path);
+Claim moveAside(Platform& platform, const std::string& path) {
+  const std::optional<int> count = countMovedAside(platform, path);
   if (count >= maxMovedAside) {
     return Claim::tooManyMoved;
   }
   // A directory of our own, so that nobody can have taken the new name.
   std::string place = path + movedSuffix + "XXXXXX";
-  if (!count || ::mkdtemp(place.data()) == nullptr) {
+  if (!count || platform.mkdtemp(place.data()) == nullptr) {
     return Claim::refused;
   }
-  if (::rename(path.c_str(), (place + '/' + nameOf(path)).c_str()) == 0) {
+  if (platform.rename(path, place + '/' + nameOf(path)) == 0) {
     return Claim::movedAside;
   }
   const bool wentByItself = errno == ENOENT;
-  ::rmdir(place.c_str());
+  platform.rmdir(place);
   return wentByItself ? Claim::movedAside : Claim::refused;
 }
 
 }  // namespace
 
-Claim claimFile(const std::string& path) {
+Claim claimFile(Platform& platform, const std::string& path) {
   static std::mutex oneAtATime;
   const std::lock_guard<std::mutex> lock(oneAtATime);
   // Someone may race us; 20 tries are enough.
   constexpr int maxAttempts = 20;
   Claim claim = Claim::ours;
   for (int attempt = 0; attempt < maxAttempts; ++attempt) {
-    switch (whatIsAt(path)) {
+    switch (whatIsAt(platform, path)) {
       case Found::ours:
         return claim;
       case Found::nothing:
-        if (makeFile(path) != EEXIST) {
+        if (platform.mknod(path, S_IFREG | 0644) == 0 || errno != EEXIST) {
           return claim;
         }
         break;
       case Found::foreign:
-        claim = moveAside(path);
+        claim = moveAside(platform, path);
         if (claim != Claim::movedAside) {
           return claim;
         }

@@ -3,6 +3,8 @@
 
 #include <string>
 
+#include "Platform.h"
+
 namespace Dockhand {
 
 /// How many things that were in the way of one file are kept.
@@ -31,7 +33,7 @@ enum class Claim {
 /// What it says stays true only in a directory with the sticky bit, where nobody can take our file away.
 ///
 /// Threads: any; claims wait for each other, lest one moves away what another has just made.
-Claim claimFile(const std::string& path);
+Claim claimFile(Platform& platform, const std::string& path);
 
 }  // namespace Dockhand
 

@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
 #include <string_view>
 
 #include "DockhandClient.h"
@@ -50,15 +49,9 @@ std::string charactersBetween(const std::string& text, char first, char last) {
 
 void DockhandClient::CheckForAndUpdateNewDevices() {
   usbClientLog.write(2, 142, "CheckForAndUpdateNewDevices");
-  const Lock lock(*this);
+  const HandlerLock lock(handlerMutex);
 
-  for (auto& [key, entry] : deviceMap) {
-    entry.partitionCount = 0;
-  }
-  for (auto& [key, entry] : deviceMap) {
-    entry.foundInScan = false;
-  }
-
+  devices_.beginScan();
   ScannedEntries nodes;
   nodes.count = platform_.scandir("/dev", &nodes.entries, isStorageNode, alphasort);
   if (nodes.count < 0) {
@@ -73,71 +66,21 @@ void DockhandClient::CheckForAndUpdateNewDevices() {
     const std::string deviceName = charactersBetween(text, 'a', 'z');
     const std::string deviceNumber = charactersBetween(text, '0', '9');
 
-    bool matchFound = false;
-    for (auto& [key, entry] : deviceMap) {
-      if (entry.deviceName != deviceName) {
-        continue;
-      }
-      if (!deviceNumber.empty()) {
-        entry.partitionCount = 1;
-      }
-      entry.foundInScan = true;
-      matchFound = true;
-    }
+    const bool matchFound = devices_.markSeen(deviceName, !deviceNumber.empty());
     usbClientLog.write(2, 196, "entry: name=", text, " number=", deviceNumber, " matchFound=", matchFound);
 
     if (!matchFound) {
-      insertDevice(deviceName, deviceNumber);
+      devices_.insert(deviceName, deviceNumber);
     }
   }
 
-  eraseVanishedDevices();
-}
-
-void DockhandClient::insertDevice(const std::string& deviceName, const std::string& deviceNumber) {
-  requireLock();
-  UsbDeviceEntry entry;
-  entry.deviceName = deviceName;
-  entry.foundInScan = true;
-  if (deviceNumber.empty()) {
-    usbClientLog.write(2, 203, "deviceNumber is empty");
-  } else {
-    usbClientLog.write(2, 208, "deviceNumber NOT empty - settings part count to 1");
-    entry.partitionCount = 1;
-  }
-
-  std::uint32_t key = 1;
-  while (deviceMap.count(key) != 0) {
-    ++key;
-  }
-  deviceMap.emplace(key, entry);
-  usbClientLog.write(2, 226, "deviceMap.insert(", key, ", [", entry.deviceName, ",", entry.partitionCount,
-                     ",", entry.deviceOpen, ",", entry.mountPoint, ",", entry.lastUsbOperation, ",",
-                     entry.hidden, "], mapSize=", deviceMap.size());
-}
-
-void DockhandClient::eraseVanishedDevices() {
-  requireLock();
-  auto device = deviceMap.begin();
-  while (device != deviceMap.end()) {
-    if (device->second.foundInScan) {
-      ++device;
-      continue;
-    }
-    deviceMap.erase(device);
-    if (deviceMap.empty()) {
-      return;
-    }
-    // Starts over behind the first record, not at it, so that a vanished device in first place now outlives
-    // this scan. Deliberate: services see which scan frees a device number.
-    device = std::next(deviceMap.begin());
-  }
+  devices_.eraseUnseen();
 }
 
 void DockhandClient::GetListOfInsertedDevices(std::vector<std::int16_t>& _return, bool includeHidden) {
   _return.clear();
   usbClientLog.write(2, 262, "GetListOfInsertedDevices");
-  const Lock lock(*this);
+  const HandlerLock lock(handlerMutex);
 
   usbClientLog.write(2, 265, "map count before is ", deviceMap.size());
   CheckForAndUpdateNewDevices();

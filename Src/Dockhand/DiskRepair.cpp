@@ -1,12 +1,6 @@
 // Repairing a recording disk: XFS only, and only while it is not open.
 
-#include <sys/mount.h>
-
-#include <cerrno>
-#include <cstring>
-
 #include "DockhandClient.h"
-#include "FailureJudges.h"
 #include "ModuleLog.h"
 
 namespace Dockhand {
@@ -25,46 +19,40 @@ bool DockhandClient::RunDiskRepair(std::int16_t deviceId) {
     usbClientLog.write(5, 1201, "RunDiskRepair(", deviceId, ") - repair already running!");
   } else {
     // Also when a step throws: no second repair would ever be let in.
-    struct Announcement {
+    struct EndOfRepair {
       DockhandClient& client;
-      ~Announcement() { client.endRepair(); }
+      ~EndOfRepair() { client.endRepair(); }
     };
-    const Announcement announcement{*this};
+    const EndOfRepair endOfRepair{*this};
     repaired = repair(partition.mountDevice);
   }
   usbClientLog.write(3, 1263, "xfs_repair ", repaired ? "PASSED" : "FAILED");
   return repaired;
 }
 
+bool DockhandClient::GetPartitionInfo(std::int16_t deviceId, PartitionInfo& info) {
+  usbClientLog.write(2, 952, "GetPartitionInfo(", deviceId, ")");
+  const HandlerLock lock(handlerMutex);
+  const UsbDeviceEntry* entry = devices_.find(deviceId);
+  if (entry == nullptr) {
+    usbClientLog.write(5, 965, "GetPartitionInfo(", deviceId, ") - Unknown device!");
+    return false;
+  }
+  info.fsType = getBlkidLookupValue(static_cast<std::uint32_t>(deviceId), "TYPE");
+  info.mountDevice = GetUsbMountDevice(deviceId, false);
+  info.deviceOpen = entry->deviceOpen;
+  return true;
+}
+
 bool DockhandClient::repair(const std::string& mountDevice) {
-  replayJournal(mountDevice);
-  forceUnmount(mountDevice, 1237, "");
+  replayJournal(platform_, mountDevice);
+  shell_.forceUnmount(mountDevice, 1237, "");
   bool wasRun = false;
   if (executeShellCommand("xfs_repair " + mountDevice, 1241, true, &wasRun) == 0) {
     return true;
   }
   // Drops what the log holds. So only after a repair that could not use it, and not where none was tried.
   return wasRun && executeShellCommand("xfs_repair -L " + mountDevice, 1248, true) == 0;
-}
-
-void DockhandClient::replayJournal(const std::string& mountDevice) {
-  const std::string mountPoint = "/media/disk_tmp";
-  if (platform_.mkdir(mountPoint, 0775) != 0 && !acceptMkdirError(errno)) {
-    return;
-  }
-  if (platform_.mount(mountDevice, mountPoint, "xfs", MS_NOSUID | MS_NOEXEC | MS_NOATIME, "prjquota") != 0) {
-    const int error = errno;
-    usbClientLog.write(4, 1220, "mount(", mountDevice, ",", mountPoint, ") failed, errno=", error, "=",
-                       std::strerror(error));
-  }
-  if (platform_.umount(mountPoint) != 0) {
-    const int error = errno;
-    usbClientLog.write(4, 1225, "umount(", mountPoint, ") failed, errno=", error, "=", std::strerror(error));
-  }
-  if (platform_.rmdir(mountPoint) != 0) {
-    const int error = errno;
-    usbClientLog.write(4, 1229, "rmdir(", mountPoint, ") failed, errno=", error, "=", std::strerror(error));
-  }
 }
 
 // Plain members, set and read without the handler's lock: opening looks at them, and nothing waits for them.

@@ -13,8 +13,11 @@ namespace Dockhand {
 
 namespace {
 
-/// Stands for the Xrite device, which has no device number.
+/// The number of the Xrite device in callbacks; it has no record.
 constexpr std::int16_t xriteDeviceNumber = -1;
+
+/// The one observer that the Xrite notifications call, and that the storage notifications leave out.
+constexpr std::int8_t xriteObserverId = 7;
 
 int countOccurrences(std::string_view text, std::string_view name) {
   if (name.empty()) {
@@ -27,27 +30,15 @@ int countOccurrences(std::string_view text, std::string_view name) {
   return count;
 }
 
-}  // namespace
-
-std::map<std::uint32_t, UsbDeviceEntry>::iterator DockhandClient::findByKernelName(
-    const std::string& usbDevice) {
-  requireLock();
-  auto device = deviceMap.begin();
-  while (device != deviceMap.end() && kernelName(device->second) != usbDevice) {
-    ++device;
-  }
-  return device;
-}
-
-bool DockhandClient::isListedOnce(const std::string& usbDevice) {
-  requireLock();
-  const int partitions = platform_.open("/proc/partitions", O_RDONLY);
+/// True if the beginning of the kernel's list of partitions holds the name exactly once.
+bool isListedOnce(Platform& platform, const std::string& usbDevice) {
+  const int partitions = platform.open("/proc/partitions", O_RDONLY);
   if (partitions < 0) {
     return false;
   }
   std::array<char, 1023> text;
-  const ssize_t size = platform_.read(partitions, text.data(), text.size());
-  platform_.close(partitions);
+  const ssize_t size = platform.read(partitions, text.data(), text.size());
+  platform.close(partitions);
   if (size < 0) {
     return false;
   }
@@ -56,10 +47,18 @@ bool DockhandClient::isListedOnce(const std::string& usbDevice) {
   return countOccurrences({text.data(), static_cast<std::size_t>(size)}, usbDevice) == 1;
 }
 
-void DockhandClient::callObserver(Callback callback, std::int16_t deviceId, std::int8_t observerId,
-                                  std::int32_t observer) {
-  mediaClient->call(
-      [&](MediaServiceStub& mediaService) { (mediaService.*callback)(deviceId, observerId, observer); });
+}  // namespace
+
+void DockhandClient::callObservers(ObserverTable observers, Audience audience,
+                                   const CallObserver& callObserver) {
+  for (const auto& [observerId, observer] : observers) {
+    if ((observerId == xriteObserverId) == (audience == Audience::xrite)) {
+      callObserver(observerId, observer);
+    }
+  }
+  // Take the lock once more, so that we return only after the operations that observers started.
+  const HandlerLock lock(handlerMutex);
+  observers.clear();
 }
 
 void DockhandClient::NotifyUsbAdded(const std::string& usbDevice) {
@@ -71,11 +70,11 @@ void DockhandClient::NotifyUsbAdded(const std::string& usbDevice) {
   std::uint32_t deviceId = 0;
   ObserverTable observers;
   {
-    const Lock lock(*this);
+    const HandlerLock lock(handlerMutex);
     usbClientLog.writeStackTrace();
     CheckForAndUpdateNewDevices();
-    const auto device = findByKernelName(usbDevice);
-    if (!isListedOnce(usbDevice) || device == deviceMap.end() || device->first == 0) {
+    const auto device = devices_.findByKernelName(usbDevice);
+    if (!isListedOnce(platform_, usbDevice) || device == deviceMap.end() || device->first == 0) {
       return;
     }
     UsbDeviceEntry& entry = device->second;
@@ -88,19 +87,14 @@ void DockhandClient::NotifyUsbAdded(const std::string& usbDevice) {
     observers = addedObservers;
   }
 
-  for (const auto& [observerId, observer] : observers) {
-    if (observerId == xriteObserverId) {
-      continue;
-    }
-    usbClientLog.write(2, 364, "Calling ADD callback function with usbDevice ", deviceId,
-                       " and observerId is ", int{observerId}, " and observer is 0x", std::hex, observer);
-    callObserver(&MediaServiceStub::SendUsbAddedCallback, static_cast<std::int16_t>(deviceId), observerId,
-                 observer);
-  }
-
-  // Not before whatever the observers have set off: the notification waits for the lock once more.
-  const Lock lock(*this);
-  observers.clear();
+  callObservers(
+      observers, Audience::storage, [this, deviceId](std::int8_t observerId, std::int32_t observer) {
+        usbClientLog.write(2, 364, "Calling ADD callback function with usbDevice ", deviceId,
+                           " and observerId is ", int{observerId}, " and observer is 0x", std::hex, observer);
+        mediaClient->call([&](MediaServiceStub& mediaService) {
+          mediaService.SendUsbAddedCallback(static_cast<std::int16_t>(deviceId), observerId, observer);
+        });
+      });
 }
 
 void DockhandClient::NotifyUsbRemoved(const std::string& usbDevice) {
@@ -112,7 +106,7 @@ void DockhandClient::NotifyUsbRemoved(const std::string& usbDevice) {
   std::uint32_t deviceId = 0;
   ObserverTable observers;
   {
-    const Lock lock(*this);
+    const HandlerLock lock(handlerMutex);
     auto device = deviceMap.begin();
     for (; device != deviceMap.end(); ++device) {
       const std::string name = kernelName(device->second);
@@ -142,63 +136,48 @@ void DockhandClient::NotifyUsbRemoved(const std::string& usbDevice) {
     observers = removedObservers;
   }
 
-  for (const auto& [observerId, observer] : observers) {
-    if (observerId == xriteObserverId) {
-      continue;
-    }
-    usbClientLog.write(2, 436, "SendUsbRemovedCallback: usbDevice=", deviceId,
-                       " and observerId=", int{observerId}, " and observer=0x", std::hex, observer);
-    callObserver(&MediaServiceStub::SendUsbRemovedCallback, static_cast<std::int16_t>(deviceId), observerId,
-                 observer);
-  }
-
-  // Not before whatever the observers have set off: the notification waits for the lock once more.
-  const Lock lock(*this);
-  observers.clear();
+  callObservers(
+      observers, Audience::storage, [this, deviceId](std::int8_t observerId, std::int32_t observer) {
+        usbClientLog.write(2, 436, "SendUsbRemovedCallback: usbDevice=", deviceId,
+                           " and observerId=", int{observerId}, " and observer=0x", std::hex, observer);
+        mediaClient->call([&](MediaServiceStub& mediaService) {
+          mediaService.SendUsbRemovedCallback(static_cast<std::int16_t>(deviceId), observerId, observer);
+        });
+      });
 }
 
 void DockhandClient::NotifyUsbXriteAdded() {
   usbClientLog.write(2, 452, "Xrite device inserted");
   ObserverTable observers;
   {
-    const Lock lock(*this);
+    const HandlerLock lock(handlerMutex);
     observers = addedObservers;
   }
 
-  for (const auto& [observerId, observer] : observers) {
-    if (observerId != xriteObserverId) {
-      continue;
-    }
+  callObservers(observers, Audience::xrite, [this](std::int8_t observerId, std::int32_t observer) {
     usbClientLog.write(2, 462, "Calling ADDED callback function with usbDevice ", xriteDeviceNumber,
                        " and observerId is ", int{observerId}, " and observer is 0x", std::hex, observer);
-    callObserver(&MediaServiceStub::SendUsbAddedCallback, xriteDeviceNumber, observerId, observer);
-  }
-
-  // Not before whatever the observers have set off: the notification waits for the lock once more.
-  const Lock lock(*this);
-  observers.clear();
+    mediaClient->call([&](MediaServiceStub& mediaService) {
+      mediaService.SendUsbAddedCallback(xriteDeviceNumber, observerId, observer);
+    });
+  });
 }
 
 void DockhandClient::NotifyUsbXriteRemoved() {
   usbClientLog.write(2, 478, "Xrite device removed");
   ObserverTable observers;
   {
-    const Lock lock(*this);
+    const HandlerLock lock(handlerMutex);
     observers = removedObservers;
   }
 
-  for (const auto& [observerId, observer] : observers) {
-    if (observerId != xriteObserverId) {
-      continue;
-    }
+  callObservers(observers, Audience::xrite, [this](std::int8_t observerId, std::int32_t observer) {
     usbClientLog.write(2, 488, "Calling REMOVE callback function with usbDevice ", xriteDeviceNumber,
                        " and observerId is ", int{observerId}, " and observer is 0x", std::hex, observer);
-    callObserver(&MediaServiceStub::SendUsbRemovedCallback, xriteDeviceNumber, observerId, observer);
-  }
-
-  // Not before whatever the observers have set off: the notification waits for the lock once more.
-  const Lock lock(*this);
-  observers.clear();
+    mediaClient->call([&](MediaServiceStub& mediaService) {
+      mediaService.SendUsbRemovedCallback(xriteDeviceNumber, observerId, observer);
+    });
+  });
 }
 
 }  // namespace Dockhand

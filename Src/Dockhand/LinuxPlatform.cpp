@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -59,6 +60,10 @@ int LinuxPlatform::mkdir(const std::string& path, mode_t mode) {
 
 int LinuxPlatform::rmdir(const std::string& path) {
   return namesNoFile(path) ? -1 : ::rmdir(path.c_str());
+}
+
+char* LinuxPlatform::mkdtemp(char* path) {
+  return ::mkdtemp(path);
 }
 
 int LinuxPlatform::access(const std::string& path, int mode) {
@@ -124,8 +129,21 @@ int LinuxPlatform::close(int descriptor) {
   return ::close(descriptor);
 }
 
-Claim LinuxPlatform::claimFile(const std::string& path) {
-  return namesNoFile(path) ? Claim::refused : Dockhand::claimFile(path);
+int LinuxPlatform::mknod(const std::string& path, mode_t mode) {
+  return namesNoFile(path) ? -1 : ::mknod(path.c_str(), mode, 0);
+}
+
+int LinuxPlatform::rename(const std::string& from, const std::string& to) {
+  return namesNoFile(from) || namesNoFile(to) ? -1 : ::rename(from.c_str(), to.c_str());
+}
+
+int LinuxPlatform::statx(int directory, const std::string& path, int flags, unsigned int mask,
+                         struct statx* status) {
+  return namesNoFile(path) ? -1 : ::statx(directory, path.c_str(), flags, mask, status);
+}
+
+uid_t LinuxPlatform::geteuid() {
+  return ::geteuid();
 }
 
 int LinuxPlatform::system(const std::string& command) {

@@ -27,6 +27,7 @@ class LinuxPlatform : public Platform {
   int umount2(const std::string& target, int flags) override;
   int mkdir(const std::string& path, mode_t mode) override;
   int rmdir(const std::string& path) override;
+  char* mkdtemp(char* path) override;
   int access(const std::string& path, int mode) override;
   int scandir(const std::string& path, dirent*** entries, int (*filter)(const dirent*),
               int (*compare)(const dirent**, const dirent**)) override;
@@ -36,7 +37,11 @@ class LinuxPlatform : public Platform {
   int open(const std::string& path, int flags) override;
   ssize_t read(int descriptor, void* buffer, size_t size) override;
   int close(int descriptor) override;
-  Claim claimFile(const std::string& path) override;
+  int mknod(const std::string& path, mode_t mode) override;
+  int rename(const std::string& from, const std::string& to) override;
+  int statx(int directory, const std::string& path, int flags, unsigned int mask,
+            struct statx* status) override;
+  uid_t geteuid() override;
   int system(const std::string& command) override;
   void sleep(unsigned int seconds) override;
   blkid_probe blkid_new_probe_from_filename(const std::string& path) override;

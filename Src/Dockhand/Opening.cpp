@@ -1,14 +1,11 @@
 // Opening: clears away what stands where a device is to be mounted, and mounts it.
 
-#include <fcntl.h>
-
 #include <cerrno>
 #include <string>
 
 #include "DockhandClient.h"
 #include "FailureJudges.h"
 #include "ModuleLog.h"
-#include "MountTable.h"
 
 namespace Dockhand {
 
@@ -28,7 +25,7 @@ bool DockhandClient::OpenDevice(std::int16_t deviceId) {
 
 bool DockhandClient::OpenDeviceAt(std::int16_t deviceId, const std::string& mountPoint, bool isPvrDevice) {
   usbClientLog.write(3, 640, "OpenDeviceAt(", deviceId, ", ", mountPoint, ", isPvrDevice=", isPvrDevice, ")");
-  const Lock lock(*this);
+  const HandlerLock lock(handlerMutex);
   if (isUnderRepair(deviceId)) {
     usbClientLog.write(5, 646, "Disk repair is running, cannot open dev ", deviceId);
     return false;
@@ -41,7 +38,7 @@ bool DockhandClient::OpenDeviceAt(std::int16_t deviceId, const std::string& moun
                        "\" partitionCount=", known.partitionCount, ", deviceOpen=", known.deviceOpen,
                        ", lastUsbOperation=", known.lastUsbOperation);
   }
-  UsbDeviceEntry* entry = findDevice(deviceId);
+  UsbDeviceEntry* entry = devices_.find(deviceId);
   if (entry == nullptr || !isPluggedIn(*entry)) {
     usbClientLog.write(2, 669, "No such device available or device not plugged in");
     return false;
@@ -57,7 +54,7 @@ bool DockhandClient::OpenDeviceAt(std::int16_t deviceId, const std::string& moun
   entry->mountPoint = mountPoint;
   entry->hidden = isPvrDevice;
 
-  const NodeHold hold(*this, node);
+  const Prober::NodeHold hold(prober_, node);
   clearAutomounts(deviceId);
   usbClientLog.write(2, 724, "mountPoint Name is ", mountPoint);
   CheckForAndRemoveMount(mountPoint, false);
@@ -72,10 +69,10 @@ bool DockhandClient::OpenDeviceAt(std::int16_t deviceId, const std::string& moun
   bool mounted = false;
   if (mkdirStatus == 0 || acceptMkdirError(mkdirError)) {
     const std::string fsType = getBlkidLookupValue(static_cast<std::uint32_t>(deviceId), "TYPE");
-    // A type that is probed wrong, or is no row's, must not keep out a disk that some row can mount. The
-    // judge reads the errno that the last row left.
-    mounted =
-        mountByTable(node, mountPoint, fsType) || mountByTable(node, mountPoint, "") || acceptMountError();
+    // A wrongly probed type, or one without a row, must not keep a mountable disk out. The judge reads the
+    // errno that the last row left.
+    mounted = mounts_.tryTable(node, mountPoint, fsType) || mounts_.tryTable(node, mountPoint, "") ||
+              acceptMountError();
   }
   if (mounted) {
     usbClientLog.write(2, 770, "mount ok");
@@ -87,21 +84,7 @@ bool DockhandClient::OpenDeviceAt(std::int16_t deviceId, const std::string& moun
   return false;
 }
 
-DockhandClient::NodeHold::NodeHold(DockhandClient& client, const std::string& node) : client_(client) {
-  client_.requireLock();
-  client_.heldNode_ = client_.platform_.open(node, O_RDONLY | O_NONBLOCK);
-}
-
-void DockhandClient::letNodeGo() {
-  requireLock();
-  if (heldNode_ >= 0) {
-    platform_.close(heldNode_);
-    heldNode_ = -1;
-  }
-}
-
 void DockhandClient::clearAutomounts(std::int16_t deviceId) {
-  requireLock();
   ravel::rpc::ReturnValueWithString label;
   GetDeviceLabel(label, deviceId);
   if (label.success) {
@@ -126,20 +109,6 @@ void DockhandClient::clearAutomounts(std::int16_t deviceId) {
   }
 
   CheckForAndRemoveMount("/media/disk", false);
-}
-
-bool DockhandClient::mountByTable(const std::string& node, const std::string& mountPoint,
-                                  const std::string& fsType) {
-  requireLock();
-  for (const MountTableRow& row : mountTable) {
-    if (!fsType.empty() && fsType != row.probedType) {
-      continue;
-    }
-    if (platform_.mount(node, mountPoint, row.fileSystemType, row.flags, row.options) == 0) {
-      return true;
-    }
-  }
-  return false;
 }
 
 }  // namespace Dockhand

@@ -3,11 +3,10 @@
 
 #include <blkid/blkid.h>
 #include <dirent.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <string>
-
-#include "ClaimedFile.h"
 
 namespace Dockhand {
 
@@ -44,6 +43,8 @@ class Platform {
   virtual int mkdir(const std::string& path, mode_t mode) = 0;
   /// 0, or -1 with errno.
   virtual int rmdir(const std::string& path) = 0;
+  /// `path` ends in XXXXXX, which the name of the new directory replaces. Null with errno on failure.
+  virtual char* mkdtemp(char* path) = 0;
   /// 0 when `path` may be accessed in `mode`, or -1 with errno.
   virtual int access(const std::string& path, int mode) = 0;
   /// The number of entries that `filter` accepts, or -1 with errno. `*entries`, in the order of `compare`,
@@ -66,8 +67,14 @@ class Platform {
   virtual ssize_t read(int descriptor, void* buffer, size_t size) = 0;
   /// 0, or -1 with errno.
   virtual int close(int descriptor) = 0;
-  /// See ClaimedFile.h.
-  virtual Claim claimFile(const std::string& path) = 0;
+  /// Makes a file of the type and with the permissions in `mode`; no device. 0, or -1 with errno.
+  virtual int mknod(const std::string& path, mode_t mode) = 0;
+  /// 0, or -1 with errno.
+  virtual int rename(const std::string& from, const std::string& to) = 0;
+  /// 0, or -1 with errno.
+  virtual int statx(int directory, const std::string& path, int flags, unsigned int mask,
+                    struct statx* status) = 0;
+  virtual uid_t geteuid() = 0;
 
   // The shell and the clock.
 

@@ -60,10 +60,10 @@ std::string escapeForShell(const std::string& label) {
 }  // namespace
 
 bool DockhandClient::PrepareDeviceForPvr(std::int16_t deviceId) {
-  const Lock lock(*this);
+  const HandlerLock lock(handlerMutex);
   usbClientLog.write(2, 860, "PrepareDeviceForPvr(", deviceId, ")");
   setPvrPreparationRunning(true);
-  const UsbDeviceEntry* entry = findDevice(deviceId);
+  const UsbDeviceEntry* entry = devices_.find(deviceId);
   if (entry == nullptr) {
     // The flag stays set: plug events are ignored from here to the end of the next preparation of a known
     // device.
@@ -73,11 +73,11 @@ bool DockhandClient::PrepareDeviceForPvr(std::int16_t deviceId) {
   bool prepared = false;
   {
     // Also when a step throws: plug events are ignored until then.
-    struct Announcement {
+    struct EndOfPreparation {
       DockhandClient& client;
-      ~Announcement() { client.setPvrPreparationRunning(false); }
+      ~EndOfPreparation() { client.setPvrPreparationRunning(false); }
     };
-    const Announcement announcement{*this};
+    const EndOfPreparation endOfPreparation{*this};
     prepared = prepareDisk(deviceId, *entry);
   }
   CheckForAndUpdateNewDevices();
@@ -85,16 +85,15 @@ bool DockhandClient::PrepareDeviceForPvr(std::int16_t deviceId) {
 }
 
 bool DockhandClient::prepareDisk(std::int16_t deviceId, const UsbDeviceEntry& entry) {
-  requireLock();
   if (entry.deviceOpen) {
     usbClientLog.write(4, 872, "PrepareDeviceForPvr() - Device is Open!");
   }
 
-  const std::string disk = "/dev/usb_storage_" + entry.deviceName;
+  const std::string disk = diskNode(entry);
   const std::string partition = disk + '1';
   const std::string label = pvrLabel(deviceId, entry.deviceOpen);
 
-  forceUnmount(partition, 903, "");
+  shell_.forceUnmount(partition, 903, "");
   // The old table, for the system log only.
   executeShellCommand("sfdisk -l " + disk, 908, true);
   // A wipe that fails does not matter, but fdisk's answers fit an empty table only.
@@ -105,15 +104,19 @@ bool DockhandClient::prepareDisk(std::int16_t deviceId, const UsbDeviceEntry& en
   }
   // The kernel and udev take the old partition away and make the new one.
   platform_.sleep(4);
-  forceUnmount(partition, 930, " (after partition (re)created)");
+  shell_.forceUnmount(partition, 930, " (after partition (re)created)");
   const bool formatted =
       executeShellCommand("mkfs.xfs -f -l lazy-count=0 -L \"" + label + "\" " + partition, 934, false) == 0;
   platform_.sleep(2);
   return formatted;
 }
 
+int DockhandClient::executeShellCommand(const std::string& command, int sourceLine, bool passLogAlways,
+                                        bool* wasRun) {
+  return shell_.run(command, sourceLine, passLogAlways, wasRun);
+}
+
 std::string DockhandClient::pvrLabel(std::int16_t deviceId, bool deviceOpen) {
-  requireLock();
   if (deviceOpen) {
     return std::string(defaultPvrLabel);
   }
@@ -131,7 +134,6 @@ std::string DockhandClient::pvrLabel(std::int16_t deviceId, bool deviceOpen) {
 // the compiler from splitting or caching the access.
 
 void DockhandClient::setPvrPreparationRunning(bool running) {
-  requireLock();
   __atomic_store_n(&pvrPreparationRunning, running, __ATOMIC_RELAXED);
 }
 

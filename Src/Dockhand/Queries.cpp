@@ -1,4 +1,4 @@
-// Questions about a device that are answered without reading its file system.
+// Questions about a device.
 
 #include <fcntl.h>
 
@@ -35,11 +35,58 @@ std::string firstLine(Platform& platform, const std::string& path) {
 
 }  // namespace
 
+bool DockhandClient::IsDeviceOpen(std::int16_t deviceId) {
+  const HandlerLock lock(handlerMutex);
+  usbClientLog.write(2, 792, "IsDeviceOpen(", deviceId, ")");
+  const UsbDeviceEntry* entry = devices_.find(deviceId);
+  if (entry == nullptr) {
+    usbClientLog.write(2, 797, "No such device available!");
+    return false;
+  }
+  return entry->deviceOpen;
+}
+
+std::string DockhandClient::getBlkidLookupValue(std::uint32_t deviceId, const char* key) {
+  const UsbDeviceEntry* entry = devices_.findKey(deviceId);
+  if (entry == nullptr) {
+    return {};
+  }
+  const std::string node = mountNode(*entry);
+  std::string result = prober_.lookUp(node, key);
+  usbClientLog.write(2, 1015, "getBlkidLookupValue(", deviceId, ",", key, "; device=", node, ")=", result);
+  return result;
+}
+
+void DockhandClient::GetDeviceUuid(ravel::rpc::ReturnValueWithString& _return, std::int16_t deviceId) {
+  usbClientLog.write(2, 1024, "GetDeviceUuid");
+  const HandlerLock lock(handlerMutex);
+  _return.text = getBlkidLookupValue(static_cast<std::uint32_t>(deviceId), "UUID");
+  _return.success = !_return.text.empty();
+  if (_return.text.empty()) {
+    _return.text = "0000-0000";
+  }
+  usbClientLog.write(2, 1036, "GetDeviceUUID(", deviceId, ")=", _return.text);
+}
+
+void DockhandClient::GetDeviceLabel(ravel::rpc::ReturnValueWithString& _return, std::int16_t deviceId) {
+  usbClientLog.write(2, 1046, "GetDeviceLabel");
+  const HandlerLock lock(handlerMutex);
+  _return.success = devices_.find(deviceId) != nullptr;
+  _return.text.clear();
+  if (_return.success) {
+    _return.text = getBlkidLookupValue(static_cast<std::uint32_t>(deviceId), "LABEL");
+  }
+  if (_return.text.empty()) {
+    _return.text = "NONAME";
+  }
+  usbClientLog.write(2, 1060, "GetDeviceLabel(", deviceId, ")=", _return.text);
+}
+
 std::int32_t DockhandClient::GetDeviceType(std::int16_t deviceId) {
   usbClientLog.write(2, 1068, "GetDeviceType");
-  const Lock lock(*this);
+  const HandlerLock lock(handlerMutex);
   std::int32_t type = 0;
-  const UsbDeviceEntry* entry = findDevice(deviceId);
+  const UsbDeviceEntry* entry = devices_.find(deviceId);
   if (entry == nullptr) {
     usbClientLog.write(5, 1072, "GetDeviceType(", deviceId, ") - Unknown device!");
   } else {
@@ -64,14 +111,14 @@ std::int32_t DockhandClient::GetDeviceType(std::int16_t deviceId) {
 
 void DockhandClient::GetUsbMountPoint(ravel::rpc::ReturnValueWithString& _return, std::int16_t deviceId) {
   usbClientLog.write(2, 1103, "GetUsbMountPoint");
-  const Lock lock(*this);
+  const HandlerLock lock(handlerMutex);
   for (const auto& [key, entry] : deviceMap) {
     usbClientLog.write(2, 1117, "GetUsbMountPoint(", deviceId, "): deviceMap[", key,
                        "]:", " name=", entry.deviceName, " partCnt=", entry.partitionCount,
                        " deviceOpen=", entry.deviceOpen, " mountPoint=", entry.mountPoint,
                        " lastOpr=", entry.lastUsbOperation);
   }
-  const UsbDeviceEntry* device = findDevice(deviceId);
+  const UsbDeviceEntry* device = devices_.find(deviceId);
   _return.text.clear();
   if (device != nullptr) {
     _return.text = device->mountPoint;
@@ -86,22 +133,32 @@ void DockhandClient::GetUsbMountPoint(ravel::rpc::ReturnValueWithString& _return
 
 void DockhandClient::GetUsbPhysicalDevice(ravel::rpc::ReturnValueWithString& _return, std::int16_t deviceId) {
   usbClientLog.write(2, 1136, "GetUsbPhysicalDevice");
-  const Lock lock(*this);
-  const UsbDeviceEntry* entry = findDevice(deviceId);
+  const HandlerLock lock(handlerMutex);
+  const UsbDeviceEntry* entry = devices_.find(deviceId);
   _return.success = entry != nullptr;
   _return.text = entry != nullptr ? kernelName(*entry) : std::string();
 }
 
+std::string DockhandClient::GetUsbMountDevice(std::int16_t deviceId, bool wholeDisk) {
+  usbClientLog.write(2, 1152, "GetUsbMountDevice");
+  const HandlerLock lock(handlerMutex);
+  const UsbDeviceEntry* entry = devices_.find(deviceId);
+  if (entry == nullptr) {
+    return {};
+  }
+  return wholeDisk ? diskNode(*entry) : mountNode(*entry);
+}
+
 void DockhandClient::GetDeviceUsbVersion(ravel::rpc::ReturnValueWithString& _return, std::int16_t deviceId) {
   usbClientLog.write(2, 1276, "GetDeviceUsbVersion");
-  const Lock lock(*this);
+  const HandlerLock lock(handlerMutex);
   _return.success = false;
   _return.text.clear();
-  const UsbDeviceEntry* entry = findDevice(deviceId);
+  const UsbDeviceEntry* entry = devices_.find(deviceId);
   if (entry == nullptr) {
     usbClientLog.write(5, 1282, "GetDeviceUsbVersion(", deviceId, ") - Unknown device!");
   } else if (const std::string versionFile = "/tmp/" + entry->deviceName + "_bcdUSB.txt";
-             claimForShell(versionFile)) {
+             shell_.claim(versionFile)) {
     const std::string readVersion = "readUsbVersion.sh " + entry->deviceName + " > " + versionFile;
     const int readStatus = platform_.system(readVersion);
     if (readStatus != 0) {
@@ -121,7 +178,7 @@ void DockhandClient::GetDeviceUsbVersion(ravel::rpc::ReturnValueWithString& _ret
 
 std::int32_t DockhandClient::GetDeviceCapacity(std::int16_t deviceId) {
   usbClientLog.write(2, 1318, "GetDeviceCapacity");
-  const Lock lock(*this);
+  const HandlerLock lock(handlerMutex);
   const std::string path = GetUsbMountDevice(deviceId, true);
   std::int32_t capacity = 0;
   const int disk = platform_.open(path, O_RDONLY);

@@ -52,10 +52,29 @@ inline std::string kernelName(const UsbDeviceEntry& entry) {
   return entry.partitionCount != 0 ? entry.deviceName + '1' : entry.deviceName;
 }
 
+/// The node of the whole disk.
+inline std::string diskNode(const UsbDeviceEntry& entry) {
+  return "/dev/usb_storage_" + entry.deviceName;
+}
+
+/// The node that is probed and mounted: the first partition, or the whole disk if it has none.
+inline std::string mountNode(const UsbDeviceEntry& entry) {
+  return "/dev/usb_storage_" + kernelName(entry);
+}
+
 /// A device that was not announced as removed may be listed and opened.
 inline bool isPluggedIn(const UsbDeviceEntry& entry) {
   return entry.lastUsbOperation == UsbOperationNone || entry.lastUsbOperation == UsbOperationAdded;
 }
+
+/// What a repair needs to know of a device.
+struct PartitionInfo {
+  /// File-system type as libblkid names it; empty if unknown.
+  std::string fsType;
+  /// The node that is mounted.
+  std::string mountDevice;
+  bool deviceOpen = false;
+};
 
 }  // namespace Dockhand
 

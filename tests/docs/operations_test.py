@@ -14,7 +14,11 @@ LABELS = ["Arguments", "Reply", "Errors", "Lock", "Waits for", "Log"]
 
 # The log lines of a routine that only one operation uses are in that operation's section.
 SECTION_OF_ROUTINE = {
-    "insertDevice": "CheckForAndUpdateNewDevices",
+    "insert": "CheckForAndUpdateNewDevices",
+    "clear": "CheckForAndRemoveMount",
+    "lookUp": "getBlkidLookupValue",
+    "run": "executeShellCommand",
+    "claim": "Files in /tmp",
     "clearAutomounts": "OpenDeviceAt",
     "readdir": "GetFilesByExtension",
     "replayJournal": "RunDiskRepair",

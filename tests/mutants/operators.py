@@ -180,7 +180,7 @@ def of_statements(tokens):
         if end is None or end == index or tokens[end - 1].text in ("delete", "default"):
             continue
         statement = tokens[index:end]
-        takes_lock = [part.text for part in statement[:3]] == ["const", "Lock", "lock"]
+        takes_lock = [part.text for part in statement[:3]] == ["const", "HandlerLock", "lock"]
         if takes_lock or token.text in ("break", "continue") or is_expression(statement):
             yield Mutant(token.start, tokens[end].end, ";")
 

@@ -215,7 +215,7 @@ void CheckedHandler::compareMap(bool withPartitions, const std::string& occasion
 }
 
 void CheckedHandler::compareAtRest(const std::string& occasion) {
-  const Lock lock(*this);
+  const Dockhand::HandlerLock lock(handlerMutex);
   const std::lock_guard<std::mutex> turn(turn_);
   compareMap(true, occasion);
   const std::string left = world_.underMedia();

@@ -5,7 +5,7 @@
 #include <string>
 #include <utility>
 
-#include "Platform.h"
+#include "ForwardingPlatform.h"
 
 namespace soak {
 
@@ -18,13 +18,14 @@ namespace soak {
 ///     new_probe PATH                do_probe              lookup KEY                  dev_size
 ///
 /// Threads: any that the function and the system below allow. It takes no locks.
-class FaultyPlatform : public Dockhand::Platform {
+class FaultyPlatform : public Dockhand::ForwardingPlatform {
  public:
   /// Returns the errno of a call; 0 if it succeeds. Called in the thread that makes the call.
   using Decide = std::function<int(const std::string& call)>;
 
   /// `below` must outlive this object.
-  FaultyPlatform(Dockhand::Platform& below, Decide decide) : below_(below), decide_(std::move(decide)) {}
+  FaultyPlatform(Dockhand::Platform& below, Decide decide)
+      : ForwardingPlatform(below), decide_(std::move(decide)) {}
 
   int mount(const std::string& source, const std::string& target, const char* fileSystemType,
             unsigned long flags, const char* options) override;
@@ -36,25 +37,17 @@ class FaultyPlatform : public Dockhand::Platform {
   int scandir(const std::string& path, dirent*** entries, int (*filter)(const dirent*),
               int (*compare)(const dirent**, const dirent**)) override;
   DIR* opendir(const std::string& path) override;
-  dirent* readdir(DIR* directory) override;
-  int closedir(DIR* directory) override;
   int open(const std::string& path, int flags) override;
-  ssize_t read(int descriptor, void* buffer, size_t size) override;
-  int close(int descriptor) override;
-  Dockhand::Claim claimFile(const std::string& path) override;
   int system(const std::string& command) override;
-  void sleep(unsigned int seconds) override;
   blkid_probe blkid_new_probe_from_filename(const std::string& path) override;
   int blkid_do_probe(blkid_probe probe) override;
   int blkid_probe_lookup_value(blkid_probe probe, const char* name, const char** value) override;
-  void blkid_free_probe(blkid_probe probe) override;
   blkid_loff_t blkid_get_dev_size(int descriptor) override;
 
  private:
   /// Decides on a call; true, with errno set, when it is to fail.
   bool fails(const std::string& call) const;
 
-  Dockhand::Platform& below_;
   const Decide decide_;
 };
 

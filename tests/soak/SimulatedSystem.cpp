@@ -180,16 +180,10 @@ int SimulatedSystem::close(int descriptor) {
   return ::close(descriptor);
 }
 
-Dockhand::Claim SimulatedSystem::claimFile(const std::string& /*path*/) {
-  return Dockhand::Claim::ours;
-}
-
 int SimulatedSystem::system(const std::string& command) {
   const std::lock_guard<std::mutex> lock(mutex_);
   return machine_.shell(command);
 }
-
-void SimulatedSystem::sleep(unsigned int /*seconds*/) {}
 
 blkid_probe SimulatedSystem::blkid_new_probe_from_filename(const std::string& path) {
   const std::lock_guard<std::mutex> lock(mutex_);

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "NoSystem.h"
 #include "World.h"
 
 namespace soak {
@@ -16,7 +17,7 @@ namespace soak {
 /// among the descriptors of the process.
 ///
 /// Threads: any. Each call holds the mutex and takes no other lock.
-class SimulatedSystem : public World, private Dockhand::Platform {
+class SimulatedSystem : public World, private NoSystem {
  public:
   SimulatedSystem() = default;
   ~SimulatedSystem() override;
@@ -54,9 +55,7 @@ class SimulatedSystem : public World, private Dockhand::Platform {
   int open(const std::string& path, int flags) override;
   ssize_t read(int descriptor, void* buffer, size_t size) override;
   int close(int descriptor) override;
-  Dockhand::Claim claimFile(const std::string& path) override;
   int system(const std::string& command) override;
-  void sleep(unsigned int seconds) override;
   blkid_probe blkid_new_probe_from_filename(const std::string& path) override;
   int blkid_do_probe(blkid_probe probe) override;
   int blkid_probe_lookup_value(blkid_probe probe, const char* name, const char** value) override;

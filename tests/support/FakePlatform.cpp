@@ -109,6 +109,13 @@ int FakePlatform::scandir(const std::string& path, dirent*** entries, int (*filt
 
 DIR* FakePlatform::opendir(const std::string& path) {
   record("opendir " + path);
+  for (const auto& [file, claim] : claims) {
+    const std::size_t nameAt = file.rfind('/') + 1;
+    if (path == file.substr(0, nameAt)) {
+      const std::size_t moved = claim == Dockhand::Claim::tooManyMoved ? Dockhand::maxMovedAside : 0;
+      directories[path].assign(moved, file.substr(nameAt) + ".moved-000000");
+    }
+  }
   if (directories.count(path) == 0) {
     errno = ENOENT;
     return nullptr;
@@ -175,13 +182,40 @@ int FakePlatform::close(int descriptor) {
   return answer(closeError);
 }
 
-Dockhand::Claim FakePlatform::claimFile(const std::string& path) {
+char* FakePlatform::mkdtemp(char* path) {
+  record(std::string("mkdtemp ") + path);
+  return path;
+}
+
+int FakePlatform::mknod(const std::string& path, mode_t mode) {
+  std::ostringstream event;
+  event << "mknod " << path << " " << std::oct << mode;
+  record(event.str());
+  return 0;
+}
+
+int FakePlatform::rename(const std::string& from, const std::string& to) {
+  record("rename " + from + " " + to);
+  moved_.insert(from);
+  return 0;
+}
+
+int FakePlatform::statx(int directory, const std::string& path, int flags, unsigned int mask,
+                        struct statx* status) {
+  NoSystem::statx(directory, path, flags, mask, status);
+  if (path.find(".moved-") != std::string::npos) {
+    status->stx_mode = S_IFDIR | 0700;
+  }
   const auto claim = claims.find(path);
   if (claim == claims.end()) {
-    return Dockhand::Claim::ours;
+    return 0;
   }
-  record("claimFile " + path);
-  return claim->second;
+  record("statx " + path);
+  if (claim->second == Dockhand::Claim::refused) {
+    return answer(EACCES);
+  }
+  status->stx_mode = S_IFLNK | 0777;
+  return answer(moved_.count(path) != 0 ? ENOENT : 0);
 }
 
 int FakePlatform::system(const std::string& command) {

@@ -8,7 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "Platform.h"
+#include "ClaimedFile.h"
+#include "NoSystem.h"
 
 /// A fake system. Its members set the results of the calls. The journal records every call:
 ///
@@ -16,14 +17,15 @@
 ///     umount TARGET                          umount2 TARGET FLAGS
 ///     mkdir PATH MODE(octal)                 rmdir PATH               access PATH
 ///     opendir DIR     closedir DIR           open PATH    read PATH SIZE    close PATH
-///     system COMMAND                         sleep SECONDS            claimFile PATH
+///     system COMMAND                         sleep SECONDS            statx PATH
+///     mkdtemp PATH                           mknod PATH MODE(octal)   rename FROM TO
 ///     new_probe PATH      do_probe PATH      lookup PATH KEY      free_probe PATH      dev_size PATH
 ///
-/// A claim of a file is recorded only if `claims` has the path. All other claims succeed.
+/// statx is recorded only for the paths in `claims`. Every other path is a file of ours.
 ///
 /// An error is an errno value; 0 means success. A failing call sets errno, a successful one leaves it
 /// unchanged. `open` only reads and `access` only checks existence, because the handler needs no more.
-class FakePlatform : public Dockhand::Platform {
+class FakePlatform : public NoSystem {
  public:
   struct Mount {
     std::string source;
@@ -61,7 +63,8 @@ class FakePlatform : public Dockhand::Platform {
   int nextDescriptor = 100;
   /// The flags of the last open of each path.
   std::map<std::string, int> openFlags;
-  /// Results of claims, by path.
+  /// What a claim of these paths comes to: movedAside by a link there that can be moved, refused by one that
+  /// cannot be looked at, tooManyMoved by a link and the directories beside it.
   std::map<std::string, Dockhand::Claim> claims;
   /// The names in each directory, by its path.
   std::map<std::string, std::vector<std::string>> directories;
@@ -101,7 +104,11 @@ class FakePlatform : public Dockhand::Platform {
   int open(const std::string& path, int flags) override;
   ssize_t read(int descriptor, void* buffer, size_t size) override;
   int close(int descriptor) override;
-  Dockhand::Claim claimFile(const std::string& path) override;
+  char* mkdtemp(char* path) override;
+  int mknod(const std::string& path, mode_t mode) override;
+  int rename(const std::string& from, const std::string& to) override;
+  int statx(int directory, const std::string& path, int flags, unsigned int mask,
+            struct statx* status) override;
   int system(const std::string& command) override;
   void sleep(unsigned int seconds) override;
   blkid_probe blkid_new_probe_from_filename(const std::string& path) override;
@@ -128,6 +135,8 @@ class FakePlatform : public Dockhand::Platform {
   OpenProbe& openProbe(blkid_probe probe);
 
   std::map<int, OpenFile> descriptors_;
+  /// Paths that were moved away.
+  std::set<std::string> moved_;
   std::list<OpenDirectory> openDirectories_;
   std::list<OpenProbe> probes_;
 };

@@ -31,14 +31,19 @@
 
 #include "ClaimedFile.h"
 #include "Emulator.h"
+#include "LinuxPlatform.h"
 
 namespace fs = std::filesystem;
 using Dockhand::Claim;
-using Dockhand::claimFile;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
 namespace {
+
+Claim claimFile(const std::string& path) {
+  static Dockhand::LinuxPlatform platform;
+  return Dockhand::claimFile(platform, path);
+}
 
 class ClaimedFile : public ::testing::Test {
  protected:

@@ -140,34 +140,6 @@ TEST_F(Discovery, ErasesADeviceWhoseNodeHasGoneWithoutUnmountingIt) {
   EXPECT_THAT(journal().calls(), ElementsAre("scandir /dev"));
 }
 
-TEST_F(Discovery, LetsTheSecondOfTwoVanishedDevicesSurviveOneScan) {
-  plugIn({"sda"});
-  plugIn({"sdb"});
-  platform.deviceNodes.clear();
-  handler->CheckForAndUpdateNewDevices();
-  EXPECT_THAT(keys(), ElementsAre(2));
-  handler->CheckForAndUpdateNewDevices();
-  EXPECT_THAT(keys(), IsEmpty());
-}
-
-TEST_F(Discovery, LetsTheSecondOfThreeVanishedDevicesSurviveOneScan) {
-  plugIn({"sda"});
-  plugIn({"sdb"});
-  plugIn({"sdc"});
-  platform.deviceNodes.clear();
-  handler->CheckForAndUpdateNewDevices();
-  EXPECT_THAT(keys(), ElementsAre(2));
-}
-
-TEST_F(Discovery, ErasesAVanishedDeviceBehindOneThatStays) {
-  plugIn({"sda"});
-  plugIn({"sdb"});
-  plugIn({"sdc"});
-  platform.deviceNodes = {"usb_storage_sda"};
-  handler->CheckForAndUpdateNewDevices();
-  EXPECT_THAT(keys(), ElementsAre(1));
-}
-
 TEST_F(Discovery, FindsThePrefixAnywhereInANameButCutsItsTwelveFirstCharacters) {
   platform.deviceNodes = {"xusb_storage_sda"};
   handler->CheckForAndUpdateNewDevices();

@@ -166,7 +166,7 @@ TEST_F(DiskRepair, ZeroesNoLogWhenTheFirstRepairWasNotRun) {
       afterLookUp("xfs",
                   {"mkdir /media/disk_tmp 775", replay, "umount /media/disk_tmp", "rmdir /media/disk_tmp",
                    forceUnmount, "log 3 @124 Executing: xfs_repair /dev/usb_storage_sdb1 # from Line=1241",
-                   "claimFile /tmp/Dockhand.log",
+                   "statx /tmp/Dockhand.log",
                    "log 5 @138 Not executed, since /tmp/Dockhand.log is not ours and cannot be moved",
                    "log 4 @129 Warning: xfs_repair /dev/usb_storage_sdb1 returned -1 # from Line=1241",
                    "log 3 @1263 xfs_repair FAILED"}));

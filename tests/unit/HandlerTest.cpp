@@ -84,7 +84,7 @@ bool HandlerTest::waitsForTheLock(const std::function<void()>& operation) {
   std::future<void> run;
   bool waited = false;
   {
-    const TestableHandler::Lock lock(*handler);
+    const Dockhand::HandlerLock lock(handler->handlerMutex);
     run = std::async(std::launch::async, operation);
     // An operation that waits never ends within this time, even on a slow machine.
     waited = run.wait_for(std::chrono::milliseconds(50)) == std::future_status::timeout;

@@ -46,7 +46,7 @@ class HotPlug : public HandlerTest {
     std::future<bool> holder;
     mediaService->onCallback([&](const Callback&) {
       holder = std::async(std::launch::async, [&] {
-        const TestableHandler::Lock lock(*handler);
+        const Dockhand::HandlerLock lock(handler->handlerMutex);
         taken.set_value();
         // A notification that waits never ends within this time, even on a slow machine.
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -586,7 +586,7 @@ TEST_F(Xrite, NotificationsWaitForTheLockBeforeTheyCall) {
     journal().clear();
     std::future<void> run;
     {
-      const TestableHandler::Lock lock(*handler);
+      const Dockhand::HandlerLock lock(handler->handlerMutex);
       run = std::async(std::launch::async, notification);
       EXPECT_EQ(run.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
       EXPECT_THAT(callbacks(), IsEmpty());

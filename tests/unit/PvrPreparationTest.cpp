@@ -229,9 +229,9 @@ TEST_F(PvrPreparation, PartitionsNothingWhenWipingTheOldTableWasNotRun) {
   EXPECT_THAT(
       std::vector<std::string>(begin, events.end()),
       ElementsAre("system " + forceUnmount, "log 3 @124 Executing: " + listTable + " # from Line=908",
-                  "claimFile /tmp/Dockhand.log", notExecuted,
+                  "statx /tmp/Dockhand.log", notExecuted,
                   "log 4 @129 Warning: " + listTable + " returned -1 # from Line=908",
-                  "log 3 @124 Executing: " + wipeTable + " # from Line=913", "claimFile /tmp/Dockhand.log",
+                  "log 3 @124 Executing: " + wipeTable + " # from Line=913", "statx /tmp/Dockhand.log",
                   notExecuted, "log 4 @129 Warning: " + wipeTable + " returned -1 # from Line=913",
                   "log 2 @142 CheckForAndUpdateNewDevices", "scandir /dev",
                   "log 2 @196 entry: name=sdb number= matchFound=1",

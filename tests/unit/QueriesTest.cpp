@@ -213,7 +213,10 @@ TEST_F(Queries, ClaimsTheVersionFileBeforeItRunsTheScript) {
   EXPECT_EQ(usbVersion(id).text, "2.00");
   EXPECT_THAT(
       journal().events(),
-      ElementsAre("log 2 @1276 GetDeviceUsbVersion", "claimFile " + file,
+      ElementsAre("log 2 @1276 GetDeviceUsbVersion", "statx " + file, "opendir /tmp/", "closedir /tmp/",
+                  "mkdtemp " + file + ".moved-XXXXXX",
+                  "rename " + file + " " + file + ".moved-XXXXXX/sdb_bcdUSB.txt", "statx " + file,
+                  "mknod " + file + " 100644",
                   "log 4 @136 " + file + " was not ours and has been moved aside, to " + file + ".moved-*",
                   "system readUsbVersion.sh sdb > " + file, "open " + file, "read " + file + " 256",
                   "close " + file, "system rm " + file, "log 2 @1309 GetDeviceUsbVersion(1)=2.00"));
@@ -228,7 +231,7 @@ TEST_F(Queries, RunsNothingWhileTheVersionFileIsNotOurs) {
   EXPECT_FALSE(result.success);
   EXPECT_EQ(result.text, "");
   EXPECT_THAT(journal().events(),
-              ElementsAre("log 2 @1276 GetDeviceUsbVersion", "claimFile " + file,
+              ElementsAre("log 2 @1276 GetDeviceUsbVersion", "statx " + file,
                           "log 5 @138 Not executed, since " + file + " is not ours and cannot be moved",
                           "log 2 @1309 GetDeviceUsbVersion(1)="));
 }
@@ -425,6 +428,47 @@ TEST_F(Queries, LogsNoDumpAboveTraceLevel) {
   setThreshold(5);
   mountPoint(id);
   EXPECT_THAT(journal().logs(), IsEmpty());
+}
+
+TEST_F(Queries, ReportsWhetherADeviceIsOpen) {
+  const auto id = plugIn({"sdb"});
+  EXPECT_FALSE(handler->IsDeviceOpen(id));
+  entry(id).deviceOpen = true;
+  EXPECT_TRUE(handler->IsDeviceOpen(id));
+  EXPECT_THAT(journal().events(), ElementsAre("log 2 @792 IsDeviceOpen(1)", "log 2 @792 IsDeviceOpen(1)"));
+}
+
+TEST_F(Queries, NamesTheNodeOfAPartitionedDisk) {
+  const auto id = plugIn({"sdb", "sdb1"});
+  EXPECT_EQ(handler->GetUsbMountDevice(id, false), "/dev/usb_storage_sdb1");
+  EXPECT_EQ(handler->GetUsbMountDevice(id, true), "/dev/usb_storage_sdb");
+  EXPECT_THAT(journal().events(),
+              ElementsAre("log 2 @1152 GetUsbMountDevice", "log 2 @1152 GetUsbMountDevice"));
+}
+
+TEST_F(Queries, NamesTheNodeOfADiskWithoutPartitions) {
+  const auto id = plugIn({"sdb"});
+  EXPECT_EQ(handler->GetUsbMountDevice(id, false), "/dev/usb_storage_sdb");
+  EXPECT_EQ(handler->GetUsbMountDevice(id, true), "/dev/usb_storage_sdb");
+}
+
+TEST_F(Queries, NamesNoNodeOfAnUnknownDevice) {
+  plugIn({"sdb"});
+  for (const int number : {-32768, -1, 0, 2, 32767}) {
+    journal().clear();
+    EXPECT_EQ(handler->GetUsbMountDevice(static_cast<std::int16_t>(number), false), "");
+    EXPECT_THAT(journal().events(), ElementsAre("log 2 @1152 GetUsbMountDevice"));
+  }
+}
+
+TEST_F(Queries, NamesANodeEvenWhileTheLockIsHeld) {
+  const auto id = plugIn({"sdb"});
+  watchLock();
+  EXPECT_EQ(handler->GetUsbMountDevice(id, false), "/dev/usb_storage_sdb");
+  EXPECT_THAT(unlocked, ElementsAre("GetUsbMountDevice"));
+  const Dockhand::HandlerLock lock(handler->handlerMutex);
+  EXPECT_EQ(handler->GetUsbMountDevice(id, false), "/dev/usb_storage_sdb");
+  EXPECT_TRUE(lockIsHeld());
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "HandlerTest.h"
+#include "Prober.h"
 
 namespace {
 
@@ -22,7 +23,7 @@ class Probing : public HandlerTest {
     return result;
   }
   std::string lookUp(std::uint32_t deviceId, const char* key) {
-    const TestableHandler::Lock lock(*handler);
+    const Dockhand::HandlerLock lock(handler->handlerMutex);
     return handler->getBlkidLookupValue(deviceId, key);
   }
 };
@@ -58,7 +59,7 @@ TEST_F(Probing, ReadsAUuid) {
 TEST_F(Probing, ReportsWhatARepairNeeds) {
   const auto id = plugIn({"sdb", "sdb1"}, "xfs");
   entry(id).deviceOpen = true;
-  TestableHandler::PartitionInfo info;
+  Dockhand::PartitionInfo info;
   EXPECT_TRUE(handler->GetPartitionInfo(id, info));
   EXPECT_EQ(info.fsType, "xfs");
   EXPECT_EQ(info.mountDevice, "/dev/usb_storage_sdb1");
@@ -73,7 +74,7 @@ TEST_F(Probing, ReportsWhatARepairNeeds) {
 
 TEST_F(Probing, ReportsAClosedDeviceWithoutAReadableType) {
   const auto id = plugIn({"sdb"});
-  TestableHandler::PartitionInfo info{"xfs", "/dev/other", true};
+  Dockhand::PartitionInfo info{"xfs", "/dev/other", true};
   EXPECT_TRUE(handler->GetPartitionInfo(id, info));
   EXPECT_EQ(info.fsType, "");
   EXPECT_EQ(info.mountDevice, "/dev/usb_storage_sdb");
@@ -83,7 +84,7 @@ TEST_F(Probing, ReportsAClosedDeviceWithoutAReadableType) {
 TEST_F(Probing, ReportsNothingAboutAnUnknownDevice) {
   plugIn({"sdb"}, "vfat");
   for (const int id : {-32768, -1, 0, 2, 32767}) {
-    TestableHandler::PartitionInfo info{"before", "before", true};
+    Dockhand::PartitionInfo info{"before", "before", true};
     journal().clear();
     EXPECT_FALSE(handler->GetPartitionInfo(static_cast<std::int16_t>(id), info));
     EXPECT_EQ(info.fsType, "before");
@@ -280,6 +281,18 @@ TEST_F(Probing, DoesNotReportAnOlderErrno) {
   EXPECT_THAT(journal().eventsBeginning("log 4"), ElementsAre("log 4 @993 blkid_do_probe() failed. error=0"));
 }
 
+TEST_F(Probing, HoldsANodeOpenUntilItIsReleased) {
+  disk("sdb");
+  Dockhand::Prober prober(platform);
+  {
+    const Dockhand::Prober::NodeHold hold(prober, "/dev/usb_storage_sdb");
+    EXPECT_EQ(platform.openDescriptors(), 1U);
+    prober.releaseNode();
+    EXPECT_EQ(platform.openDescriptors(), 0U);
+  }
+  EXPECT_THAT(journal().calls(), ElementsAre("open /dev/usb_storage_sdb", "close /dev/usb_storage_sdb"));
+}
+
 TEST_F(Probing, TreatsANullValueAsNone) {
   // Reports success, but returns no value.
   class EmptyHanded : public FakePlatform {
@@ -290,13 +303,9 @@ TEST_F(Probing, TreatsANullValueAsNone) {
     }
   };
   EmptyHanded emptyHanded;
-  emptyHanded.deviceNodes = {"usb_storage_sdb"};
   emptyHanded.disks["/dev/usb_storage_sdb"] = {};
-  TestableHandler probing(emptyHanded);
-  journal().clear();
-  ravel::rpc::ReturnValueWithString result;
-  probing.GetDeviceLabel(result, 1);
-  EXPECT_EQ(result.text, "NONAME");
+  Dockhand::Prober prober(emptyHanded);
+  EXPECT_EQ(prober.lookUp("/dev/usb_storage_sdb", "LABEL"), "");
   EXPECT_THAT(journal().eventsBeginning("log 4"),
               ElementsAre("log 4 @1008 No LABEL found for /dev/usb_storage_sdb"));
 }
@@ -326,7 +335,7 @@ TEST_F(Probing, PassesALabelUnchanged) {
 
 TEST_F(Probing, HoldsTheLockForAllButTheFirstLine) {
   const auto id = plugIn({"sdb"});
-  TestableHandler::PartitionInfo info;
+  Dockhand::PartitionInfo info;
   watchLock();
   label(id);
   uuid(id);
@@ -360,7 +369,7 @@ TEST_F(Probing, LogsNothingAboveTheThresholdOfWarnings) {
   disk("sdb").opens = false;
   EXPECT_EQ(label(id).text, "NONAME");
   EXPECT_THAT(journal().logs(), IsEmpty());
-  TestableHandler::PartitionInfo info;
+  Dockhand::PartitionInfo info;
   EXPECT_FALSE(handler->GetPartitionInfo(-1, info));
   EXPECT_THAT(journal().logs(), ElementsAre("log 5 @965 GetPartitionInfo(-1) - Unknown device!"));
 }

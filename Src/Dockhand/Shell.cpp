@@ -1,17 +1,16 @@
-// The shell: runs the tools that change disks, and sees to it that what they say is kept.
+#include "Shell.h"
 
-#include "DockhandClient.h"
+#include "ClaimedFile.h"
 #include "ModuleLog.h"
 
 namespace Dockhand {
 
-int DockhandClient::executeShellCommand(const std::string& command, int sourceLine, bool passLogAlways,
-                                        bool* wasRun) {
+int Shell::run(const std::string& command, int sourceLine, bool passLogAlways, bool* wasRun) const {
   static const std::string logFile = "/tmp/Dockhand.log";
   static const std::string passLog = "logger -s -t Dockhand <" + logFile;
 
   usbClientLog.write(3, 124, "Executing: ", command, " # from Line=", sourceLine);
-  const bool logFileIsOurs = claimForShell(logFile);
+  const bool logFileIsOurs = claim(logFile);
   if (wasRun != nullptr) {
     *wasRun = logFileIsOurs;
   }
@@ -31,23 +30,23 @@ int DockhandClient::executeShellCommand(const std::string& command, int sourceLi
   return status;
 }
 
-bool DockhandClient::claimForShell(const std::string& file) {
-  const Claim claim = platform_.claimFile(file);
-  if (claim == Claim::movedAside) {
+bool Shell::claim(const std::string& file) const {
+  const Claim outcome = claimFile(platform_, file);
+  if (outcome == Claim::movedAside) {
     usbClientLog.write(4, 136, file, " was not ours and has been moved aside, to ", file, ".moved-*");
-  } else if (claim == Claim::refused) {
+  } else if (outcome == Claim::refused) {
     usbClientLog.write(5, 138, "Not executed, since ", file, " is not ours and cannot be moved");
-  } else if (claim == Claim::tooManyMoved) {
+  } else if (outcome == Claim::tooManyMoved) {
     usbClientLog.write(5, 140, "Not executed, since ", file, " is not ours, and there are ", maxMovedAside,
                        " directories ", file, ".moved-*: remove them");
   }
-  return claim == Claim::ours || claim == Claim::movedAside;
+  return outcome == Claim::ours || outcome == Claim::movedAside;
 }
 
-void DockhandClient::forceUnmount(const std::string& node, int sourceLine, const char* occasion) {
-  constexpr int mostStackedMounts = 10;
+void Shell::forceUnmount(const std::string& node, int sourceLine, const char* occasion) const {
+  constexpr int maxStackedMounts = 10;
   const std::string command = "umount -f " + node + " 1>/dev/null 2>&1";
-  for (int run = 0; run < mostStackedMounts && platform_.system(command) == 0; ++run) {
+  for (int run = 0; run < maxStackedMounts && platform_.system(command) == 0; ++run) {
     usbClientLog.write(3, sourceLine, "unmounted: ", node, occasion);
   }
 }
