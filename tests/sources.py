@@ -89,12 +89,14 @@ def daemon_sources(*endings):
     return [(path.name, path.read_text()) for path in sorted(folder.iterdir()) if path.suffix in endings]
 
 
+# The functions of a log by the level of their lines.
+LEVELS = {"trace": 2, "notice": 3, "warning": 4, "error": 5}
+LOGS = {"usbClientLog": "Dockhand.UsbClient", "mainLog": "Dockhand.main", "serverLog": "Dockhand.UsbServer"}
+
 # The calls that give a line number: their module, or None if their first argument names it, and the place of the
 # number among the arguments.
 CALLEES = {
-    "usbClientLog.write": ("Dockhand.UsbClient", 1),
-    "mainLog.write": ("Dockhand.main", 1),
-    "serverLog.write": ("Dockhand.UsbServer", 1),
+    **{f"{log}.{level}": (module, 0) for log, module in LOGS.items() for level in LEVELS},
     "forceUnmount": ("Dockhand.UsbClient", 1),
     "executeShellCommand": ("Dockhand.UsbClient", 1),
     "TlogContext::GetLogContext": (None, 2),

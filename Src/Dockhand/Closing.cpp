@@ -6,13 +6,13 @@
 namespace Dockhand {
 
 bool DockhandClient::CloseDevice(std::int16_t deviceId) {
-  usbClientLog.write(2, 806, "CloseDevice(", deviceId, ")");
+  usbClientLog.trace(806, "CloseDevice(", deviceId, ")");
   const HandlerLock lock(handlerMutex);
   return releaseDevice(deviceId, false);
 }
 
 bool DockhandClient::CloseDeviceSafeRemoval(std::int16_t deviceId) {
-  usbClientLog.write(2, 816, "CloseDeviceSafeRemoval(", deviceId, ")");
+  usbClientLog.trace(816, "CloseDeviceSafeRemoval(", deviceId, ")");
   const HandlerLock lock(handlerMutex);
   return releaseDevice(deviceId, true);
 }
@@ -20,7 +20,7 @@ bool DockhandClient::CloseDeviceSafeRemoval(std::int16_t deviceId) {
 bool DockhandClient::releaseDevice(std::int16_t deviceId, bool safeRemoval) {
   UsbDeviceEntry* entry = devices_.find(deviceId);
   if (entry == nullptr) {
-    usbClientLog.write(2, 834, "No such device available!");
+    usbClientLog.trace(834, "No such device available!");
     return false;
   }
   if (entry->mountPoint.empty()) {

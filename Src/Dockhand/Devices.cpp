@@ -46,9 +46,9 @@ void Devices::insert(const std::string& deviceName, const std::string& deviceNum
   entry.deviceName = deviceName;
   entry.foundInScan = true;
   if (deviceNumber.empty()) {
-    usbClientLog.write(2, 203, "deviceNumber is empty");
+    usbClientLog.trace(203, "deviceNumber is empty");
   } else {
-    usbClientLog.write(2, 208, "deviceNumber NOT empty - settings part count to 1");
+    usbClientLog.trace(208, "deviceNumber NOT empty - settings part count to 1");
     entry.partitionCount = 1;
   }
 
@@ -57,9 +57,9 @@ void Devices::insert(const std::string& deviceName, const std::string& deviceNum
     ++key;
   }
   map_.emplace(key, entry);
-  usbClientLog.write(2, 226, "deviceMap.insert(", key, ", [", entry.deviceName, ",", entry.partitionCount,
-                     ",", entry.deviceOpen, ",", entry.mountPoint, ",", entry.lastUsbOperation, ",",
-                     entry.hidden, "], mapSize=", map_.size());
+  usbClientLog.trace(226, "deviceMap.insert(", key, ", [", entry.deviceName, ",", entry.partitionCount, ",",
+                     entry.deviceOpen, ",", entry.mountPoint, ",", entry.lastUsbOperation, ",", entry.hidden,
+                     "], mapSize=", map_.size());
 }
 
 void Devices::eraseUnseen() {

@@ -48,7 +48,7 @@ std::string charactersBetween(const std::string& text, char first, char last) {
 }  // namespace
 
 void DockhandClient::CheckForAndUpdateNewDevices() {
-  usbClientLog.write(2, 142, "CheckForAndUpdateNewDevices");
+  usbClientLog.trace(142, "CheckForAndUpdateNewDevices");
   const HandlerLock lock(handlerMutex);
 
   devices_.beginScan();
@@ -56,7 +56,7 @@ void DockhandClient::CheckForAndUpdateNewDevices() {
   nodes.count = platform_.scandir("/dev", &nodes.entries, isStorageNode, alphasort);
   if (nodes.count < 0) {
     const int error = errno;
-    usbClientLog.write(4, 162, "scandir failed, errno=", error);
+    usbClientLog.warning(162, "scandir failed, errno=", error);
     return;
   }
 
@@ -67,7 +67,7 @@ void DockhandClient::CheckForAndUpdateNewDevices() {
     const std::string deviceNumber = charactersBetween(text, '0', '9');
 
     const bool matchFound = devices_.markSeen(deviceName, !deviceNumber.empty());
-    usbClientLog.write(2, 196, "entry: name=", text, " number=", deviceNumber, " matchFound=", matchFound);
+    usbClientLog.trace(196, "entry: name=", text, " number=", deviceNumber, " matchFound=", matchFound);
 
     if (!matchFound) {
       devices_.insert(deviceName, deviceNumber);
@@ -79,28 +79,28 @@ void DockhandClient::CheckForAndUpdateNewDevices() {
 
 void DockhandClient::GetListOfInsertedDevices(std::vector<std::int16_t>& _return, bool includeHidden) {
   _return.clear();
-  usbClientLog.write(2, 262, "GetListOfInsertedDevices");
+  usbClientLog.trace(262, "GetListOfInsertedDevices");
   const HandlerLock lock(handlerMutex);
 
-  usbClientLog.write(2, 265, "map count before is ", deviceMap.size());
+  usbClientLog.trace(265, "map count before is ", deviceMap.size());
   CheckForAndUpdateNewDevices();
-  usbClientLog.write(2, 267, "map count after is ", deviceMap.size());
+  usbClientLog.trace(267, "map count after is ", deviceMap.size());
 
   for (const auto& [key, entry] : deviceMap) {
-    usbClientLog.write(2, 272, "Found a device in the map - last op is ", entry.lastUsbOperation);
+    usbClientLog.trace(272, "Found a device in the map - last op is ", entry.lastUsbOperation);
     if (!isPluggedIn(entry)) {
       continue;
     }
     if (entry.safelyRemoved) {
-      usbClientLog.write(4, 277, "USB deviceId=", key,
-                         " has been safely removed (hide until removed/reinserted)");
+      usbClientLog.warning(277, "USB deviceId=", key,
+                           " has been safely removed (hide until removed/reinserted)");
       continue;
     }
     if (entry.hidden && !includeHidden) {
       continue;
     }
     _return.push_back(static_cast<std::int16_t>(key));
-    usbClientLog.write(2, 284, "Added device id of ", key);
+    usbClientLog.trace(284, "Added device id of ", key);
   }
 }
 

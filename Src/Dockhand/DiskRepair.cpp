@@ -6,17 +6,17 @@
 namespace Dockhand {
 
 bool DockhandClient::RunDiskRepair(std::int16_t deviceId) {
-  usbClientLog.write(2, 1187, "RunDiskRepair(", deviceId, ")");
+  usbClientLog.trace(1187, "RunDiskRepair(", deviceId, ")");
   PartitionInfo partition;
   bool repaired = false;
   if (!GetPartitionInfo(deviceId, partition)) {
-    usbClientLog.write(5, 1194, "RunDiskRepair(", deviceId, ") - Unknown device!");
+    usbClientLog.error(1194, "RunDiskRepair(", deviceId, ") - Unknown device!");
   } else if (partition.deviceOpen) {
-    usbClientLog.write(5, 1260, "RunDiskRepair(", deviceId, ") - device open!");
+    usbClientLog.error(1260, "RunDiskRepair(", deviceId, ") - device open!");
   } else if (partition.fsType != "xfs") {
-    usbClientLog.write(4, 1255, "repair not supported for: ", partition.fsType);
+    usbClientLog.warning(1255, "repair not supported for: ", partition.fsType);
   } else if (!beginRepair(deviceId)) {
-    usbClientLog.write(5, 1201, "RunDiskRepair(", deviceId, ") - repair already running!");
+    usbClientLog.error(1201, "RunDiskRepair(", deviceId, ") - repair already running!");
   } else {
     // Also when a step throws: no second repair would ever be let in.
     struct EndOfRepair {
@@ -26,16 +26,16 @@ bool DockhandClient::RunDiskRepair(std::int16_t deviceId) {
     const EndOfRepair endOfRepair{*this};
     repaired = repair(partition.mountDevice);
   }
-  usbClientLog.write(3, 1263, "xfs_repair ", repaired ? "PASSED" : "FAILED");
+  usbClientLog.notice(1263, "xfs_repair ", repaired ? "PASSED" : "FAILED");
   return repaired;
 }
 
 bool DockhandClient::GetPartitionInfo(std::int16_t deviceId, PartitionInfo& info) {
-  usbClientLog.write(2, 952, "GetPartitionInfo(", deviceId, ")");
+  usbClientLog.trace(952, "GetPartitionInfo(", deviceId, ")");
   const HandlerLock lock(handlerMutex);
   const UsbDeviceEntry* entry = devices_.find(deviceId);
   if (entry == nullptr) {
-    usbClientLog.write(5, 965, "GetPartitionInfo(", deviceId, ") - Unknown device!");
+    usbClientLog.error(965, "GetPartitionInfo(", deviceId, ") - Unknown device!");
     return false;
   }
   info.fsType = getBlkidLookupValue(static_cast<std::uint32_t>(deviceId), "TYPE");

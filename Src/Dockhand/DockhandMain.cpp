@@ -15,7 +15,7 @@ const Dockhand::ModuleLog mainLog{
 /// What the RPC library has to report (a client that vanished, no descriptors left to accept one) is a log
 /// line like any other.
 void logRpcMessage(const char* message) {
-  mainLog.write(4, 14, message);
+  mainLog.warning(14, message);
 }
 
 /// Keeps glibc from holding on to a megabyte for each worker once clients have sent texts of that size: it
@@ -41,9 +41,9 @@ int main() {
   apache::thrift::GlobalOutput.setOutputFunction(logRpcMessage);
   Dockhand::LinuxPlatform platform;
 
-  mainLog.write(2, 19, "Before Creating DockhandServer");
+  mainLog.trace(19, "Before Creating DockhandServer");
   const Dockhand::DockhandServer server(platform);
-  mainLog.write(2, 21, "After Creating DockhandServer");
+  mainLog.trace(21, "After Creating DockhandServer");
 
   constexpr unsigned int hour = 3600;
   while (true) {

@@ -18,14 +18,14 @@ using RpcServer = ravel::rpc::thrift_server<ravel::rpc::usb_rpc_gen_If, ravel::r
 }  // namespace
 
 DockhandServer::DockhandServer(Platform& platform) {
-  serverLog.write(2, 11, "Before creating DockhandClient");
+  serverLog.trace(11, "Before creating DockhandClient");
   handler.reset(new DockhandClient(platform));
-  serverLog.write(2, 13, "After creating DockhandClient");
+  serverLog.trace(13, "After creating DockhandClient");
 
   RpcServer rpcServer(handler);
-  serverLog.write(2, 15, "Before starting rpcServer.start");
+  serverLog.trace(15, "Before starting rpcServer.start");
   rpcServer.start();
-  serverLog.write(2, 17, "After starting rpcServer.start");
+  serverLog.trace(17, "After starting rpcServer.start");
 }
 
 }  // namespace Dockhand

@@ -85,7 +85,7 @@ bool acceptMkdirError(int error) {
 
 bool acceptMountError() {
   const FailureRow& row = rowOf(errno, mountFailures, unknownMountFailure);
-  usbClientLog.write(2, 590, row.text);
+  usbClientLog.trace(590, row.text);
   return row.accepted;
 }
 

@@ -38,7 +38,7 @@ struct DirectoryCloser {
 
 void DockhandClient::GetFilesByExtension(std::vector<std::string>& _return, std::int16_t deviceId,
                                          const std::string& directory, const std::string& extension) {
-  usbClientLog.write(2, 1402, "GetFilesByExtension(", deviceId, ")");
+  usbClientLog.trace(1402, "GetFilesByExtension(", deviceId, ")");
   const HandlerLock lock(handlerMutex);
   const UsbDeviceEntry* device = devices_.find(deviceId);
   const std::string mountPoint = device != nullptr ? device->mountPoint : std::string();

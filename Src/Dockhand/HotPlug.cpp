@@ -62,7 +62,7 @@ void DockhandClient::callObservers(ObserverTable observers, Audience audience,
 }
 
 void DockhandClient::NotifyUsbAdded(const std::string& usbDevice) {
-  usbClientLog.write(2, 300, "NotifyUSB added ", usbDevice);
+  usbClientLog.trace(300, "NotifyUSB added ", usbDevice);
   if (isPvrPreparationRunning()) {
     return;
   }
@@ -89,7 +89,7 @@ void DockhandClient::NotifyUsbAdded(const std::string& usbDevice) {
 
   callObservers(
       observers, Audience::storage, [this, deviceId](std::int8_t observerId, std::int32_t observer) {
-        usbClientLog.write(2, 364, "Calling ADD callback function with usbDevice ", deviceId,
+        usbClientLog.trace(364, "Calling ADD callback function with usbDevice ", deviceId,
                            " and observerId is ", int{observerId}, " and observer is 0x", std::hex, observer);
         mediaClient->call([&](MediaServiceStub& mediaService) {
           mediaService.SendUsbAddedCallback(static_cast<std::int16_t>(deviceId), observerId, observer);
@@ -98,7 +98,7 @@ void DockhandClient::NotifyUsbAdded(const std::string& usbDevice) {
 }
 
 void DockhandClient::NotifyUsbRemoved(const std::string& usbDevice) {
-  usbClientLog.write(2, 384, "NotifyUsbRemoved(", usbDevice, ")");
+  usbClientLog.trace(384, "NotifyUsbRemoved(", usbDevice, ")");
   if (isPvrPreparationRunning()) {
     return;
   }
@@ -110,7 +110,7 @@ void DockhandClient::NotifyUsbRemoved(const std::string& usbDevice) {
     auto device = deviceMap.begin();
     for (; device != deviceMap.end(); ++device) {
       const std::string name = kernelName(device->second);
-      usbClientLog.write(2, 397, "NotifyUsbRemoved: check device=", name);
+      usbClientLog.trace(397, "NotifyUsbRemoved: check device=", name);
       if (name == usbDevice) {
         break;
       }
@@ -120,25 +120,25 @@ void DockhandClient::NotifyUsbRemoved(const std::string& usbDevice) {
     }
     UsbDeviceEntry& entry = device->second;
     if (entry.lastUsbOperation == UsbOperationRemoved) {
-      usbClientLog.write(2, 408, "Already notified about removal");
+      usbClientLog.trace(408, "Already notified about removal");
       return;
     }
     entry.lastUsbOperation = UsbOperationRemoved;
     deviceId = device->first;
     if (entry.deviceOpen) {
-      usbClientLog.write(4, 416, "NotifyUsbRemoved: Device was mounted, force unmount(", entry.deviceName,
-                         ", ", entry.mountPoint, ")");
+      usbClientLog.warning(416, "NotifyUsbRemoved: Device was mounted, force unmount(", entry.deviceName,
+                           ", ", entry.mountPoint, ")");
       // The hardware is gone whether or not this succeeds, and the failure is in the log.
       releaseDevice(static_cast<std::int16_t>(deviceId), true);
     }
-    usbClientLog.write(2, 424, "deviceMap.erase: deviceId=", deviceId);
+    usbClientLog.trace(424, "deviceMap.erase: deviceId=", deviceId);
     deviceMap.erase(device);
     observers = removedObservers;
   }
 
   callObservers(
       observers, Audience::storage, [this, deviceId](std::int8_t observerId, std::int32_t observer) {
-        usbClientLog.write(2, 436, "SendUsbRemovedCallback: usbDevice=", deviceId,
+        usbClientLog.trace(436, "SendUsbRemovedCallback: usbDevice=", deviceId,
                            " and observerId=", int{observerId}, " and observer=0x", std::hex, observer);
         mediaClient->call([&](MediaServiceStub& mediaService) {
           mediaService.SendUsbRemovedCallback(static_cast<std::int16_t>(deviceId), observerId, observer);
@@ -147,7 +147,7 @@ void DockhandClient::NotifyUsbRemoved(const std::string& usbDevice) {
 }
 
 void DockhandClient::NotifyUsbXriteAdded() {
-  usbClientLog.write(2, 452, "Xrite device inserted");
+  usbClientLog.trace(452, "Xrite device inserted");
   ObserverTable observers;
   {
     const HandlerLock lock(handlerMutex);
@@ -155,7 +155,7 @@ void DockhandClient::NotifyUsbXriteAdded() {
   }
 
   callObservers(observers, Audience::xrite, [this](std::int8_t observerId, std::int32_t observer) {
-    usbClientLog.write(2, 462, "Calling ADDED callback function with usbDevice ", xriteDeviceNumber,
+    usbClientLog.trace(462, "Calling ADDED callback function with usbDevice ", xriteDeviceNumber,
                        " and observerId is ", int{observerId}, " and observer is 0x", std::hex, observer);
     mediaClient->call([&](MediaServiceStub& mediaService) {
       mediaService.SendUsbAddedCallback(xriteDeviceNumber, observerId, observer);
@@ -164,7 +164,7 @@ void DockhandClient::NotifyUsbXriteAdded() {
 }
 
 void DockhandClient::NotifyUsbXriteRemoved() {
-  usbClientLog.write(2, 478, "Xrite device removed");
+  usbClientLog.trace(478, "Xrite device removed");
   ObserverTable observers;
   {
     const HandlerLock lock(handlerMutex);
@@ -172,7 +172,7 @@ void DockhandClient::NotifyUsbXriteRemoved() {
   }
 
   callObservers(observers, Audience::xrite, [this](std::int8_t observerId, std::int32_t observer) {
-    usbClientLog.write(2, 488, "Calling REMOVE callback function with usbDevice ", xriteDeviceNumber,
+    usbClientLog.trace(488, "Calling REMOVE callback function with usbDevice ", xriteDeviceNumber,
                        " and observerId is ", int{observerId}, " and observer is 0x", std::hex, observer);
     mediaClient->call([&](MediaServiceStub& mediaService) {
       mediaService.SendUsbRemovedCallback(xriteDeviceNumber, observerId, observer);

@@ -106,7 +106,7 @@ dirent* LinuxPlatform::readdir(DIR* directory) {
   }
   counted.hasEnded = true;
   const int error = errno;
-  usbClientLog.write(5, 1410, "readdir(", counted.path, ") ended after ", counted.entries, " entries, with ",
+  usbClientLog.error(1410, "readdir(", counted.path, ") ended after ", counted.entries, " entries, with ",
                      counted.nameBytes, " bytes of names: the rest is left out");
   errno = error;
   return nullptr;

@@ -27,6 +27,29 @@ struct ModuleLog {
 
   bool isWanted(std::int32_t level) const { return context == nullptr || context->threshold() <= level; }
 
+  // The four ways to write a line, by its level. `sourceLine` is the number of the call site.
+
+  /// Level 2: steps, and values that were read.
+  template <typename... Pieces>
+  void trace(int sourceLine, const Pieces&... pieces) const {
+    write(2, sourceLine, pieces...);
+  }
+  /// Level 3: what is rare and intended, such as each shell command.
+  template <typename... Pieces>
+  void notice(int sourceLine, const Pieces&... pieces) const {
+    write(3, sourceLine, pieces...);
+  }
+  /// Level 4: a failure that the operation survives.
+  template <typename... Pieces>
+  void warning(int sourceLine, const Pieces&... pieces) const {
+    write(4, sourceLine, pieces...);
+  }
+  /// Level 5: an unknown device, or a failure of the operation.
+  template <typename... Pieces>
+  void error(int sourceLine, const Pieces&... pieces) const {
+    write(5, sourceLine, pieces...);
+  }
+
   /// Writes the pieces, put together without separators, as one line. Nothing is composed for a line that is
   /// not wanted. A bool is written as 0 or 1; an 8-bit number has to be widened by the caller, lest it be
   /// written as a character. Where there is no memory for the text, the line has a fixed one. Leaves errno as

@@ -35,7 +35,7 @@ std::string mountTableField(const std::string& path) {
 
 bool Mounts::clear(const std::string& mountPath, bool lazy) {
   const std::string field = mountTableField(mountPath);
-  usbClientLog.write(2, 506, "CheckForAndRemoveMount: ", field);
+  usbClientLog.trace(506, "CheckForAndRemoveMount: ", field);
 
   const int file = platform_.open("/proc/mounts", O_RDONLY);
   if (file >= 0) {
@@ -44,14 +44,14 @@ bool Mounts::clear(const std::string& mountPath, bool lazy) {
     const std::string_view mounts(text.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
     bool unmounted = true;
     if (mounts.find(field) != std::string_view::npos) {
-      usbClientLog.write(2, 521, "Performing unmount for ", mountPath);
+      usbClientLog.trace(521, "Performing unmount for ", mountPath);
       // A file system may write past what the kernel keeps for our descriptor, so the next probe must read
       // anew.
       prober_.releaseNode();
       if (platform_.umount2(mountPath, lazy ? MNT_DETACH : 0) != 0) {
         const int error = errno;
-        usbClientLog.write(4, 528, "umount2(", mountPath, ") failed, errno=", error, "=",
-                           std::strerror(error));
+        usbClientLog.warning(528, "umount2(", mountPath, ") failed, errno=", error, "=",
+                             std::strerror(error));
         unmounted = false;
       }
     }
@@ -62,11 +62,11 @@ bool Mounts::clear(const std::string& mountPath, bool lazy) {
   }
 
   if (platform_.access(mountPath, F_OK) == 0) {
-    usbClientLog.write(2, 541, "Performing rmdir for ", mountPath);
+    usbClientLog.trace(541, "Performing rmdir for ", mountPath);
     if (platform_.rmdir(mountPath) != 0) {
       const int error = errno;
-      usbClientLog.write(4, 545, "Ignored rmdir(", mountPath, ") failed, errno=", error, "=",
-                         std::strerror(error));
+      usbClientLog.warning(545, "Ignored rmdir(", mountPath, ") failed, errno=", error, "=",
+                           std::strerror(error));
     }
   }
   return true;
@@ -91,16 +91,16 @@ void replayJournal(Platform& platform, const std::string& node) {
   }
   if (platform.mount(node, mountPoint, "xfs", MS_NOSUID | MS_NOEXEC | MS_NOATIME, "prjquota") != 0) {
     const int error = errno;
-    usbClientLog.write(4, 1220, "mount(", node, ",", mountPoint, ") failed, errno=", error, "=",
-                       std::strerror(error));
+    usbClientLog.warning(1220, "mount(", node, ",", mountPoint, ") failed, errno=", error, "=",
+                         std::strerror(error));
   }
   if (platform.umount(mountPoint) != 0) {
     const int error = errno;
-    usbClientLog.write(4, 1225, "umount(", mountPoint, ") failed, errno=", error, "=", std::strerror(error));
+    usbClientLog.warning(1225, "umount(", mountPoint, ") failed, errno=", error, "=", std::strerror(error));
   }
   if (platform.rmdir(mountPoint) != 0) {
     const int error = errno;
-    usbClientLog.write(4, 1229, "rmdir(", mountPoint, ") failed, errno=", error, "=", std::strerror(error));
+    usbClientLog.warning(1229, "rmdir(", mountPoint, ") failed, errno=", error, "=", std::strerror(error));
   }
 }
 

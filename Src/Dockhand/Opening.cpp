@@ -24,47 +24,47 @@ bool DockhandClient::OpenDevice(std::int16_t deviceId) {
 }
 
 bool DockhandClient::OpenDeviceAt(std::int16_t deviceId, const std::string& mountPoint, bool isPvrDevice) {
-  usbClientLog.write(3, 640, "OpenDeviceAt(", deviceId, ", ", mountPoint, ", isPvrDevice=", isPvrDevice, ")");
+  usbClientLog.notice(640, "OpenDeviceAt(", deviceId, ", ", mountPoint, ", isPvrDevice=", isPvrDevice, ")");
   const HandlerLock lock(handlerMutex);
   if (isUnderRepair(deviceId)) {
-    usbClientLog.write(5, 646, "Disk repair is running, cannot open dev ", deviceId);
+    usbClientLog.error(646, "Disk repair is running, cannot open dev ", deviceId);
     return false;
   }
 
   CheckForAndUpdateNewDevices();
-  usbClientLog.write(2, 652, "Number of devices in map ", deviceMap.size());
+  usbClientLog.trace(652, "Number of devices in map ", deviceMap.size());
   for (const auto& [key, known] : deviceMap) {
-    usbClientLog.write(3, 656, "OpenDeviceAt: found device[", key, "] deviceName=\"", known.deviceName,
-                       "\" partitionCount=", known.partitionCount, ", deviceOpen=", known.deviceOpen,
-                       ", lastUsbOperation=", known.lastUsbOperation);
+    usbClientLog.notice(656, "OpenDeviceAt: found device[", key, "] deviceName=\"", known.deviceName,
+                        "\" partitionCount=", known.partitionCount, ", deviceOpen=", known.deviceOpen,
+                        ", lastUsbOperation=", known.lastUsbOperation);
   }
   UsbDeviceEntry* entry = devices_.find(deviceId);
   if (entry == nullptr || !isPluggedIn(*entry)) {
-    usbClientLog.write(2, 669, "No such device available or device not plugged in");
+    usbClientLog.trace(669, "No such device available or device not plugged in");
     return false;
   }
   if (entry->safelyRemoved) {
-    usbClientLog.write(4, 676, "USB device has been safely removed - remove/insert to enable further usage");
+    usbClientLog.warning(676, "USB device has been safely removed - remove/insert to enable further usage");
     return false;
   }
 
   const std::string node = GetUsbMountDevice(deviceId, false);
-  usbClientLog.write(2, 684, "usb device to open is ", node);
+  usbClientLog.trace(684, "usb device to open is ", node);
   entry->deviceOpen = false;
   entry->mountPoint = mountPoint;
   entry->hidden = isPvrDevice;
 
   const Prober::NodeHold hold(prober_, node);
   clearAutomounts(deviceId);
-  usbClientLog.write(2, 724, "mountPoint Name is ", mountPoint);
+  usbClientLog.trace(724, "mountPoint Name is ", mountPoint);
   CheckForAndRemoveMount(mountPoint, false);
-  usbClientLog.write(2, 728, "mountPoint Name is ", mountPoint);
+  usbClientLog.trace(728, "mountPoint Name is ", mountPoint);
 
   const int mkdirStatus = platform_.mkdir(mountPoint, 0775);
   const int mkdirError = errno;
   // Says ok whatever the status, which is on the next line: log readers look for this text.
-  usbClientLog.write(2, 733, "mkdir ok usbMountDevice.c_str() ", node);
-  usbClientLog.write(2, 734, "mkdir status is ", mkdirStatus);
+  usbClientLog.trace(733, "mkdir ok usbMountDevice.c_str() ", node);
+  usbClientLog.trace(734, "mkdir status is ", mkdirStatus);
 
   bool mounted = false;
   if (mkdirStatus == 0 || acceptMkdirError(mkdirError)) {
@@ -75,11 +75,11 @@ bool DockhandClient::OpenDeviceAt(std::int16_t deviceId, const std::string& moun
               acceptMountError();
   }
   if (mounted) {
-    usbClientLog.write(2, 770, "mount ok");
+    usbClientLog.trace(770, "mount ok");
     entry->deviceOpen = true;
     return true;
   }
-  usbClientLog.write(2, 778, "Performing rmdir for ", mountPoint);
+  usbClientLog.trace(778, "Performing rmdir for ", mountPoint);
   platform_.rmdir(mountPoint);
   return false;
 }
@@ -88,23 +88,23 @@ void DockhandClient::clearAutomounts(std::int16_t deviceId) {
   ravel::rpc::ReturnValueWithString label;
   GetDeviceLabel(label, deviceId);
   if (label.success) {
-    usbClientLog.write(2, 697, "automount - label is  ", label.text);
+    usbClientLog.trace(697, "automount - label is  ", label.text);
     if (namesDirectoryUnderMedia(label.text)) {
       CheckForAndRemoveMount("/media/" + label.text, false);
     } else {
-      usbClientLog.write(4, 701, "automount - label names no directory under /media: ", label.text);
+      usbClientLog.warning(701, "automount - label names no directory under /media: ", label.text);
     }
   }
 
-  usbClientLog.write(2, 706, "will do a get device UUID  ");
+  usbClientLog.trace(706, "will do a get device UUID  ");
   ravel::rpc::ReturnValueWithString uuid;
   GetDeviceUuid(uuid, deviceId);
   if (uuid.success) {
-    usbClientLog.write(2, 711, "automount - uuid is  ", uuid.text);
+    usbClientLog.trace(711, "automount - uuid is  ", uuid.text);
     if (namesDirectoryUnderMedia(uuid.text)) {
       CheckForAndRemoveMount("/media/" + uuid.text, false);
     } else {
-      usbClientLog.write(4, 715, "automount - uuid names no directory under /media: ", uuid.text);
+      usbClientLog.warning(715, "automount - uuid names no directory under /media: ", uuid.text);
     }
   }
 

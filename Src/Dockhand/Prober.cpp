@@ -18,14 +18,14 @@ Prober::~Prober() {
 std::string Prober::lookUp(const std::string& node, const char* key) {
   const blkid_probe probe = platform_.blkid_new_probe_from_filename(node);
   if (probe == nullptr) {
-    usbClientLog.write(4, 986, "blkid_new_probe_from_filename(", node, ") failed!");
+    usbClientLog.warning(986, "blkid_new_probe_from_filename(", node, ") failed!");
     return {};
   }
   // libblkid does not always set errno: an older error must not be taken for its own.
   errno = 0;
   if (platform_.blkid_do_probe(probe) == -1) {
     const int error = errno;
-    usbClientLog.write(4, 993, "blkid_do_probe() failed. error=", error);
+    usbClientLog.warning(993, "blkid_do_probe() failed. error=", error);
     keepFailedProbe(probe);
     return {};
   }
@@ -34,13 +34,13 @@ std::string Prober::lookUp(const std::string& node, const char* key) {
   errno = 0;
   if (platform_.blkid_probe_lookup_value(probe, key, &value) == -1) {
     const int error = errno;
-    usbClientLog.write(4, 1001, "blkid_probe_lookup_value(", key, ") failed. error=", error);
+    usbClientLog.warning(1001, "blkid_probe_lookup_value(", key, ") failed. error=", error);
   }
   // A single character is no name that anybody chose.
   if (value != nullptr && std::strlen(value) > 1) {
     result = value;
   } else {
-    usbClientLog.write(4, 1008, "No ", key, " found for ", node);
+    usbClientLog.warning(1008, "No ", key, " found for ", node);
   }
   platform_.blkid_free_probe(probe);
   return result;

@@ -61,13 +61,13 @@ std::string escapeForShell(const std::string& label) {
 
 bool DockhandClient::PrepareDeviceForPvr(std::int16_t deviceId) {
   const HandlerLock lock(handlerMutex);
-  usbClientLog.write(2, 860, "PrepareDeviceForPvr(", deviceId, ")");
+  usbClientLog.trace(860, "PrepareDeviceForPvr(", deviceId, ")");
   setPvrPreparationRunning(true);
   const UsbDeviceEntry* entry = devices_.find(deviceId);
   if (entry == nullptr) {
     // The flag stays set: plug events are ignored from here to the end of the next preparation of a known
     // device.
-    usbClientLog.write(4, 866, "PrepareDeviceForPvr() - Unknown device: ", deviceId);
+    usbClientLog.warning(866, "PrepareDeviceForPvr() - Unknown device: ", deviceId);
     return false;
   }
   bool prepared = false;
@@ -86,7 +86,7 @@ bool DockhandClient::PrepareDeviceForPvr(std::int16_t deviceId) {
 
 bool DockhandClient::prepareDisk(std::int16_t deviceId, const UsbDeviceEntry& entry) {
   if (entry.deviceOpen) {
-    usbClientLog.write(4, 872, "PrepareDeviceForPvr() - Device is Open!");
+    usbClientLog.warning(872, "PrepareDeviceForPvr() - Device is Open!");
   }
 
   const std::string disk = diskNode(entry);

@@ -37,10 +37,10 @@ std::string firstLine(Platform& platform, const std::string& path) {
 
 bool DockhandClient::IsDeviceOpen(std::int16_t deviceId) {
   const HandlerLock lock(handlerMutex);
-  usbClientLog.write(2, 792, "IsDeviceOpen(", deviceId, ")");
+  usbClientLog.trace(792, "IsDeviceOpen(", deviceId, ")");
   const UsbDeviceEntry* entry = devices_.find(deviceId);
   if (entry == nullptr) {
-    usbClientLog.write(2, 797, "No such device available!");
+    usbClientLog.trace(797, "No such device available!");
     return false;
   }
   return entry->deviceOpen;
@@ -53,23 +53,23 @@ std::string DockhandClient::getBlkidLookupValue(std::uint32_t deviceId, const ch
   }
   const std::string node = mountNode(*entry);
   std::string result = prober_.lookUp(node, key);
-  usbClientLog.write(2, 1015, "getBlkidLookupValue(", deviceId, ",", key, "; device=", node, ")=", result);
+  usbClientLog.trace(1015, "getBlkidLookupValue(", deviceId, ",", key, "; device=", node, ")=", result);
   return result;
 }
 
 void DockhandClient::GetDeviceUuid(ravel::rpc::ReturnValueWithString& _return, std::int16_t deviceId) {
-  usbClientLog.write(2, 1024, "GetDeviceUuid");
+  usbClientLog.trace(1024, "GetDeviceUuid");
   const HandlerLock lock(handlerMutex);
   _return.text = getBlkidLookupValue(static_cast<std::uint32_t>(deviceId), "UUID");
   _return.success = !_return.text.empty();
   if (_return.text.empty()) {
     _return.text = "0000-0000";
   }
-  usbClientLog.write(2, 1036, "GetDeviceUUID(", deviceId, ")=", _return.text);
+  usbClientLog.trace(1036, "GetDeviceUUID(", deviceId, ")=", _return.text);
 }
 
 void DockhandClient::GetDeviceLabel(ravel::rpc::ReturnValueWithString& _return, std::int16_t deviceId) {
-  usbClientLog.write(2, 1046, "GetDeviceLabel");
+  usbClientLog.trace(1046, "GetDeviceLabel");
   const HandlerLock lock(handlerMutex);
   _return.success = devices_.find(deviceId) != nullptr;
   _return.text.clear();
@@ -79,25 +79,25 @@ void DockhandClient::GetDeviceLabel(ravel::rpc::ReturnValueWithString& _return, 
   if (_return.text.empty()) {
     _return.text = "NONAME";
   }
-  usbClientLog.write(2, 1060, "GetDeviceLabel(", deviceId, ")=", _return.text);
+  usbClientLog.trace(1060, "GetDeviceLabel(", deviceId, ")=", _return.text);
 }
 
 std::int32_t DockhandClient::GetDeviceType(std::int16_t deviceId) {
-  usbClientLog.write(2, 1068, "GetDeviceType");
+  usbClientLog.trace(1068, "GetDeviceType");
   const HandlerLock lock(handlerMutex);
   std::int32_t type = 0;
   const UsbDeviceEntry* entry = devices_.find(deviceId);
   if (entry == nullptr) {
-    usbClientLog.write(5, 1072, "GetDeviceType(", deviceId, ") - Unknown device!");
+    usbClientLog.error(1072, "GetDeviceType(", deviceId, ") - Unknown device!");
   } else {
     const std::string path = "/sys/block/" + entry->deviceName + "/removable";
     const int file = platform_.open(path, O_RDONLY);
     if (file < 0) {
-      usbClientLog.write(5, 1078, "Failed to read file: ", path);
+      usbClientLog.error(1078, "Failed to read file: ", path);
     } else {
       char removable = 0;
       if (platform_.read(file, &removable, 1) != 1) {
-        usbClientLog.write(5, 1083, "Failed to read file: ", path);
+        usbClientLog.error(1083, "Failed to read file: ", path);
       } else {
         type = removable == '0' ? 1 : 2;
       }
@@ -105,15 +105,15 @@ std::int32_t DockhandClient::GetDeviceType(std::int16_t deviceId) {
     }
   }
   // The name is that of another operation: log readers know this line by it.
-  usbClientLog.write(2, 1090, "GetDeviceUsbVersion(", deviceId, ")=", type);
+  usbClientLog.trace(1090, "GetDeviceUsbVersion(", deviceId, ")=", type);
   return type;
 }
 
 void DockhandClient::GetUsbMountPoint(ravel::rpc::ReturnValueWithString& _return, std::int16_t deviceId) {
-  usbClientLog.write(2, 1103, "GetUsbMountPoint");
+  usbClientLog.trace(1103, "GetUsbMountPoint");
   const HandlerLock lock(handlerMutex);
   for (const auto& [key, entry] : deviceMap) {
-    usbClientLog.write(2, 1117, "GetUsbMountPoint(", deviceId, "): deviceMap[", key,
+    usbClientLog.trace(1117, "GetUsbMountPoint(", deviceId, "): deviceMap[", key,
                        "]:", " name=", entry.deviceName, " partCnt=", entry.partitionCount,
                        " deviceOpen=", entry.deviceOpen, " mountPoint=", entry.mountPoint,
                        " lastOpr=", entry.lastUsbOperation);
@@ -124,15 +124,14 @@ void DockhandClient::GetUsbMountPoint(ravel::rpc::ReturnValueWithString& _return
     _return.text = device->mountPoint;
   }
   if (_return.text.empty()) {
-    usbClientLog.write(4, 1126, "GetUsbMountPoint(deviceId=", deviceId,
-                       ") failed, found=", device != nullptr);
+    usbClientLog.warning(1126, "GetUsbMountPoint(deviceId=", deviceId, ") failed, found=", device != nullptr);
   }
   // Also for an unknown device: callers tell failure by the empty text.
   _return.success = true;
 }
 
 void DockhandClient::GetUsbPhysicalDevice(ravel::rpc::ReturnValueWithString& _return, std::int16_t deviceId) {
-  usbClientLog.write(2, 1136, "GetUsbPhysicalDevice");
+  usbClientLog.trace(1136, "GetUsbPhysicalDevice");
   const HandlerLock lock(handlerMutex);
   const UsbDeviceEntry* entry = devices_.find(deviceId);
   _return.success = entry != nullptr;
@@ -140,7 +139,7 @@ void DockhandClient::GetUsbPhysicalDevice(ravel::rpc::ReturnValueWithString& _re
 }
 
 std::string DockhandClient::GetUsbMountDevice(std::int16_t deviceId, bool wholeDisk) {
-  usbClientLog.write(2, 1152, "GetUsbMountDevice");
+  usbClientLog.trace(1152, "GetUsbMountDevice");
   const HandlerLock lock(handlerMutex);
   const UsbDeviceEntry* entry = devices_.find(deviceId);
   if (entry == nullptr) {
@@ -150,19 +149,19 @@ std::string DockhandClient::GetUsbMountDevice(std::int16_t deviceId, bool wholeD
 }
 
 void DockhandClient::GetDeviceUsbVersion(ravel::rpc::ReturnValueWithString& _return, std::int16_t deviceId) {
-  usbClientLog.write(2, 1276, "GetDeviceUsbVersion");
+  usbClientLog.trace(1276, "GetDeviceUsbVersion");
   const HandlerLock lock(handlerMutex);
   _return.success = false;
   _return.text.clear();
   const UsbDeviceEntry* entry = devices_.find(deviceId);
   if (entry == nullptr) {
-    usbClientLog.write(5, 1282, "GetDeviceUsbVersion(", deviceId, ") - Unknown device!");
+    usbClientLog.error(1282, "GetDeviceUsbVersion(", deviceId, ") - Unknown device!");
   } else if (const std::string versionFile = "/tmp/" + entry->deviceName + "_bcdUSB.txt";
              shell_.claim(versionFile)) {
     const std::string readVersion = "readUsbVersion.sh " + entry->deviceName + " > " + versionFile;
     const int readStatus = platform_.system(readVersion);
     if (readStatus != 0) {
-      usbClientLog.write(5, 1290, "system(", readVersion, ") failed with: ", readStatus);
+      usbClientLog.error(1290, "system(", readVersion, ") failed with: ", readStatus);
     } else {
       _return.text = firstLine(platform_, versionFile);
       _return.success = true;
@@ -170,21 +169,21 @@ void DockhandClient::GetDeviceUsbVersion(ravel::rpc::ReturnValueWithString& _ret
     const std::string removeFile = "rm " + versionFile;
     const int removeStatus = platform_.system(removeFile);
     if (removeStatus != 0) {
-      usbClientLog.write(5, 1303, "system(", removeFile, ") failed with: ", removeStatus);
+      usbClientLog.error(1303, "system(", removeFile, ") failed with: ", removeStatus);
     }
   }
-  usbClientLog.write(2, 1309, "GetDeviceUsbVersion(", deviceId, ")=", _return.text);
+  usbClientLog.trace(1309, "GetDeviceUsbVersion(", deviceId, ")=", _return.text);
 }
 
 std::int32_t DockhandClient::GetDeviceCapacity(std::int16_t deviceId) {
-  usbClientLog.write(2, 1318, "GetDeviceCapacity");
+  usbClientLog.trace(1318, "GetDeviceCapacity");
   const HandlerLock lock(handlerMutex);
   const std::string path = GetUsbMountDevice(deviceId, true);
   std::int32_t capacity = 0;
   const int disk = platform_.open(path, O_RDONLY);
   if (disk < 0) {
     const int error = errno;
-    usbClientLog.write(5, 1325, "open(", path, ") failed! errno=", error);
+    usbClientLog.error(1325, "open(", path, ") failed! errno=", error);
   } else {
     constexpr blkid_loff_t bytesPerMebibyte = 1 << 20;
     capacity = static_cast<std::int32_t>(platform_.blkid_get_dev_size(disk) / bytesPerMebibyte);
@@ -192,9 +191,9 @@ std::int32_t DockhandClient::GetDeviceCapacity(std::int16_t deviceId) {
   // Also after a failed open: log readers expect both lines.
   if (platform_.close(disk) != 0) {
     const int error = errno;
-    usbClientLog.write(5, 1334, "close(", disk, ") failed! errno=", error);
+    usbClientLog.error(1334, "close(", disk, ") failed! errno=", error);
   }
-  usbClientLog.write(2, 1339, "GetDeviceCapacity(", deviceId, ")=", capacity);
+  usbClientLog.trace(1339, "GetDeviceCapacity(", deviceId, ")=", capacity);
   return capacity;
 }
 

@@ -9,7 +9,7 @@ int Shell::run(const std::string& command, int sourceLine, bool passLogAlways, b
   static const std::string logFile = "/tmp/Dockhand.log";
   static const std::string passLog = "logger -s -t Dockhand <" + logFile;
 
-  usbClientLog.write(3, 124, "Executing: ", command, " # from Line=", sourceLine);
+  usbClientLog.notice(124, "Executing: ", command, " # from Line=", sourceLine);
   const bool logFileIsOurs = claim(logFile);
   if (wasRun != nullptr) {
     *wasRun = logFileIsOurs;
@@ -23,7 +23,7 @@ int Shell::run(const std::string& command, int sourceLine, bool passLogAlways, b
     if (logFileIsOurs) {
       platform_.system(passLog);
     }
-    usbClientLog.write(4, 129, "Warning: ", command, " returned ", status, " # from Line=", sourceLine);
+    usbClientLog.warning(129, "Warning: ", command, " returned ", status, " # from Line=", sourceLine);
   } else if (passLogAlways) {
     platform_.system(passLog);
   }
@@ -33,11 +33,11 @@ int Shell::run(const std::string& command, int sourceLine, bool passLogAlways, b
 bool Shell::claim(const std::string& file) const {
   const Claim outcome = claimFile(platform_, file);
   if (outcome == Claim::movedAside) {
-    usbClientLog.write(4, 136, file, " was not ours and has been moved aside, to ", file, ".moved-*");
+    usbClientLog.warning(136, file, " was not ours and has been moved aside, to ", file, ".moved-*");
   } else if (outcome == Claim::refused) {
-    usbClientLog.write(5, 138, "Not executed, since ", file, " is not ours and cannot be moved");
+    usbClientLog.error(138, "Not executed, since ", file, " is not ours and cannot be moved");
   } else if (outcome == Claim::tooManyMoved) {
-    usbClientLog.write(5, 140, "Not executed, since ", file, " is not ours, and there are ", maxMovedAside,
+    usbClientLog.error(140, "Not executed, since ", file, " is not ours, and there are ", maxMovedAside,
                        " directories ", file, ".moved-*: remove them");
   }
   return outcome == Claim::ours || outcome == Claim::movedAside;
@@ -47,7 +47,7 @@ void Shell::forceUnmount(const std::string& node, int sourceLine, const char* oc
   constexpr int maxStackedMounts = 10;
   const std::string command = "umount -f " + node + " 1>/dev/null 2>&1";
   for (int run = 0; run < maxStackedMounts && platform_.system(command) == 0; ++run) {
-    usbClientLog.write(3, sourceLine, "unmounted: ", node, occasion);
+    usbClientLog.notice(sourceLine, "unmounted: ", node, occasion);
   }
 }
 

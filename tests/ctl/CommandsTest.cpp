@@ -106,6 +106,9 @@ TEST_F(Commands, OpenRefusesADirectoryWhereItCouldNotBeClosed) {
       {folder + "/missing/new", "cannot be resolved: No such file"},
   };
   for (const auto& [path, reason] : paths) {
+    if (path == "//" && isEmulated()) {
+      continue;  // QEMU takes the root directory for the one of the emulated system.
+    }
     EXPECT_THAT(run({"open", "1", "--at", path}),
                 Ends(1, "", AllOf(StartsWith("dockhandctl: device 1: not opened: \""), HasSubstr(reason))));
   }

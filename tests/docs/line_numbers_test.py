@@ -40,11 +40,11 @@ class LineNumbersTest(unittest.TestCase):
         self.assertEqual(descending_numbers(self.sites, {1255, 1260}), [])
 
     def test_numbers_are_found_at_every_call_site(self):
-        counts = collections.Counter(site.callee for site in self.sites)
+        counts = collections.Counter(site.callee.partition(".")[0] for site in self.sites)
         for callee, least in (
-            ("usbClientLog.write", 102),
-            ("mainLog.write", 2),
-            ("serverLog.write", 4),
+            ("usbClientLog", 102),
+            ("mainLog", 2),
+            ("serverLog", 4),
             ("forceUnmount", 3),
             ("executeShellCommand", 6),
         ):
@@ -59,24 +59,26 @@ class LineNumbersTest(unittest.TestCase):
             text = sources.spelling(sources.tokens_of(code))
             declared += text.count("int sourceLine ,")
             passed_on[name] += len(re.findall(r"(?<!int )\bsourceLine ,", text))
-        self.assertEqual(declared, 7)
-        self.assertEqual(+passed_on, {"ModuleLog.h": 1, "PvrPreparation.cpp": 1, "Shell.cpp": 1})
+        self.assertEqual(declared, 11)
+        self.assertEqual(+passed_on, {"ModuleLog.h": 5, "PvrPreparation.cpp": 1, "Shell.cpp": 1})
 
     def test_numbers_are_given_in_no_other_way(self):
         for name, code in FILES:
             text = sources.spelling(sources.tokens_of(code))
             self.assertEqual("TlogPrintf (" in text, name == "ModuleLog.h", name)
-            for log in re.findall(r"(\S+) (?:\.|->) write \(", text):
-                self.assertIn(log + ".write", sources.CALLEES, name)
+            if name != "ModuleLog.h":
+                self.assertNotRegex(text, r"[Ll]og (\.|->) write \(", name)
+            for log, level in re.findall(r"(\S+) (?:\.|->) (trace|notice|warning|error) \(", text):
+                self.assertIn(f"{log}.{level}", sources.CALLEES, name)
 
 
 class ReadingTest(unittest.TestCase):
     def test_calls_of_every_form_are_read(self):
         code = r"""
 void f() {
-  usbClientLog.write(2, 10, "a");  // usbClientLog.write(2, 11, no);
-  /* mainLog.write(2, 12) */ usbClientLog.write(wanted(2, 'x', ")"),
-                     20, "b");
+  usbClientLog.trace(10, "a");  // usbClientLog.trace(11, no);
+  /* mainLog.error(12) */ usbClientLog.notice(
+                     20, wanted(2, 'x', ")"), "b");
   forceUnmount("a, 13" + node('(', "\",14"), 30, "");
 }
 int g(int a) {
@@ -88,8 +90,8 @@ int executeShellCommand(const std::string& command, int sourceLine, bool always)
         self.assertEqual(
             [(site.callee, site.number, site.function, site.routine) for site in sites],
             [
-                ("usbClientLog.write", 10, 0, "f"),
-                ("usbClientLog.write", 20, 0, "f"),
+                ("usbClientLog.trace", 10, 0, "f"),
+                ("usbClientLog.notice", 20, 0, "f"),
                 ("forceUnmount", 30, 0, "f"),
                 ("executeShellCommand", 15, 1, "g"),
             ],
@@ -97,13 +99,13 @@ int executeShellCommand(const std::string& command, int sourceLine, bool always)
         self.assertEqual(unreadable, [])
 
     def test_shared_descending_and_unreadable_numbers_are_reported(self):
-        first = "void f() {\n  usbClientLog.write(2, 10);\n  forceUnmount(node, 9, 0);\n  usbClientLog.write(2, line);\n}\n"
-        second = "void g() {\n  mainLog.write(2, 9);\n  executeShellCommand(command, 10, true);\n}\n"
+        first = "void f() {\n  usbClientLog.trace(10);\n  forceUnmount(node, 9, 0);\n  usbClientLog.trace(line);\n}\n"
+        second = "void g() {\n  mainLog.error(9);\n  executeShellCommand(command, 10, true);\n}\n"
         sites, unreadable = sources.call_sites([("A.cpp", first), ("B.cpp", second)])
         self.assertEqual(shared_numbers(sites), ["Dockhand.UsbClient 10"])
         self.assertEqual(descending_numbers(sites), ["Dockhand.UsbClient 9"])
         self.assertEqual(descending_numbers(sites, {9}), [])
-        self.assertEqual(unreadable, ["A.cpp: usbClientLog.write(...line"])
+        self.assertEqual(unreadable, ["A.cpp: usbClientLog.trace(...line"])
 
 
 if __name__ == "__main__":

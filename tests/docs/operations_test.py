@@ -57,9 +57,9 @@ def log_lines_of_the_daemon():
     """(module, number): (level, text, routine) of every call site."""
     lines = {}
     for site in sites_of_the_daemon():
-        if site.callee.endswith(".write"):
-            (level, _, *pieces) = site.arguments
-            line = int(level[0].text), text_of(pieces)
+        log, _, level = site.callee.partition(".")
+        if log in sources.LOGS:
+            line = sources.LEVELS[level], text_of(site.arguments[1:])
         elif site.callee == "forceUnmount":
             # It logs this for its callers.
             line = 3, text_of([*map(sources.tokens_of, ['"unmounted: "', "node"]), site.arguments[2]])
