@@ -5,6 +5,7 @@
 #include <thrift/concurrency/Exception.h>
 
 #include <atomic>
+#include <cstddef>
 #include <exception>
 #include <stdexcept>
 #include <string>

@@ -2,7 +2,6 @@
 
 #include <syslog.h>
 
-#include <array>
 #include <boost/locale/utf.hpp>
 #include <cstddef>
 #include <cstdio>

@@ -1,5 +1,7 @@
 #include "TlogSettings.h"
 
+#include <utility>
+
 namespace tlog {
 namespace {
 

@@ -155,8 +155,7 @@ TEST_F(Commands, SeeWhatIsMountedForTheDaemonAlone) {
   EXPECT_THAT(run({"open", "1", "--at", "/mnt/usb"}),
               Ends(1, "",
                    "dockhandctl: device 1: counts as open, but is mounted at \"/mnt/usb\" (for dockhand "
-                   "alone); close it "
-                   "(dockhandctl close 1) and choose a directory below /media\n"));
+                   "alone); close it (dockhandctl close 1) and choose a directory below /media\n"));
   EXPECT_THAT(
       run({"close", "1"}),
       Ends(1, "", HasSubstr("closed, but still mounted at \"/mnt/usb\" (for dockhand alone); unmount")));

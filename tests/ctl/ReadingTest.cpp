@@ -103,8 +103,7 @@ TEST_F(Reading, SaysWhereTheMountTableSaysSomethingElse) {
   run({"open", "1"});
   const std::string complaint =
       "counts as open, but nothing is mounted at \"/media/disk_1\": its file system is ext4; close it "
-      "(dockhandctl "
-      "close 1), and see dockhand's log";
+      "(dockhandctl close 1), and see dockhand's log";
   for (const Arguments& command : {Arguments{"status"}, Arguments{"info", "1"}}) {
     EXPECT_THAT(run(command),
                 Ends(1, HasSubstr("/media/disk_1"), "dockhandctl: device 1: " + complaint + "\n"));
@@ -118,8 +117,7 @@ TEST_F(Reading, SaysWhereTheMountTableSaysSomethingElse) {
   world().mount("sda1", "/mnt/my stick", "ext4");
   EXPECT_THAT(run({"info", "1"}), Ends(1, HasSubstr("Mounted at:   \"/mnt/my stick\"\nFile system:  ext4\n"),
                                        "dockhandctl: device 1: not open, but mounted at \"/mnt/my stick\"; "
-                                       "unmount it (umount) before it is "
-                                       "pulled out\n"));
+                                       "unmount it (umount) before it is pulled out\n"));
   EXPECT_EQ(readJson({"status"}, 1).at(0).at("mountedAt"), json({"/mnt/my stick"}));
 }
 

@@ -2,6 +2,7 @@
 #define DOCKHAND_TESTS_SOAK_CHECKEDHANDLER_H
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>

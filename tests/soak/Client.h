@@ -3,10 +3,10 @@
 
 #include <cstdint>
 #include <random>
-#include <string>
 #include <vector>
 
 #include "CheckedHandler.h"
+#include "Machine.h"
 #include "UsbClient.h"
 
 namespace soak {

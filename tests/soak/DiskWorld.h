@@ -1,6 +1,7 @@
 #ifndef DOCKHAND_TESTS_SOAK_DISKWORLD_H
 #define DOCKHAND_TESTS_SOAK_DISKWORLD_H
 
+#include <cstddef>
 #include <map>
 #include <memory>
 #include <set>
@@ -8,6 +9,7 @@
 
 #include "../system/Stick.h"
 #include "LinuxPlatform.h"
+#include "Machine.h"
 #include "World.h"
 
 namespace soak {

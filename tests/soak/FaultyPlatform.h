@@ -12,10 +12,13 @@ namespace soak {
 /// Makes some calls of another system fail. Before each call that can fail, a function decides. A failing
 /// call does not reach the system below. The function gets the call as a text:
 ///
-///     scandir DIR                   opendir DIR           open PATH                   access PATH
-///     mkdir PATH MODE(octal)        rmdir PATH            umount TARGET               umount2 TARGET FLAGS
-///     mount SOURCE TARGET TYPE FLAGS(hex) OPTIONS         system COMMAND
-///     new_probe PATH                do_probe              lookup KEY                  dev_size
+///     mount SOURCE TARGET TYPE FLAGS(hex) OPTIONS
+///     umount TARGET               umount2 TARGET FLAGS
+///     mkdir PATH MODE(octal)      rmdir PATH                  access PATH
+///     scandir DIR                 opendir DIR                 open PATH
+///     new_probe PATH              do_probe
+///     lookup KEY                  dev_size
+///     system COMMAND
 ///
 /// Threads: any that the function and the system below allow. It takes no locks.
 class FaultyPlatform : public Dockhand::ForwardingPlatform {

@@ -1,7 +1,7 @@
 #ifndef DOCKHAND_TESTS_SOAK_MODEL_H
 #define DOCKHAND_TESTS_SOAK_MODEL_H
 
-#include <cstdint>
+#include <cstddef>
 #include <map>
 #include <string>
 #include <vector>

@@ -1,10 +1,10 @@
 #ifndef DOCKHAND_TESTS_SOAK_SIMULATEDSYSTEM_H
 #define DOCKHAND_TESTS_SOAK_SIMULATEDSYSTEM_H
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <vector>
 

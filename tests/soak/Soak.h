@@ -1,12 +1,14 @@
 #ifndef DOCKHAND_TESTS_SOAK_SOAK_H
 #define DOCKHAND_TESTS_SOAK_SOAK_H
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "CheckedHandler.h"
+#include "Machine.h"
 #include "MediaService.h"
 #include "World.h"
 

@@ -13,13 +13,15 @@
 
 /// A fake system. Its members set the results of the calls. The journal records every call:
 ///
-///     scandir DIR                            mount SOURCE TARGET TYPE FLAGS(hex) OPTIONS
-///     umount TARGET                          umount2 TARGET FLAGS
-///     mkdir PATH MODE(octal)                 rmdir PATH               access PATH
-///     opendir DIR     closedir DIR           open PATH    read PATH SIZE    close PATH
-///     system COMMAND                         sleep SECONDS            statx PATH
-///     mkdtemp PATH                           mknod PATH MODE(octal)   rename FROM TO
-///     new_probe PATH      do_probe PATH      lookup PATH KEY      free_probe PATH      dev_size PATH
+///     mount SOURCE TARGET TYPE FLAGS(hex) OPTIONS
+///     umount TARGET               umount2 TARGET FLAGS
+///     mkdir PATH MODE(octal)      rmdir PATH                  access PATH
+///     scandir DIR                 opendir DIR                 closedir DIR
+///     open PATH                   read PATH SIZE              close PATH
+///     new_probe PATH              do_probe PATH               free_probe PATH
+///     lookup PATH KEY             dev_size PATH
+///     statx PATH                  mkdtemp PATH                mknod PATH MODE(octal)
+///     rename FROM TO              system COMMAND              sleep SECONDS
 ///
 /// statx is recorded only for the paths in `claims`. Every other path is a file of ours.
 ///

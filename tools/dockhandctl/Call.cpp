@@ -1,8 +1,12 @@
 #include <charconv>
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <iostream>
-#include <limits>
+#include <string>
 #include <system_error>
+#include <utility>
+#include <vector>
 
 #include "Commands.h"
 #include "Failure.h"

@@ -1,8 +1,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <iostream>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 #include "Commands.h"
 #include "Device.h"

@@ -3,7 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdint>
 #include <functional>
-#include <iostream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 

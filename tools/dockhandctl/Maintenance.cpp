@@ -1,9 +1,12 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <future>
 #include <iostream>
+#include <string>
+#include <system_error>
 
 #include "Commands.h"
 #include "Device.h"

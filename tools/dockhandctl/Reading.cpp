@@ -1,13 +1,18 @@
 #include <algorithm>
+#include <cstdint>
 #include <iostream>
 #include <optional>
 #include <set>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "Commands.h"
 #include "Device.h"
+#include "DirectoryBounds.h"
 #include "Failure.h"
 #include "Json.h"
+#include "Mounts.h"
 #include "Text.h"
 #include "UsbService.h"
 

@@ -4,6 +4,7 @@
 #include <pwd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <thrift/TApplicationException.h>
 #include <thrift/protocol/TBinaryProtocol.h>
 #include <thrift/transport/TTransportException.h>
@@ -26,8 +27,7 @@ namespace {
 constexpr int serviceNumber = 9020;
 constexpr auto busy =
     "all ten workers of dockhand may be busy with connections that others keep open, or a slow operation "
-    "delays "
-    "the others; try again later, or with a longer --timeout";
+    "delays the others; try again later, or with a longer --timeout";
 
 std::string userName(uid_t user) {
   const passwd* const entry = getpwuid(user);

@@ -2,13 +2,15 @@
 
 #include <atomic>
 #include <csignal>
+#include <cstdint>
+#include <functional>
 #include <iostream>
+#include <string>
 
 #include "Commands.h"
 #include "Failure.h"
 #include "Json.h"
 #include "MediaServiceStandIn.h"
-#include "Text.h"
 #include "UsbService.h"
 
 namespace dockhandctl {

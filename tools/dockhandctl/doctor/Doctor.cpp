@@ -1,5 +1,7 @@
 #include <algorithm>
 #include <iostream>
+#include <string>
+#include <vector>
 
 #include "../Commands.h"
 #include "../Failure.h"

@@ -1,10 +1,11 @@
 #include <dirent.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <string>
+#include <system_error>
 
 #include "Checks.h"
 

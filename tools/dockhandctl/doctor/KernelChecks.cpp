@@ -1,6 +1,9 @@
 #include <algorithm>
-#include <iterator>
+#include <cstddef>
+#include <optional>
 #include <sstream>
+#include <string>
+#include <vector>
 
 #include "Checks.h"
 
@@ -169,9 +172,16 @@ std::vector<MountLine> parseMountTable(const std::string& table) {
 
 Findings checkFileSystems(const Machine& machine) {
   const KernelConfiguration configuration(machine);
-  return {checkVfat(machine, configuration),    checkNtfs(machine, configuration),
-          checkExt3(machine, configuration),    checkHfs(machine, configuration),
-          checkHfsplus(machine, configuration), checkXfs(machine, configuration)};
+  // clang-format off
+  return {
+      checkVfat(machine, configuration),
+      checkNtfs(machine, configuration),
+      checkExt3(machine, configuration),
+      checkHfs(machine, configuration),
+      checkHfsplus(machine, configuration),
+      checkXfs(machine, configuration),
+  };
+  // clang-format on
 }
 
 Findings checkPartitionTables(const Machine& machine) {

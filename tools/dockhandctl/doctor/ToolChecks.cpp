@@ -1,4 +1,7 @@
+#include <sys/types.h>
+
 #include <string>
+#include <vector>
 
 #include "Checks.h"
 #include "SparseFile.h"
