@@ -3,7 +3,6 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
-#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -28,7 +27,7 @@ Plan& plan() {
   return instance;
 }
 
-/// The error with which the call is to fail now, or 0.
+/// The errno that the call must fail with now; 0 if it succeeds.
 int errorOf(const char* call) {
   Plan& planned = plan();
   const std::lock_guard<std::mutex> lock(planned.mutex);
@@ -87,7 +86,7 @@ bool FailingCall::happened() const {
 using transport_test::errorOf;
 using transport_test::fails;
 
-// On a 32-bit processor the calls that know a time_t of 64 bits have names of their own.
+// On 32-bit processors the calls with a 64-bit time_t have other names.
 #ifdef __USE_TIME_BITS64
 #define __real_lstat64 __real___lstat64_time64
 #define __wrap_lstat64 __wrap___lstat64_time64
@@ -95,7 +94,7 @@ using transport_test::fails;
 #define __wrap_setsockopt __wrap___setsockopt64
 #endif
 
-// The linker's --wrap gives them these names.
+// The linker's option --wrap demands these names.
 extern "C" {
 
 int __real_eventfd(unsigned int count, int flags);

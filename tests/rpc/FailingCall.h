@@ -5,22 +5,21 @@
 
 namespace transport_test {
 
-/// Lets a call of the C library fail in this program while the object lives: for what no test can bring
-/// about, as a disk that fails between two calls. One at a time.
+/// Makes a call of the C library fail in this program while the object lives. It stands for failures that no
+/// test can cause, such as a disk that fails between two calls. At most one object may exist.
 ///
-/// The calls that can be made to fail are those that the program is linked to find here first (see
-/// CMakeLists.txt).
+/// Only calls that CMakeLists.txt wraps can fail.
 class FailingCall {
  public:
   enum Times { once, always };
 
-  /// `call`, by its name in the C library, fails with `error`.
+  /// Makes `call`, a name of the C library, fail with the errno `error`.
   FailingCall(const std::string& call, int error, Times times = once);
   FailingCall(const FailingCall&) = delete;
   FailingCall& operator=(const FailingCall&) = delete;
   ~FailingCall();
 
-  /// Lets that many of these calls through first.
+  /// Lets the first `successes` calls succeed.
   FailingCall& after(int successes);
 
   /// Whether the call was made and failed.

@@ -1,7 +1,6 @@
-// What becomes of local sockets and threads when the system refuses one of the calls that they are made of.
+// Local sockets and threads when one of their system calls fails.
 
 #include <gmock/gmock.h>
-#include <thrift/Thrift.h>
 #include <thrift/concurrency/Exception.h>
 #include <thrift/concurrency/FunctionRunner.h>
 
@@ -45,11 +44,11 @@ class FailingCalls : public transport_test::SocketDirectoryTest {
   }
 
   std::string path() const { return (directory_ / "9020.sock").string(); }
-  /// A socket that a process has left behind.
+  /// Leaves a socket without a server behind.
   void leaveStaleSocket() const { plainListener(path(), 1).reset(); }
 
-  /// That no server can be made while the call `step` consists of fails, that the exception names the step,
-  /// and that nothing is left of the attempt.
+  /// While the call behind `step` fails, no server can be made, the exception names the step, and nothing is
+  /// left of the attempt.
   void expectNoServer(const std::string& call, const std::string& step) const {
     expectNoServer(FailingCall(call, EIO), step);
   }
@@ -66,7 +65,7 @@ class FailingCalls : public transport_test::SocketDirectoryTest {
     EXPECT_NO_THROW(TUnixServerSocket(9020)) << step;
   }
 
-  /// The type of the exception that ends accept(), and its text in `text`.
+  /// Returns the type of the exception that ends accept(), and its text in `text`.
   static TTransportException::TTransportExceptionType acceptError(TUnixServerSocket& server,
                                                                   std::string& text) {
     TTransportException::TTransportExceptionType type = TTransportException::NOT_OPEN;
@@ -75,7 +74,7 @@ class FailingCalls : public transport_test::SocketDirectoryTest {
   }
 };
 
-TEST_F(FailingCalls, AreNamedByAServerThatCannotBeMade) {
+TEST_F(FailingCalls, AreNamedWhenAServerCannotBeMade) {
   expectNoServer("eventfd", "eventfd");
   expectNoServer("flock", "flock of " + (directory_ / "9020.lock").string());
   expectNoServer("lstat64", "lstat of the directory");
@@ -87,12 +86,12 @@ TEST_F(FailingCalls, AreNamedByAServerThatCannotBeMade) {
   expectNoServer("listen", "listen");
 }
 
-TEST_F(FailingCalls, AreNamedByAServerThatCannotMakeItsDirectory) {
+TEST_F(FailingCalls, AreNamedWhenAServerCannotMakeItsDirectory) {
   std::filesystem::remove(directory_);
   expectNoServer("chmod", "chmod of the directory");
 }
 
-TEST_F(FailingCalls, AreNamedByAServerThatCannotReplaceAStaleSocket) {
+TEST_F(FailingCalls, AreNamedWhenAStaleSocketCannotBeReplaced) {
   leaveStaleSocket();
   expectNoServer("socket", "socket");
   leaveStaleSocket();
@@ -101,11 +100,11 @@ TEST_F(FailingCalls, AreNamedByAServerThatCannotReplaceAStaleSocket) {
   expectNoServer("unlink", "unlink of the stale socket");
 }
 
-TEST_F(FailingCalls, MeanNothingWhenSomebodyElseHasRemovedTheStaleSocket) {
+TEST_F(FailingCalls, AreIgnoredWhenSomebodyElseHasRemovedTheStaleSocket) {
   leaveStaleSocket();
   {
     const FailingCall failing("unlink", ENOENT);
-    // The socket is there all the same, so it stands in the way of the server's own.
+    // The socket still exists, so the server cannot bind its own.
     EXPECT_EQ(transportError([] { TUnixServerSocket server(9020); }),
               path() + ": bind: " + TOutput::strerror_s(EADDRINUSE));
     EXPECT_TRUE(failing.happened());
@@ -116,7 +115,7 @@ TEST_F(FailingCalls, MeanNothingWhenSomebodyElseHasRemovedTheStaleSocket) {
   EXPECT_TRUE(failing.happened());
 }
 
-TEST_F(FailingCalls, AreReportedByAServerThatCannotRemoveItsSocket) {
+TEST_F(FailingCalls, AreReportedWhenAServerCannotRemoveItsSocket) {
   TUnixServerSocket server(9020);
   {
     const FailingCall failing("unlink", EROFS);
@@ -127,7 +126,7 @@ TEST_F(FailingCalls, AreReportedByAServerThatCannotRemoveItsSocket) {
   EXPECT_NO_THROW(TUnixServerSocket(9020));
 }
 
-TEST_F(FailingCalls, LeaveASocketThatCannotBeLookedAt) {
+TEST_F(FailingCalls, LeaveASocketWhoseStatusIsUnknown) {
   TUnixServerSocket server(9020);
   {
     const FailingCall failing("lstat64", EIO);
@@ -138,7 +137,7 @@ TEST_F(FailingCalls, LeaveASocketThatCannotBeLookedAt) {
   EXPECT_TRUE(std::filesystem::is_socket(path()));
 }
 
-TEST_F(FailingCalls, AreReportedByAServerThatCannotBeInterrupted) {
+TEST_F(FailingCalls, AreReportedWhenAServerCannotBeInterrupted) {
   TUnixServerSocket server(9020);
   {
     const FailingCall failing("write", EIO);
@@ -146,7 +145,7 @@ TEST_F(FailingCalls, AreReportedByAServerThatCannotBeInterrupted) {
   }
   EXPECT_THAT(reports, ElementsAre(path() + ": cannot interrupt accept: " + TOutput::strerror_s(EIO)));
   {
-    // There are as many interruptions already as the kernel can count.
+    // The eventfd is at its maximum, so the kernel counts no further interruption.
     const FailingCall failing("write", EAGAIN);
     server.interrupt();
     EXPECT_TRUE(failing.happened());
@@ -154,7 +153,7 @@ TEST_F(FailingCalls, AreReportedByAServerThatCannotBeInterrupted) {
   EXPECT_EQ(reports.size(), 1U);
 }
 
-TEST_F(FailingCalls, AreOutlivedByAcceptWhereTheyPass) {
+TEST_F(FailingCalls, AreRetriedByAcceptWhereTheyPass) {
   TUnixServerSocket server(9020);
   TUnixSocket client("localhost", 9020);
   for (const int error : {EINTR, EAGAIN, ECONNABORTED, EMFILE, ENFILE, ENOBUFS, ENOMEM}) {
@@ -170,7 +169,7 @@ TEST_F(FailingCalls, AreOutlivedByAcceptWhereTheyPass) {
   EXPECT_TRUE(failing.happened());
 }
 
-TEST_F(FailingCalls, AreOutlivedByAcceptThoughThereIsNoMemoryToReportThem) {
+TEST_F(FailingCalls, AreRetriedByAcceptWithoutMemoryToReportThem) {
   TUnixServerSocket server(9020);
   TUnixSocket client("localhost", 9020);
   client.open();
@@ -195,7 +194,7 @@ TEST_F(FailingCalls, EndAcceptWhereTheyStay) {
   EXPECT_EQ(text, path() + ": poll: " + TOutput::strerror_s(EINVAL));
 }
 
-TEST_F(FailingCalls, AreNamedByAClientThatCannotConnect) {
+TEST_F(FailingCalls, AreNamedWhenAClientCannotConnect) {
   const TUnixServerSocket server(9020);
   for (const std::string call : {"socket", "setsockopt", "connect"}) {
     const auto descriptors = openDescriptors();
@@ -213,7 +212,7 @@ TEST_F(FailingCalls, AreNamedByAClientThatCannotConnect) {
   }
 }
 
-TEST_F(FailingCalls, DoNotKeepAClientConnectingBeyondItsTime) {
+TEST_F(FailingCalls, DoNotExtendAClientsTimeToConnect) {
   const TUnixServerSocket server(9020);
   TUnixSocket client("localhost", 9020);
   client.setConnTimeout(20);
@@ -223,7 +222,7 @@ TEST_F(FailingCalls, DoNotKeepAClientConnectingBeyondItsTime) {
   EXPECT_EQ(type, TTransportException::TIMED_OUT);
 }
 
-TEST_F(FailingCalls, AreNamedByAThreadThatCannotBeMade) {
+TEST_F(FailingCalls, AreNamedWhenAThreadCannotBeMade) {
   using apache::thrift::concurrency::FunctionRunner;
   using apache::thrift::concurrency::SystemResourceException;
   using apache::thrift::concurrency::Thread;

@@ -40,7 +40,7 @@ namespace {
 constexpr std::uint32_t limit = LimitedBinaryProtocol::maxContainerSize;
 constexpr std::uint32_t twoBillion = 2000000000;
 
-/// What one end writes with Thrift's protocol, the other reads with ours, as a server has it.
+/// As in a server: one end writes with Thrift's protocol, the other reads with ours.
 class LimitedBinaryProtocolTest : public ::testing::Test {
  protected:
   using Type = TProtocolException::TProtocolExceptionType;
@@ -50,7 +50,7 @@ class LimitedBinaryProtocolTest : public ::testing::Test {
                  static_cast<std::uint32_t>(bytes.size()));
   }
 
-  /// The type of the exception that reading ends with.
+  /// Returns the type of the exception that ends reading.
   Type refusal(const std::function<void()>& reading) {
     try {
       reading();
@@ -63,7 +63,7 @@ class LimitedBinaryProtocolTest : public ::testing::Test {
     return TProtocolException::UNKNOWN;
   }
 
-  /// On a new connection, and without sending it.
+  /// Writes on a new connection, and sends nothing.
   void callTwice() {
     reader = connect();
     reader->writeMessageBegin("OpenDevice", T_CALL, 0);
@@ -211,7 +211,7 @@ TEST_F(LimitedBinaryProtocolTest, RefusesNegativeCounts) {
   EXPECT_EQ(refusal([&] { readMap(); }), TProtocolException::NEGATIVE_SIZE);
 }
 
-TEST_F(LimitedBinaryProtocolTest, RefusesTypesThatThereAreNot) {
+TEST_F(LimitedBinaryProtocolTest, RefusesUnknownTypes) {
   for (int code = T_UTF16 + 1; code <= 0xFF; ++code) {
     const std::string type(1, static_cast<char>(code));
     const std::string string(1, static_cast<char>(T_STRING));
@@ -229,7 +229,7 @@ TEST_F(LimitedBinaryProtocolTest, RefusesTypesThatThereAreNot) {
   }
 }
 
-TEST_F(LimitedBinaryProtocolTest, RefusesMessageTypesThatThereAreNot) {
+TEST_F(LimitedBinaryProtocolTest, RefusesUnknownMessageTypes) {
   for (int code = 0; code <= 0xFF; ++code) {
     if (code >= T_CALL && code <= T_ONEWAY) {
       continue;

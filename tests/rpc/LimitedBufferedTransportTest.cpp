@@ -3,7 +3,6 @@
 #include <thrift/protocol/TBinaryProtocol.h>
 #include <usb_rpc_gen_.h>
 
-#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -26,7 +25,7 @@ long peakMegabytes() {
   return usage.ru_maxrss / 1024;
 }
 
-/// What a reader on the other end of a connection makes of a text with this announced and this real length.
+/// Sends a text of one length that announces another, and returns what the reader at the other end gets.
 std::string readText(std::uint32_t announced, std::uint32_t real) {
   const auto wire = std::make_shared<TMemoryBuffer>();
   TBinaryProtocol writer(wire);
@@ -54,13 +53,13 @@ TEST(LimitedBufferedTransport, RefusesATextOfMoreThanTheLimit) {
   EXPECT_EQ(text, "a text of 1048577 bytes is announced, 1048576 are the limit");
 }
 
-TEST(LimitedBufferedTransport, ReservesNothingForATextThatIsOnlyAnnounced) {
+TEST(LimitedBufferedTransport, AllocatesNothingForATextThatIsOnlyAnnounced) {
   const long before = peakMegabytes();
   EXPECT_THROW(readText(twoBillion, 10), TTransportException);
   EXPECT_LT(peakMegabytes() - before, 100);
 }
 
-/// Delivers one message over and over, one copy at each read.
+/// Delivers the same message at each read, without end.
 class RepeatingTransport : public TVirtualTransport<RepeatingTransport> {
  public:
   explicit RepeatingTransport(std::string message) : message_(std::move(message)) {}

@@ -38,7 +38,7 @@ TEST_F(LocalSocketPath, FitsIntoAnAddressUpToItsLastByte) {
   EXPECT_EQ(localSocketAddress(longest).sun_family, AF_UNIX);
 }
 
-TEST_F(LocalSocketPath, IsRefusedRatherThanCutWhenTooLong) {
+TEST_F(LocalSocketPath, IsRefusedWhenTooLongInsteadOfCut) {
   const std::string tooLong(sizeof(sockaddr_un::sun_path), 'x');
   try {
     localSocketAddress(tooLong);

@@ -28,7 +28,7 @@ std::shared_ptr<Runnable> runnable(const std::function<void()>& function) {
   return std::make_shared<FunctionRunner>(function);
 }
 
-/// What `look` sees in a thread that the factory made.
+/// Runs `look` in a thread of the factory and returns its result.
 template <class Result>
 Result inThread(const PosixThreadFactory& factory, const std::function<Result()>& look) {
   std::promise<Result> seen;
@@ -84,9 +84,9 @@ TEST(PosixThreadFactory, GivesThreadsAStackOfOneMegabyte) {
     return pthread_getattr_np(pthread_self(), &attributes.value);
   });
   const std::size_t megabyte = std::size_t{1024} * 1024;
-  // The guard may be part of the stack or on top of it.
+  // The guard may be within the stack or outside it.
   EXPECT_GE(attributes.stackSize() + attributes.guardSize(), megabyte);
-  // glibc may hand out the stack of an earlier thread, of up to four times the size. The default is 8 MiB.
+  // glibc may reuse the stack of an earlier thread, of at most four times the size. The default is 8 MiB.
   EXPECT_LE(attributes.stackSize(), 4 * megabyte);
 }
 

@@ -37,7 +37,7 @@ using testsupport::MediaService;
 
 namespace {
 
-/// One connection with a stub on it.
+/// A client with its own connection.
 template <typename Stub>
 class Connection {
  public:
@@ -61,7 +61,7 @@ class Connection {
 
 using UsbConnection = Connection<ravel::rpc::usb_rpc_gen_Client>;
 
-/// The service. Its threads never end, so there is one for the whole program, and it is never destroyed.
+/// The service. Its threads never end, so all tests share one that is never destroyed.
 struct Service {
   const SocketDirectory sockets;
   FakePlatform platform;
@@ -94,7 +94,7 @@ class ServiceTest : public ::testing::Test {
   }
   ~ServiceTest() override { service().platform.onCall = nullptr; }
 
-  /// Makes a device known to the service. Its number.
+  /// Makes a device known to the service; returns its number.
   static std::int16_t plugIn(const std::string& kernelName) {
     service().platform.deviceNodes = {"usb_storage_" + kernelName};
     UsbConnection connection;
@@ -190,7 +190,7 @@ TEST_F(ServiceTest, CarriesEveryOperationToTheHandler) {
   expectLogged("log 2 @384 NotifyUsbRemoved(sda1)");
 }
 
-TEST_F(ServiceTest, AnswersExtremeNumbersAsUnknownDevices) {
+TEST_F(ServiceTest, TreatsExtremeNumbersAsUnknownDevices) {
   UsbConnection usb;
   for (const std::int16_t id : std::vector<std::int16_t>{-1, 32767, -32768}) {
     ReturnValueWithString text;
@@ -206,7 +206,7 @@ TEST_F(ServiceTest, AnswersExtremeNumbersAsUnknownDevices) {
   }
 }
 
-TEST_F(ServiceTest, AnswersOddTextsInEveryTextArgument) {
+TEST_F(ServiceTest, RepliesToOddTextsInEveryTextArgument) {
   const auto id = plugIn("sda");
   UsbConnection usb;
   for (const std::string& odd : {std::string(), std::string(65536, 'x'), std::string("a\0b", 3)}) {
@@ -265,18 +265,18 @@ TEST_F(ServiceTest, ServesSeveralCallsOnOneConnection) {
   }
 }
 
-TEST_F(ServiceTest, ServesOnAfterAnExceptionInTheHandler) {
+TEST_F(ServiceTest, KeepsServingAfterAnExceptionInTheHandler) {
   UsbConnection usb;
   service().platform.scandirIgnoresFilter = true;
   service().platform.deviceNodes = {"short"};
   EXPECT_THROW(usb->CheckForAndUpdateNewDevices(), TApplicationException);
   service().platform.deviceNodes.clear();
-  // On the same connection, and with the lock released for others.
+  // The connection still works, and the lock is free for others.
   usb->CheckForAndUpdateNewDevices();
   expectServing();
 }
 
-TEST_F(ServiceTest, OutlivesAClientThatVanishesInTheMiddleOfItsCall) {
+TEST_F(ServiceTest, SurvivesAClientThatVanishesInTheMiddleOfItsCall) {
   std::promise<void> callHasBegun;
   std::promise<void> clientHasGone;
   bool first = true;
@@ -297,7 +297,7 @@ TEST_F(ServiceTest, OutlivesAClientThatVanishesInTheMiddleOfItsCall) {
   expectServing();
 }
 
-TEST_F(ServiceTest, OutlivesRubbishAndHalfMessages) {
+TEST_F(ServiceTest, SurvivesGarbageAndHalfMessages) {
   for (const std::string& rubbish :
        {std::string("GET / HTTP/1.1\r\n\r\n"), std::string("\x80\x01\x00\x01\x00\x00\x00\x10half", 12),
         std::string("\x80\x01\x00\x01\x7F\xFF\xFF\xFF", 8), std::string(100, '\xFF'),
@@ -335,8 +335,7 @@ class Callbacks : public ServiceTest {
     UsbConnection usb;
     usb->RegisterUsbAddedCallBack(7, 0x77);
     usb->RegisterUsbRemovedCallBack(7, 0x78);
-    // No media service is up yet: this fails, and with it goes the connection that an earlier test's has
-    // left.
+    // No media service is up yet, so this fails and drops the connection that an earlier test left.
     EXPECT_THROW(usb->NotifyUsbXriteAdded(), TApplicationException);
   }
   ~Callbacks() override {
@@ -354,7 +353,7 @@ TEST_F(Callbacks, ReachTheMediaServiceAndReplaceAnEarlierRegistration) {
   EXPECT_THAT(mediaService.callbacks(), ElementsAre(Callback{"added", -1, 7, -2}));
 }
 
-TEST_F(Callbacks, LetAnObserverCallTheServiceAndSetOffAnotherNotification) {
+TEST_F(Callbacks, LetAnObserverCallTheServiceAndCauseAnotherNotification) {
   MediaService mediaService;
   mediaService.onCallback([](const Callback& callback) {
     if (callback.event == "added") {
@@ -375,7 +374,7 @@ TEST_F(Callbacks, FailToTheCallerOfTheNotificationWithoutAMediaService) {
   EXPECT_FALSE(usb->IsDeviceOpen(1));
 }
 
-TEST_F(Callbacks, GetThroughAfterTheMediaServiceWasRestarted) {
+TEST_F(Callbacks, SucceedAfterTheMediaServiceWasRestarted) {
   UsbConnection usb;
   {
     const MediaService first;
@@ -387,7 +386,7 @@ TEST_F(Callbacks, GetThroughAfterTheMediaServiceWasRestarted) {
   EXPECT_THAT(second.callbacks(), ElementsAre(Callback{"added", -1, 7, 0x77}));
 }
 
-TEST_F(Callbacks, GetThroughAfterTheMediaServiceHasAnsweredRubbish) {
+TEST_F(Callbacks, SucceedAfterTheMediaServiceSentGarbage) {
   UsbConnection usb;
   {
     ravel::rpc::TUnixServerSocket rubbishService(9014);
@@ -407,7 +406,7 @@ TEST_F(Callbacks, GetThroughAfterTheMediaServiceHasAnsweredRubbish) {
   EXPECT_THAT(sound.callbacks(), ElementsAre(Callback{"added", -1, 7, 0x77}));
 }
 
-TEST_F(Callbacks, AnsweredWithAnApplicationExceptionFailThatNotificationOnly) {
+TEST_F(Callbacks, FailOnceWhenAnsweredWithAnApplicationException) {
   MediaService mediaService;
   mediaService.onCallback([](const Callback&) { throw std::runtime_error("not now"); });
   UsbConnection usb;

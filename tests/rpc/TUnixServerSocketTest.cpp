@@ -44,7 +44,7 @@ class TUnixServerSocketTest : public transport_test::SocketDirectoryTest {
     return transportError([] { TUnixServerSocket server(9020); });
   }
 
-  /// One byte from a client to a connection accepted meanwhile.
+  /// A client sends one byte, which the accepted connection receives.
   static void expectServes(TUnixServerSocket& server) {
     TUnixSocket client("localhost", 9020);
     client.open();
@@ -225,14 +225,14 @@ TEST_F(TUnixServerSocketTest, RefusesATooLongPathBeforeItTouchesAnything) {
   EXPECT_FALSE(std::filesystem::exists(deep));
 }
 
-TEST_F(TUnixServerSocketTest, LetsGoOfTheLockWhenItsConstructionFails) {
+TEST_F(TUnixServerSocketTest, ReleasesTheLockWhenItsConstructionFails) {
   std::ofstream(path()) << "in the way";
   constructionError();
   std::filesystem::remove(path());
   EXPECT_NO_THROW(TUnixServerSocket(9020));
 }
 
-TEST_F(TUnixServerSocketTest, RemovesItsSocketAtTheEndAndMakesRoomForTheNext) {
+TEST_F(TUnixServerSocketTest, RemovesItsSocketAtTheEndSoThatTheNextServerStarts) {
   {
     TUnixServerSocket server(9020);
     server.close();
@@ -330,7 +330,7 @@ TEST_F(TUnixServerSocketTest, EndsConnectionsThatItAcceptsAfterItsServerStopped)
   EXPECT_EQ(client.read(&byte, 1), 0U);
 }
 
-TEST_F(TUnixServerSocketTest, LeavesAloneWhatReusesTheDescriptorOfAConnectionThatHasEnded) {
+TEST_F(TUnixServerSocketTest, LeavesAReusedDescriptorOfAnEndedConnectionAlone) {
   TUnixServerSocket server(9020);
   TUnixSocket client("localhost", 9020);
   client.open();
@@ -355,7 +355,7 @@ TEST_F(TUnixServerSocketTest, AcceptsNothingAfterItsEnd) {
   EXPECT_EQ(type, TTransportException::NOT_OPEN);
 }
 
-/// Uses up all descriptors while it lives.
+/// Takes all free descriptors while it lives.
 class DescriptorShortage {
  public:
   DescriptorShortage() {
@@ -375,7 +375,7 @@ class DescriptorShortage {
 
 std::atomic<int> shortageReports{0};
 
-/// A server on which a thread accepts one connection, and the shortage reports of which are counted.
+/// A server with a thread that accepts one connection. Its reports of a shortage are counted.
 class Shortage : public TUnixServerSocketTest {
  protected:
   void SetUp() override {
@@ -396,8 +396,8 @@ class Shortage : public TUnixServerSocketTest {
     TUnixServerSocketTest::TearDown();
   }
 
-  /// Calls `during` while accept finds no descriptor left. The thread is made before that, since the
-  /// sanitizers need descriptors, too.
+  /// Calls `during` while accept finds no free descriptor. The thread starts earlier, because the sanitizers
+  /// need descriptors too.
   void acceptWithoutDescriptors(const std::function<void()>& during) {
     accepted_.reset();
     failure_ = nullptr;
@@ -428,9 +428,9 @@ class Shortage : public TUnixServerSocketTest {
   std::exception_ptr failure_;
 };
 
-TEST_F(Shortage, OfDescriptorsIsOutlivedAndReportedOnceEachTime) {
+TEST_F(Shortage, OfDescriptorsIsSurvivedAndReportedOnceEachTime) {
   for (int episode = 1; episode <= 2; ++episode) {
-    // Long enough for several tries, each of which might wrongly be reported.
+    // Long enough for several attempts; only the first may be reported.
     acceptWithoutDescriptors([] { std::this_thread::sleep_for(std::chrono::milliseconds(250)); });
     ASSERT_NE(accepted_, nullptr);
     EXPECT_TRUE(accepted_->isOpen());

@@ -1,6 +1,5 @@
 #include <pthread.h>
 #include <sys/time.h>
-#include <thrift/Thrift.h>
 
 #include <csignal>
 #include <functional>
@@ -135,7 +134,7 @@ TEST_F(TUnixSocketTest, ReadsUntilItsDeadlineAndNoLonger) {
             path() + ": no complete answer in time");
   EXPECT_EQ(type, TTransportException::TIMED_OUT);
 
-  // A service that sends without end always has something to read.
+  // A service that sends without end: there is always something to read.
   connection->write(byte.data(), 1);
   transportError([&] { client.read(byte.data(), 1); }, &type);
   EXPECT_EQ(type, TTransportException::TIMED_OUT);
@@ -174,7 +173,7 @@ TEST_F(TUnixSocketTest, StopsWaitingForRoomInTheBacklogAndOpensLater) {
   EXPECT_NO_THROW(client.open());
 }
 
-/// A client's call, made by a thread of its own that gets signals meanwhile which only interrupt.
+/// A client's call in its own thread, which gets signals that only interrupt.
 class CallUnderSignals {
  public:
   explicit CallUnderSignals(std::function<void()> call)
@@ -197,7 +196,7 @@ class CallUnderSignals {
   CallUnderSignals(const CallUnderSignals&) = delete;
   CallUnderSignals& operator=(const CallUnderSignals&) = delete;
 
-  /// Waits for the end of the call and throws what it threw.
+  /// Waits for the end of the call; rethrows its exception.
   void end() { result_.get(); }
 
  private:
@@ -206,7 +205,7 @@ class CallUnderSignals {
   std::future<void> result_;
 };
 
-TEST_F(TUnixSocketTest, GoesOnConnectingAfterASignal) {
+TEST_F(TUnixSocketTest, KeepsConnectingAfterASignal) {
   FileDescriptor listener = plainListener(path(), 0);
   auto waiting = fillBacklog(path());
   TUnixSocket client("localhost", 9014);
@@ -216,7 +215,7 @@ TEST_F(TUnixSocketTest, GoesOnConnectingAfterASignal) {
   EXPECT_NO_THROW(connecting.end());
 }
 
-TEST_F(TUnixSocketTest, GoesOnReadingAfterManySignals) {
+TEST_F(TUnixSocketTest, KeepsReadingAfterManySignals) {
   TUnixServerSocket server(9014);
   TUnixSocket client("localhost", 9014);
   client.setRecvTimeout(60000);

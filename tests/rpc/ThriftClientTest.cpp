@@ -66,7 +66,7 @@ TEST_F(ThriftClient, ConnectsAtItsFirstCallAndKeepsTheConnection) {
 }
 
 TEST_F(ThriftClient, FailsWithoutAServiceAndConnectsWhenThereIsOne) {
-  // The server waits for its clients at its end, so it is to be destroyed after them.
+  // At its end the server waits for its clients, so destroy it after them.
   std::optional<MediaServer> server;
   MediaClient client;
   EXPECT_THROW(add(client), TTransportException);
@@ -107,7 +107,7 @@ TEST_F(ThriftClient, MakesCallsOfSeveralThreadsSideBySideAndKeepsOneConnection) 
   for (int thread = 0; thread < 4; ++thread) {
     calls.push_back(std::async(std::launch::async, [&client] { add(client); }));
   }
-  // Each has to get through while the others wait for their reply.
+  // Each call must arrive while the others wait for their reply.
   EXPECT_TRUE(eventually([&inside] { return inside == 4; }));
   gate.set_value();
   for (auto& call : calls) {
@@ -119,7 +119,7 @@ TEST_F(ThriftClient, MakesCallsOfSeveralThreadsSideBySideAndKeepsOneConnection) 
   EXPECT_EQ(CountingSocket::opened, 4);
 }
 
-TEST_F(ThriftClient, MakesACallWhileTheServiceHasAnotherUnderWayThatCausedIt) {
+TEST_F(ThriftClient, MakesACallWhileTheServiceRunsTheCallThatCausedIt) {
   MediaServer server(handler_);
   MediaClient client;
   std::vector<std::int16_t> removed;
@@ -180,12 +180,12 @@ TEST_F(ThriftClient, DropsTheConnectionAfterAnyOtherException) {
   EXPECT_EQ(CountingSocket::opened, 2);
 }
 
-/// One end of a connection, for a service that says more or less than it should.
+/// The service's end of a connection. It can send more or less than a reply.
 class Conversation {
  public:
   explicit Conversation(const std::shared_ptr<TTransport>& connection) : connection_(connection) {}
 
-  /// Reads a call and returns its number.
+  /// Reads a call; returns its sequence number.
   std::int32_t readCall() {
     std::string name;
     apache::thrift::protocol::TMessageType type{};
@@ -220,7 +220,7 @@ std::string replyTo(std::int32_t call) {
   return wire->getBufferAsString();
 }
 
-TEST_F(ThriftClient, ConnectsAnewWhenTheServiceHasClosedTheKeptConnection) {
+TEST_F(ThriftClient, ConnectsAgainWhenTheServiceHasClosedTheKeptConnection) {
   std::atomic<int> closed{0};
   RawService service(9014, [&closed](const std::shared_ptr<TTransport>& connection) {
     Conversation conversation(connection);
@@ -254,7 +254,7 @@ TEST_F(ThriftClient, DoesNotRepeatACallThatTheServiceHasReadAndNotAnswered) {
   EXPECT_EQ(CountingSocket::opened, 3);
 }
 
-TEST_F(ThriftClient, DropsAConnectionOnWhichMoreComesThanAReply) {
+TEST_F(ThriftClient, DropsAConnectionThatCarriesMoreThanAReply) {
   for (const std::string& surplus : {std::string("x"), replyTo(1), replyTo(2), std::string(600, 'x')}) {
     for (const bool atOnce : {true, false}) {
       CountingSocket::opened = 0;
@@ -287,7 +287,7 @@ TEST_F(ThriftClient, DropsAConnectionOnWhichMoreComesThanAReply) {
   }
 }
 
-TEST_F(ThriftClient, TakesAReplyToAnotherCallForAFailureAndConnectsAnew) {
+TEST_F(ThriftClient, TakesAReplyToAnotherCallForAFailureAndConnectsAgain) {
   RawService service(9014, [](const std::shared_ptr<TTransport>& connection) {
     Conversation conversation(connection);
     const std::int32_t first = conversation.readCall();
@@ -305,7 +305,7 @@ TEST_F(ThriftClient, TakesAReplyToAnotherCallForAFailureAndConnectsAnew) {
   }
 }
 
-TEST_F(ThriftClient, TakesRubbishForAFailureAndConnectsAnew) {
+TEST_F(ThriftClient, TakesGarbageForAFailureAndConnectsAgain) {
   const std::string tooLong{"\x80\x01\x00\x02\x7f\xff\xff\xff", 8};
   const std::string hugeList =
       std::string{"\x80\x01\x00\x02\x00\x00\x00\x14SendUsbAddedCallback\x00\x00\x00\x01", 32} +
@@ -317,7 +317,7 @@ TEST_F(ThriftClient, TakesRubbishForAFailureAndConnectsAnew) {
     const std::string& answer = rubbish.at(connections++);
     connection->write(reinterpret_cast<const std::uint8_t*>(answer.data()),
                       static_cast<std::uint32_t>(answer.size()));
-    // Reads the request before closing, or the client could not send it.
+    // Read the request before closing, or the client cannot send it.
     std::array<std::uint8_t, 512> request{};
     connection->read(request.data(), static_cast<std::uint32_t>(request.size()));
     connection->close();
@@ -344,11 +344,11 @@ TEST_F(ThriftClient, StopsWaitingForASilentService) {
   EXPECT_EQ(CountingSocket::opened, 2);
 }
 
-/// The begin of an answer whose text of 1000000 bytes has yet to come.
+/// The beginning of a reply; its text of 1000000 bytes is missing.
 const std::string beginOfALongAnswer{"\x80\x01\x00\x02\x00\x0f\x42\x40", 8};
 
-TEST_F(ThriftClient, StopsReadingAnAnswerThatComesInDrops) {
-  // Each drop in time for one read; the end of them only ends a test that has failed.
+TEST_F(ThriftClient, StopsReadingAReplyThatDrips) {
+  // Each drop comes in time for one read. They end only in a test that has failed.
   RawService service(9014, [](const std::shared_ptr<TTransport>& connection) {
     std::string drop = beginOfALongAnswer;
     try {

@@ -10,7 +10,6 @@
 #include <future>
 #include <optional>
 #include <stdexcept>
-#include <thread>
 #include <utility>
 
 #include "DeathTestStyle.h"
@@ -44,7 +43,7 @@ using transport_test::UsbServer;
 
 class ThriftServer : public transport_test::SocketDirectoryTest {
  protected:
-  /// A connection to the server, as any program would make it.
+  /// A client's connection to the server.
   struct Client {
     Client()
         : socket(std::make_shared<TUnixSocket>("localhost", 9020)),
@@ -52,11 +51,11 @@ class ThriftServer : public transport_test::SocketDirectoryTest {
           stub(protocol) {
       socket->open();
     }
-    /// Begins a call of an operation that there is.
+    /// Begins the call of a known operation.
     void beginCall() const { protocol->writeMessageBegin("OpenDevice", T_CALL, 0); }
-    /// Sends what was written. True when the server then closes the connection, without an answer.
+    /// Sends what was written. True if the server then closes the connection without a reply.
     bool isClosed() const {
-      // Only a server that goes on waiting for more lets it pass.
+      // Ends only the test of a server that waits for more.
       socket->setRecvTimeout(60000);
       protocol->getTransport()->flush();
       std::uint8_t byte = 0;
@@ -108,7 +107,7 @@ TEST_F(ThriftServer, FreesTheSocketWhenItWasNeverStarted) {
   EXPECT_NO_THROW(TUnixServerSocket(9020));
 }
 
-TEST_F(ThriftServer, GoesOnWhenItsObjectHasGone) {
+TEST_F(ThriftServer, KeepsServingWhenItsObjectIsGone) {
   struct Server : thrift_server<usb_rpc_gen_If, usb_rpc_gen_Processor, 9020, 10, TUnixServerSocket> {
     using thrift_server::thrift_server;
     std::shared_ptr<apache::thrift::concurrency::Thread> running() const { return thread; }
@@ -159,7 +158,7 @@ TEST_F(ThriftServer, ServesTenConnectionsAtOnceAndTheEleventhWhenOneLeaves) {
   for (const auto& client : clients) {
     EXPECT_TRUE(client->stub.recv_OpenDevice());
   }
-  // All ten have their answer, but they still hold the workers.
+  // All ten have their reply, but still hold the workers.
   EXPECT_EQ(server.server().getThreadManager()->pendingTaskCount(), 1U);
   EXPECT_EQ(entered, 10);
   clients.pop_back();
@@ -192,7 +191,7 @@ TEST_F(ThriftServer, ServesAConnectionToItsEndByOneWorker) {
   }
 }
 
-TEST_F(ThriftServer, HoldsAsManyConnectionsAsLeaveAReserveOfDescriptors) {
+TEST_F(ThriftServer, KeepsAReserveOfDescriptorsFreeOfConnections) {
   for (const auto& [descriptors, connections] :
        {std::pair{32, 10}, {64, 10}, {74, 10}, {75, 11}, {256, 192}, {320, 256}, {1024, 256}}) {
     const DescriptorLimit limit(static_cast<rlim_t>(descriptors));
@@ -203,7 +202,7 @@ TEST_F(ThriftServer, HoldsAsManyConnectionsAsLeaveAReserveOfDescriptors) {
   EXPECT_EQ(server.server().getConcurrentClientLimit(), 36);
 }
 
-TEST_F(ThriftServer, ServesThoseThatItDoesNotHoldOnceOthersLeave) {
+TEST_F(ThriftServer, ServesWaitingConnectionsOnceOthersLeave) {
   std::optional<UsbServer> server;
   {
     const DescriptorLimit limit(75);
@@ -216,7 +215,7 @@ TEST_F(ThriftServer, ServesThoseThatItDoesNotHoldOnceOthersLeave) {
     return true;
   };
   server->start();
-  // Each ends its connection's task by an exception, which must not count as a connection for ever.
+  // Each ends its connection's task with an exception; the connection must still be counted down.
   for (int connection = 0; connection < 12; ++connection) {
     Client unlucky;
     EXPECT_THROW(unlucky.stub.OpenDevice(13), TTransportException);
@@ -234,7 +233,7 @@ TEST_F(ThriftServer, ServesThoseThatItDoesNotHoldOnceOthersLeave) {
   EXPECT_EQ(server->server().getConcurrentClientCountHWM(), 11);
 }
 
-TEST_F(ThriftServer, StopsWhileItHoldsAllTheConnectionsThatItMay) {
+TEST_F(ThriftServer, StopsWhileItHoldsItsMaximumOfConnections) {
   std::optional<UsbServer> server;
   {
     const DescriptorLimit limit(64);
@@ -249,7 +248,7 @@ TEST_F(ThriftServer, StopsWhileItHoldsAllTheConnectionsThatItMay) {
   server->stop();
 }
 
-TEST_F(ThriftServer, AnswersAnExceptionOfTheHandlerAndServesOn) {
+TEST_F(ThriftServer, RepliesToAnExceptionOfTheHandlerAndKeepsServing) {
   handler_->open = [](std::int16_t device) -> bool {
     if (device == 13) {
       throw std::runtime_error("thirteen");
@@ -268,7 +267,7 @@ TEST_F(ThriftServer, AnswersAnExceptionOfTheHandlerAndServesOn) {
   EXPECT_TRUE(client.stub.OpenDevice(1));
 }
 
-TEST_F(ThriftServer, OutlivesAnExceptionOfNoStandardType) {
+TEST_F(ThriftServer, SurvivesAnExceptionOfNoStandardType) {
   handler_->open = [](std::int16_t device) -> bool {
     if (device == 13) {
       throw device;
@@ -285,7 +284,7 @@ TEST_F(ThriftServer, OutlivesAnExceptionOfNoStandardType) {
   EXPECT_TRUE(client.stub.OpenDevice(1));
 }
 
-TEST_F(ThriftServer, AnswersAnUnknownOperationAndServesOn) {
+TEST_F(ThriftServer, RepliesToAnUnknownOperationAndKeepsServing) {
   UsbServer server(handler_);
   server.start();
   Client client;
@@ -308,7 +307,7 @@ TEST_F(ThriftServer, AnswersAnUnknownOperationAndServesOn) {
   EXPECT_TRUE(client.stub.OpenDevice(1));
 }
 
-TEST_F(ThriftServer, ClosesAConnectionThatAnnouncesATooLongTextAndServesOn) {
+TEST_F(ThriftServer, ClosesAConnectionThatAnnouncesATooLongTextAndKeepsServing) {
   UsbServer server(handler_);
   server.start();
   Client greedy;
@@ -319,7 +318,7 @@ TEST_F(ThriftServer, ClosesAConnectionThatAnnouncesATooLongTextAndServesOn) {
   EXPECT_TRUE(client.stub.OpenDeviceAt(1, std::string(LimitedBufferedTransport::maxFieldSize, 'm'), false));
 }
 
-TEST_F(ThriftServer, ClosesAConnectionThatAnnouncesAHugeContainerAndServesOn) {
+TEST_F(ThriftServer, ClosesAConnectionThatAnnouncesAHugeContainerAndKeepsServing) {
   constexpr std::uint32_t twoBillion = 2000000000;
   UsbServer server(handler_);
   server.start();
@@ -338,12 +337,12 @@ TEST_F(ThriftServer, ClosesAConnectionThatAnnouncesAHugeContainerAndServesOn) {
   EXPECT_TRUE(client.stub.OpenDevice(1));
 }
 
-TEST_F(ThriftServer, ClosesAConnectionThatNestsStructsTooDeepAndServesOn) {
+TEST_F(ThriftServer, ClosesAConnectionThatNestsStructsTooDeepAndKeepsServing) {
   UsbServer server(handler_);
   server.start();
   const Client deep;
   deep.beginCall();
-  // Few enough bytes to be sent before anybody reads them.
+  // Few enough bytes to fit into the socket's buffer unread.
   for (int depth = 0; depth < 100; ++depth) {
     deep.protocol->writeFieldBegin("", T_STRUCT, 99);
   }
@@ -352,7 +351,7 @@ TEST_F(ThriftServer, ClosesAConnectionThatNestsStructsTooDeepAndServesOn) {
   EXPECT_TRUE(client.stub.OpenDevice(1));
 }
 
-TEST_F(ThriftServer, ClosesAConnectionWithATypeThatThereIsNotAndServesOn) {
+TEST_F(ThriftServer, ClosesAConnectionWithAnUnknownTypeAndKeepsServing) {
   UsbServer server(handler_);
   server.start();
   const Client odd;
@@ -390,9 +389,9 @@ TEST_F(ThriftServer, ServesMoreThanAHundredMegabytesOnOneConnection) {
   EXPECT_GT(bytes, 110UL * 1024 * 1024);
 }
 
-/// Ends with 0 when the server's constructor says that a worker could not be made.
+/// Ends with 0 if the server's constructor reports that a worker could not be made.
 [[noreturn]] void makeServerWithoutThreads() {
-  // The limit does not count for the superuser.
+  // Root is exempt from the limit.
   if (geteuid() == 0 && setuid(65534) != 0) {
     _exit(2);
   }

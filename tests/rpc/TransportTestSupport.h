@@ -48,7 +48,7 @@ class SocketDirectoryTest : public ::testing::Test {
   std::filesystem::path directory_;
 };
 
-/// Waits for something that another thread is about to do; the limit only ends a test that has failed.
+/// Waits for another thread. The limit only ends a test that has failed.
 inline bool eventually(const std::function<bool()>& condition) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   while (!condition()) {
@@ -60,7 +60,7 @@ inline bool eventually(const std::function<bool()>& condition) {
   return true;
 }
 
-/// A listening socket that knows nothing of our locks.
+/// A listening socket without our lock.
 inline ravel::rpc::FileDescriptor plainListener(const std::string& path, int backlog) {
   ravel::rpc::FileDescriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const sockaddr_un address = ravel::rpc::localSocketAddress(path);
@@ -69,7 +69,7 @@ inline ravel::rpc::FileDescriptor plainListener(const std::string& path, int bac
   return listener;
 }
 
-/// Connects to a listener that does not accept until its backlog has no room for another connection.
+/// Fills the backlog of a listener that does not accept.
 inline std::vector<ravel::rpc::FileDescriptor> fillBacklog(const std::string& path) {
   const sockaddr_un address = ravel::rpc::localSocketAddress(path);
   std::vector<ravel::rpc::FileDescriptor> waiting;
@@ -83,7 +83,7 @@ inline std::vector<ravel::rpc::FileDescriptor> fillBacklog(const std::string& pa
   }
 }
 
-/// The exception that `action` throws, as its text, and its type in `type`.
+/// Returns the text of the exception that `action` throws, and its type in `type`.
 inline std::string transportError(
     const std::function<void()>& action,
     apache::thrift::transport::TTransportException::TTransportExceptionType* type = nullptr) {
@@ -99,13 +99,13 @@ inline std::string transportError(
   return "";
 }
 
-/// The numbers of the open descriptors.
+/// Returns the numbers of the open descriptors.
 inline std::vector<int> openDescriptors() {
   std::vector<int> numbers;
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
     numbers.push_back(std::stoi(entry.path().filename().string()));
   }
-  // The directory's own descriptor was among them.
+  // The descriptor of the directory itself was in the list.
   std::vector<int> open;
   for (const int number : numbers) {
     if (fcntl(number, F_GETFD) != -1) {
@@ -135,7 +135,7 @@ class UsbHandler : public ravel::rpc::usb_rpc_gen_Null {
   std::function<bool(const std::string&)> openAt = [](const std::string&) { return true; };
 };
 
-/// A server that can be stopped, after its clients have left.
+/// A server that can be stopped once its clients have left.
 template <class If, class Processor, int Port, int Workers>
 class StoppableServer
     : public ravel::rpc::thrift_server<If, Processor, Port, Workers, ravel::rpc::TUnixServerSocket> {
@@ -162,7 +162,7 @@ using MediaServer =
     StoppableServer<ravel::rpc::corvane_rpc_gen_If, ravel::rpc::corvane_rpc_gen_Processor, 9014, 10>;
 using UsbServer = StoppableServer<ravel::rpc::usb_rpc_gen_If, ravel::rpc::usb_rpc_gen_Processor, 9020, 10>;
 
-/// A service on a local socket that does with each connection, one after the other, what the test says.
+/// A service on a local socket. It passes each connection to the test's function, one after the other.
 class RawService {
  public:
   RawService(int number,
