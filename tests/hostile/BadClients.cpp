@@ -22,7 +22,7 @@ namespace {
 constexpr std::int32_t twoGigabytes = 0x7fffffff;
 constexpr std::uint32_t twoBillion = 2000000000;
 
-/// A call up to where its text of this length begins.
+/// The beginning of a call: all up to its text of this length.
 std::string callWithText(std::int32_t length) {
   return written([length](TBinaryProtocol& writer) {
     writer.writeMessageBegin("GetFilesByExtension", T_CALL, 0);
@@ -69,7 +69,7 @@ std::string partOfACall(std::mt19937& random) {
   return call.substr(0, 1 + random() % (call.size() - 1));
 }
 
-/// Their answers are more than the connection can hold, and nobody reads them.
+/// Nobody reads the replies, and they are more than the connection can buffer.
 std::string thousandsOfCalls() {
   const std::string call = goodCall();
   std::string calls;
@@ -116,7 +116,7 @@ void BadClients::come(std::size_t count) {
     connection->setConnTimeout(patience);
     connection->open();
     const std::string message = nextMessage();
-    // What does not fit is not sent, and the daemon may have hung up already.
+    // Send only what fits. The daemon may have closed the connection already.
     static_cast<void>(
         ::send(connection->getSocketFD(), message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL));
     connections_.push_back(std::move(connection));

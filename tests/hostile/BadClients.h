@@ -11,19 +11,18 @@
 
 namespace hostiletest {
 
-/// Clients that mean no good: each connects, sends something that is no call, or more than it should, and
-/// reads no answer.
+/// Malicious clients: each connects, sends garbage or too much, and reads no reply.
 class BadClients {
  public:
-  /// One more of each way, over and over, the first one silent, until `count` of them are connected.
+  /// Connects clients of each kind in turn, the first one silent, until `count` are connected.
   void come(std::size_t count);
-  /// All of them close their connections.
+  /// Closes all connections.
   void leave() { connections_.clear(); }
 
  private:
   std::string nextMessage();
 
-  // Every run sends the same.
+  // A fixed seed: every run sends the same.
   std::mt19937 random_{1};
   std::size_t next_ = 0;
   std::vector<std::unique_ptr<ravel::rpc::TUnixSocket>> connections_;

@@ -10,14 +10,14 @@
 
 namespace hostiletest {
 
-/// Serves the media service's socket in a way of its own: `serve` is called with each connection, in a thread
-/// for it alone. The connection ends when it returns.
+/// Serves the media service's socket. Each connection gets a thread, which calls `serve` with it and then
+/// closes it.
 class BadMediaService {
  public:
   BadMediaService(const std::string& path, std::function<void(int connection)> serve);
   BadMediaService(const BadMediaService&) = delete;
   BadMediaService& operator=(const BadMediaService&) = delete;
-  /// Ends as a process does, with all its connections. The path is free again.
+  /// Ends all connections, as a dying process does, and frees the path.
   ~BadMediaService();
 
  private:
@@ -31,11 +31,11 @@ class BadMediaService {
   std::thread accepting_;
 };
 
-/// Reads one request, or what there is of it. False when the connection has ended.
+/// Reads one request, or its beginning. False if the connection has ended.
 bool readRequest(int connection);
-/// False when the connection has ended.
+/// False if the connection has ended.
 bool send(int connection, const std::string& bytes);
-/// Waits for the other side to end the connection.
+/// Waits until the other side ends the connection.
 void waitForTheEnd(int connection);
 
 }  // namespace hostiletest

@@ -1,4 +1,4 @@
-// A daemon that has no descriptors left, and one that keeps some for its work.
+// A daemon without free descriptors, and one that keeps a reserve for its work.
 
 #include <gmock/gmock.h>
 #include <sys/resource.h>
@@ -26,7 +26,7 @@ using transport_test::eventually;
 
 class DescriptorShortageTest : public HostileTest {
  protected:
-  /// Leaves the daemon descriptors for no more than twenty connections.
+  /// Leaves the daemon descriptors for at most twenty connections.
   static void limitDescriptors(const Daemon& daemon) {
     rlimit limit{};
     ASSERT_EQ(prlimit(daemon.pid(), RLIMIT_NOFILE, nullptr, &limit), 0);
@@ -34,10 +34,10 @@ class DescriptorShortageTest : public HostileTest {
     ASSERT_EQ(prlimit(daemon.pid(), RLIMIT_NOFILE, &limit, nullptr), 0);
   }
 
-  /// Connects until the daemon says that it can accept no more.
+  /// Connects until the daemon reports that it cannot accept.
   void connectUntilNoneIsLeft(const Daemon& daemon) {
     ASSERT_TRUE(eventually([this, &daemon] {
-      // The listening socket keeps those that are too many, 128 at most.
+      // The backlog of the listening socket keeps at most 128 more.
       if (idle_.size() < 100) {
         idle_.push_back(std::make_unique<ravel::rpc::TUnixSocket>("localhost", 9020));
         idle_.back()->open();
@@ -52,7 +52,7 @@ class DescriptorShortageTest : public HostileTest {
   std::vector<std::unique_ptr<ravel::rpc::TUnixSocket>> idle_;
 };
 
-TEST_F(DescriptorShortageTest, PassesWithoutARestart) {
+TEST_F(DescriptorShortageTest, EndsWithoutARestart) {
   const Daemon daemon;
   UsbClient held;
   held->IsDeviceOpen(1);
@@ -71,7 +71,7 @@ TEST_F(DescriptorShortageTest, PassesWithoutARestart) {
   expectSound(daemon);
 }
 
-TEST_F(DescriptorShortageTest, FailsWhatNeedsADescriptorAndNothingElse) {
+TEST_F(DescriptorShortageTest, FailsOnlyWhatNeedsADescriptor) {
   const Daemon daemon;
   const testsupport::MediaService mediaService;
   UsbClient held;
@@ -99,7 +99,7 @@ TEST_F(DescriptorShortageTest, FailsWhatNeedsADescriptorAndNothingElse) {
   expectSound(daemon);
 }
 
-TEST_F(DescriptorShortageTest, DoesNotComeOfFiveThousandIdleClients) {
+TEST_F(DescriptorShortageTest, IsNotCausedByFiveThousandIdleClients) {
   std::optional<Daemon> daemon;
   {
     const DescriptorLimit few(256);
@@ -111,7 +111,7 @@ TEST_F(DescriptorShortageTest, DoesNotComeOfFiveThousandIdleClients) {
   held->RegisterUsbAddedCallBack(7, 1);
 
   IdleCrowd crowd;
-  // All but the reserve are taken, one of them by the client that was there before.
+  // All but the reserve are taken, one of them by the first client.
   expectConnections(*daemon, 256 - 64);
   EXPECT_THAT(held.devices(), IsEmpty());
   EXPECT_THAT(held.files(1, directory(), "mp3"), testing::ElementsAre("song.mp3"));
@@ -123,7 +123,7 @@ TEST_F(DescriptorShortageTest, DoesNotComeOfFiveThousandIdleClients) {
   auto late = std::async(std::launch::async, [] { return UsbClient()->IsDeviceOpen(1); });
   crowd.leave();
   EXPECT_FALSE(late.get());
-  // The client's, and the daemon's to the media service.
+  // The client's connection, and the daemon's to the media service.
   expectConnections(*daemon, 2);
   expectSound(*daemon);
 }

@@ -1,4 +1,4 @@
-// Clients that send rubbish, half a message, huge lengths, or nothing, and leave.
+// Clients that send garbage, half a message, huge lengths, or nothing, and leave.
 
 #include <sys/resource.h>
 
@@ -30,10 +30,10 @@ constexpr std::size_t connections = 600;
 constexpr std::size_t connections = 5000;
 #endif
 
-/// A client that makes one call after the other, in a thread of its own.
+/// A client that makes one call after the other in its own thread.
 class GoodClient {
  public:
-  /// `call` makes one call and throws when it is not answered.
+  /// `call` makes one call, and throws if no reply comes.
   explicit GoodClient(std::function<void()> call)
       : thread_([this, call = std::move(call)] {
           try {
@@ -52,9 +52,9 @@ class GoodClient {
     thread_.join();
   }
 
-  /// Waits for the answer to a call that was not made before now.
+  /// Waits for the reply to a call that begins after now.
   void expectAnswer() const {
-    // The first may be on its way already.
+    // The first reply may belong to a call that began earlier.
     const std::size_t enough = answers_ + 2;
     EXPECT_TRUE(eventually([this, enough] { return answers_ >= enough; }));
   }
@@ -67,9 +67,8 @@ class GoodClient {
 
 class HostileClientsTest : public HostileTest {
  protected:
-  /// Lets bad clients come, 200 at once, until there have been so many of them. `whileTheyAreThere` is called
-  /// for each 200, and `afterwards` when the daemon has got rid of them: it then has no more than
-  /// `goodConnections`.
+  /// Connects `count` bad clients, 200 at a time. For each 200, calls `whileTheyAreThere`, and `afterwards`
+  /// once the daemon has dropped them: it then has at most `goodConnections`.
   void letBadClientsCome(
       const Daemon& daemon, std::size_t count, std::size_t goodConnections,
       const std::function<void()>& whileTheyAreThere = [] {},
@@ -78,7 +77,7 @@ class HostileClientsTest : public HostileTest {
       badClients_.come(std::min(atOnce, count - gone));
       whileTheyAreThere();
       badClients_.leave();
-      // Until then some may not even be accepted.
+      // Some may not be accepted until then.
       UsbClient()->IsDeviceOpen(1);
       ASSERT_TRUE(eventually([&] { return descriptorsOf(daemon) <= descriptorsAtRest + goodConnections; }))
           << descriptorsOf(daemon) << " descriptors are left";
@@ -90,42 +89,42 @@ class HostileClientsTest : public HostileTest {
   BadClients badClients_;
 };
 
-TEST_F(HostileClientsTest, DoNotKeepGoodOnesFromTheirAnswers) {
+TEST_F(HostileClientsTest, DoNotDenyGoodClientsTheirReplies) {
   const Daemon daemon;
   {
     UsbClient held;
     held->IsDeviceOpen(1);
     const GoodClient holder([&held] { held->IsDeviceOpen(1); });
     const GoodClient comer([] { UsbClient()->IsDeviceOpen(1); });
-    // The connection that is held and the other client's: the daemon may have one that it has not closed yet
-    // besides the next.
+    // The held connection and the other client's: the daemon may have the next one before it has closed the
+    // last one.
     constexpr std::size_t goodConnections = 3;
     letBadClientsCome(
         daemon, connections, goodConnections,
-        // Whoever has a worker keeps it, whatever the others do.
+        // A client with a worker keeps it, whatever the others do.
         [&holder] { holder.expectAnswer(); },
-        // Whoever comes anew waits for those who came before, and is answered once they have left.
+        // A new client waits for those before it, and is served once they have left.
         [&comer] { comer.expectAnswer(); });
   }
   expectConnections(daemon, 0);
   expectSound(daemon);
 }
 
-// A sanitizer has plans of its own with memory.
+// A sanitizer uses memory of its own.
 #ifndef DOCKHAND_TEST_SANITIZED
 TEST_F(HostileClientsTest, LeaveNoMemoryAndNoDescriptorsBehind) {
   if (isEmulated()) {
     GTEST_SKIP() << "memory is that of the emulator";
   }
   const Daemon daemon;
-  // A daemon that does believe what it is told is not to take the machine with it.
+  // A daemon that trusts an announced size must not exhaust the machine's memory.
   constexpr rlim_t oneHugeText = 3UL << 30U;
   const rlimit limit{oneHugeText, oneHugeText};
   ASSERT_EQ(prlimit(daemon.pid(), RLIMIT_AS, &limit, nullptr), 0);
   expectConnections(daemon, 0);
   const std::size_t atStart = memoryOf(daemon);
   ASSERT_NO_FATAL_FAILURE(letBadClientsCome(daemon, atOnce, 0));
-  // Ten texts of a megabyte, 200 connections and the program itself; far less than what was announced.
+  // Ten texts of a megabyte, 200 connections and the program itself: far less than the announced sizes.
   constexpr std::size_t peak = 32 * 1024;
   ASSERT_LE(peakMemoryOf(daemon), peak);
   const std::size_t warm = memoryOf(daemon);
@@ -138,11 +137,11 @@ TEST_F(HostileClientsTest, LeaveNoMemoryAndNoDescriptorsBehind) {
   RecordProperty("memory_after_5200_KiB", std::to_string(atEnd));
   RecordProperty("peak_KiB", std::to_string(peakMemoryOf(daemon)));
 
-  // malloc keeps up to 512 KiB for what comes next, as it happens. 5000 connections that leave 125 bytes each
-  // do not fit in.
+  // malloc may keep up to 512 KiB for later use. A leak of 125 bytes by each of 5000 connections exceeds
+  // that.
   constexpr std::size_t slack = 600;
   EXPECT_LE(atEnd, warm + slack);
-  // With what the workers' stacks have grown to. Two texts of a megabyte would not fit in.
+  // The workers' stacks have grown too. A leak of two texts of a megabyte exceeds that.
   constexpr std::size_t kept = 2048;
   EXPECT_LE(atEnd, atStart + kept);
 }

@@ -16,7 +16,7 @@ using testing::Not;
 
 namespace {
 
-/// The number behind a title in one of the kernel's files about a process.
+/// Returns the number behind a title in a file of /proc/PID.
 std::size_t figureOf(const Daemon& daemon, const std::string& file, const std::string& title) {
   std::istringstream words(systest::readFile("/proc/" + std::to_string(daemon.pid()) + "/" + file));
   std::string word;
@@ -33,7 +33,7 @@ std::size_t figureOf(const Daemon& daemon, const std::string& file, const std::s
 }  // namespace
 
 HostileTest::HostileTest() {
-  // The log of the daemon goes there, too.
+  // The daemon's log goes there too.
   setenv("TMPDIR", sockets_.path().c_str(), 1);
 }
 

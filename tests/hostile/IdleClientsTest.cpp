@@ -1,4 +1,4 @@
-// Clients that connect and stay. Each holds one of the ten workers, whether it says anything or not.
+// Clients that connect and stay. Each holds one of the ten workers, even if it sends nothing.
 
 #include <poll.h>
 
@@ -16,7 +16,7 @@ class IdleClientsTest : public HostileTest {
  protected:
   using Connections = std::vector<std::unique_ptr<ravel::rpc::TUnixSocket>>;
 
-  /// Ten connections that have a worker each and say this much.
+  /// Ten connections, each with a worker. Each sends `text`.
   static Connections tenThatSay(const Daemon& daemon, const std::string& text) {
     Connections ten;
     for (int i = 0; i < 10; ++i) {

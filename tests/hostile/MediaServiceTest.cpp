@@ -1,8 +1,7 @@
-// A media service that is absent, refuses, dies, comes back, answers what is no answer, or calls back.
+// A media service that is absent, refuses, dies, restarts, sends garbage, or calls the daemon.
 
 #include <gmock/gmock.h>
 #include <thrift/TApplicationException.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <functional>
@@ -42,7 +41,7 @@ std::string answer(const std::string& name, TMessageType type, std::int32_t sequ
   });
 }
 
-/// Of the first call on a connection.
+/// The reply to the first call on a connection.
 constexpr std::int32_t first = 1;
 
 std::string goodAnswer() {
@@ -61,7 +60,7 @@ std::string failureOfAnUnknownType(std::int32_t sequence) {
   });
 }
 
-/// An answer that announces this much of something and ends there.
+/// A reply that ends after what `announce` writes: the size of something.
 std::string announcement(TMessageType type, const std::function<void(TBinaryProtocol&)>& announce) {
   return written([&](TBinaryProtocol& writer) {
     writer.writeMessageBegin(operation, type, first);
@@ -76,7 +75,8 @@ class MediaServiceTest : public HostileTest {
     client_->RegisterUsbRemovedCallBack(7, 71);
   }
 
-  /// A notification fails to its caller, with the daemon's word for why, and the daemon is none the worse.
+  /// Expects that a notification fails and that the daemon still serves. Returns the reason that the caller
+  /// gets.
   std::string failedNotification() {
     std::string reason;
     try {
@@ -90,7 +90,7 @@ class MediaServiceTest : public HostileTest {
     return reason;
   }
 
-  /// A service that answers this and dies is asked, and fails the notification.
+  /// Expects that a service that sends `bytes` and dies fails the notification.
   void expectToFail(const std::string& bytes) {
     std::atomic<bool> asked{false};
     const BadMediaService service(socketOf(9014), [&](int connection) {
@@ -98,7 +98,7 @@ class MediaServiceTest : public HostileTest {
       send(connection, bytes);
     });
     failedNotification();
-    EXPECT_TRUE(asked) << "a connection was kept after an answer that was none";
+    EXPECT_TRUE(asked) << "a connection was kept after garbage";
   }
 
   void expectNotificationsToGetThroughAgain() {
@@ -122,7 +122,7 @@ TEST_F(MediaServiceTest, RefusingFailsTheNotification) {
   expectNotificationsToGetThroughAgain();
 }
 
-TEST_F(MediaServiceTest, DyingBeforeItsAnswerFailsTheNotification) {
+TEST_F(MediaServiceTest, DyingBeforeItsReplyFailsTheNotification) {
   {
     const BadMediaService service(socketOf(9014), readRequest);
     failedNotification();
@@ -130,7 +130,7 @@ TEST_F(MediaServiceTest, DyingBeforeItsAnswerFailsTheNotification) {
   expectNotificationsToGetThroughAgain();
 }
 
-TEST_F(MediaServiceTest, DyingMidAnswerFailsTheNotification) {
+TEST_F(MediaServiceTest, DyingInTheMiddleOfItsReplyFailsTheNotification) {
   for (std::size_t sent = 1; sent < goodAnswer().size(); ++sent) {
     expectToFail(goodAnswer().substr(0, sent));
   }
@@ -142,14 +142,14 @@ TEST_F(MediaServiceTest, RestartingFailsNoNotification) {
     const MediaService before;
     client_->NotifyUsbXriteAdded();
   }
-  // The connection that was kept has died with the first.
+  // The kept connection died with the first service.
   const MediaService second;
   client_->NotifyUsbXriteAdded();
   client_->NotifyUsbXriteRemoved();
   EXPECT_THAT(second.callbacks(), ElementsAre(Callback{"added", -1, 7, 70}, Callback{"removed", -1, 7, 71}));
 }
 
-TEST_F(MediaServiceTest, AnsweringWhatIsNoAnswerFailsTheNotification) {
+TEST_F(MediaServiceTest, SendingGarbageFailsTheNotification) {
   expectToFail("HTTP/1.0 400 Bad Request\r\n\r\n");
   expectToFail(std::string(600, '\xff'));
   expectToFail(std::string(12, '\0'));
@@ -161,7 +161,7 @@ TEST_F(MediaServiceTest, AnsweringWhatIsNoAnswerFailsTheNotification) {
   expectNotificationsToGetThroughAgain();
 }
 
-TEST_F(MediaServiceTest, AnnouncingHugeThingsFailsTheNotificationAndCostsNoMemory) {
+TEST_F(MediaServiceTest, AnnouncingHugeSizesFailsTheNotificationAndTakesNoMemory) {
   constexpr std::int32_t twoGigabytes = 0x7fffffff;
   constexpr std::uint32_t twoBillion = 2000000000;
   const auto text = [](TBinaryProtocol& writer) {
@@ -188,7 +188,7 @@ TEST_F(MediaServiceTest, AnnouncingHugeThingsFailsTheNotificationAndCostsNoMemor
   expectNotificationsToGetThroughAgain();
 }
 
-TEST_F(MediaServiceTest, AnsweringWithAFailureOfAnUnknownTypeFailsTheNotification) {
+TEST_F(MediaServiceTest, ReplyingWithAFailureOfAnUnknownTypeFailsTheNotification) {
   const BadMediaService service(socketOf(9014), [](int connection) {
     for (std::int32_t call = first; readRequest(connection); ++call) {
       send(connection, failureOfAnUnknownType(call));
@@ -198,7 +198,7 @@ TEST_F(MediaServiceTest, AnsweringWithAFailureOfAnUnknownTypeFailsTheNotificatio
   EXPECT_EQ(failedNotification(), "no such failure");
 }
 
-TEST_F(MediaServiceTest, AnsweringMoreThanItWasAskedFailsNoNotification) {
+TEST_F(MediaServiceTest, SendingMoreThanAReplyFailsNoNotification) {
   const BadMediaService service(socketOf(9014), [](int connection) {
     while (readRequest(connection)) {
       send(connection, goodAnswer() + failureOfAnUnknownType(first + 1));
@@ -231,7 +231,7 @@ TEST_F(MediaServiceTest, MayCallTheDaemonFromInsideACallback) {
   expectSound(daemon_);
 }
 
-TEST_F(MediaServiceTest, LeavesNoDescriptorsBehindHoweverItFails) {
+TEST_F(MediaServiceTest, LeaksNoDescriptorHoweverItFails) {
   const BadMediaService service(socketOf(9014), readRequest);
   for (int notification = 0; notification < 100; ++notification) {
     failedNotification();

@@ -1,5 +1,5 @@
-// A media service that lets the daemon wait. Each way of doing so costs the ten seconds that a call has, so
-// all of them run at once, each with a daemon of its own, and the tests look at how they ended.
+// A media service that makes the daemon wait. Each case takes the ten seconds of a call, so all cases run at
+// once, each with its own daemon. The tests check how they ended.
 
 #include <gmock/gmock.h>
 #include <thrift/protocol/TBinaryProtocol.h>
@@ -30,7 +30,7 @@ std::string beginOfAnswer(const std::string& operation) {
   return written([&](TBinaryProtocol& writer) { writer.writeMessageBegin(operation, T_REPLY, 1); });
 }
 
-/// A field that no answer has, with a text of this length.
+/// An unknown field with a text of this length.
 std::string uselessField(std::size_t length) {
   return written([length](TBinaryProtocol& writer) {
     writer.writeFieldBegin("", T_STRING, 99);
@@ -49,7 +49,7 @@ void readAndSayNothing(int connection, const std::string&) {
   }
 }
 
-/// One byte a second, which is soon enough for each single read.
+/// Sends one byte a second: in time for each single read.
 void answerInDrops(int connection, const std::string&) {
   const std::string answer = beginOfAnswer("SendUsbAddedCallback") + uselessField(100000);
   readRequest(connection);
@@ -61,7 +61,7 @@ void answerInDrops(int connection, const std::string&) {
   }
 }
 
-/// The daemon takes it for a part of the answer that it waits for.
+/// The daemon takes it for a part of the reply.
 void answerAnotherCall(int connection, const std::string&) {
   readRequest(connection);
   send(connection, beginOfAnswer("SendUsbRemovedCallback") + endOfAnswer);
@@ -76,7 +76,7 @@ void answerWithoutEnd(int connection, const std::string&) {
   }
 }
 
-/// Sets off the same event again and waits for its end, which sets it off again.
+/// Causes the same event again and waits for its end, which causes it once more.
 void announceAgain(int connection, const std::string& daemonSocket) {
   readRequest(connection);
   const auto socket = std::make_shared<apache::thrift::transport::TSocket>(daemonSocket);
@@ -86,12 +86,12 @@ void announceAgain(int connection, const std::string& daemonSocket) {
     socket->open();
     daemon.NotifyUsbXriteAdded();
   } catch (const apache::thrift::TException&) {
-    // It fails as it should, and nobody is told any more.
+    // It fails as it should, and nobody is notified any more.
   }
   send(connection, beginOfAnswer("SendUsbAddedCallback") + endOfAnswer);
 }
 
-/// All of them at once.
+/// Runs all trials at once.
 struct Trials {
   Trial deaf{doNothing};
   Trial silent{readAndSayNothing};
@@ -117,7 +117,7 @@ class SlowMediaServiceTest : public testing::Test {
   }
   static void TearDownTestSuite() { trials_.reset(); }
 
-  /// While the notification waits for the media service.
+  /// Runs while the notification waits for the media service.
   static void expectOthersToBeAnswered(Trial& trial) {
     const auto later = trial.newClient();
     for (systest::UsbClient* client : {&trial.held(), later.get()}) {
@@ -150,11 +150,11 @@ TEST_F(SlowMediaServiceTest, ThatIsSilentIsGivenUp) {
   expectToEndInTime(trials_->silent, tooLate);
 }
 
-TEST_F(SlowMediaServiceTest, ThatAnswersInDropsIsGivenUp) {
+TEST_F(SlowMediaServiceTest, WhoseReplyDripsIsGivenUp) {
   expectToEndInTime(trials_->dripping, tooLate);
 }
 
-TEST_F(SlowMediaServiceTest, ThatAnswersAnotherCallIsGivenUp) {
+TEST_F(SlowMediaServiceTest, ThatRepliesToAnotherCallIsGivenUp) {
   expectToEndInTime(trials_->confused, tooLate);
 }
 
@@ -162,16 +162,16 @@ TEST_F(SlowMediaServiceTest, ThatDoesNotAcceptIsGivenUp) {
   expectToEndInTime(trials_->notAccepting, HasSubstr("9014.sock: connect timed out"));
 }
 
-TEST_F(SlowMediaServiceTest, ThatAnswersWithoutEndIsGivenUp) {
+TEST_F(SlowMediaServiceTest, WhoseReplyNeverEndsIsGivenUp) {
   expectToEndInTime(trials_->endless, tooLate);
 }
 
-TEST_F(SlowMediaServiceTest, ThatSetsOffTheEventAgainAndAgainIsGivenUpAndOthersHaveTheirTurn) {
+TEST_F(SlowMediaServiceTest, ThatCausesTheEventAgainAndAgainIsGivenUpAndOthersAreServed) {
   Trial& trial = trials_->recursive;
-  // Its notifications hold all workers but one by now, and another one waits for its turn.
+  // By now its notifications hold all workers but one, and another notification waits.
   EXPECT_FALSE(trial.held()->IsDeviceOpen(1));
   EXPECT_FALSE((*trial.newClient())->IsDeviceOpen(1));
-  // The one that it set off next ends at nearly the same time, and may be the answer that this one waits for.
+  // The next notification ends at nearly the same time, and its end may be the reply that this one waits for.
   EXPECT_THAT(trial.end(), testing::AnyOf(tooLate, "success"));
   expectSound(trial.daemon());
 }

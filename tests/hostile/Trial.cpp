@@ -49,12 +49,12 @@ void Trial::start() {
       return std::string("no answer: ") + failure.what();
     }
   });
-  // The daemon's end of its connection to the media service.
+  // One descriptor is the daemon's end of the connection to the media service.
   EXPECT_TRUE(transport_test::eventually([&] { return descriptorsOf(*daemon_) > before; }));
 }
 
 Trial::~Trial() {
-  // Whoever still waits for it gets the end of a connection.
+  // A client that still waits for it sees its connection end.
   daemon_->kill();
 }
 

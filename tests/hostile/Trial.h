@@ -12,34 +12,35 @@
 #include "Daemon.h"
 #include "FileDescriptor.h"
 #include "SocketDirectory.h"
+#include "UsbClient.h"
 
 namespace hostiletest {
 
-/// A daemon with a media service that lets it wait, and a notification that waits. Several may run at once.
+/// A daemon, a media service that makes it wait, and a notification that waits. Several may run at once.
 class Trial {
  public:
-  /// What is done with a connection of the daemon's; also given the path of the daemon's socket.
+  /// Gets a connection of the daemon and the path of the daemon's socket.
   using Serve = std::function<void(int connection, const std::string& daemonSocket)>;
 
-  /// Starts the daemon alone. Without `serve`, the media service will not accept connections, and have no
-  /// room for another one.
+  /// Starts only the daemon. Without `serve`, the media service accepts no connections, and its backlog is
+  /// full.
   explicit Trial(Serve serve);
   Trial(const Trial&) = delete;
   Trial& operator=(const Trial&) = delete;
   ~Trial();
 
-  /// Starts the media service and the notification, and returns when the daemon waits.
+  /// Starts the media service and the notification; returns once the daemon waits.
   void start();
 
   systest::Daemon& daemon() { return *daemon_; }
-  /// A connection that was there before the notification.
+  /// A connection that is older than the notification.
   systest::UsbClient& held() { return *held_; }
   std::unique_ptr<systest::UsbClient> newClient() const;
 
   bool isUnderWay() const;
-  /// Waits for the end of the notification: what its caller was told.
+  /// Waits for the end of the notification; returns what its caller got.
   std::string end() { return notification_.get(); }
-  /// Puts a sound media service in the place of the bad one, and a notification gets through.
+  /// Replaces the bad media service by a good one, and expects that a notification reaches it.
   void expectToGetThroughAgain();
 
  private:

@@ -8,10 +8,10 @@
 
 namespace hostiletest {
 
-/// What `write` writes, as it goes over the wire.
+/// Returns the bytes that `write` sends.
 std::string written(const std::function<void(apache::thrift::protocol::TBinaryProtocol&)>& write);
 
-/// A call of IsDeviceOpen.
+/// Returns the bytes of a call of IsDeviceOpen.
 std::string goodCall();
 
 }  // namespace hostiletest
