@@ -1,5 +1,5 @@
-# Run by CPack on what is about to be packed, for what it does not do itself: manual pages are compressed, libraries lose
-# their debug symbols, and the files of a package that is built twice have the same times.
+# CPack runs this on the files before it packs them. It compresses manual pages, strips libraries, and sets the files'
+# times, so that two builds of a package are equal.
 file(GLOB_RECURSE pages ${CPACK_TEMPORARY_DIRECTORY}/*/usr/share/man/*)
 list(FILTER pages EXCLUDE REGEX "\\.gz$")
 foreach(page IN LISTS pages)

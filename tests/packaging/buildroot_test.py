@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""The Buildroot tree, as far as it can be checked without Buildroot: its options, its makefiles with the macros of
-Buildroot left empty, and the rules of check-package that apply to it.
+"""The Buildroot tree without Buildroot: its options, its makefiles with empty macros of Buildroot, and the rules of
+check-package.
 
 The environment variable DOCKHAND_BUILD_DIR names the build tree.
 """
@@ -67,7 +67,7 @@ class OptionsTest(TreeTest):
         for name in names:
             self.assertTrue(self.options.syms[name].set_value("y"))
 
-    def test_package_can_be_chosen_with_a_fitting_toolchain_only(self):
+    def test_package_can_be_chosen_only_with_a_suitable_toolchain(self):
         package = self.options.syms["BR2_PACKAGE_DOCKHAND"]
         self.choose(*TOOLCHAIN)
         self.assertEqual(package.assignable, (0, 2))
@@ -78,7 +78,7 @@ class OptionsTest(TreeTest):
         self.choose("BR2_STATIC_LIBS")
         self.assertEqual(package.assignable, ())
 
-    def test_package_chooses_what_it_is_built_with_and_what_it_runs(self):
+    def test_package_selects_its_libraries_and_tools(self):
         self.choose(*TOOLCHAIN, "BR2_PACKAGE_LIBURCU_ARCH_SUPPORTS", "BR2_PACKAGE_DOCKHAND")
         for name in (
             "BOOST CLI11 JSON_FOR_MODERN_CPP THRIFT UTIL_LINUX UTIL_LINUX_LIBBLKID UTIL_LINUX_LIBMOUNT "
@@ -88,14 +88,14 @@ class OptionsTest(TreeTest):
         self.options.syms["BR2_PACKAGE_DOCKHAND_RECORDING"].set_value("n")
         self.assertEqual(self.value("BR2_PACKAGE_XFSPROGS"), "n")
 
-    def test_choices_of_systemd_are_offered_with_systemd(self):
+    def test_options_of_systemd_are_offered_with_systemd(self):
         self.choose(*TOOLCHAIN, "BR2_PACKAGE_DOCKHAND")
         syslog = self.options.syms["BR2_PACKAGE_DOCKHAND_SYSLOG"]
         self.assertEqual(syslog.assignable, ())
         self.choose("BR2_INIT_SYSTEMD")
         self.assertEqual(syslog.assignable, (0, 2))
 
-    def test_makefiles_ask_for_options_that_there_are(self):
+    def test_options_in_makefiles_exist(self):
         text = "".join(makefile.read_text() for makefile in MAKEFILES)
         asked = set(re.findall(r"\$\((BR2_(?!EXTERNAL)\w+)\)", text))
         self.assertLessEqual(asked, set(self.options.syms))
@@ -135,7 +135,7 @@ class MakefileTest(TreeTest):
         self.assertEqual(os.path.normpath(self.make("print", "DOCKHAND_SITE")), str(SOURCE))
         self.assertEqual(self.make("print", "DOCKHAND_SITE_METHOD"), "local")
 
-    def test_options_for_cmake_are_those_that_it_knows(self):
+    def test_options_for_cmake_exist(self):
         options = self.make("print", "DOCKHAND_CONF_OPTS")
         self.assertEqual(unknown_cmake_variables(options), set())
         self.assertIn("-DDOCKHAND_STATIC_THRIFT=OFF", options)
@@ -169,7 +169,7 @@ class MakefileTest(TreeTest):
         self.assertTrue(os.access(script, os.X_OK))
         self.assertTrue((self.directory / "target" / "usr/share/dockhand/init.d/dockhand").exists())
 
-    def test_image_with_systemd_logs_where_it_is_told_to(self):
+    def test_image_with_systemd_logs_to_the_chosen_target(self):
         systemd = {"BR2_INIT_SYSTEMD": "y"}
         self.assertEqual(self.make("print", "DOCKHAND_POST_INSTALL_TARGET_HOOKS", **systemd), "")
         self.assertEqual(self.make("print", "DOCKHAND_INSTALL_INIT_SYSTEMD", **systemd), "")
@@ -184,7 +184,7 @@ class MakefileTest(TreeTest):
 class FormTest(unittest.TestCase):
     """Rules of Buildroot's check-package."""
 
-    def test_files_end_with_one_newline_and_have_no_blanks_at_the_end_of_lines(self):
+    def test_files_end_with_one_newline_and_no_line_ends_with_a_blank(self):
         for path in TREE.rglob("*"):
             if path.is_file():
                 text = path.read_text()
@@ -229,7 +229,7 @@ class FormTest(unittest.TestCase):
                 elif not line.startswith("\t"):
                     last = 0
 
-    def test_start_script_has_the_form_that_buildroot_asks_for(self):
+    def test_start_script_has_the_form_of_buildroot(self):
         script = PACKAGE / "S60dockhand"
         self.assertIn('\nDAEMON="dockhand"\n', script.read_text())
         self.assertNotRegex(script.read_text(), r"(?m)^[\t]* ")

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""The Debian packages, installed in a Debian system, used there, and taken away again.
+"""The Debian packages: installed in a Debian system, used there, and removed.
 
 Runs in the world that tools/dev/private_root makes. The environment variable DOCKHAND_PACKAGES_DIR names the folder of
 the packages, DOCKHAND_PACKAGES_ROOT that of the system, which tests/packaging/make_root has made and which stays as it
@@ -23,7 +23,7 @@ from installed import SOURCE, project_version
 PACKAGES = pathlib.Path(os.environ.get("DOCKHAND_PACKAGES_DIR", SOURCE / "build" / "image" / "packages"))
 ROOT = pathlib.Path(os.environ.get("DOCKHAND_PACKAGES_ROOT", SOURCE / "build" / "packages-root"))
 NAMES = ("dockhand", "dockhand-client", "dockhand-dbg", "libdockhand-client-dev")
-# What dpkg itself keeps and writes, what other packages' triggers rewrite, and the copies that groupadd makes.
+# Files of dpkg itself, files that other packages' triggers rewrite, and the copies that groupadd makes.
 OTHERS = tuple(
     "/var/lib/dpkg/ /var/log/ /var/cache/ /etc/ld.so.cache /etc/group- /etc/gshadow- /etc/.pwd.lock "
     "/dev/ /tmp/".split()
@@ -35,7 +35,7 @@ def files_of_packages():
 
 
 class Root:
-    """A layer over the system; only this is written to."""
+    """A layer over the system. All writes go to the layer."""
 
     def __init__(self):
         self.folder = pathlib.Path(tempfile.mkdtemp())
@@ -52,7 +52,7 @@ class Root:
         self.folder.rmdir()
 
     def run(self, *command):
-        """Status and output of a command in the system."""
+        """Runs a command in the system; returns its status and output."""
         environment = {
             "PATH": "/usr/sbin:/usr/bin:/sbin:/bin",
             "HOME": "/root",
@@ -76,14 +76,14 @@ class Root:
         return output
 
     def install(self, *names):
-        """By dpkg alone, which also says whether a dependency is missing."""
+        """Installs with dpkg alone, which also reports missing dependencies."""
         for name in names:
             (package,) = PACKAGES.glob(f"{name}_*.deb")
             (self.path / "tmp" / package.name).write_bytes(package.read_bytes())
         self.check("sh", "-c", "dpkg --install /tmp/*.deb && rm /tmp/*.deb")
 
     def state(self):
-        """What there is: of each path its kind, mode and owner, and of a file its content."""
+        """Returns each path with its kind, mode and owner, and each file with its content."""
         found = {}
         for folder, folders, names in os.walk(self.path):
             for name in folders + names:
@@ -96,7 +96,7 @@ class Root:
                 if stat.S_ISLNK(status.st_mode):
                     content = os.readlink(path)
                 elif stat.S_ISREG(status.st_mode):
-                    # Nothing that was there before is written without a new time.
+                    # A write to an existing file changes its time.
                     content = (
                         (status.st_size, status.st_mtime_ns)
                         if not inside.startswith("/etc/")
@@ -179,7 +179,7 @@ class PackagesTest(unittest.TestCase):
         self.assert_is_the_example("/tmp/sticks")
 
     def assert_is_the_example(self, program):
-        """Without a daemon it ends with a word about that."""
+        """Expects that the example reports a missing daemon."""
         self.root.check("mkdir", "-p", "/run/ravel")
         status, output = self.root.run(program)
         self.assertEqual(status, 1, output)
@@ -192,11 +192,11 @@ class PackagesTest(unittest.TestCase):
         self.assertIn("/usr/sbin/dockhand", installed)
         self.root.check("dpkg", "--purge", *NAMES)
         after = self.root.state()
-        # A group that comes and goes leaves the same lines.
+        # Adding and removing a group leaves the same lines.
         changed = {path for path in before.keys() | after.keys() if before.get(path) != after.get(path)}
         self.assertEqual(changed, set())
 
-    def test_purge_takes_from_tmp_what_is_roots_and_what_was_moved_aside(self):
+    def test_purge_removes_roots_files_and_moved_files_from_tmp(self):
         self.root.install("dockhand", "dockhand-client")
         self.root.check(
             "sh",
@@ -207,7 +207,7 @@ class PackagesTest(unittest.TestCase):
             "Dockhand.log.moved-d Dockhand.log.moved-e/Dockhand.log && "
             "ln -s /etc sda1_bcdUSB.txt.moved-b/sda1_bcdUSB.txt && chown 65534 Dockhand.log.moved-d",
         )
-        # A user who may mount has done so on the directory that he planted.
+        # A user who may mount has mounted something on a planted directory.
         mounted = self.root.path / "tmp/Dockhand.log.moved-e/Dockhand.log"
         subprocess.run(["mount", "-t", "tmpfs", "users", mounted], check=True)
         self.addCleanup(subprocess.run, ["umount", mounted], check=True)
@@ -229,7 +229,7 @@ class PackagesTest(unittest.TestCase):
         self.assertNotEqual(status, 0)
         self.assertIn("dockhand depends on dockhand-client", output)
 
-    def test_units_are_no_more_exposed_than_they_have_to_be(self):
+    def test_units_are_as_hardened_as_possible(self):
         self.root.install("dockhand", "dockhand-client")
         page = (SOURCE / "docs" / "SECURITY.md").read_text()
         reasons = page.partition("\nMissing options, and why:\n")[2].partition("\n\n`")[0]

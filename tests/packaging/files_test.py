@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""docs/INTEGRATION.md says of installed files what CMake installs.
+"""The files in docs/INTEGRATION.md are those that CMake installs.
 
 The environment variable DOCKHAND_BUILD_DIR names the build tree.
 """

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""The group of the socket is that which CMake was told."""
+"""The group of the socket is an option of CMake."""
 
 import pathlib
 import subprocess
@@ -14,7 +14,7 @@ from installed import SOURCE
 
 class GroupTest(unittest.TestCase):
     def lines(self, *options):
-        """What the files for the image say of the group."""
+        """Returns the lines about the group in the files for the image."""
         with tempfile.TemporaryDirectory() as build:
             command = ["cmake", "-S", str(SOURCE), "-B", build, "-G", "Ninja", "-DDOCKHAND_BUILD_TESTS=OFF"]
             subprocess.run([*command, *options], check=True, stdout=subprocess.DEVNULL)
@@ -28,10 +28,10 @@ class GroupTest(unittest.TestCase):
             [line for line in group.splitlines() if line.startswith("g ")],
         )
 
-    def test_group_is_dockhand_unless_told_otherwise(self):
+    def test_default_group_is_dockhand(self):
         self.assertEqual(self.lines(), (["Group=dockhand"], ["root:dockhand"], ["g dockhand -"]))
 
-    def test_group_is_the_one_that_cmake_is_told(self):
+    def test_option_of_cmake_sets_the_group(self):
         self.assertEqual(
             self.lines("-DDOCKHAND_GROUP=media"), (["Group=media"], ["root:media"], ["g media -"])
         )

@@ -1,4 +1,4 @@
-"""What CMake installs, for the tests of the recipes."""
+"""The files that CMake installs, for the tests of the recipes."""
 
 import os
 import pathlib
@@ -10,7 +10,7 @@ BUILD = pathlib.Path(os.environ.get("DOCKHAND_BUILD_DIR", SOURCE / "build" / "de
 
 
 def install(destination):
-    """Installs into a folder, below /usr."""
+    """Installs into a folder, with the prefix /usr."""
     subprocess.run(
         ["cmake", "--install", str(BUILD), "--prefix", "/usr"],
         check=True,
@@ -20,7 +20,7 @@ def install(destination):
 
 
 def files_in(folder):
-    """Absolute paths, as the image sees them."""
+    """Returns the installed files as absolute paths of the image."""
     return sorted(
         "/" + str(path.relative_to(folder)) for path in pathlib.Path(folder).rglob("*") if not path.is_dir()
     )
@@ -31,7 +31,7 @@ def project_version():
 
 
 def unknown_cmake_variables(options):
-    """The variables of -D options that none of our CMake files reads from the cache."""
+    """Returns the variables of -D options that no CMake file of ours reads from the cache."""
     text = "".join(
         path.read_text() for path in (SOURCE / "CMakeLists.txt", SOURCE / "integration" / "CMakeLists.txt")
     )

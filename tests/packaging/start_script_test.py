@@ -24,7 +24,7 @@ PR_SET_CHILD_SUBREAPER = 36
 
 
 def processes():
-    """The daemons that run from the build tree."""
+    """Returns the daemons that run from the build tree."""
     found = []
     for process in pathlib.Path("/proc").glob("[0-9]*"):
         try:
@@ -41,7 +41,7 @@ def is_served():
 
 
 class Init:
-    """Does for what a start script leaves behind what init does: takes it over, and clears it away when it ends."""
+    """Acts as init for the processes that a start script leaves: adopts them, and reaps them when they end."""
 
     def __init__(self):
         self.lock = threading.Lock()
@@ -122,14 +122,14 @@ class StartScriptTest:
         self.assertEqual(self.script("start"), (0, ""))
         self.wait_until(is_served)
 
-    def test_it_says_whether_the_daemon_runs(self):
+    def test_it_reports_whether_the_daemon_runs(self):
         self.assertEqual(self.script("status"), (3, "dockhand is not running\n"))
         self.start()
         self.assertEqual(self.script("status"), (0, "dockhand is running\n"))
         self.script("stop")
         self.assertEqual(self.script("status"), (3, "dockhand is not running\n"))
 
-    def test_it_starts_one_daemon_for_the_group_and_stops_it(self):
+    def test_it_starts_one_daemon_with_the_group_and_stops_it(self):
         self.start()
         self.assertEqual(SOCKET.group(), "daemon")
         running = processes()
@@ -145,7 +145,7 @@ class StartScriptTest:
             self.assertEqual(self.script("stop")[0], 0)
             self.wait_until(lambda: processes() == [])
 
-    def test_it_starts_the_daemon_again_when_that_dies(self):
+    def test_it_restarts_a_daemon_that_dies(self):
         self.start()
         first = processes()
         os.kill(first[0], signal.SIGKILL)

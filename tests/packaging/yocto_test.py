@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""The Yocto layer, as far as it can be checked without bitbake: its syntax, and its recipe against what CMake installs.
+"""The Yocto layer without bitbake: its syntax, and its recipe against the files that CMake installs.
 
 The environment variable DOCKHAND_BUILD_DIR names the build tree.
 """
@@ -21,7 +21,7 @@ from installed import SOURCE, files_in, install, project_version, unknown_cmake_
 LAYER = SOURCE / "packaging" / "yocto"
 RECIPE = LAYER / "recipes-core" / "dockhand" / "dockhand_0.1.0.bb"
 
-# What bitbake.conf of OpenEmbedded-Core says of these.
+# Values of bitbake.conf of OpenEmbedded-Core.
 DEFAULTS = {
     "PN": "dockhand",
     "bindir": "/usr/bin",
@@ -44,7 +44,7 @@ DEFAULTS = {
 
 
 class Metadata:
-    """A recipe or a configuration file. Reads the part of bitbake's language that ours are written in, no more."""
+    """A recipe or a configuration file. Reads only the part of bitbake's language that our files use."""
 
     def __init__(self, path, **settings):
         self.values = dict(DEFAULTS, THISDIR=str(path.parent), **settings)
@@ -113,7 +113,7 @@ class LayerTest(unittest.TestCase):
         self.assertEqual(RECIPE.stem, f"dockhand_{project_version()}")
         self.assertEqual(recipe("systemd")["EXTERNALSRC"], str(SOURCE))
 
-    def test_options_for_cmake_are_those_that_it_knows(self):
+    def test_options_for_cmake_exist(self):
         metadata = recipe("systemd")
         options = metadata["EXTRA_OECMAKE"] + metadata["PACKAGECONFIG[static-thrift]"]
         self.assertIn("-DDOCKHAND_STATIC_THRIFT=ON", options)
@@ -125,7 +125,7 @@ class LayerTest(unittest.TestCase):
         self.assertEqual(metadata["GROUPADD_PARAM:dockhand"], "--system dockhand")
         self.assertIn("-DDOCKHAND_GROUP=dockhand ", metadata["EXTRA_OECMAKE"])
 
-    def test_tools_of_the_start_script_come_with_it_only(self):
+    def test_tools_of_the_start_script_come_only_with_it(self):
         self.assertNotIn("util-linux-flock", recipe("systemd")["RDEPENDS:dockhand"].split())
         self.assertIn("util-linux-flock", recipe("sysvinit")["RDEPENDS:dockhand"].split())
 
@@ -138,11 +138,11 @@ class PackagesTest(unittest.TestCase):
         install(self.image)
 
     def package(self, metadata):
-        """Runs the recipe's part of the installation and returns the files of each package."""
+        """Runs the recipe's installation and returns the files of each package."""
         metadata.values["D"] = str(self.image)
         script = metadata.expand(metadata.functions["do_install:append"])
         subprocess.run(["sh", "-eu"], input=script, text=True, check=True)
-        # What the class systemd does.
+        # Done by the class systemd.
         features = metadata["DISTRO_FEATURES"].split()
         unwanted = []
         if "systemd" not in features:
