@@ -1,4 +1,4 @@
-// Operations by the names that they have in the interface.
+// Operations by their names in the interface.
 
 #include <nlohmann/json.hpp>
 #include <regex>
@@ -58,14 +58,14 @@ TEST_F(Call, PrintsResultsInJson) {
   EXPECT_THAT(run({"call", "GetDeviceCapacity", "1"}), Ends(0, "15267\n", ""));
 }
 
-TEST_F(Call, EndsWithOneWhenTheAnswerIsNo) {
+TEST_F(Call, EndsWithOneWhenTheReplyIsNo) {
   plugInStick();
   EXPECT_THAT(run({"call", "CheckForAndUpdateNewDevices"}), Ends(0, "null\n", ""));
   EXPECT_THAT(run({"call", "IsDeviceOpen", "-1"}), Ends(1, "false\n", ""));
   EXPECT_THAT(run({"call", "GetUsbPhysicalDevice", "9"}), Ends(1, "{\"success\":false,\"text\":\"\"}\n", ""));
 }
 
-TEST_F(Call, RefusesWhatDoesNotFit) {
+TEST_F(Call, RefusesWrongArguments) {
   EXPECT_THAT(run({"call"}), Ends(2, "", HasSubstr("needs the name of an operation")));
   EXPECT_THAT(run({"call", "Format"}), Ends(2, "", HasSubstr("there is no operation \"Format\"")));
   EXPECT_THAT(run({"call", "OpenDeviceAt", "1"}),
@@ -81,7 +81,7 @@ TEST_F(Call, RefusesWhatDoesNotFit) {
               Ends(2, "", HasSubstr("\"1\" is not a bool (true, false)")));
 }
 
-TEST_F(Call, AsksBeforeItWipesADisk) {
+TEST_F(Call, AsksBeforeItErasesADisk) {
   plugInStick();
   EXPECT_THAT(run({"call", "PrepareDeviceForPvr", "1"}),
               Ends(8, "", HasSubstr("device 1: nothing was done")));

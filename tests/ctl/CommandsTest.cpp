@@ -36,7 +36,7 @@ class Commands : public CtlTest {
     EXPECT_THAT(journal().logs(), Contains(HasSubstr(line)));
   }
 
-  /// The service keeps its connection to a media service that is gone, and the first call through it fails.
+  /// The service keeps its connection to a media service that is gone; the first call over it fails.
   static void dropConnectionToMediaService() {
     Connection connection;
     connection->RegisterUsbAddedCallBack(7, 0);
@@ -45,13 +45,13 @@ class Commands : public CtlTest {
   }
 };
 
-TEST_F(Commands, OpenMountsAtTheUsualDirectory) {
+TEST_F(Commands, OpenMountsAtTheDefaultDirectory) {
   plugInStick();
   EXPECT_THAT(run({"open", "1"}), Ends(0, "device 1 is open at /media/disk_1\n", ""));
   expectLogged("OpenDeviceAt(1, /media/disk_1, isPvrDevice=0)");
 }
 
-TEST_F(Commands, OpenMountsWhereItIsTold) {
+TEST_F(Commands, OpenMountsAtAGivenDirectory) {
   plugInStick();
   EXPECT_THAT(run({"open", "1", "--at", "/media/my disk"}),
               Ends(0, "device 1 is open at /media/my disk\n", ""));
@@ -115,7 +115,7 @@ TEST_F(Commands, OpenRefusesADirectoryWhereItCouldNotBeClosed) {
   EXPECT_THAT(journal().logs(), Not(Contains(HasSubstr("OpenDeviceAt"))));
 }
 
-TEST_F(Commands, OpenAtAnotherDirectoryNeedsToBeToldSo) {
+TEST_F(Commands, OpenAtAnotherDirectoryNeedsAnOption) {
   plugInStick();
   run({"open", "1"});
   EXPECT_THAT(run({"open", "1"}), Ends(0, "device 1 is open at /media/disk_1\n", ""));
@@ -164,7 +164,7 @@ TEST_F(Commands, SeeWhatIsMountedForTheDaemonAlone) {
                    HasSubstr("not open, but mounted at \"/mnt/usb\" (for dockhand alone)")));
 }
 
-TEST_F(Commands, OpenTellsWhyNot) {
+TEST_F(Commands, OpenReportsWhyItFails) {
   EXPECT_THAT(run({"open", "1"}), Ends(3, "", HasSubstr("device 1: no such device; there is none")));
   plugInStick();
   setMountError(ENODEV);
@@ -193,7 +193,7 @@ TEST_F(Commands, CloseUnmounts) {
 TEST_F(Commands, CloseSaysWhatIsStillMounted) {
   plugInStick();
   run({"open", "1"});
-  // Its line lies beyond what the daemon reads of the table.
+  // Its line is beyond the part of the table that the daemon reads.
   platform().files["/proc/mounts"] = "";
   EXPECT_THAT(
       run({"close", "1"}),
@@ -207,7 +207,7 @@ TEST_F(Commands, CloseSaysWhatIsStillMounted) {
                                         "before it is pulled out\n"));
 }
 
-TEST_F(Commands, SafeRemovalIsThatOfTheWholeDisk) {
+TEST_F(Commands, SafeRemovalClosesTheWholeDisk) {
   plugInStick();
   world().mount("sda2", "/mnt/second");
   run({"open", "1"});
@@ -219,7 +219,7 @@ TEST_F(Commands, SafeRemovalIsThatOfTheWholeDisk) {
                                                   "before it is pulled out\n"));
 }
 
-TEST_F(Commands, CloseTellsWhyNot) {
+TEST_F(Commands, CloseReportsWhyItFails) {
   EXPECT_THAT(run({"close", "1"}), Ends(3, "", HasSubstr("device 1: no such device")));
   plugInStick();
   EXPECT_THAT(run({"close", "1"}), Ends(1, "", "dockhandctl: device 1: not closed: it is not open\n"));
@@ -231,7 +231,7 @@ TEST_F(Commands, CloseTellsWhyNot) {
            HasSubstr("device 1: not closed: \"/media/disk_1\" cannot be unmounted; no visible process")));
 }
 
-/// A process that does something, and stays until this object goes.
+/// A process that does something and stays until this object is destroyed.
 class Holding {
  public:
   template <class Action>
@@ -295,15 +295,15 @@ TEST_F(Commands, CloseNamesWhoHoldsTheStick) {
   const std::string program = stick + "/sleep";
   std::filesystem::copy_file("/bin/sleep", program);
   if (isEmulated()) {
-    return;  // which may not start a program for another processor
+    return;  // A program under QEMU cannot start one for another processor.
   }
   const Holding sleeper(program);
   EXPECT_THAT(run({"close", "1"}).err, HasSubstr(sleeper.name() + "sleep): program \"" + program + "\"\n"));
 }
 
-TEST_F(Commands, CloseSaysThatItMayNotLookIntoOtherUsersProcesses) {
+TEST_F(Commands, CloseSaysThatItMayNotReadOtherUsersProcesses) {
   if (getuid() != 0) {
-    GTEST_SKIP() << "takes root to become somebody without rights";
+    GTEST_SKIP() << "only root can become another user";
   }
   plugInStick();
   const std::string folder = service().sockets.path();
@@ -352,7 +352,7 @@ TEST_F(Commands, NotifyTakesANameWhereThereIsOne) {
   EXPECT_THAT(run({"notify", "lost", "sda1"}), Ends(2, "", HasSubstr("lost")));
 }
 
-TEST_F(Commands, NotifyReportsObserversThatCannotBeTold) {
+TEST_F(Commands, NotifyReportsObserversThatCannotBeReached) {
   plugInStick();
   run({"observer", "add", "added", "3", "42"});
   EXPECT_THAT(run({"notify", "added", "sda1"}),

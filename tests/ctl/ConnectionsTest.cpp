@@ -1,4 +1,4 @@
-// A connection occupies one of the daemon's ten workers, so none is kept that is not used.
+// A connection occupies one of the daemon's ten workers, so dockhandctl keeps none that it does not use.
 
 #include <chrono>
 #include <filesystem>
@@ -12,7 +12,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// The program lives, and none of its descriptors is a socket. False also while it is about to change them.
+/// True if the program runs and none of its descriptors is a socket. False also while it changes them.
 bool livesWithoutConnection(const Program& program) {
   bool lives = false;
   std::error_code gone;
@@ -27,7 +27,7 @@ bool livesWithoutConnection(const Program& program) {
   return lives && !gone;
 }
 
-/// Waits for something that another process is about to do; the limit only ends a test that has failed.
+/// Waits for another process. The limit only ends a test that has failed.
 bool eventually(const std::function<bool()>& condition) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   while (!condition()) {
@@ -48,7 +48,7 @@ class Connections : public CtlTest {
     stoppedTerminal_.stopped = true;
   }
 
-  /// The command has asked the daemon, and waits for its terminal without a connection.
+  /// Expects that the command has called the daemon and waits for its terminal without a connection.
   void expectNoneWhilePrinting(const Arguments& command) {
     journal().clear();
     const Program program(command, stoppedTerminal_);

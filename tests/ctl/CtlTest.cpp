@@ -118,8 +118,8 @@ Connection::Connection()
 
 namespace {
 
-/// What a program has asked the service is over, also when the program was ended before the answer: an
-/// operation of our own, under the handler's lock, comes after it.
+/// Waits for the end of a program's calls, even if the program ended before the reply: our own operation
+/// waits for the handler's lock.
 void finishOperations(Connection& connection) {
   connection->CheckForAndUpdateNewDevices();
 }
@@ -145,7 +145,7 @@ CtlTest::CtlTest() {
       system.files["/proc/mounts"] = world().procMounts();
     }
   };
-  // One scan may leave a record behind.
+  // One scan may leave a record.
   connection->CheckForAndUpdateNewDevices();
   connection->CheckForAndUpdateNewDevices();
   for (int observerId = -128; observerId <= 127; ++observerId) {

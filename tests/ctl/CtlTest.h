@@ -20,23 +20,22 @@
 
 namespace ctltest {
 
-/// The kernel's and udev's side of a fake system, for the service and for dockhandctl: a mount table, nodes
-/// and udev's database, below a folder that stands for /.
+/// The kernel's and udev's files of a fake system, for the service and dockhandctl: a mount table, nodes and
+/// udev's database. A folder takes the place of /.
 class World {
  public:
   explicit World(std::filesystem::path root);
 
-  /// Nothing is plugged in or mounted.
+  /// Removes all disks and mounts.
   void clear();
-  /// A node with the number of the character device behind `device`; a file system on it that udev knows.
+  /// Adds a node with the number of the character device `device`. udev knows its file system.
   void addNode(const std::string& kernelName, const std::string& device, const std::string& fileSystem = {});
   void mount(const std::string& kernelName, const std::string& target,
              const std::string& fileSystem = "vfat");
   void unmount(const std::string& target);
-  /// From now on the service, whose process we are, has a mount table of its own, with this mount beside the
-  /// others.
+  /// Gives the service, which runs in this process, its own mount table with this mount added.
   void mountForTheServiceAlone(const std::string& kernelName, const std::string& target);
-  /// As the service reads it.
+  /// Returns the mount table as the service reads it.
   std::string procMounts() const;
 
  private:
@@ -52,8 +51,8 @@ class World {
   std::vector<Mount> mounts_;
 };
 
-/// The service over a fake system, in this process. Its threads never end, so there is one for the whole
-/// program, and it is never destroyed.
+/// The service over a fake system, in this process. Its threads never end, so all tests share one that is
+/// never destroyed.
 struct Service {
   const SocketDirectory sockets;
   World world;
@@ -65,7 +64,7 @@ struct Service {
 
 Service& service();
 
-/// One connection to the service.
+/// A client with its own connection to the service.
 class Connection {
  public:
   Connection();
@@ -76,24 +75,24 @@ class Connection {
   ravel::rpc::usb_rpc_gen_Client client_;
 };
 
-/// A test that runs the program against the service, which knows no device at its begin.
+/// A test that runs the program against the service. At its start no device is known.
 class CtlTest : public ::testing::Test {
  protected:
   CtlTest();
   ~CtlTest() override;
 
-  /// A stick called sda1 with a label, a UUID and a FAT file system, of 15267 MiB, and a second partition,
+  /// Plugs in a stick of 15267 MiB: sda1 with a label, a UUID and a FAT file system, and a second partition,
   /// sda2.
   static void plugInStick(const std::string& label = "HOLIDAY");
   static FakePlatform& platform() { return service().platform; }
   static World& world() { return service().world; }
-  /// From now on mounts succeed, or fail with this error.
+  /// Makes mounts fail with this errno; 0 makes them succeed.
   static void setMountError(int error);
-  /// The path of a service's socket.
+  /// Returns the path of a service's socket.
   static std::string socketOf(int number);
 };
 
-/// The exit code, standard output and standard error of an outcome.
+/// Matches the exit code, standard output and standard error of an outcome.
 MATCHER_P3(Ends, exitCode, out, err, "") {
   return arg.exitCode == exitCode && ::testing::Matches(out)(arg.out) && ::testing::Matches(err)(arg.err);
 }

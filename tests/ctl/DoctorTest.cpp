@@ -1,4 +1,4 @@
-// The checks of doctor, on systems of our own making; and doctor itself on this one.
+// The checks of doctor on fake systems, and doctor itself on this system.
 
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -18,7 +18,7 @@
 
 namespace dockhandctl::doctor {
 
-// For GoogleTest, in messages of failed tests.
+// GoogleTest prints findings of failed tests.
 static void PrintTo(const Finding& finding, std::ostream* out) {
   *out << finding.check << " [" << static_cast<int>(finding.state) << "] " << finding.message << " / "
        << finding.remedy;
@@ -99,14 +99,14 @@ class Doctor : public ::testing::Test {
   }
 
   Machine machine;
-  /// How commands that begin like this end.
+  /// The results of commands by the text that they begin with.
   std::map<std::string, CommandResult> results;
   std::vector<std::string> commands;
   std::set<std::string> blockDevices;
   ravel::rpc::FileDescriptor socket;
 };
 
-TEST_F(Doctor, TellsWhetherTheSocketIsServed) {
+TEST_F(Doctor, ReportsWhetherTheSocketIsServed) {
   EXPECT_THAT(checkSocket(machine), ElementsAre(Is(State::ok, HasSubstr("is served"))));
   machine.connectionError = ENOENT;
   EXPECT_THAT(checkSocket(machine), ElementsAre(Is(State::problem, HasSubstr("does not exist"))));
@@ -118,7 +118,7 @@ TEST_F(Doctor, TellsWhetherTheSocketIsServed) {
   EXPECT_THAT(checkSocket(machine), ElementsAre(Is(State::problem, HasSubstr("memory"))));
 }
 
-TEST_F(Doctor, WantsTheSocketForRootAndItsGroupOnly) {
+TEST_F(Doctor, DemandsThatOnlyRootAndTheGroupMayUseTheSocket) {
   EXPECT_THAT(checkSocketMode(machine), ElementsAre(Is(State::problem, HasSubstr("No such file"))));
   makeSocket(0660);
   EXPECT_THAT(checkSocketMode(machine), ElementsAre(Is(State::ok, HasSubstr("mode 0660"))));
@@ -134,7 +134,7 @@ TEST_F(Doctor, FindsAFileInTheSocketsPlace) {
   EXPECT_THAT(checkSocketMode(machine), ElementsAre(Is(State::problem, HasSubstr("not a socket"))));
 }
 
-TEST_F(Doctor, WantsTheSocketsDirectoryForRootOnly) {
+TEST_F(Doctor, DemandsThatTheSocketsDirectoryIsRoots) {
   EXPECT_THAT(checkSocketDirectory(machine), ElementsAre(Is(State::problem, HasSubstr("No such file"))));
   makeDirectory("/run/ravel");
   EXPECT_THAT(checkSocketDirectory(machine), ElementsAre(Is(State::ok, HasSubstr("mode 0755"))));
@@ -146,7 +146,7 @@ TEST_F(Doctor, WantsTheSocketsDirectoryForRootOnly) {
   EXPECT_THAT(checkSocketDirectory(machine), ElementsAre(Is(State::problem, HasSubstr("owner"))));
 }
 
-TEST_F(Doctor, WantsMediaToBeWritable) {
+TEST_F(Doctor, DemandsThatMediaIsWritable) {
   EXPECT_THAT(checkMedia(machine), ElementsAre(Is(State::problem, HasSubstr("not a directory"))));
   makeDirectory("/media");
   EXPECT_THAT(checkMedia(machine), ElementsAre(Is(State::ok, HasSubstr("/media"))));
@@ -159,14 +159,14 @@ TEST_F(Doctor, WantsMediaToBeWritable) {
   EXPECT_THAT(checkMedia(machine), ElementsAre(Is(State::problem, HasSubstr("read-only"))));
 }
 
-TEST_F(Doctor, WantsNobodyButRootToWriteToMedia) {
+TEST_F(Doctor, DemandsThatOnlyRootMayWriteToMedia) {
   for (const mode_t mode : {0775U, 0757U, 01777U}) {
     makeDirectory("/media", mode);
     EXPECT_THAT(checkMedia(machine), ElementsAre(Is(State::problem, HasSubstr("others than root"))));
   }
 }
 
-TEST_F(Doctor, WantsTmpToBeRootsAndStickyWhereOthersMayWriteToIt) {
+TEST_F(Doctor, DemandsThatTmpIsRootsAndStickyIfOthersMayWriteToIt) {
   EXPECT_THAT(checkTmp(machine), ElementsAre(Is(State::problem, HasSubstr("not a directory"))));
   for (const mode_t mode : {01777U, 01770U, 0755U}) {
     makeDirectory("/tmp", mode);
@@ -181,7 +181,7 @@ TEST_F(Doctor, WantsTmpToBeRootsAndStickyWhereOthersMayWriteToIt) {
   EXPECT_THAT(checkTmp(machine), ElementsAre(Is(State::problem, HasSubstr("put a link there"))));
 }
 
-TEST_F(Doctor, WantsTheKernelToProtectFilesInDirectoriesForAll) {
+TEST_F(Doctor, DemandsThatTheKernelProtectsFilesInSharedDirectories) {
   EXPECT_THAT(checkProtectedFiles(machine),
               ElementsAre(Is(State::warning, HasSubstr("fs.protected_symlinks, fs.protected_hardlinks, "
                                                        "fs.protected_fifos, fs.protected_regular"))));
@@ -207,9 +207,9 @@ TEST_F(Doctor, SplitsAPath) {
   EXPECT_THAT(splitPath("/a::/b"), ElementsAre("/a", ".", "/b"));
 }
 
-TEST_F(Doctor, LooksForEachToolInThePath) {
+TEST_F(Doctor, FindsEachToolInThePath) {
   makeProgram("/usr/bin/dd");
-  write("/usr/bin/rm", "");  // may not be executed
+  write("/usr/bin/rm", "");  // Not executable.
   makeProgram("/opt/sfdisk");
   const Findings findings = checkTools(machine);
   EXPECT_THAT(findings, Contains(IsFor("dd", State::ok, "/usr/bin/dd")));
@@ -234,7 +234,7 @@ TEST_F(Doctor, FindsToolsThatAreRunWithoutTheirWrappers) {
   EXPECT_THAT(checkWrappers(machine), ElementsAre(Is(State::ok, HasSubstr("wrappers come before"))));
 }
 
-TEST_F(Doctor, TriesTheDaemonsFdiskCommandOnAFile) {
+TEST_F(Doctor, RunsTheDaemonsFdiskCommandOnAFile) {
   makeProgram("/usr/sbin/fdisk");
   machine.run = [](const std::vector<std::string>& command) {
     EXPECT_EQ(command.at(2), R"(echo -e 'n\np\n1\n\n\nw' | fdisk "$1")");
@@ -246,7 +246,7 @@ TEST_F(Doctor, TriesTheDaemonsFdiskCommandOnAFile) {
   EXPECT_THAT(checkPartitioning(machine), ElementsAre(Is(State::ok, HasSubstr("/usr/sbin/fdisk makes the"))));
 }
 
-TEST_F(Doctor, TellsWhyFdiskMakesNoPartition) {
+TEST_F(Doctor, ReportsWhyFdiskMakesNoPartition) {
   EXPECT_THAT(checkPartitioning(machine), ElementsAre(Is(State::problem, HasSubstr("there is no fdisk"))));
   makeProgram("/usr/sbin/fdisk");
   results["/bin/sh -c echo -e 'n\\np"] = {0, ""};
@@ -256,7 +256,7 @@ TEST_F(Doctor, TellsWhyFdiskMakesNoPartition) {
   EXPECT_THAT(checkPartitioning(machine), ElementsAre(Is(State::problem, HasSubstr("makes no partition"))));
 }
 
-TEST_F(Doctor, TriesTheDaemonsMkfsOptions) {
+TEST_F(Doctor, RunsMkfsWithTheDaemonsOptions) {
   EXPECT_THAT(checkFormatting(machine), ElementsAre(Is(State::problem, HasSubstr("there is no mkfs.xfs"))));
   makeProgram("/usr/sbin/mkfs.xfs");
   results["mkfs.xfs -N -f -l lazy-count=0 -L PVR_DISK /"] = {0, "meta-data=..."};
@@ -267,7 +267,7 @@ TEST_F(Doctor, TriesTheDaemonsMkfsOptions) {
       ElementsAre(Is(State::problem, HasSubstr("lazy-count=0): Lazy superblock counters always enabled"))));
 }
 
-TEST_F(Doctor, RemovesTheFilesThatItTriesDisksToolsOn) {
+TEST_F(Doctor, RemovesTheFilesThatItRunsDiskToolsOn) {
   makeProgram("/usr/sbin/mkfs.xfs");
   std::string file;
   machine.run = [&file](const std::vector<std::string>& command) {
@@ -307,13 +307,13 @@ TEST_F(DoctorOnKernels, SaysThatNtfs3IsNotTried) {
   EXPECT_THAT(fileSystem("ntfs"), Is(State::problem, HasSubstr("ntfs3, which dockhand does not try")));
 }
 
-TEST_F(DoctorOnKernels, TakesModulesThatTheKernelWouldLoadForPresent) {
+TEST_F(DoctorOnKernels, CountsModulesThatTheKernelWouldLoadAsPresent) {
   setFileSystems("");
   results["/sbin/modprobe -n -q fs-ext3"] = {0, ""};
   EXPECT_THAT(fileSystem("ext3"), Is(State::ok, HasSubstr("mounts it")));
 }
 
-TEST_F(DoctorOnKernels, LooksAtTheMountOptions) {
+TEST_F(DoctorOnKernels, ChecksTheMountOptions) {
   setFileSystems(all);
   configure("CONFIG_XFS_QUOTA=y\nCONFIG_NLS_UTF8=m\nCONFIG_NLS_CODEPAGE_437=y\nCONFIG_NLS_ASCII=m\n");
   EXPECT_THAT(fileSystem("vfat"), Is(State::ok, HasSubstr("utf8")));
@@ -323,7 +323,7 @@ TEST_F(DoctorOnKernels, LooksAtTheMountOptions) {
   EXPECT_THAT(fileSystem("xfs"), Is(State::ok, HasSubstr("prjquota")));
 }
 
-TEST_F(DoctorOnKernels, FindsWhatWasNotConfigured) {
+TEST_F(DoctorOnKernels, FindsMissingOptionsOfTheKernel) {
   setFileSystems(all);
   configure("# CONFIG_XFS_QUOTA is not set\n# CONFIG_NLS_UTF8 is not set\n");
   EXPECT_THAT(fileSystem("vfat"), Is(State::warning, HasSubstr("character tables")));
@@ -332,7 +332,7 @@ TEST_F(DoctorOnKernels, FindsWhatWasNotConfigured) {
   EXPECT_THAT(fileSystem("xfs"), Is(State::problem, HasSubstr("prjquota")));
 }
 
-TEST_F(DoctorOnKernels, SaysWhatItCannotTell) {
+TEST_F(DoctorOnKernels, SaysWhatItCannotCheck) {
   setFileSystems(all);
   EXPECT_THAT(fileSystem("ntfs"), Is(State::warning, HasSubstr("cannot tell")));
   EXPECT_THAT(fileSystem("hfsplus"), Is(State::warning, HasSubstr("cannot tell")));
@@ -347,7 +347,7 @@ TEST_F(DoctorOnKernels, LooksForTheTablesOfLargeDisks) {
   EXPECT_THAT(checkPartitionTables(machine), ElementsAre(Is(State::ok, HasSubstr("above 2 TiB"))));
 }
 
-TEST_F(DoctorOnKernels, ReadsTheConfigurationThatTheKernelHasInItself) {
+TEST_F(DoctorOnKernels, ReadsTheConfigurationInsideTheKernel) {
   setFileSystems(all);
   write("/proc/config.gz", "compressed");
   results["gzip -d -c " + machine.root + "/proc/config.gz"] = {0, "CONFIG_A=y\nCONFIG_XFS_QUOTA=y\n"};
@@ -446,7 +446,7 @@ TEST_F(DoctorProgram, LooksAtItsOwnPathWithoutADaemon) {
   EXPECT_THAT(outcome.out, HasSubstr("problem  mkfs.xfs: not in the PATH"));
 }
 
-TEST_F(DoctorProgram, IsContentWhenAllThatIsWrongIsIgnored) {
+TEST_F(DoctorProgram, SucceedsWhenEveryProblemIsIgnored) {
   const auto report = nlohmann::json::parse(ctltest::run({"doctor", "--json"}).out);
   ctltest::Arguments arguments = {"doctor"};
   for (const auto& check : report.at("checks")) {

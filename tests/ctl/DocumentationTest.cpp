@@ -1,4 +1,4 @@
-// The manual pages and the completion keep up with the program.
+// The manual pages and the completion match the program.
 
 #include <algorithm>
 #include <cstdio>
@@ -30,7 +30,7 @@ std::string readFile(const std::string& path) {
   return text;
 }
 
-/// A page with its minus signs as they are printed.
+/// Returns a page with minus signs as printed.
 std::string readPage(const std::string& path) {
   return std::regex_replace(readFile(path), std::regex(R"(\\-)"), "-");
 }
@@ -40,13 +40,13 @@ std::string help(Arguments arguments) {
   return run(arguments).out;
 }
 
-/// The part between two texts.
+/// Returns the part between two texts.
 std::string between(const std::string& text, const std::string& begin, const std::string& end) {
   const auto from = text.find(begin) + begin.size();
   return text.substr(from, text.find(end, from) - from);
 }
 
-/// What the first group of a pattern matches, all over the text.
+/// Returns each match of the first group of a pattern.
 std::set<std::string> allOf(const std::string& text, const std::string& pattern) {
   const std::regex regex(pattern);
   std::set<std::string> result;
@@ -64,7 +64,7 @@ std::set<std::string> optionsOf(const std::string& command) {
   return allOf(help(command.empty() ? Arguments{} : Arguments{command}), R"((--[a-z-]+))");
 }
 
-/// What a shell command writes; its exit status has to be 0.
+/// Returns the output of a shell command, which must succeed.
 std::string shell(const std::string& command) {
   exchangeAMessage();
   FILE* const output = popen(command.c_str(), "r");

@@ -1,4 +1,4 @@
-// What goes wrong between the program and the daemon, and on the command line.
+// Failures between the program and the daemon, and on the command line.
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -39,7 +39,7 @@ TEST_F(Failures, SaysThatADirectoryIsTooLongForASocket) {
 
 TEST_F(Failures, NamesTheRightsOfASocketThatMayNotBeUsed) {
   if (getuid() != 0) {
-    GTEST_SKIP() << "takes root to become somebody without rights";
+    GTEST_SKIP() << "only root can become another user";
   }
   RunOptions asNobody;
   asNobody.asNobody = true;
@@ -61,19 +61,19 @@ TEST_F(Failures, SaysThatAllWorkersAreBusy) {
   }
   EXPECT_THAT(run({"--timeout", "0.2", "list"}),
               Ends(6, "", HasSubstr("all ten workers of dockhand may be busy")));
-  // The one worker that is free now serves what was left behind before it serves us.
+  // The free worker first serves the connections that wait from before.
   ten.pop_back();
   EXPECT_THAT(run({"list"}), Ends(0, "", ""));
 }
 
-TEST_F(Failures, PassesOnTheDaemonsOwn) {
+TEST_F(Failures, PassesTheDaemonsFailuresOn) {
   platform().scandirIgnoresFilter = true;
   platform().deviceNodes = {"short"};
   EXPECT_THAT(run({"list"}), Ends(5, "", HasSubstr("dockhand replied with a failure: ")));
   platform().scandirIgnoresFilter = false;
 }
 
-/// Serves another socket directory: takes one connection and answers its request with these bytes.
+/// Serves another socket directory: accepts one connection and replies with these bytes.
 class OddService {
  public:
   OddService(const std::string& directory, const std::string& answer) {
@@ -95,14 +95,14 @@ class OddService {
   std::thread thread_;
 };
 
-TEST_F(Failures, SayThatTheConnectionEndedBeforeItsAnswer) {
+TEST_F(Failures, SayThatTheConnectionEndedBeforeItsReply) {
   const std::string directory = otherDirectory("silent");
   const OddService silent(directory, "");
   EXPECT_THAT(run({"list"}, {{{"RAVEL_SOCKET_DIR", directory}}}),
               Ends(5, "", HasSubstr("the connection to dockhand ended before its reply")));
 }
 
-TEST_F(Failures, SayThatAnAnswerMakesNoSense) {
+TEST_F(Failures, SayThatAReplyMakesNoSense) {
   const std::string directory = otherDirectory("rubbish");
   const OddService rubbish(directory, "\x80\x02 this is another version of the protocol, or none at all");
   EXPECT_THAT(run({"list"}, {{{"RAVEL_SOCKET_DIR", directory}}}), Ends(5, "", StartsWith("dockhandctl: ")));
@@ -115,7 +115,7 @@ TEST_F(Failures, SayThatTheOutputCannotBeWritten) {
   EXPECT_THAT(run({"list"}, toFullDisk), Ends(9, "", HasSubstr("standard output cannot be written")));
 }
 
-TEST_F(Failures, OfUsageAreExplained) {
+TEST_F(Failures, InUsageAreExplained) {
   for (const Arguments& arguments :
        {Arguments{}, Arguments{"eject", "1"}, Arguments{"label"}, Arguments{"label", "x"},
         Arguments{"label", "32768"}, Arguments{"label", "1", "2"}, Arguments{"list", "--what"},
@@ -124,7 +124,7 @@ TEST_F(Failures, OfUsageAreExplained) {
   }
 }
 
-TEST_F(Failures, DoNotComeFromATimeoutBehindTheCommand) {
+TEST_F(Failures, DoNotComeFromATimeoutAfterTheCommand) {
   EXPECT_THAT(run({"list", "--timeout", "20"}), Ends(0, "", ""));
 }
 

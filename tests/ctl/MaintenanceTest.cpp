@@ -30,7 +30,7 @@ class Maintenance : public CtlTest {
     EXPECT_EQ(commands.size(), yes ? 1U : 0U);
   }
 
-  /// A disk that can be repaired.
+  /// Plugs in a disk that can be repaired.
   static void plugInRecordingDisk() {
     plugInStick();
     platform().disks["/dev/usb_storage_sda1"].values["TYPE"] = "xfs";
@@ -47,7 +47,7 @@ TEST_F(Maintenance, PrepareRefusesWithoutATerminal) {
   expectPrepared(false);
 }
 
-TEST_F(Maintenance, PrepareGoesOnWithoutAskingWhenToldSo) {
+TEST_F(Maintenance, PrepareDoesNotAskWithTheOptionYes) {
   plugInStick();
   EXPECT_THAT(run({"prepare", "1", "--yes"}), Ends(0, "device 1 is a recording disk now\n", ""));
   expectPrepared(true);
@@ -70,7 +70,7 @@ TEST_F(Maintenance, PrepareShowsTheDiskAndAsksOnATerminal) {
   expectPrepared(true);
 }
 
-TEST_F(Maintenance, PrepareTakesNoOtherAnswerForAYes) {
+TEST_F(Maintenance, PrepareAcceptsOnlyAYes) {
   plugInStick();
   for (const std::string answer : {"no\n", "y\n", "YES\n", "\n", "\x04"}) {
     Program program({"prepare", "1"}, onTerminal);
@@ -81,7 +81,7 @@ TEST_F(Maintenance, PrepareTakesNoOtherAnswerForAYes) {
   expectPrepared(false);
 }
 
-TEST_F(Maintenance, PrepareLeavesADiskAloneThatTookThePlaceOfTheOneShown) {
+TEST_F(Maintenance, PrepareLeavesADiskAloneThatReplacedTheOneShown) {
   plugInStick();
   Program program({"prepare", "1"}, onTerminal);
   program.readUntil("Type yes to go on: ");
@@ -123,7 +123,7 @@ TEST_F(Maintenance, RepairRepairs) {
   EXPECT_THAT(journal().calls(), Contains(HasSubstr("system xfs_repair /dev/usb_storage_sda1")));
 }
 
-TEST_F(Maintenance, RepairTellsWhyNot) {
+TEST_F(Maintenance, RepairReportsWhyItFails) {
   EXPECT_THAT(run({"repair", "1"}), Ends(3, "", HasSubstr("device 1: no such device")));
   plugInStick();
   EXPECT_THAT(run({"repair", "1"}),
@@ -135,7 +135,7 @@ TEST_F(Maintenance, RepairTellsWhyNot) {
 
 TEST_F(Maintenance, RepairWaitsLongerThanTheTimeoutOfOtherCalls) {
   plugInRecordingDisk();
-  // The connection is served by the time of the slow call, which only then gets its end.
+  // The connection is being served during the slow call, and ends after it.
   bool slow = true;
   platform().systemStatus = [&slow](const std::string& command) {
     if (slow && command.rfind("xfs_repair ", 0) == 0) {

@@ -80,7 +80,7 @@ void exchangeAMessage() {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   auto* const name = reinterpret_cast<sockaddr*>(&address);
-  socklen_t size = sizeof(sa_family_t);  // the kernel chooses a name
+  socklen_t size = sizeof(sa_family_t);  // Lets the kernel choose a name.
   bool exchanged = bind(socket.get(), name, size) == 0;
   size = sizeof(address);
   exchanged =
@@ -95,10 +95,10 @@ void exchangeAMessage() {
 
 Program::Program(const Arguments& arguments, const RunOptions& options) {
   exchangeAMessage();
-  // Between fork and exec of a process with threads nothing may be allocated, so all is ready before.
+  // A process with threads must not allocate between fork and exec, so prepare all here.
   const FileDescriptor program(open(DOCKHANDCTL_PROGRAM, O_RDONLY | O_CLOEXEC));
   const std::vector<std::string> emulator = emulatorWords();
-  // The descriptor, as nobody may not be able to follow the path.
+  // Use the descriptor: the other user may be unable to follow the path.
   const FileDescriptor started(emulator.empty() ? fcntl(program.get(), F_DUPFD_CLOEXEC, 0)
                                                 : open(emulator[0].c_str(), O_RDONLY | O_CLOEXEC));
   std::vector<std::string> words = emulator;

@@ -14,10 +14,10 @@ namespace ctltest {
 
 using Arguments = std::vector<std::string>;
 
-/// How a run of dockhandctl ended.
+/// The outcome of a run of dockhandctl.
 struct Outcome {
-  int exitCode = -1;  ///< 128 and more: ended by a signal.
-  std::string out;    ///< All of standard output, and on a terminal standard error as well.
+  int exitCode = -1;  ///< 128 and more: a signal ended it.
+  std::string out;    ///< Standard output; on a terminal also standard error.
   std::string err;
 };
 
@@ -26,22 +26,22 @@ inline void PrintTo(const Outcome& outcome, std::ostream* out) {
        << '"';
 }
 
-/// What a run differs in from the usual one.
+/// How a run differs from the default.
 struct RunOptions {
   std::map<std::string, std::string> environment;
   /// Standard input.
   std::string inputFile = "/dev/null";
-  /// Standard output; empty: it is kept for the outcome.
+  /// The file for standard output. Empty: it goes into the outcome.
   std::string outputFile{};
-  /// On a terminal of its own, with all three streams.
+  /// All three streams are its own terminal.
   bool terminal = false;
-  /// That terminal was stopped (Ctrl-S), so that the program waits at the first text that it prints.
+  /// The terminal is stopped (Ctrl-S), so that the program waits at its first output.
   bool stopped = false;
-  /// As user and group 65534, which takes root.
+  /// Runs as user and group 65534; needs root.
   bool asNobody = false;
 };
 
-/// A running dockhandctl. Killed with this object unless it was waited for.
+/// A running dockhandctl. The destructor kills it unless wait() was called.
 class Program {
  public:
   explicit Program(const Arguments& arguments, const RunOptions& options = {});
@@ -49,17 +49,17 @@ class Program {
   Program& operator=(const Program&) = delete;
   ~Program();
 
-  /// Reads standard output, or standard error, until this text has appeared, and returns what was read so
-  /// far. Throws std::runtime_error when the stream ends before.
+  /// Reads standard output or standard error until this text appears; returns all that was read. Throws
+  /// std::runtime_error if the stream ends first.
   std::string readUntil(const std::string& text);
   std::string readErrorUntil(const std::string& text);
-  /// Types on its terminal.
+  /// Types on the program's terminal.
   void type(const std::string& text);
   void send(int signal) const;
   pid_t pid() const { return pid_; }
   /// Closes our end of its standard output.
   void stopReading() { out_.reset(); }
-  /// Reads to the end of the streams and waits for the program's end.
+  /// Reads the streams to their end and waits for the program's end.
   Outcome wait();
 
  private:
@@ -69,12 +69,11 @@ class Program {
   Outcome outcome_;
 };
 
-/// Puts what this thread did to the fake system in order with what the service's threads did, also for
-/// ThreadSanitizer: it takes whatever goes over sockets for an order, but cannot see what goes through
-/// another process. Program does it by itself.
+/// Orders this thread's accesses to the fake system with those of the service's threads, for ThreadSanitizer
+/// too: it sees the order of data over sockets, but not over another process. Program calls it.
 void exchangeAMessage();
 
-/// Runs dockhandctl to its end.
+/// Runs dockhandctl and waits for its end.
 Outcome run(const Arguments& arguments, const RunOptions& options = {});
 
 }  // namespace ctltest

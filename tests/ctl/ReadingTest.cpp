@@ -1,4 +1,4 @@
-// The commands that read.
+// The commands that change nothing.
 
 #include <filesystem>
 #include <fstream>
@@ -74,7 +74,7 @@ TEST_F(Reading, ShowsAllDevicesInJson) {
                                                 {"hidden", false}}}));
 }
 
-TEST_F(Reading, ShowsAllAboutADevice) {
+TEST_F(Reading, ShowsADevice) {
   plugInStick();
   run({"open", "1"});
   EXPECT_THAT(run({"info", "1"}), Ends(0,
@@ -96,7 +96,7 @@ TEST_F(Reading, ShowsAllAboutADevice) {
   EXPECT_EQ(info.at("mountedAt"), json({"/media/disk_1"}));
 }
 
-TEST_F(Reading, SaysWhereTheMountTableSaysSomethingElse) {
+TEST_F(Reading, SaysWhereTheMountTableDiffers) {
   plugInStick();
   world().addNode("sda1", "/dev/null", "ext4");
   setMountError(EINVAL);
@@ -153,7 +153,7 @@ TEST_F(Reading, PrintsOneValueInJson) {
   EXPECT_EQ(readJson({"is-open", "1"}), json({{"device", 1}, {"open", true}}));
 }
 
-TEST_F(Reading, AnswersNoWithAReasonWhereThereIsNoValue) {
+TEST_F(Reading, EndsWithAReasonWhereThereIsNoValue) {
   platform().deviceNodes = {"usb_storage_sda"};
   platform().systemStatus = [](const std::string&) { return 256; };
   EXPECT_THAT(run({"uuid", "1"}), Ends(1, "", StartsWith("dockhandctl: device 1: no UUID")));
@@ -166,7 +166,7 @@ TEST_F(Reading, AnswersNoWithAReasonWhereThereIsNoValue) {
   EXPECT_EQ(readJson({"is-open", "1"}, 1), json({{"device", 1}, {"open", false}}));
 }
 
-TEST_F(Reading, TellsWhereAFailedOpeningWasTried) {
+TEST_F(Reading, ShowsWhereAFailedOpeningWasTried) {
   plugInStick();
   setMountError(ENODEV);
   run({"open", "1"});
@@ -198,7 +198,7 @@ TEST_F(Reading, WarnsWhenTheDaemonMayNotHaveReadADirectoryToItsEnd) {
   }
   run({"open", "1", "--at", stick});
   platform().directories[stick + "/music"] = {"a.mp3"};
-  // "." and ".." count: 5 entries with 14 bytes.
+  // "." and ".." count: 5 entries, 14 bytes.
   for (const auto& [bounds, mayBeCut] : std::vector<std::pair<dockhandctl::DirectoryBounds, bool>>{
            {{4, 1000}, true}, {{5, 1000}, false}, {{1000, 13}, true}, {{1000, 14}, false}, {{}, false}}) {
     dockhandctl::Settings settings;
@@ -217,7 +217,7 @@ TEST_F(Reading, WarnsWhenTheDaemonMayNotHaveReadADirectoryToItsEnd) {
   }
 }
 
-TEST_F(Reading, KnowsHowMuchTheDaemonReadsOfADirectory) {
+TEST_F(Reading, HasTheDaemonsLimitForADirectory) {
   EXPECT_EQ(dockhandctl::DirectoryBounds().entries, Dockhand::DirectoryLimits().entries);
   EXPECT_EQ(dockhandctl::DirectoryBounds().nameBytes, Dockhand::DirectoryLimits().nameBytes);
 }
@@ -234,7 +234,7 @@ TEST_F(Reading, FindsADeviceThatWasPluggedInAfterTheLastScan) {
   EXPECT_THAT(run({"label", "1"}), Ends(0, "HOLIDAY\n", ""));
 }
 
-TEST_F(Reading, NamesTheDevicesThatThereAreWhenOneIsUnknown) {
+TEST_F(Reading, NamesTheKnownDevicesWhenOneIsUnknown) {
   EXPECT_THAT(run({"label", "5"}), Ends(3, "", "dockhandctl: device 5: no such device; there is none\n"));
   platform().deviceNodes = {"usb_storage_sda1"};
   EXPECT_THAT(run({"label", "5"}), Ends(3, "", "dockhandctl: device 5: no such device; there is 1\n"));
@@ -248,7 +248,7 @@ TEST_F(Reading, NamesTheDevicesThatThereAreWhenOneIsUnknown) {
   EXPECT_THAT(run({"label", "-1"}), Ends(3, "", HasSubstr("device -1: no such device")));
 }
 
-TEST_F(Reading, EscapesWhatALabelMayDoToATerminal) {
+TEST_F(Reading, EscapesControlCharactersOfALabel) {
   plugInStick("\x1B[2J\xC2\x9B\\ \xE2\x80\xAE\xFFx\n");
   const std::string shown = R"(\x1B[2J\xC2\x9B\\ \xE2\x80\xAE\xFFx\x0A)";
   EXPECT_THAT(run({"label", "1"}), Ends(0, shown + "\n", ""));

@@ -16,7 +16,7 @@ class Text : public ::testing::Test {
   Text() { dockhandctl::useUtf8(); }
 };
 
-TEST_F(Text, StaysAsItIsWhereItIsPrintable) {
+TEST_F(Text, StaysUnchangedWhereItIsPrintable) {
   EXPECT_EQ(printable(""), "");
   EXPECT_EQ(printable("M\u00FCll 100% \u5199\u771F"), "M\u00FCll 100% \u5199\u771F");
 }
@@ -40,7 +40,7 @@ TEST_F(Text, HasItsBackslashesDoubled) {
   EXPECT_EQ(printable(R"(\x1B)"), R"(\\x1B)");
 }
 
-TEST_F(Text, IsAsWideAsATerminalShowsIt) {
+TEST_F(Text, HasTheWidthThatATerminalShows) {
   EXPECT_EQ(columns("abc"), 3);
   EXPECT_EQ(columns("M\u00FCll"), 4);
   EXPECT_EQ(columns("\u5199\u771F"), 4);

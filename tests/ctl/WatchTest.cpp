@@ -1,4 +1,4 @@
-// Events as they come.
+// The command watch.
 
 #include <sys/stat.h>
 #include <thrift/TApplicationException.h>
@@ -23,7 +23,7 @@ class Watching : public CtlTest {
  protected:
   Watching() { plugInStick(); }
   ~Watching() override {
-    // The service keeps its connection to the watch that is gone, and the first call through it fails.
+    // The service keeps its connection to the ended watch; the first call over it fails.
     Connection connection;
     connection->RegisterUsbAddedCallBack(7, 0);
     EXPECT_THROW(connection->NotifyUsbXriteAdded(), apache::thrift::TApplicationException);
@@ -62,7 +62,7 @@ TEST_F(Watching, PrintsEventsInJson) {
   EXPECT_EQ(watch.wait().exitCode, 0);
 }
 
-TEST_F(Watching, SeesXriteDevicesUnderTheirNumber) {
+TEST_F(Watching, ShowsXriteDevicesUnderTheirNumber) {
   Program watch({"watch", "--xrite"});
   watch.readErrorUntil("Watching as observer 7;");
   Connection connection;
@@ -75,7 +75,7 @@ TEST_F(Watching, SeesXriteDevicesUnderTheirNumber) {
   EXPECT_THAT(run({"watch", "--xrite", "--observer-id", "3"}), Ends(2, "", HasSubstr("--xrite")));
 }
 
-TEST_F(Watching, DeregistersAndGivesTheSocketBackAtItsEnd) {
+TEST_F(Watching, DeregistersAndFreesTheSocketAtItsEnd) {
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
     Program watch({"watch"});
     watch.readErrorUntil("Watching");
@@ -97,7 +97,7 @@ TEST_F(Watching, DeregistersWhenItsReaderHasGone) {
   try {
     connection->NotifyUsbAdded("sda1");
   } catch (const apache::thrift::TApplicationException&) {
-    // It may be gone before its answer.
+    // The program may end before its reply.
   }
   EXPECT_THAT(watch.wait(), Ends(9, "", HasSubstr("standard output cannot be written")));
   EXPECT_THAT(journal().logs(), Contains(HasSubstr("Deregister USB ADDED callback for observerId 100 ")));

@@ -1,5 +1,5 @@
-// The programs that stand before the real tools in the daemon's PATH. The "real" tools behind them are
-// stand-ins that write down what they get, but for those that make partitions on images.
+// The programs that come before the real tools in the daemon's PATH. The "real" tools here are fakes that
+// write down their arguments, except those that make partitions on images.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -56,7 +56,7 @@ class ImageTools : public ::testing::Test {
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
   }
 
-  /// Runs a tool by its name, the image's folder first in the PATH. Its exit status.
+  /// Runs a tool by its name, with the image's folder first in the PATH; returns its exit status.
   int run(std::vector<std::string> command, const std::string& input = "", const std::string& path = "") {
     write(directory / "given", input);
     const pid_t child = fork();
@@ -101,12 +101,12 @@ class ImageTools : public ::testing::Test {
 
 using ReadUsbVersion = ImageTools;
 
-/// Tests of programs that are built.
+/// Tests of compiled programs.
 class Wrappers : public ImageTools {
  protected:
   void SetUp() override {
     if (isEmulated()) {
-      GTEST_SKIP() << "no wrapper can be started by its name here";
+      GTEST_SKIP() << "a wrapper for another processor cannot be started by its name";
     }
   }
 };
@@ -119,7 +119,7 @@ const std::vector<std::string> oddArguments = {"",     " ",          "a b",  "*"
                                                "`id`", "\"quoted\"", "it's", "back\\slash", "line\nbreak",
                                                "-l",   "\xC3\xA9",   "\xFF"};
 
-TEST_F(Wrappers, PassOtherCallsOnUnchangedAndAnswerAsTheRealToolDoes) {
+TEST_F(Wrappers, PassOtherCallsOnUnchangedAndReturnTheRealToolsStatus) {
   setenv("REAL_STATUS", "3", 1);
   for (const std::string& wrapper : wrappers) {
     std::vector<std::string> command = {wrapper, "-l"};
@@ -133,7 +133,7 @@ TEST_F(Wrappers, PassOtherCallsOnUnchangedAndAnswerAsTheRealToolDoes) {
   unsetenv("REAL_STATUS");
 }
 
-TEST_F(Wrappers, PassCallsOnThatAreNearlyTheDaemonsOwn) {
+TEST_F(Wrappers, PassCallsOnThatAlmostMatchTheDaemons) {
   const std::vector<std::vector<std::string>> calls = {
       {"dd", "if=/dev/zero", "of=/tmp/disk", "bs=512", "count=1"},
       {"dd", "if=/dev/zero", "of=/dev/usb_storage_sda", "bs=512", "count=2"},
@@ -152,14 +152,14 @@ TEST_F(Wrappers, PassCallsOnThatAreNearlyTheDaemonsOwn) {
   }
 }
 
-TEST_F(Wrappers, SaySoWhenThereIsNoRealTool) {
+TEST_F(Wrappers, ReportThatThereIsNoRealTool) {
   for (const std::string& wrapper : wrappers) {
     EXPECT_EQ(run({wrapper, "-l"}, "", std::string(IMAGE_TOOLS) + ":" + directory.string()), 127);
     EXPECT_THAT(complaint(), HasSubstr(wrapper + ": not found in "));
   }
 }
 
-TEST_F(Wrappers, FindTheRealToolHoweverTheyAreReached) {
+TEST_F(Wrappers, FindTheRealToolByAnyPathToThemselves) {
   const std::string own = IMAGE_TOOLS;
   const std::string real = (directory / "real").string();
   const std::string links = (directory / "links").string();
@@ -187,7 +187,7 @@ TEST_F(Wrappers, FindTheRealToolHoweverTheyAreReached) {
 
 const std::string daemonsAnswers = "n\np\n1\n\n\nw\n";
 
-/// The first sector of a disk with a DOS table.
+/// Returns the first sector of a disk with a DOS table.
 std::string dosTable(const std::vector<std::uint32_t>& sectorsOfPartitions) {
   std::string table(512, '\0');
   for (std::size_t i = 0; i < sectorsOfPartitions.size(); ++i) {
@@ -206,7 +206,7 @@ class Partitioning : public Wrappers {
     fs::resize_file(directory / name, bytes);
     return directory / name;
   }
-  /// Answers fdisk as the daemon does, by the real tools.
+  /// Answers fdisk as the daemon does, with the real tools.
   int partition(const std::string& disk, const std::string& tools = "/usr/sbin:/sbin") {
     return run({"fdisk", disk}, daemonsAnswers, std::string(IMAGE_TOOLS) + ":" + tools);
   }
@@ -218,7 +218,7 @@ class Partitioning : public Wrappers {
   static constexpr std::uintmax_t tib = std::uintmax_t{1} << 40;
 };
 
-TEST_F(Partitioning, GetsTheDaemonsAnswersWhateverTheEchoOfTheShell) {
+TEST_F(Partitioning, GetsTheDaemonsAnswersFromAnyShellsEcho) {
   write(directory / "table", dosTable({(16 * mib) / 512 - 2048}));
   const std::string disk = makeDisk(16 * mib, "some disk");
   EXPECT_EQ(run({"sh", "-c", "echo -e 'n\\np\\n1\\n\\n\\nw' | fdisk \"$0\"", disk}), 0) << complaint();
@@ -228,7 +228,7 @@ TEST_F(Partitioning, GetsTheDaemonsAnswersWhateverTheEchoOfTheShell) {
   EXPECT_EQ(received(), daemonsAnswers);
 }
 
-TEST_F(Partitioning, FailsWithoutOnePartitionOverTheWholeDisk) {
+TEST_F(Partitioning, FailsUnlessOnePartitionCoversTheDisk) {
   const std::string disk = makeDisk(16 * mib);
   constexpr std::uint32_t whole = 32768 - 2048;
   std::string unsigned_ = dosTable({whole});
@@ -253,7 +253,7 @@ TEST_F(Partitioning, NeedsNoOtherProgramThanTheRealOne) {
   EXPECT_THAT(tableOf(disk), HasSubstr(": start=        2048, size=       30720, type=83\n"));
 }
 
-TEST_F(Partitioning, GivesADiskThatADosTableCannotNameAGpt) {
+TEST_F(Partitioning, GivesADiskThatIsTooLargeForADosTableAGpt) {
   const std::string largest = makeDisk(2 * tib);
   EXPECT_EQ(partition(largest), 0) << complaint();
   EXPECT_THAT(tableOf(largest), HasSubstr("label: dos"));
@@ -262,7 +262,7 @@ TEST_F(Partitioning, GivesADiskThatADosTableCannotNameAGpt) {
     EXPECT_EQ(partition(disk), 0) << complaint();
     const std::string table = tableOf(disk);
     EXPECT_THAT(table, HasSubstr("label: gpt"));
-    // Up to the last MiB of the disk, which the second table takes a part of.
+    // It ends before the last MiB of the disk, which holds the second table.
     EXPECT_THAT(table, HasSubstr("start=        2048, size=  " + std::to_string((bytes / mib - 2) * 2048)));
     EXPECT_THAT(table, HasSubstr("type=0FC63DAF-8483-4772-8E79-3D69D8477DE4"));
     EXPECT_EQ(table.find("start="), table.rfind("start=")) << table;
@@ -297,7 +297,7 @@ TEST_F(Fdisk, PassesTheDiskOnWhateverItsName) {
   }
 }
 
-TEST_F(Logger, EscapesWhatDrivesATerminal) {
+TEST_F(Logger, EscapesControlCharacters) {
   const std::vector<std::pair<std::string, std::string>> texts = {
       {"two\n\tlines \\ \xC3\x89\n", "two\n\tlines \\ \xC3\x89\n"},
       {"no end of the line", "no end of the line"},
@@ -332,12 +332,12 @@ TEST_F(Logger, DoesNotWaitForASyslogThatNobodyReads) {
   }
 }
 
-TEST_F(Logger, AnswersWithTheStatusOfTheRealTool) {
+TEST_F(Logger, EndsWithTheStatusOfTheRealTool) {
   makeTool("real/logger", "exit 3\n");
   EXPECT_EQ(run({"logger", "-s", "-t", "Dockhand"}, "a line\n"), 3);
 }
 
-TEST_F(MkfsXfs, DropsTheOptionThatTodaysToolRefuses) {
+TEST_F(MkfsXfs, DropsTheOptionThatCurrentToolsRefuse) {
   EXPECT_EQ(run({"mkfs.xfs", "-f", "-l", "lazy-count=0", "-L", "MY DISK", "/dev/usb_storage_sda1"}), 0);
   EXPECT_THAT(arguments(), ElementsAre("-f", "-L", "MY DISK", "/dev/usb_storage_sda1"));
 }
@@ -365,7 +365,7 @@ TEST_F(MkfsXfs, PassesOtherArgumentsOnUnchanged) {
   }
 }
 
-/// A sysfs in which the disk `name` hangs below a USB device, as the kernel arranges it.
+/// Makes a sysfs with the disk `name` below a USB device, as the kernel arranges it.
 void makeSysfs(const fs::path& sysfs, const std::string& name, const std::string& version) {
   const fs::path usbDevice = sysfs / "devices/pci0000:00/usb1/1-2";
   const fs::path disk = usbDevice / "1-2:1.0/host2/target2:0:0/2:0:0:0";
@@ -386,7 +386,7 @@ TEST_F(ReadUsbVersion, PrintsTheVersionWithoutItsLeadingBlank) {
   EXPECT_EQ(complaint(), "");
 }
 
-TEST_F(ReadUsbVersion, DoesNotAnswerWithTheVersionOfTheHub) {
+TEST_F(ReadUsbVersion, DoesNotPrintTheVersionOfTheHub) {
   makeSysfs(directory / "sys", "sdb", "");
   const fs::path hub = directory / "sys/devices/pci0000:00/usb1";
   write(hub / "idVendor", "1d6b\n");
@@ -418,7 +418,7 @@ TEST_F(ReadUsbVersion, FailsForADiskThatIsNotOnUsb) {
   EXPECT_THAT(complaint(), HasSubstr("not a USB device"));
 }
 
-TEST_F(ReadUsbVersion, SaysHowItIsUsed) {
+TEST_F(ReadUsbVersion, PrintsItsUsage) {
   EXPECT_EQ(run({"readUsbVersion.sh"}), 2);
   EXPECT_EQ(run({"readUsbVersion.sh", ""}), 2);
   EXPECT_EQ(run({"readUsbVersion.sh", "sda", "sdb"}), 2);
