@@ -22,7 +22,7 @@ libc = ctypes.CDLL(None, use_errno=True)
 
 
 class UdevMonitor:
-    """Collects what udev announces after it has handled an event: nodes and links are in place by then."""
+    """Collects udev's announcements of handled events: by then nodes and links exist."""
 
     def __init__(self):
         self._events = []
@@ -41,7 +41,7 @@ class UdevMonitor:
             return self._events[first:]
 
     def wait(self, first, action, name, timeout):
-        """The properties of the first such event from position `first` on, or None after the timeout."""
+        """Returns the properties of the first such event from position `first` on; None after the timeout."""
         deadline = time.monotonic() + timeout
         with self._changed:
             position = first
@@ -74,7 +74,7 @@ class Agent:
         self.started = {}
 
     def run(self, argv, input="", timeout=60, env=None, cwd="/"):
-        """Runs a program to its end. A string instead of a list is run by the shell."""
+        """Runs a program to its end. The shell runs a string."""
         child = self._spawn(
             argv, env, cwd, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE
         )
@@ -94,7 +94,7 @@ class Agent:
         return child.pid
 
     def wait(self, pid, timeout=60):
-        """Exit status of a started program (negative: the signal that ended it), or None while it runs."""
+        """Returns the exit status of a started program: negative for a signal, None while it runs."""
         try:
             return self.started[pid].wait(timeout)
         except subprocess.TimeoutExpired:
@@ -114,7 +114,7 @@ class Agent:
             return base64.b64encode(file.read()).decode()
 
     def wait_lines(self, path, count, timeout):
-        """Whether a file has that many lines within `timeout` seconds."""
+        """Waits at most `timeout` seconds until a file has that many lines; returns whether it has."""
         deadline = time.monotonic() + timeout
         while True:
             if os.path.exists(path):
@@ -126,7 +126,7 @@ class Agent:
             time.sleep(0.02)
 
     def mount(self, source, target, filesystem, flags, options):
-        """0, or the errno of mount(2)."""
+        """Returns 0 or the errno of mount(2)."""
         os.makedirs(target, exist_ok=True)
         result = libc.mount(
             source.encode(), target.encode(), filesystem.encode(), ctypes.c_ulong(flags), options.encode()
@@ -134,7 +134,7 @@ class Agent:
         return ctypes.get_errno() if result != 0 else 0
 
     def umount(self, target, flags):
-        """0, or the errno of umount2(2)."""
+        """Returns 0 or the errno of umount2(2)."""
         return ctypes.get_errno() if libc.umount2(target.encode(), flags) != 0 else 0
 
     def event_count(self):
@@ -167,7 +167,7 @@ def _find_port():
 
 
 def serve():
-    # The port's module is loaded here, not in the first stage, which does not need it.
+    # The port's module is loaded here: the first stage does not need it.
     subprocess.run(["/sbin/modprobe", "virtio_console"], check=True)
     agent = Agent()
     with open(_find_port(), "r+b", buffering=0) as port:

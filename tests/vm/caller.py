@@ -1,6 +1,6 @@
 """Runs in the guest: calls one operation with one device number many times over one connection.
 
-    caller.py OPERATION DEVICE COUNT    prints how many different answers there were
+    caller.py OPERATION DEVICE COUNT    prints the number of different replies
 """
 
 import socket
@@ -30,7 +30,7 @@ def main():
         connection.connect(SOCKET)
         for _ in range(count):
             connection.sendall(message(operation, device))
-            # The daemon sends an answer as small as these in one piece.
+            # The daemon sends a reply this small in one piece.
             answer = connection.recv(65536)
             if struct.unpack(">I", answer[:4])[0] != VERSION | REPLY:
                 sys.exit(f"no reply: {answer!r}")

@@ -1,4 +1,4 @@
-"""A guest with the installed daemon: its log, its client, and the sticks that it is told of."""
+"""A guest with the installed daemon: its log, its client, and the announced sticks."""
 
 import json
 import signal
@@ -13,7 +13,7 @@ NO_SUCH_DEVICE = 3
 
 
 class DaemonTestCase(testcase.MachineTestCase):
-    """Sticks are plugged into a guest whose programs, rules and units are those of the installation."""
+    """A test with sticks in a guest that has the installed programs, rules and units."""
 
     installed = True
 
@@ -28,7 +28,7 @@ class DaemonTestCase(testcase.MachineTestCase):
         self.finish_announcements()
 
     def finish_announcements(self):
-        """Waits until the daemon, or nobody where there is none, has been told of every stick."""
+        """Waits until every stick is announced, to the daemon if it runs."""
         self.machine.settle()
         if self.init == "systemd":
             self.machine.check(
@@ -69,7 +69,7 @@ class DaemonTestCase(testcase.MachineTestCase):
         return result
 
     def ask(self, *arguments):
-        """The JSON that a command answers with."""
+        """Returns the JSON output of a command."""
         return json.loads(self.assert_ctl(0, *arguments, "--json").stdout)
 
     def devices(self):
@@ -81,14 +81,14 @@ class DaemonTestCase(testcase.MachineTestCase):
     def kernel_name(self, device):
         return self.ask("kernel-name", device)["kernelName"]
 
-    # Observing.
+    # Observers.
 
     def watch(self):
-        """Registers an observer, whose calls wait_observed() returns."""
+        """Registers an observer; wait_observed() returns its calls."""
         self.machine.check(["rm", "-f", EVENTS])
         self.watcher = self.machine.start(["dockhandctl", "watch", "--json"], log=EVENTS)
         self.addCleanup(self._end_watch)
-        # The first line says that it watches.
+        # The first line reports that it watches.
         self.machine.wait_lines(EVENTS, 1)
 
     def _end_watch(self):
@@ -96,38 +96,38 @@ class DaemonTestCase(testcase.MachineTestCase):
         self.machine.wait(self.watcher)
 
     def observed(self):
-        """[(event, device number), ...] so far."""
+        """Returns [(event, device number), ...] so far."""
         events = [json.loads(line) for line in self.machine.get(EVENTS).decode().splitlines()[1:]]
         return [(event["event"], event["device"]) for event in events]
 
     def wait_observed(self, *expected):
-        """Waits until the observer has been called that often, and no announcement is left."""
+        """Waits until the observer has that many calls, and no announcement is pending."""
         self.machine.wait_lines(EVENTS, 1 + len(expected), timeout=120)
         self.finish_announcements()
         self.assertEqual(self.observed(), list(expected))
 
     def start_writing(self, directory):
-        """Starts a program that writes to the disk there until it cannot; returns once it has begun."""
+        """Starts a program that writes to the disk at the directory until it fails; returns once it writes."""
         writing = "/run/writing"
         self.machine.check(["rm", "-f", writing])
         writer = self.machine.start(
             f"while dd if=/dev/zero of={directory}/growing bs=64k count=32 conv=fsync; do echo; done",
             log=writing,
         )
-        # Two rounds, each with three lines of dd's own.
+        # Two rounds of dd, each with three lines.
         self.machine.wait_lines(writing, 8)
         return writer
 
     # Mounts.
 
     def mounts(self, process="self"):
-        """[(device, directory, file system, options), ...] below /media."""
+        """Returns [(device, directory, file system, options), ...] below /media."""
         table = self.machine.get(f"/proc/{process}/mounts").decode().splitlines()
         fields = [tuple(line.split(" ")[:4]) for line in table]
         return [mount for mount in fields if mount[1].startswith("/media/")]
 
     def assert_mounted(self, directory, filesystem, *options):
-        """That exactly this is mounted there; returns its options."""
+        """Expects exactly this mount at the directory; returns its options."""
         found = [mount for mount in self.mounts() if mount[1] == directory]
         self.assertEqual([mount[2] for mount in found], [filesystem], self.mounts())
         given = found[0][3].split(",")

@@ -1,4 +1,4 @@
-"""Images of USB sticks, made by the usual tools of the host.
+"""Images of USB sticks, made by the host's standard tools.
 
     disks.py FOLDER FILESYSTEM LABEL    makes FOLDER/stick.img
 """
@@ -15,7 +15,7 @@ MIB = 1024 * 1024
 
 TOOL_PATH = os.environ.get("PATH", "") + ":/usr/sbin:/sbin:/usr/bin:/bin"
 
-# Where the first partition begins, and what is left behind it for the second partition table of GPT.
+# Start of the first partition, and the room after it for the second partition table of GPT.
 PARTITION_OFFSET = MIB
 PARTITION_TABLE_ROOM = 2 * MIB
 
@@ -29,14 +29,14 @@ PARTITION_TYPES = {
 
 
 def make(folder, filesystem, label="", name="stick.img"):
-    """An image without partitions; returns its path. `filesystem` may also be "garbage" or "empty"."""
+    """Makes an image without partitions; returns its path. `filesystem` may also be "garbage" or "empty"."""
     path = os.path.join(folder, name)
     MAKERS[filesystem](path, label)
     return path
 
 
 def make_partitioned(folder, filesystems, label="", table="dos", name="stick.img"):
-    """An image with one partition for each of the file systems, all with that label; returns its path."""
+    """Makes an image with a partition for each of the file systems, all with that label; returns its path."""
     path = os.path.join(folder, name)
     parts = []
     script = [f"label: {table}"]
@@ -77,20 +77,20 @@ def _vfat(path, label):
 
 
 def _fat32(path, label):
-    # Smaller than the format means it to be, and so with a remark, but sound.
+    # Smaller than the format allows: the tool warns, but the file system works.
     _truncate(path, 8 * MIB)
     _tool(["mkfs.vfat", "-F", "32", *(["-n", label] if label else []), path])
 
 
 def _xfs(path, label):
-    # mkfs.xfs makes no smaller one; the file is sparse.
+    # The minimum of mkfs.xfs. The file is sparse.
     _truncate(path, 300 * MIB)
     _tool(["mkfs.xfs", "-q", "-L", label, path])
 
 
 def _hfs(path, label):
     _truncate(path, 4 * MIB)
-    # hformat notes the volume in a file of the home folder.
+    # hformat writes a file in the home folder.
     _tool(["hformat", "-l", label or "Untitled", path], env={"HOME": os.path.dirname(path)})
     noted = os.path.join(os.path.dirname(path), ".hcwd")
     if os.path.exists(noted):

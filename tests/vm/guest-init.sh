@@ -1,8 +1,8 @@
 #!/bin/busybox sh
 # shellcheck shell=dash
-# The first program in the guest: puts a scratch layer over the host's file system, which it has read-only
-# over 9p, and goes on to the init that the kernel's command line names (VM_INIT: busybox or systemd).
-# The kernel hands VM_INIT, VM_CHECKOUT and VM_PROGRAMS over as environment variables.
+# The first program in the guest. It mounts the host's file system read-only over 9p, puts a scratch layer over it,
+# and starts the init of the kernel's command line (VM_INIT: busybox or systemd). The kernel passes VM_INIT,
+# VM_CHECKOUT and VM_PROGRAMS as environment variables.
 
 /bin/busybox --install -s /bin
 export PATH=/bin
@@ -28,7 +28,7 @@ mkdir /upper/files /upper/work
 mount -t overlay -o lowerdir=/kernel:/host,upperdir=/upper/files,workdir=/upper/work root /root ||
   stop "cannot put the scratch layer on top"
 
-# Few mounts with short options: the mount table is read by programs that look at its first 1024 bytes only.
+# Few mounts with short options: programs under test read only the first 1024 bytes of the mount table.
 mount -t proc proc /root/proc
 mount -t sysfs sys /root/sys
 mount --move /dev /root/dev
@@ -37,7 +37,7 @@ for name in run tmp media; do
 done
 chmod 1777 /root/tmp
 
-# The tests stay reachable where the fresh /tmp hides them.
+# Keep the tests reachable if they are below /tmp, which a new mount hides.
 case "$VM_CHECKOUT" in
   /tmp/*)
     mkdir -p "/root$VM_CHECKOUT"
@@ -45,7 +45,7 @@ case "$VM_CHECKOUT" in
     ;;
 esac
 
-# What the host has enabled or configured is not to run here.
+# Nothing that the host has enabled or configured may run here.
 rm -rf /root/etc/systemd/system /root/etc/udev/rules.d
 mkdir -p /root/etc/systemd/system /root/etc/udev/rules.d
 : > /root/etc/fstab
@@ -54,7 +54,7 @@ if [ -n "$VM_PROGRAMS" ]; then
   cp -R "/host$VM_PROGRAMS/." /root/ || stop "cannot install $VM_PROGRAMS"
 fi
 
-# The host may be a container, and its packages may start no services; this is none.
+# A host that is a container may forbid its packages to start services. Allow it here.
 rm -f /root/.dockerenv /root/usr/sbin/policy-rc.d
 
 if [ "$VM_INIT" = systemd ]; then
@@ -62,7 +62,7 @@ if [ "$VM_INIT" = systemd ]; then
   mkdir -p /root/etc/systemd/system/vm-agent.service.d
   printf '[Service]\nExecStart=/usr/bin/python3 %s/agent.py\n' "$folder" \
     > /root/etc/systemd/system/vm-agent.service.d/folder.conf
-  # Either slow under emulation or a line more in the mount table.
+  # These are slow under emulation, or add a line to the mount table.
   rm -rf /root/usr/lib/systemd/system-generators
   for unit in dev-hugepages.mount dev-mqueue.mount proc-sys-fs-binfmt_misc.automount \
     sys-fs-fuse-connections.mount sys-kernel-config.mount sys-kernel-debug.mount sys-kernel-tracing.mount \
@@ -74,7 +74,7 @@ if [ "$VM_INIT" = systemd ]; then
     systemd-update-utmp.service timers.target; do
     ln -s /dev/null "/root/etc/systemd/system/$unit"
   done
-  # An identifier of its own keeps systemd from treating this as a first boot.
+  # With an identifier systemd does not treat this as a first boot.
   echo 0123456789abcdef0123456789abcdef > /root/etc/machine-id
   exec switch_root /root /lib/systemd/systemd
 fi

@@ -26,7 +26,7 @@ BIG_KEYS = 1 << 1
 VARIABLE_INDEX_KEYS = 1 << 2
 CASE_FOLDING = 0xCF
 
-# Seconds since 1904, like all times of the format; any fixed moment will do.
+# Seconds since 1904, like all times of the format. Any fixed time works.
 CREATED = 3_786_825_600
 
 CATALOG_NODES = 32
@@ -43,7 +43,7 @@ def write_volume(path, megabytes, label, files=None, identifier=0x0123456789ABCD
     if total_blocks > BLOCK_SIZE * 8:
         raise ValueError("one bitmap block holds at most 128 MiB")
 
-    # Block 0 holds the volume header, the last one its copy.
+    # Block 0 holds the volume header, the last block its copy.
     allocation = (1, 1)
     extents = (2, EXTENTS_NODES)
     catalog = (extents[0] + extents[1], CATALOG_NODES)
@@ -103,7 +103,7 @@ def _catalog_records(label, files, placed):
         (ROOT_PARENT_ID, label, _folder(ROOT_FOLDER_ID, len(files))),
         (ROOT_FOLDER_ID, "", _thread(FOLDER_THREAD_RECORD, ROOT_PARENT_ID, label)),
     ]
-    # Names compare without regard to case.
+    # Names compare case-insensitively.
     for number, name in enumerate(sorted(files, key=str.lower)):
         identifier = FIRST_USER_ID + number
         first, blocks = placed[name]
@@ -151,7 +151,7 @@ def _fork(first, blocks, size):
 
 
 def _tree(records, nodes, max_key_length, attributes, key_compare):
-    """A B-tree file of one header node and, where there are records, one leaf."""
+    """Returns a B-tree file: a header node and, for any records, one leaf."""
     leaves = 1 if records else 0
     used = 1 + leaves
     # fmt: off

@@ -1,4 +1,4 @@
-"""The virtual machine's kernel: Debian's own, taken out of its package without installing it."""
+"""The virtual machine's kernel: Debian's, from its package, which is not installed."""
 
 import fcntl
 import lzma
@@ -10,13 +10,13 @@ import subprocess
 
 KERNEL_PACKAGE = "linux-image-amd64"
 
-# Most of the package is drivers that the virtual machine has no hardware for.
+# Drivers of hardware that the virtual machine does not have: most of the package.
 UNUSED_MODULES = (
     "drivers/gpu drivers/net drivers/media drivers/infiniband drivers/staging drivers/iio sound "
     "net/bluetooth net/wireless net/mac80211"
 ).split()
 
-# Everything up to the switch to the host's file system: the rest of the modules comes from there.
+# The modules needed before the switch to the host's file system, which has the others.
 EARLY_MODULES = ("virtio_pci", "9pnet_virtio", "9p", "overlay")
 
 
@@ -30,9 +30,9 @@ class Kernel:
 
 
 def ensure(folder, init_script):
-    """Returns the kernel in `folder`, which is fetched and unpacked the first time.
+    """Returns the kernel in `folder`. The first call downloads and unpacks it.
 
-    The package named by the environment's DOCKHAND_VM_KERNEL_DEB is used in place of a download.
+    The environment variable DOCKHAND_VM_KERNEL_DEB names a package to use instead of a download.
     """
     os.makedirs(folder, exist_ok=True)
     with open(os.path.join(folder, "lock"), "w", encoding="ascii") as lock:
@@ -94,7 +94,7 @@ def _unpack(package, folder):
     root = os.path.join(folder, "root")
     os.makedirs(os.path.join(root, "usr/lib"))
     os.rename(os.path.join(unpacked, "lib/modules"), os.path.join(root, "usr/lib/modules"))
-    # depmod expects lib/modules, the guest's /lib is a link to usr/lib.
+    # depmod expects lib/modules; in the guest /lib is a link to usr/lib.
     os.symlink("usr/lib", os.path.join(root, "lib"))
     release = os.listdir(os.path.join(root, "usr/lib/modules"))[0]
     subprocess.run(["depmod", "-b", root, release], check=True)
@@ -108,7 +108,7 @@ def _unpack(package, folder):
 
 
 def decompress(bz_image):
-    """The ELF kernel inside a bzImage. Decompressing it here spares the emulated processor four seconds."""
+    """Returns the ELF kernel inside a bzImage. Decompressing it here saves four seconds of emulation."""
     if bz_image[0x202:0x206] != b"HdrS":
         raise RuntimeError("not a bzImage")
     setup_sectors = bz_image[0x1F1] or 4
@@ -145,7 +145,7 @@ def _write_initramfs(kernel, init_script):
 
 
 def _with_dependencies(modules, names):
-    """Paths of the modules, each after those that it needs."""
+    """Returns the paths of the modules, each after those that it needs."""
     needs = {}
     with open(os.path.join(modules, "modules.dep"), encoding="ascii") as file:
         for line in file:
@@ -155,7 +155,7 @@ def _with_dependencies(modules, names):
     ordered = []
     for name in names:
         path = paths[name]
-        # modules.dep lists what is to be loaded first last.
+        # modules.dep lists the module to load first last.
         for needed in [*reversed(needs[path]), path]:
             if needed not in ordered:
                 ordered.append(needed)

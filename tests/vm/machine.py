@@ -1,4 +1,4 @@
-"""A QEMU machine under software emulation on the host's file system, and USB sticks to plug into it."""
+"""A QEMU machine with software emulation, over the host's file system, and its USB sticks."""
 
 import base64
 import ctypes
@@ -32,11 +32,11 @@ BUSES = {1: "uhci.0", 2: "ehci.0", 3: "xhci.0"}
 
 
 class MachineError(Exception):
-    """The machine does not boot, does not answer, or refuses what it was asked."""
+    """The machine does not boot, does not reply, or refuses a request."""
 
 
 class Result:
-    """What a program in the guest returned and wrote."""
+    """The exit status and output of a program in the guest."""
 
     def __init__(self, status, stdout, stderr):
         self.status = status
@@ -48,7 +48,7 @@ class Result:
 
 
 class _Lines:
-    """JSON objects, one a line, over one end of a socket pair whose other end QEMU has."""
+    """JSON objects, one a line, over a socket pair; QEMU has the other end."""
 
     def __init__(self):
         self._socket, self.peer = socket.socketpair()
@@ -87,11 +87,11 @@ class Stick:
 class Machine:
     """A running guest. `init` is "busybox" (with udev, without systemd) or "systemd".
 
-    Not for use by several threads. Leaves nothing behind but the console log, after keep_log().
+    Use it from one thread only. It leaves nothing but the console log, after keep_log().
     """
 
     def __init__(self, init="busybox", programs=""):
-        """`programs` is a folder of the host whose contents are copied over the guest's root."""
+        """The contents of `programs`, a folder of the host, are copied over the guest's root."""
         self._folder = tempfile.mkdtemp(prefix="dockhand-vm-")
         self.console_log = os.path.join(self._folder, "console.log")
         self.init = init
@@ -119,7 +119,7 @@ class Machine:
         self.close()
 
     def close(self):
-        """Ends the machine without shutting the guest down: nothing in it is worth keeping."""
+        """Ends the machine without shutting the guest down: nothing in it is needed any more."""
         self._process.kill()
         self._process.wait()
         self._agent.close()
@@ -128,7 +128,7 @@ class Machine:
             shutil.rmtree(self._folder)
 
     def keep_log(self):
-        """Keeps the console log, with the kernel's own at its end, beyond close(); returns its path."""
+        """Keeps the console log after close(), with the kernel's log at its end; returns its path."""
         if not self._keep_log:
             self._keep_log = True
             try:
@@ -149,18 +149,18 @@ class Machine:
         return Result(answer["status"], answer["stdout"], answer["stderr"])
 
     def check(self, argv, **options):
-        """run() of what must succeed; its standard output."""
+        """Like run(), but the program must succeed; returns its standard output."""
         result = self.run(argv, **options)
         if result.status != 0:
             raise MachineError(f"{argv}: {result}")
         return result.stdout
 
     def start(self, argv, log="/dev/null", env=None, cwd="/"):
-        """Starts a program in the background, its output appended to the guest's file `log`; its pid."""
+        """Starts a program in the background; returns its pid. Its output is appended to the guest's file `log`."""
         return self._ask("start", 0, argv=argv, log=log, env=env, cwd=cwd)
 
     def wait(self, pid, timeout=60):
-        """Exit status of a started program, negative for a signal."""
+        """Returns the exit status of a started program, negative for a signal."""
         status = self._ask("wait", timeout, pid=pid, timeout=timeout)
         if status is None:
             raise MachineError(f"process {pid} still ran after {timeout} s")
@@ -174,7 +174,7 @@ class Machine:
         self._ask("put", 0, path=path, content=base64.b64encode(content).decode(), mode=mode)
 
     def get(self, path):
-        """The bytes of a small file of the guest."""
+        """Returns the bytes of a small file of the guest."""
         return base64.b64decode(self._ask("get", 0, path=path))
 
     def wait_lines(self, path, count, timeout=60):
@@ -186,17 +186,17 @@ class Machine:
             )
 
     def mount(self, source, target, filesystem, flags=0, options=""):
-        """mount(2) at a directory, which is made; 0 or errno."""
+        """Makes a directory and calls mount(2) at it; returns 0 or errno."""
         return self._ask(
             "mount", 0, source=source, target=target, filesystem=filesystem, flags=flags, options=options
         )
 
     def umount(self, target, flags=0):
-        """umount2(2); 0 or errno."""
+        """Calls umount2(2); returns 0 or errno."""
         return self._ask("umount", 0, target=target, flags=flags)
 
     def add_udev_rules(self, folder):
-        """Puts the *.rules files of a folder of the host into effect."""
+        """Makes udev use the *.rules files of a folder of the host."""
         for name in sorted(os.listdir(folder)):
             if name.endswith(".rules"):
                 with open(os.path.join(folder, name), "rb") as file:
@@ -206,15 +206,15 @@ class Machine:
     # USB sticks.
 
     def plug(self, image, usb=3, behind_hub=0, read_only=False, removable=True, serial=None, fails=None):
-        """Plugs a stick with that image file in.
+        """Plugs in a stick with that image file.
 
         `usb` is the speed: 1 (full), 2 (high) or 3 (super). `behind_hub` is the hub's port, from 1 on. `fails` is
-        what the stick has an error for: "read", "write", or nothing.
+        the operation that fails with an error: "read", "write", or None.
         """
         first_event = self._ask("event_count", 0)
         identifier = f"stick{self._next_stick}"
         self._next_stick += 1
-        # Without locks: the tests look into an image while it is plugged.
+        # Without locks: the tests read an image while it is plugged in.
         file = {"driver": "file", "filename": image, "locking": "off"}
         if fails:
             file = {"driver": "blkdebug", "image": file, "inject-error": [{"event": "none", "iotype": fails}]}
@@ -231,7 +231,7 @@ class Machine:
         if serial:
             device["serial"] = serial
         if behind_hub:
-            # Behind the emulated hub, a full-speed one, a device is never faster than the hub.
+            # The emulated hub is a full-speed one, and no device behind it is faster.
             device.update(bus="uhci.0", port=f"1.{int(behind_hub)}")
         try:
             self.command("device_add", **device)
@@ -243,11 +243,11 @@ class Machine:
         return stick
 
     def plug_card_reader(self, usb=3):
-        """Plugs a reader without a card in: a disk of size 0, as long as no card is inserted."""
+        """Plugs in a reader without a card: a disk of size 0 until a card is inserted."""
         first_event = self._ask("event_count", 0)
         identifier = f"reader{self._next_stick}"
         self._next_stick += 1
-        # QEMU has no drive without a medium from the start.
+        # QEMU makes no drive without a medium.
         self.command("blockdev-add", **{"node-name": identifier, "driver": "null-co"})
         self.command("device_add", driver="usb-bot", id=identifier, bus=BUSES[usb])
         self.command(
@@ -294,7 +294,7 @@ class Machine:
         reader.node = None
 
     def unplug(self, stick):
-        """Pulls a stick out. Returns once QEMU has let go of it; wait_gone() waits for the guest."""
+        """Unplugs a stick. Returns once QEMU has released it; wait_gone() waits for the guest."""
         stick.first_event = self._ask("event_count", 0)
         self.command("device_del", id=stick.identifier)
         self._await_monitor_event("DEVICE_DELETED", stick.identifier)
@@ -306,11 +306,11 @@ class Machine:
         return list(self._sticks.values())
 
     def event_count(self):
-        """How many events udev has handled; a stick's `first_event` may be set to it."""
+        """Returns the number of events that udev has handled; a stick's `first_event` may be set to it."""
         return self._ask("event_count", 0)
 
     def wait_event(self, stick, action, name, timeout=60):
-        """Waits for an event that udev has handled since the last thing done to `stick`; its properties."""
+        """Waits for an event that udev handles after the last action on `stick`; returns its properties."""
         event = self._ask(
             "wait_event", timeout, first=stick.first_event, action=action, name=name, timeout=timeout
         )
@@ -320,36 +320,36 @@ class Machine:
         return event
 
     def wait_node(self, stick, name, timeout=60):
-        """Waits until a just plugged stick is there under a kernel name, with all events handled."""
+        """Waits until a plugged stick has that kernel name and all events are handled."""
         event = self.wait_event(stick, "add", name, timeout)
         self.settle()
         return event
 
     def wait_gone(self, stick, name, timeout=60):
-        """Waits until the kernel name of a just unplugged stick is gone, with all events handled."""
+        """Waits until the kernel name of an unplugged stick is gone and all events are handled."""
         self.wait_event(stick, "remove", name, timeout)
         self.settle()
 
     def wait_no_disks(self, timeout=60):
-        """Waits until the kernel and udev have taken every disk away."""
+        """Waits until the kernel and udev have removed every disk."""
         self.run(
             "until test -z \"$(ls /sys/block | grep '^sd')\"; do udevadm settle; done; udevadm settle",
             timeout=timeout,
         )
 
     def settle(self):
-        """Waits until udev has handled every event that the kernel has sent."""
+        """Waits until udev has handled all events of the kernel."""
         self.check(["udevadm", "settle"])
 
     def usb_attribute(self, name, attribute):
-        """An attribute of the USB device that the disk with that kernel name belongs to."""
+        """Returns an attribute of the USB device of the disk with that kernel name."""
         return self.check(
             "folder=$(readlink -f /sys/block/%s) && until [ -e $folder/bcdDevice ]; do "
             "folder=${folder%%/*}; done; cat $folder/%s" % (name, attribute)
         ).strip()
 
     def events_of(self, stick, subsystem="block"):
-        """[(action, kernel name), ...] since the last thing done to `stick`."""
+        """Returns [(action, kernel name), ...] since the last action on `stick`."""
         events = self._ask("events", 0, first=stick.first_event)
         return [
             (event["ACTION"], os.path.basename(event["DEVPATH"]))
@@ -398,7 +398,7 @@ class Machine:
             raise MachineError(f"guest, {operation} {arguments}: {answer['error']}")
         return answer["result"]
 
-    # Starting.
+    # The start.
 
     def _launch(self, image, programs):
         qemu = shutil.which("qemu-system-x86_64")

@@ -1,4 +1,4 @@
-"""A device-mapper device in the guest that stands as a stick, and fails as it is told."""
+"""A device-mapper device in the guest that acts as a stick and fails on demand."""
 
 
 class Mapped:
@@ -26,11 +26,11 @@ class Mapped:
         self.wake()
 
     def recover(self):
-        """Everything works from now on."""
+        """Makes all reads and writes succeed from now on."""
         self._become(self._sound(0, self.sectors))
 
     def fail(self, start=0, end=None):
-        """Every read and write of these sectors fails from now on; all of them, if none are given."""
+        """Makes every read and write of these sectors fail from now on; by default of all sectors."""
         end = self.sectors if end is None else end
         table = [self._sound(0, start)] if start > 0 else []
         table.append(f"{start} {end - start} error")
@@ -39,19 +39,19 @@ class Mapped:
         self._become(*table)
 
     def fail_writes(self):
-        """Every write fails from now on, and reads do not."""
+        """Makes every write fail from now on, and no read."""
         self._become(f"0 {self.sectors} flakey /dev/{self.disk} 0 0 100 1 error_writes")
 
     def fail_now_and_then(self):
-        """Works for a second, fails for a second, and so on."""
+        """Makes the disk work for a second, fail for a second, and so on."""
         self._become(f"0 {self.sectors} flakey /dev/{self.disk} 0 1 1")
 
     def hang(self):
-        """Reads and writes wait from now on."""
+        """Makes reads and writes hang from now on."""
         self.machine.check(["dmsetup", "suspend", "--nolockfs", "--noflush", self.name])
 
     def wake(self):
-        """What waits goes on."""
+        """Lets hanging reads and writes continue."""
         self.machine.check(["dmsetup", "resume", "--noudevsync", self.name])
 
     def remove(self):

@@ -1,4 +1,4 @@
-"""Sticks from plug to unplug: what the daemon makes of them, with the kernel's and udev's real events."""
+"""The daemon with sticks from plug to unplug, with the real events of the kernel and udev."""
 
 import signal
 
@@ -10,7 +10,7 @@ class Plugging(daemon.DaemonTestCase):
     def plug_new(self, name, **options):
         return self.machine.plug(disks.make_partitioned(self.folder, ["vfat"], "MUSIC", name=name), **options)
 
-    def test_a_stick_is_announced_opened_read_safely_removed_and_gone_and_comes_again(self):
+    def test_a_stick_is_announced_opened_read_safely_removed_unplugged_and_plugged_in_again(self):
         self.start_daemon()
         self.watch()
         image = disks.make_partitioned(self.folder, ["vfat"], "MUSIC")
@@ -35,7 +35,7 @@ class Plugging(daemon.DaemonTestCase):
         self.wait_observed(("added", 1), ("removed", 1))
         self.assert_ctl(daemon.NO_SUCH_DEVICE, "label", 1)
 
-        # Plugged in anew, it may be used again.
+        # Once plugged in again, it can be used.
         self.machine.plug(image)
         self.wait_observed(("added", 1), ("removed", 1), ("added", 1))
         self.assert_ctl(0, "open", 1)
@@ -84,7 +84,7 @@ class Plugging(daemon.DaemonTestCase):
         self.assertEqual(self.devices(), [1, 2])
 
     def assert_usable_after_a_pull(self, image, *events):
-        """That the pulled stick, which was device 1, has left nothing behind."""
+        """Expects that nothing is left of the unplugged stick, which was device 1."""
         self.wait_observed(*events, ("removed", 1))
         self.assertEqual(self.mounts(), [])
         self.assertEqual(self.devices(), [])
@@ -120,7 +120,7 @@ class Plugging(daemon.DaemonTestCase):
 
 
 class Starting(daemon.DaemonTestCase):
-    def test_a_stick_that_was_there_before_the_daemon_is_found_without_an_announcement(self):
+    def test_a_stick_plugged_in_before_the_daemons_start_is_found_without_an_announcement(self):
         stick = self.machine.plug(disks.make_partitioned(self.folder, ["ext3"], "EARLY"))
         self.machine.wait_node(stick, "sda1")
         self.finish_announcements()
@@ -128,13 +128,13 @@ class Starting(daemon.DaemonTestCase):
         self.assertEqual(self.devices(), [1])
         self.assert_ctl(0, "open", 1)
         self.assert_mounted("/media/disk_1", "ext3", "rw")
-        # Its unplug is announced like any other's.
+        # Its unplug is announced, as for any stick.
         self.watch()
         self.machine.unplug(stick)
         self.wait_observed(("removed", 1))
         self.assertEqual(self.mounts(), [])
 
-    def test_a_restarted_daemon_opens_anew_what_was_open_before(self):
+    def test_a_restarted_daemon_can_open_again_what_was_open(self):
         self.start_daemon()
         for name in ("first.img", "second.img"):
             stick = self.machine.plug(disks.make_partitioned(self.folder, ["vfat"], name=name))
@@ -166,7 +166,7 @@ class Starting(daemon.DaemonTestCase):
 
 
 class Properties(daemon.DaemonTestCase):
-    def test_type_usb_version_and_capacity_are_those_of_the_stick(self):
+    def test_type_usb_version_and_capacity_match_the_stick(self):
         self.start_daemon()
         self.watch()
         image = disks.make_partitioned(self.folder, ["vfat"], "MUSIC")
@@ -179,7 +179,7 @@ class Properties(daemon.DaemonTestCase):
                 info = self.ask("info", 1)
                 self.assertEqual(info["usbVersion"], version)
                 self.assertEqual(info["type"], "removable" if removable else "fixed")
-                # 8 MiB of file system, 1 before it and 2 behind it: the capacity is that of the whole disk.
+                # The capacity is that of the whole disk: 8 MiB of file system, 1 before it and 2 after it.
                 self.assertEqual(info["capacityMiB"], 11)
                 self.machine.unplug(stick)
                 events.append(("removed", 1))
@@ -191,7 +191,7 @@ class StartScript(daemon.DaemonTestCase):
 
     def setUp(self):
         super().setUp()
-        # The mode of the socket is for members of the group.
+        # The socket's mode admits members of the group.
         self.machine.check(["systemd-sysusers"])
 
     def script(self, action):
@@ -200,7 +200,7 @@ class StartScript(daemon.DaemonTestCase):
     def processes(self):
         return self.machine.run(["pidof", "dockhand"]).stdout.split()
 
-    def test_it_starts_and_stops_the_daemon_and_says_whether_it_runs(self):
+    def test_it_starts_and_stops_the_daemon_and_reports_whether_it_runs(self):
         self.addCleanup(self.script, "stop")
         self.assertEqual(self.script("status").status, 3)
         self.assertEqual(self.script("start").status, 0)
@@ -219,7 +219,7 @@ class StartScript(daemon.DaemonTestCase):
         self.assertEqual(self.script("status").status, 3)
         self.assert_ctl(4, "list")
 
-    def test_it_starts_the_daemon_again_when_that_dies(self):
+    def test_it_restarts_a_daemon_that_dies(self):
         self.addCleanup(self.script, "stop")
         self.assertEqual(self.script("start").status, 0)
         self.await_daemon()

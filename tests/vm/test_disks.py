@@ -1,4 +1,4 @@
-"""The sticks that the tests make, in a real kernel with a real udev."""
+"""The images of the tests in a real kernel with a real udev."""
 
 import errno
 import unittest
@@ -70,7 +70,7 @@ class FileSystems(testcase.MachineTestCase):
         self.plug("vfat")
         self.assertEqual(self.machine.mount("/dev/sda", "/media/stick", "ntfs"), errno.ENODEV)
 
-    def test_garbage_and_emptiness_are_not_recognised(self):
+    def test_garbage_and_empty_disks_are_not_recognised(self):
         for content in ("garbage", "empty"):
             with self.subTest(content):
                 stick = self.plug(content)
@@ -146,7 +146,7 @@ class Plugging(testcase.MachineTestCase):
                 self.machine.unplug(stick)
                 self.machine.wait_gone(stick, "sda")
 
-    def test_the_usb_version_and_speed_are_those_of_the_port(self):
+    def test_usb_version_and_speed_are_those_of_the_port(self):
         for usb, behind_hub, version, speed in (
             (1, False, "2.00", "12"),
             (1, True, "2.00", "12"),
@@ -158,7 +158,7 @@ class Plugging(testcase.MachineTestCase):
                 event = self.machine.wait_node(stick, "sda")
                 self.assertEqual(self.machine.usb_attribute("sda", "version"), version)
                 self.assertEqual(self.machine.usb_attribute("sda", "speed"), speed)
-                # A port behind the hub has a name of the form 4-1.1.
+                # A port behind the hub has a name like 4-1.1.
                 self.assertEqual("-1.1/" in event["DEVPATH"], behind_hub)
                 self.machine.unplug(stick)
                 self.machine.wait_gone(stick, "sda")
@@ -190,7 +190,7 @@ class Guest(testcase.MachineTestCase):
         result = self.machine.run("cat; echo wrong >&2; exit 3", input="right")
         self.assertEqual((result.status, result.stdout, result.stderr), (3, "right", "wrong\n"))
 
-    def test_a_started_program_runs_on_until_it_is_ended(self):
+    def test_a_started_program_runs_until_it_is_ended(self):
         pid = self.machine.start(["sleep", "1000"])
         self.machine.check(["kill", "-0", str(pid)])
         self.machine.kill(pid)

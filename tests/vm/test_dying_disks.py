@@ -1,5 +1,6 @@
-"""Disks that return errors, or nothing for a long time: the daemon says so, serves the others, and serves the disk
-again once it works. What was synced to it before is there."""
+"""Disks that return errors or hang: the daemon reports it, serves the other disks, and serves the disk again once it
+works. Data that was synced before is kept.
+"""
 
 import os
 
@@ -17,7 +18,7 @@ KEPT = b"kept\n" * 1000
 
 class DyingDisks(daemon.DaemonTestCase):
     def setUp(self):
-        """A sound disk, which is device 1, and one that dies, which is device 3; 2 is what is below it."""
+        """Device 1 is a healthy disk, device 3 a dying one; device 2 is the disk below device 3."""
         super().setUp()
         self.start_daemon()
         self.plug("sda", disks.make(self.folder, "ext3", "SOUND", "sound.img"))
@@ -29,7 +30,7 @@ class DyingDisks(daemon.DaemonTestCase):
         return stick
 
     def plug_dying(self, filesystem):
-        """Plugs it in and writes a file to it. Nothing of it stays in the kernel's caches."""
+        """Plugs the disk in and writes a file to it. The kernel's caches keep nothing of it."""
         self.plug("sdb", disks.make(self.folder, filesystem, "DYING", "dying.img"))
         self.disk = mapped.Mapped(self.machine, "sdb", "sdx")
         self.addCleanup(self.disk.remove)
@@ -40,11 +41,11 @@ class DyingDisks(daemon.DaemonTestCase):
         self.assert_ctl(0, "close", DYING)
 
     def call(self, operation, *arguments, timeout=60):
-        """Status of a single call."""
+        """Makes one call; returns its exit status."""
         return self.ctl("call", "--timeout", timeout, operation, *arguments).status
 
     def start_call(self, operation, *arguments):
-        """Makes a call in the background, which the daemon has begun when this returns; its process."""
+        """Starts a call in the background and waits until the daemon runs it; returns its process."""
         lines = self.daemon_log().count("\n")
         caller = self.machine.start(
             ["dockhandctl", "call", "--timeout", "300", operation, *map(str, arguments)]
@@ -90,7 +91,7 @@ class Errors(DyingDisks):
     def test_two_thousand_failing_probes_leave_no_descriptor_open(self):
         self.plug_dying("ext3")
         self.disk.fail()
-        # A probe that failed may be kept until the next one fails.
+        # The daemon may keep a failed probe until the next one fails.
         self.machine.check(["python3", CALLER, "GetDeviceLabel", str(DYING), "1"])
         before = self.descriptors()
         answers = self.machine.check(["python3", CALLER, "GetDeviceLabel", str(DYING), "2000"], timeout=300)
@@ -125,12 +126,12 @@ class Errors(DyingDisks):
         self.assertEqual(self.mounts(), [])
         self.assert_serves_the_sound_disk()
         self.disk.recover()
-        # The new file had a name before the disk failed.
+        # The new file got its name before the disk failed.
         self.assert_ctl(0, "open", DYING)
         self.assertEqual(self.machine.get("/media/disk_3/kept.txt"), KEPT)
         self.assert_ctl(0, "close", DYING)
 
-    def test_a_disk_that_fails_every_other_second_is_answered_for_and_keeps_what_was_synced(self):
+    def test_a_disk_that_fails_every_other_second_gets_replies_and_keeps_what_was_synced(self):
         self.plug_dying("ext3")
         self.disk.fail_now_and_then()
         opened = 0
@@ -159,13 +160,13 @@ class Errors(DyingDisks):
 
     def test_a_repair_of_a_disk_with_unreadable_parts_fails_and_loses_nothing(self):
         self.plug_dying("xfs")
-        # The first megabytes tell the type, the rest has the log and most allocation groups.
+        # The type is in the first megabytes, the log and most allocation groups after them.
         self.disk.fail(start=8 * disks.MIB // 512)
         self.assert_repaired_only_once_it_works()
 
 
 class Sticks(DyingDisks):
-    """The error comes from the stick itself, through the USB driver."""
+    """The stick itself reports the error, through the USB driver."""
 
     def pull(self, stick):
         self.machine.unplug(stick)
@@ -173,7 +174,7 @@ class Sticks(DyingDisks):
         self.finish_announcements()
         self.assertEqual(self.devices(), [SOUND])
 
-    def test_a_stick_with_errors_is_answered_for_and_keeps_what_was_synced(self):
+    def test_a_stick_with_errors_gets_replies_and_keeps_what_was_synced(self):
         image = disks.make(self.folder, "ext3", "DYING", "dying.img")
         stick = self.plug("sdb", image)
         self.assert_ctl(0, "open", 2)
@@ -204,7 +205,7 @@ class Sticks(DyingDisks):
 
 
 class Hanging(DyingDisks):
-    def test_while_a_disk_hangs_only_who_reads_it_waits(self):
+    def test_while_a_disk_hangs_only_its_readers_wait(self):
         self.plug_dying("ext3")
         self.disk.hang()
         for operation, *arguments in (
@@ -219,7 +220,7 @@ class Hanging(DyingDisks):
             self.assertIn(self.call(operation, *arguments), (0, 1), operation)
         self.assert_serves_the_sound_disk()
 
-    def test_a_probe_that_hangs_for_a_minute_keeps_every_other_call_waiting_and_all_are_answered_in_the_end(
+    def test_a_probe_that_hangs_for_a_minute_delays_every_other_call_and_all_get_replies(
         self,
     ):
         self.plug_dying("ext3")
@@ -234,18 +235,18 @@ class Hanging(DyingDisks):
         ):
             self.assertEqual(self.call(operation, *arguments, timeout=1), WAITS, operation)
         waiting = self.machine.start(["dockhandctl", "call", "--timeout", "300", "GetUsbMountPoint", "1"])
-        # Longer than the kernel gives a disk for one command.
+        # Longer than the kernel's time limit for a command to a disk.
         self.machine.check(["sleep", "60"], timeout=120)
         self.assertEqual(self.call("IsDeviceOpen", SOUND, timeout=1), WAITS)
         self.disk.wake()
         for caller in (probe, waiting):
             self.assertEqual(self.machine.wait(caller), 0)
-        # Also the opening whose client did not wait any longer was done.
+        # The opening was done too, though its client had given up.
         self.assertEqual(self.call("IsDeviceOpen", SOUND), 0)
         self.assert_ctl(0, "close", SOUND)
         self.assert_serves_the_dying_disk_again()
 
-    def test_a_close_that_hangs_keeps_others_waiting_and_loses_nothing(self):
+    def test_a_close_that_hangs_delays_others_and_loses_nothing(self):
         self.plug_dying("ext3")
         self.assert_ctl(0, "open", DYING)
         self.machine.put("/media/disk_3/unsynced", b"x" * 100000)
@@ -271,7 +272,7 @@ class Hanging(DyingDisks):
         self.assertEqual(self.mounts(), [])
         self.assert_serves_the_sound_disk()
 
-    def test_a_repair_that_hangs_keeps_only_its_own_disk_from_being_opened(self):
+    def test_during_a_repair_that_hangs_only_its_own_disk_cannot_be_opened(self):
         tool, began = "/usr/lib/dockhand/tools/xfs_repair", "/run/repair-began"
         self.addCleanup(self.machine.check, ["rm", "-f", tool, began])
         self.plug_dying("xfs")

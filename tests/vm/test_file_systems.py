@@ -1,4 +1,4 @@
-"""Each file system that a stick may have, with the kernel's own drivers: what opening makes of it."""
+"""Opening sticks with each file system, with the kernel's own drivers."""
 
 import errno
 
@@ -14,7 +14,7 @@ class FileSystems(daemon.DaemonTestCase):
         self.start_daemon()
 
     def plug(self, image, **options):
-        """Plugs a stick in, which becomes device 1."""
+        """Plugs in a stick, which becomes device 1."""
         stick = self.machine.plug(image, **options)
         self.machine.wait_event(stick, "change", "sda")
         self.finish_announcements()
@@ -26,7 +26,7 @@ class FileSystems(daemon.DaemonTestCase):
         self.finish_announcements()
 
     def bare_and_partitioned(self, filesystem, label=LABEL):
-        """Plugs a stick of each kind in, one after the other."""
+        """Plugs in a stick of each kind, one after the other."""
         for name, image in (
             ("sda", disks.make(self.folder, filesystem, label, "bare.img")),
             ("sda1", disks.make_partitioned(self.folder, [filesystem], label)),
@@ -50,7 +50,7 @@ class FileSystems(daemon.DaemonTestCase):
         self.assertEqual(self.names_of_files(1, name.rpartition(".")[2]), [name])
 
     def assert_opens_without_a_mount(self, what_it_is):
-        """The kernel finds no superblock in the last attempt, which counts as done; the client sees that it is not."""
+        """Expects that the last attempt finds no superblock, which counts as success, and that the client sees no mount."""
         result = self.assert_ctl(1, "open", 1)
         self.assertIn(
             f'counts as open, but nothing is mounted at "/media/disk_1": {what_it_is};', result.stderr

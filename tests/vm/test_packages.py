@@ -10,7 +10,7 @@ import testcase
 PACKAGES = os.path.join(testcase.PROGRAMS, "packages")
 NEWER = "9.0"
 DATABASE = "/tmp/dpkg"
-# Where the scripts of a package and its service leave something. What the packages bring along is looked for besides.
+# Places where a package's scripts and its service leave files. The packages' own files are checked as well.
 FOLDERS = (
     "/etc/systemd /etc/udev /media /run/dockhand /run/ravel /var/lib/systemd/deb-systemd-helper-enabled "
     "/var/lib/systemd/deb-systemd-helper-masked"
@@ -19,14 +19,14 @@ FOLDERS = (
 
 class Packages(daemon.DaemonTestCase):
     init = "systemd"
-    # The machine without our installation: the packages bring it.
+    # A machine without our installation: the packages install it.
     installed = False
 
     def setUp(self):
         super().setUp()
-        # What tests of the rules alone have put in the place of files of the packages.
+        # Tests of the rules put their own files in place of the packages'.
         self.machine.check(
-            "rm -rf /usr/bin/dockhandctl /usr/lib/dockhand /etc/systemd/system/dockhand* " "/run/udev/rules.d"
+            "rm -rf /usr/bin/dockhandctl /usr/lib/dockhand /etc/systemd/system/dockhand* /run/udev/rules.d"
         )
         self.make_database()
 
@@ -35,7 +35,7 @@ class Packages(daemon.DaemonTestCase):
         return package
 
     def make_database(self):
-        """One for dpkg that knows no more than what the packages depend on: here the host's takes minutes to read."""
+        """Makes a dpkg database of only the packages' dependencies: reading the host's takes minutes here."""
         needed = set()
         for name in ("dockhand", "dockhand-client"):
             fields = subprocess.run(
@@ -52,7 +52,7 @@ class Packages(daemon.DaemonTestCase):
         self.machine.put(f"{DATABASE}/status", status)
 
     def build(self, name, version=""):
-        """The package, also as a later version of itself, in the guest; its path there."""
+        """Copies the package, or a later version of it, to the guest; returns its path there."""
         package = os.path.join(self.folder, f"{name}.deb")
         original = self.original(name)
         if version:
@@ -96,7 +96,7 @@ class Packages(daemon.DaemonTestCase):
     def traces(self):
         return set(self.machine.run(f"find {FOLDERS}").stdout.splitlines())
 
-    def test_the_service_runs_once_installed_anew_after_an_upgrade_and_leaves_no_trace_when_purged(self):
+    def test_the_service_runs_when_installed_restarts_when_upgraded_and_leaves_no_trace_when_purged(self):
         before, groups = self.traces(), self.machine.get("/etc/group")
         self.dpkg("--install", self.build("dockhand"), self.build("dockhand-client"))
         self.await_daemon()

@@ -1,4 +1,4 @@
-"""Preparing and repairing recording disks, while the kernel and udev tell of every partition that changes."""
+"""Preparing and repairing recording disks while the kernel and udev report every change of a partition."""
 
 import os
 import re
@@ -10,7 +10,7 @@ DISK_BYTES = 400 * disks.MIB
 
 
 class RecordingTestCase(daemon.DaemonTestCase):
-    """With a daemon, an observer, and a stick that is plugged in."""
+    """Starts with a daemon, an observer, and a plugged stick."""
 
     disk_bytes = DISK_BYTES
 
@@ -36,7 +36,7 @@ class RecordingDisks(RecordingTestCase):
     def test_a_disk_becomes_a_recording_disk_without_being_announced_anew(self):
         self.prepare()
         self.finish_announcements()
-        # The kernel and udev have told of the change, as of any other.
+        # The kernel and udev have reported the change.
         events = self.machine.events_of(self.stick)
         self.assertIn(("remove", "sda1"), events)
         self.assertIn(("add", "sda1"), events)
@@ -45,7 +45,7 @@ class RecordingDisks(RecordingTestCase):
         self.assertEqual(self.kernel_name(1), "sda1")
         self.assertEqual(self.ask("label", 1)["label"], "MOVIES")
         self.assertEqual(self.ask("info", 1)["capacityMiB"], DISK_BYTES // disks.MIB)
-        # One partition over the whole disk, but for its beginning.
+        # One partition over the whole disk except its beginning.
         sectors = int(self.machine.get("/sys/block/sda/sda1/size"))
         self.assertEqual(sectors, DISK_BYTES // 512 - 2048)
 
@@ -96,7 +96,7 @@ class LargeDisks(RecordingTestCase):
         self.open_for_recording()
         film = "/media/disk_1/recording.ts"
         self.machine.check(["fallocate", "-l", str(3 << 40), film])
-        # Of the part that comes last on the disk: where it begins in the file and in the partition, in sectors.
+        # The last extent on the disk: its start in the file and in the partition, in sectors.
         parts = re.findall(
             r"^\s+\d+: \[(\d+)\.\.\d+\]: (\d+)\.\.", self.machine.check(["xfs_bmap", film]), re.M
         )

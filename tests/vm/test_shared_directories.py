@@ -1,4 +1,4 @@
-"""What users plant in directories for all, with the kernel's protection of such directories on and off."""
+"""Files that users plant in shared directories, with the kernel's protection of such directories on and off."""
 
 import daemon
 import disks
@@ -46,14 +46,14 @@ class SharedDirectoriesTestCase(daemon.DaemonTestCase):
         self.assertEqual(self.ask("usb-version", 1)["usbVersion"], "3.00")
 
     def assert_planted_in_vain(self, path, use):
-        """Has a user plant one thing after the other, and `use`, which is to succeed, after each."""
+        """Lets a user plant one kind of file after the other; calls `use`, which must succeed, after each."""
         self.addCleanup(self.machine.check, f"rm -rf {ROOTS_FILE} {path} {path}.moved-*")
         self.machine.put(ROOTS_FILE, b"root's own words\n", 0o600)
         for name, command in PLANTS.items():
             with self.subTest(plant=name, settings=self.settings()):
                 self.machine.check(f"rm -rf {path} {path}.moved-*")
                 planted = self.as_user(command.replace("PATH", path)) == 0
-                # The one thing that the kernel does not even let a user plant.
+                # The only kind that the kernel does not let a user plant.
                 self.assertEqual(planted, name != "hard link" or self.settings()[1] == "0")
                 use()
                 self.assertEqual(self.machine.get(ROOTS_FILE), b"root's own words\n")
@@ -64,7 +64,7 @@ class SharedDirectoriesTestCase(daemon.DaemonTestCase):
 
 
 class SharedDirectories(SharedDirectoriesTestCase):
-    def test_a_planted_log_file_is_in_vain_whatever_the_kernel_protects(self):
+    def test_a_planted_log_file_has_no_effect_whatever_the_kernel_protects(self):
         self.addCleanup(self.machine.check, ["rm", "-f", REPAIR_TOOL])
         self.machine.put(REPAIR_TOOL, b"#!/bin/sh\necho repaired\n", 0o755)
         self.start_daemon()
@@ -78,14 +78,14 @@ class SharedDirectories(SharedDirectoriesTestCase):
             self.set(values)
             self.assert_planted_in_vain(LOG_FILE, repair)
 
-    def test_a_planted_version_file_is_in_vain_whatever_the_kernel_protects(self):
+    def test_a_planted_version_file_has_no_effect_whatever_the_kernel_protects(self):
         self.start_daemon()
         self.plug("vfat")
         for values in (["0"] * 4, SHIPPED):
             self.set(values)
             self.assert_planted_in_vain(VERSION_FILE, self.read_version)
 
-    def test_a_link_in_place_of_a_callers_mount_directory_rests_on_the_kernel(self):
+    def test_only_the_kernel_refuses_a_link_in_place_of_a_callers_mount_directory(self):
         roots = "/run/roots_directory"
         self.addCleanup(self.machine.check, f"umount {roots}; rm -rf {roots} /tmp/usb; true")
         self.machine.put(f"{roots}/file", b"root's own words\n")
@@ -98,7 +98,7 @@ class SharedDirectories(SharedDirectoriesTestCase):
         self.assertEqual(self.machine.get(f"{roots}/file"), b"root's own words\n")
         self.assertEqual(self.machine.check(["readlink", "/tmp/usb"]), f"{roots}\n")
 
-        # Which is why such a directory is no place to mount sticks at.
+        # So never mount sticks below such a directory.
         self.set(["0"] * 4)
         self.assert_ctl(0, "open", 1, "--at", "/tmp/usb")
         self.assertEqual(self.machine.check(["ls", roots]), "")
@@ -126,7 +126,7 @@ class SharedDirectories(SharedDirectoriesTestCase):
         self.machine.check(["/lib/systemd/systemd-sysctl", "/usr/lib/sysctl.d/60-dockhand.conf"])
         self.assertEqual(self.settings(), SHIPPED)
 
-    def test_the_start_script_switches_on_what_is_off_and_leaves_what_is_stricter(self):
+    def test_the_start_script_switches_protections_on_and_keeps_stricter_ones(self):
         script = "/usr/share/dockhand/init.d/dockhand"
         self.machine.check(["systemd-sysusers"])
         self.addCleanup(self.machine.check, ["chmod", "755", "/media"])

@@ -9,7 +9,7 @@ import disks
 
 SOCKET = "/run/ravel/9020.sock"
 
-# As the kernel numbers them.
+# The kernel's numbers of capabilities.
 CAPABILITIES = {"DAC_OVERRIDE": 1, "DAC_READ_SEARCH": 2, "FOWNER": 3, "SYS_ADMIN": 21}
 
 ERROR, WARNING, NOTICE, INFORMATIONAL = "3", "4", "5", "6"
@@ -29,14 +29,14 @@ class Unit(daemon.DaemonTestCase):
 
     def stop_unit(self):
         self.machine.check(["systemctl", "stop", "dockhand"])
-        # Many starts in a short time are not the daemon's fault here.
+        # The tests cause many starts in a short time, so reset systemd's count.
         self.machine.run(["systemctl", "reset-failed", "dockhand"])
 
     def main_pid(self):
         return int(self.machine.check(["systemctl", "show", "--property=MainPID", "--value", "dockhand"]))
 
     def kill_main_process(self):
-        """Returns once the next daemon has been started."""
+        """Kills the daemon; returns once the next one has started."""
         before = self.main_pid()
         self.machine.check(["kill", f"-{int(signal.SIGKILL)}", str(before)])
         self.machine.check(
@@ -46,14 +46,14 @@ class Unit(daemon.DaemonTestCase):
         )
 
     def drop_in(self, text, unit="dockhand.service"):
-        """Changes the unit for this test."""
+        """Changes the unit for the duration of the test."""
         folder = f"/run/systemd/system/{unit}.d"
         self.addCleanup(self.machine.check, f"rm -r {folder} && systemctl daemon-reload")
         self.machine.put(f"{folder}/test.conf", text.encode())
         self.machine.check(["systemctl", "daemon-reload"])
 
     def replace_tools(self, options="", **scripts):
-        """Has the unit find these scripts before all tools, and gives it more options."""
+        """Puts these scripts first in the unit's PATH, and gives the unit more options."""
         self.addCleanup(self.machine.check, ["rm", "-r", "/run/tools"])
         for name, script in scripts.items():
             self.machine.put(f"/run/tools/{name}", f"#!/bin/sh\n{script}\n".encode(), mode=0o755)
@@ -69,13 +69,13 @@ class Unit(daemon.DaemonTestCase):
         return {name: value.strip() for name, _, value in (line.partition(":") for line in lines)}
 
     def plug(self, *events, image=None):
-        """Plugs a stick in, which becomes device 1; `events` have been observed before."""
+        """Plugs in a stick, which becomes device 1. `events` are those observed before."""
         stick = self.machine.plug(image or disks.make_partitioned(self.folder, ["vfat"], "MUSIC"))
         self.wait_observed(*events, ("added", 1))
         return stick
 
     def lengthen_mount_table(self):
-        """Also with a directory on which two are mounted, as full systems have them."""
+        """Also mounts two file systems at one directory, as full systems do."""
         self.addCleanup(self.machine.check, "for n in 20 $(seq 20); do umount /mnt/filler-$n; done")
         self.machine.check(
             "for n in $(seq 20) 20; do mkdir -p /mnt/filler-$n && "
@@ -107,7 +107,7 @@ class Unit(daemon.DaemonTestCase):
         self.lengthen_mount_table()
         before = self.system_mounts()
         self.start_unit()
-        # What the launcher takes away is taken from the daemon only.
+        # The launcher removes mounts from the daemon's namespace only.
         self.assertEqual(self.system_mounts(), before)
         self.watch()
         stick = self.plug()
@@ -115,7 +115,7 @@ class Unit(daemon.DaemonTestCase):
         daemon_pid = self.main_pid()
         self.assertEqual([mount[1] for mount in self.mounts(1)], ["/media/disk_1"])
         self.assertEqual(self.mounts(daemon_pid), self.mounts(1))
-        # docs/SECURITY.md counts on this.
+        # docs/SECURITY.md relies on this.
         self.assertLess(len(self.machine.get(f"/proc/{daemon_pid}/mounts")), 560)
         self.machine.put("/media/disk_1/song.mp3", b"la la la")
         self.assertEqual(self.names_of_files(1, "mp3"), ["song.mp3"])
@@ -123,7 +123,7 @@ class Unit(daemon.DaemonTestCase):
         self.assert_ctl(0, "close", 1)
         self.assertEqual(self.mounts(1), [])
         self.assertEqual(self.mounts(daemon_pid), [])
-        # The next daemon finds what is mounted, and so does one for a stick that is pulled.
+        # The next daemon finds the mounts, and can clear that of a stick that is unplugged.
         self.assert_ctl(0, "open", 1)
         self.machine.check(["systemctl", "restart", "dockhand"])
         self.await_daemon()
@@ -145,7 +145,7 @@ class Unit(daemon.DaemonTestCase):
         self.watch()
         self.plug()
         for directory, status, mounts in (("/srv/usb", 0, 1), ("/opt/usb", 1, 0)):
-            # The client sees what the system sees.
+            # The client sees the system's mounts.
             self.assert_ctl(status, "open", 1, "--at", directory)
             self.assertEqual(self.machine.get("/proc/1/mounts").decode().count(f" {directory} "), mounts)
             self.assert_ctl(0, "close", 1)
@@ -174,15 +174,15 @@ class Unit(daemon.DaemonTestCase):
         self.assert_mounted("/media/disk_1", "vfat")
         self.assertEqual(self.mounts(1), self.mounts())
 
-    def test_a_daemon_that_dies_again_and_again_is_started_each_time(self):
-        # More than five starts in ten seconds are too many for systemd as it comes.
+    def test_a_daemon_that_dies_many_times_is_restarted_each_time(self):
+        # By default systemd refuses more than five starts in ten seconds.
         self.drop_in("[Service]\nRestartSec=100ms\n")
         self.start_unit()
         for _ in range(7):
             self.kill_main_process()
         self.await_daemon()
 
-    def test_a_repair_whose_daemon_is_killed_ends_before_the_next_start_and_can_be_done_anew(self):
+    def test_a_repair_whose_daemon_is_killed_ends_before_the_next_start_and_can_be_repeated(self):
         tool, began = "/usr/lib/dockhand/tools/xfs_repair", "/run/repair-began"
         self.addCleanup(self.machine.check, ["rm", "-f", tool, began])
         self.start_unit()
@@ -235,8 +235,8 @@ class Unit(daemon.DaemonTestCase):
             found = [entry["PRIORITY"] for entry in entries if entry["MESSAGE"].endswith(text)]
             self.assertEqual(found, [priority], text)
 
-    def test_a_line_of_a_tool_has_no_priority_of_its_own(self):
-        # Some programs called logger repeat lines as they are.
+    def test_a_line_of_a_tool_cannot_set_its_priority(self):
+        # Some programs named logger write lines unchanged.
         self.replace_tools(xfs_repair="echo '<0>/recording.ts'; exit 1", logger="exec cat >&2")
         self.start_unit()
         self.watch()
@@ -249,10 +249,10 @@ class Unit(daemon.DaemonTestCase):
         }
         self.assertEqual(found, {("<0>/recording.ts", INFORMATIONAL)})
 
-    def test_a_tool_that_is_killed_for_memory_ends_alone(self):
+    def test_a_tool_killed_for_lack_of_memory_does_not_end_the_daemon(self):
         seen = "/run/end-seen"
         self.addCleanup(self.machine.check, ["rm", seen])
-        # The second repair, which follows, waits until systemd has seen the first one's end.
+        # The second repair waits until systemd has noticed the first one's end.
         self.replace_tools(
             "MemoryMax=100M\nMemorySwapMax=0",
             xfs_repair='test "$1" = -L || exec tail /dev/zero\n'
@@ -316,7 +316,7 @@ class Unit(daemon.DaemonTestCase):
         self.assertEqual(self.observed(), [("added", 1)])
         self.assertEqual(self.devices(), [1])
         self.assertEqual(self.ask("label", 1)["label"], "MOVIES")
-        # The unit that announced the first partition of that name is bound to the second one.
+        # The unit that announced the first partition of that name is now bound to the second one.
         self.machine.unplug(stick)
         self.wait_observed(("added", 1), ("removed", 1))
         self.assertEqual(self.mounts(1), [])
@@ -330,7 +330,7 @@ class Unit(daemon.DaemonTestCase):
             b'KERNEL=="loop0", SYMLINK+="usb_storage_vda"\n'
             b'KERNEL=="loop0p1", SYMLINK+="usb_storage_vda1"\n',
         )
-        # The nodes go while the rules are there. udev may have the disk open for a moment.
+        # The nodes go while the rules are installed. udev may hold the disk open for a moment.
         self.addCleanup(
             self.machine.check,
             "losetup -d /dev/loop0 && until rmmod loop; do sleep 0.1; done && "

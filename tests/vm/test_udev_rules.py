@@ -1,4 +1,4 @@
-"""The rules for the device manager, with a dockhandctl that notes its calls."""
+"""The rules for the device manager, with a dockhandctl that records its calls."""
 
 import os
 
@@ -8,7 +8,7 @@ import testcase
 
 INTEGRATION = os.path.join(machine.CHECKOUT, "integration")
 
-# Where there is a gate, each call waits there until it is let through, and only then is noted.
+# If a gate exists, each call waits there until it is released, and is recorded only then.
 RECORDER = b"""#!/bin/sh
 if [ -p /run/gate ]; then
   echo "$*" >> /run/waiting
@@ -19,7 +19,7 @@ echo "$*" >> /run/calls
 
 
 class UdevRules(testcase.MachineTestCase):
-    """What holds with and without systemd."""
+    """Cases that hold with and without systemd."""
 
     def setUp(self):
         super().setUp()
@@ -35,7 +35,7 @@ class UdevRules(testcase.MachineTestCase):
             self.machine.put(target, file.read(), mode)
 
     def calls(self, count):
-        """The calls noted so far, once there are that many and no more are under way."""
+        """Waits for that many calls, and until none is running; returns the recorded calls."""
         self.machine.wait_lines("/run/calls", count)
         self.machine.settle()
         self.finish_announcements()
@@ -48,7 +48,7 @@ class UdevRules(testcase.MachineTestCase):
         self.machine.check(["mkfifo", "/run/gate"])
 
     def let_through(self):
-        """Lets one call through; where none has come to the gate yet, waits for it."""
+        """Waits for a call at the gate and releases it."""
         self.machine.check(": > /run/gate")
 
     def nodes(self):
@@ -121,7 +121,7 @@ class UdevRulesWithoutSystemd(AnnouncementCases, UdevRules):
         self.machine.wait_node(stick, "sda")
         self.machine.unplug(stick)
         self.machine.wait_gone(stick, "sda")
-        # The kernel marks who waits for a lock.
+        # The kernel marks processes that wait for a lock.
         self.machine.check("until grep -q -e '-> FLOCK' /proc/locks; do sleep 0.05; done")
         self.assertEqual(self.machine.get("/run/waiting"), b"notify added sda\n")
         self.let_through()
@@ -129,7 +129,7 @@ class UdevRulesWithoutSystemd(AnnouncementCases, UdevRules):
         self.let_through()
         self.assertEqual(self.calls(2), ["notify added sda", "notify removed sda"])
 
-    def test_an_announcement_that_fails_is_logged_and_does_not_hold_up_the_next(self):
+    def test_an_announcement_that_fails_is_logged_and_does_not_delay_the_next(self):
         self.machine.put("/usr/bin/dockhandctl", RECORDER + b"exit 1\n", 0o755)
         self.machine.put("/usr/sbin/logger", b'#!/bin/sh\necho "$*" >> /run/logged\n', 0o755)
         self.addCleanup(self.machine.check, ["rm", "/usr/sbin/logger", "/run/logged"])
@@ -146,7 +146,7 @@ class UdevRulesWithoutSystemd(AnnouncementCases, UdevRules):
 
 
 class UdevRulesWithSystemd(AnnouncementCases, UdevRules):
-    """The device's own unit announces, dockhand-notify does not run."""
+    """The device's own unit announces; dockhand-notify does not run."""
 
     init = "systemd"
 
@@ -168,7 +168,7 @@ class UdevRulesWithSystemd(AnnouncementCases, UdevRules):
         self.let_through()
         self.assertEqual(self.calls(1), ["notify removed sda"])
 
-    def test_an_announcement_that_fails_leaves_the_unplug_to_be_announced(self):
+    def test_after_an_announcement_that_fails_the_unplug_is_still_announced(self):
         self.machine.put("/usr/bin/dockhandctl", RECORDER + b"exit 1\n", 0o755)
         stick = self.machine.plug(disks.make(self.folder, "vfat"))
         self.machine.wait_node(stick, "sda")

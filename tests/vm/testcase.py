@@ -1,4 +1,4 @@
-"""What the test cases share: a running machine of each kind, and a folder for images."""
+"""Shared by the test cases: a running machine of each kind, and a folder for images."""
 
 import atexit
 import os
@@ -9,7 +9,7 @@ import unittest
 
 import machine
 
-# The build folder, configured for the prefix /usr, whose installation is under test.
+# The build folder whose installation is tested. Its prefix is /usr.
 PROGRAMS = os.environ.get("DOCKHAND_VM_PROGRAMS", os.path.join(machine.CHECKOUT, "build", "image"))
 
 _machines = {}
@@ -19,7 +19,7 @@ kept_logs = []
 
 
 def _image():
-    """The folder of what an image gets: the installation of the programs under test."""
+    """Returns the folder with the installation for the guest: the programs under test."""
     if not _images:
         folder = tempfile.mkdtemp(prefix="dockhand-image-")
         _images.append(folder)
@@ -62,9 +62,9 @@ atexit.register(_close_all)
 class MachineTestCase(unittest.TestCase):
     """A test case in a machine that is booted once for all cases of its kind.
 
-    A case leaves no program running and no file behind that another would notice; sticks, and the mounts and
-    empty directories below /media, are taken away for it. After a failure the console log is kept and the next
-    case gets a fresh machine.
+    A case must end its programs and remove files that another case would notice. Sticks, and the mounts and
+    empty directories below /media, are removed for it. After a failure the console log is kept and the next
+    case gets a new machine.
     """
 
     init = "busybox"
@@ -89,7 +89,7 @@ class MachineTestCase(unittest.TestCase):
     def _clear_machine(self):
         for target in self.machine.check("awk '$2 ~ \"^/media/\" { print $2 }' /proc/mounts").split():
             self.assertEqual(self.machine.umount(target, machine.MNT_DETACH), 0)
-        # A daemon that is killed with a stick open leaves its directory, which the next one would reuse.
+        # A daemon that is killed with an open stick leaves its directory, and the next daemon would reuse it.
         self.machine.check("test ! -d /media || find /media -mindepth 1 -depth -type d -exec rmdir {} +")
         for stick in self.machine.sticks():
             self.machine.unplug(stick)
