@@ -157,3 +157,14 @@ def signatures_of_the_interface():
         arguments = ", ".join(re.findall(r"\d+: (\w+ \w+)", arguments))
         signatures[name] = f"{result} {name}({arguments})"
     return signatures
+
+
+def rows_of_the_mount_table():
+    """(type of libblkid, type of mount(2), flags, options), of each row."""
+    table = (ROOT / "Src" / "Dockhand" / "MountTable.h").read_text()
+    return re.findall(r'{"(.*?)", "(.*?)", (.*?), "(.*?)"}', table)
+
+
+def file_systems():
+    """The kernel's names of the file systems in the mount table, in its order."""
+    return list(dict.fromkeys(name for _, name, _, _ in rows_of_the_mount_table()))

@@ -13,6 +13,7 @@
 #include <set>
 
 #include "CtlTest.h"
+#include "ExpectedMounts.h"
 #include "FileDescriptor.h"
 #include "doctor/Checks.h"
 
@@ -297,9 +298,12 @@ class DoctorOnKernels : public Doctor {
 
 TEST_F(DoctorOnKernels, FindsMissingFileSystems) {
   setFileSystems("nodev\tproc\n\text4\n");
-  for (const std::string name : {"vfat", "ntfs", "ext3", "hfs", "hfsplus", "xfs"}) {
-    EXPECT_THAT(fileSystem(name), Is(State::problem, HasSubstr("the kernel has no " + name))) << name;
+  std::vector<std::string> names;
+  for (const Finding& finding : checkFileSystems(machine)) {
+    EXPECT_THAT(finding, Is(State::problem, HasSubstr("the kernel has no " + finding.check)));
+    names.push_back(finding.check);
   }
+  EXPECT_EQ(names, testsupport::expectedFileSystems());
 }
 
 TEST_F(DoctorOnKernels, SaysThatNtfs3IsNotTried) {

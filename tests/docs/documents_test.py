@@ -186,6 +186,16 @@ class CommandsTest(unittest.TestCase):
         for path, arguments in calls:
             self.assertLessEqual(set(arguments), known, path)
 
+    def test_number_of_operations_is_that_of_the_interface(self):
+        number = len(sources.signatures_of_the_interface())
+        found = 0
+        for path in files():
+            if path.endswith((".md", ".svg", ".thrift", ".h", ".1", ".8")) and path != "CHANGELOG.md":
+                for stated in re.findall(r"(?<![\d,])(\d\d+) operations\b", (SOURCE / path).read_text()):
+                    found += 1
+                    self.assertEqual(int(stated), number, path)
+        self.assertGreater(found, 0)
+
     def test_presets_exist(self):
         presets = json.loads((SOURCE / "CMakePresets.json").read_text())
         known = {preset["name"] for preset in presets["configurePresets"] if not preset.get("hidden")}

@@ -115,7 +115,7 @@ class OperationsDocumentTest(unittest.TestCase):
             signature = re.search(rf"^`(.* {title}\(.*)`$", text, re.MULTILINE)
             if signature:
                 documented[title] = signature[1]
-        self.assertEqual(len(documented), 25)
+        self.assertGreater(len(documented), 0)
         self.assertEqual(documented, sources.signatures_of_the_interface())
 
     def test_every_operation_is_in_the_table_in_the_order_of_the_interface(self):
@@ -129,6 +129,27 @@ class OperationsDocumentTest(unittest.TestCase):
             self.assertEqual(
                 re.findall(r"^- \*\*(.*?)\*\*:", sections().get(name, ""), re.MULTILINE), LABELS, name
             )
+
+    def test_every_operation_is_defined_in_the_file_that_its_declaration_names(self):
+        declarations = read("Src/Dockhand/DockhandClient.h").partition("  // HotPlug.cpp\n")
+        files, name_of_file = {}, ""
+        for line in (declarations[1] + declarations[2]).splitlines():
+            if comment := re.fullmatch(r"  // (\w+\.cpp)", line):
+                name_of_file = comment[1]
+            elif declared := re.match(r"  \S+ (\w+)\(", line):
+                files[declared[1]] = name_of_file
+        for name in sources.signatures_of_the_interface():
+            self.assertIn(f" DockhandClient::{name}(", read(f"Src/Dockhand/{files[name]}"), name)
+
+    def test_every_operation_has_its_tests(self):
+        for name in sources.signatures_of_the_interface():
+            self.assertIn(f"usb->{name}(", read("tests/rpc/ServiceTest.cpp"))
+            self.assertTrue(
+                (sources.ROOT / "fuzz/corpus/rpc_front" / name).exists(), f"no call of {name} to fuzz"
+            )
+            # The notifications wait for observers without the lock, and take no number.
+            if not name.startswith("NotifyUsb"):
+                self.assertRegex(read("tests/unit/EveryOperationTest.cpp"), rf"\b{name}\b")
 
     def test_every_log_line_of_the_daemon_is_quoted_as_it_is_written(self):
         quoted = {}
@@ -167,10 +188,9 @@ class OperationsDocumentTest(unittest.TestCase):
         )
 
     def test_mount_table_is_that_of_the_daemon(self):
-        rows = re.findall(r'{"(.*?)", "(.*?)", (.*?), "(.*?)"}', read("Src/Dockhand/MountTable.h"))
         names = {"MS_NOSUID": "nosuid", "MS_NOEXEC": "noexec", "MS_NOATIME": "noatime", "MS_RDONLY": "ro"}
         expected = []
-        for probed, mounted, flags, options in rows:
+        for probed, mounted, flags, options in sources.rows_of_the_mount_table():
             flags = [names[flag] for flag in flags.split(" | ") if flag != "MS_MGC_VAL"]
             expected.append([probed, mounted, options, ", ".join(flags)])
         self.assertGreater(len(expected), 0)
@@ -179,6 +199,27 @@ class OperationsDocumentTest(unittest.TestCase):
             for row in re.findall(r"^\| `.*\|$", sections()["The mount table"], re.MULTILINE)
         ]
         self.assertEqual(quoted, expected)
+
+    def test_file_systems_of_the_mount_table_are_listed_wherever_file_systems_are(self):
+        names = sources.file_systems()
+        for path, sentence in (
+            ("Src/Dockhand/dockhand.8", r"File systems are ([^.]*?), with the mount options"),
+            ("rpc/usb_rpc.thrift", r"File systems: ([^.]*)\."),
+        ):
+            listed = re.search(sentence, re.sub(r"\s+(\* )?", " ", read(path)))[1]
+            self.assertEqual(re.split(r", | and ", listed), names, path)
+        kernel = read("docs/INTEGRATION.md").partition("\n## 3. ")[2].partition("\n## ")[0]
+        for name in names:
+            self.assertIn(f"CONFIG_{name.upper()}_FS", kernel)
+
+    def test_every_file_system_of_the_mount_table_has_its_tests(self):
+        for name in sources.file_systems():
+            for path in ("tests/vm/test_disks.py", "tests/vm/test_file_systems.py"):
+                self.assertIn(f"def test_{name}_", read(path), path)
+            self.assertIn(f'"{name}"', read("tests/system/DamagedDisksTest.cpp"))
+            # The kernel refuses every mount of hfs: see tests/vm/test_disks.py.
+            if name != "hfs":
+                self.assertIn(f'"{name}"', read("tests/system/FileSystemsTest.cpp"))
 
 
 if __name__ == "__main__":

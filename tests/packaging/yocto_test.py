@@ -14,8 +14,9 @@ import tempfile
 import types
 import unittest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
+sys.path[:0] = map(str, pathlib.Path(__file__).resolve().parents[:2])
 
+import sources
 from installed import SOURCE, files_in, install, project_version, unknown_cmake_variables
 
 LAYER = SOURCE / "packaging" / "yocto"
@@ -124,6 +125,12 @@ class LayerTest(unittest.TestCase):
         self.assertEqual(metadata["USERADD_PACKAGES"], "dockhand")
         self.assertEqual(metadata["GROUPADD_PARAM:dockhand"], "--system dockhand")
         self.assertIn("-DDOCKHAND_GROUP=dockhand ", metadata["EXTRA_OECMAKE"])
+
+    def test_modules_of_the_mounted_file_systems_are_recommended(self):
+        modules = recipe("systemd")["RRECOMMENDS:dockhand"].split()
+        for name in sources.file_systems():
+            # The driver of ext4 mounts ext3.
+            self.assertIn("kernel-module-" + name.replace("ext3", "ext4"), modules)
 
     def test_tools_of_the_start_script_come_only_with_it(self):
         self.assertNotIn("util-linux-flock", recipe("systemd")["RDEPENDS:dockhand"].split())

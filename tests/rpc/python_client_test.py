@@ -74,9 +74,11 @@ class PythonClientTest(unittest.TestCase):
         self.assertIs(answer.success, success)
         self.assertEqual(answer.text, text)
 
-    def test_stub_has_the_operations_of_the_contract(self):
+    def test_every_operation_is_called_here(self):
+        code = pathlib.Path(__file__).read_text()
         operations = [name for name in vars(usb_rpc_gen_.Iface) if not name.startswith("_")]
-        self.assertEqual(len(operations), 25)
+        self.assertGreater(len(operations), 0)
+        self.assertEqual([name for name in operations if f"self.client.{name}(" not in code], [])
 
     def test_list_of_devices_is_a_list_of_numbers(self):
         self.assertIsNone(self.client.CheckForAndUpdateNewDevices())

@@ -12,6 +12,7 @@
 #include <stdexcept>
 
 #include "../system/World.h"
+#include "ExpectedMounts.h"
 
 namespace soak {
 
@@ -54,7 +55,7 @@ DiskWorld::DiskWorld() {
   // Try each file system of the daemon: ENODEV shows that this kernel lacks it.
   const Stick blank = makeStick({"sdz", "", "", false});
   plug(blank);
-  for (const char* const type : {"vfat", "ntfs", "ext3", "hfs", "hfsplus", "xfs"}) {
+  for (const std::string& type : testsupport::expectedFileSystems()) {
     if (tryMount(blank.node(), type, MS_RDONLY, "").error == ENODEV) {
       missing_.insert(type);
     }

@@ -6,33 +6,11 @@
 #include <cerrno>
 #include <sstream>
 
+#include "ExpectedMounts.h"
+
 namespace soak {
 
 namespace {
-
-/// One row of the mount table: the type that libblkid must find, and the arguments of mount.
-struct Attempt {
-  std::string probedType;
-  std::string type;
-  unsigned long flags;
-  std::string options;
-};
-
-const std::vector<Attempt>& attempts() {
-  constexpr unsigned long magic = 0xC0ED0000;
-  static const std::vector<Attempt> inThisOrder = {
-      {"vfat", "vfat", magic + MS_NOSUID, "utf8"},
-      {"vfat", "vfat", magic + MS_NOSUID + MS_RDONLY, "utf8"},
-      {"ntfs", "ntfs", MS_NOSUID + MS_NOEXEC, "nls=utf8"},
-      {"ntfs", "ntfs", MS_NOSUID + MS_NOEXEC + MS_RDONLY, "nls=utf8"},
-      {"ext3", "ext3", magic + MS_NOSUID, ""},
-      {"ext3", "ext3", magic + MS_NOSUID + MS_RDONLY, ""},
-      {"hfs", "hfs", MS_NOSUID + MS_RDONLY, "nls=utf8"},
-      {"hfs+", "hfsplus", MS_NOSUID + MS_RDONLY, "nls=utf8"},
-      {"xfs", "xfs", MS_NOSUID + MS_NOEXEC + MS_NOATIME, "prjquota"},
-  };
-  return inThisOrder;
-}
 
 bool isToleratedMkdirError(int error) {
   return error == EEXIST || error == EPERM;
@@ -215,7 +193,7 @@ bool Model::removeMount(Calls& calls, const std::string& path, bool lazy) {
 int Model::tryMounts(Calls& calls, const std::string& node, const std::string& path,
                      const std::string& probedType) {
   int error = 0;
-  for (const Attempt& attempt : attempts()) {
+  for (const testsupport::ExpectedMount& attempt : testsupport::expectedMounts()) {
     if (!probedType.empty() && attempt.probedType != probedType) {
       continue;
     }
@@ -260,9 +238,10 @@ bool Model::open(Calls& calls, int device, const std::string& mountPoint, bool i
   if (error == 0 || isToleratedMkdirError(error)) {
     const std::string probedType = probe(calls, *record, "TYPE");
     // A first pass without a row for the type tries nothing, and does not succeed.
-    const bool hasRow = probedType.empty() ||
-                        std::any_of(attempts().begin(), attempts().end(),
-                                    [&](const Attempt& attempt) { return attempt.probedType == probedType; });
+    const bool hasRow =
+        probedType.empty() ||
+        std::any_of(testsupport::expectedMounts().begin(), testsupport::expectedMounts().end(),
+                    [&](const auto& attempt) { return attempt.probedType == probedType; });
     if ((hasRow && tryMounts(calls, node, mountPoint, probedType) == 0) ||
         (error = tryMounts(calls, node, mountPoint, "")) == 0 || isToleratedMountError(error)) {
       record->open = true;

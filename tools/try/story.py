@@ -19,9 +19,11 @@ for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
 
 import logging
 import os
+import re
 import subprocess
 import time
 
+SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 BUILD = os.path.abspath(sys.argv[1])
 IMAGE_TOOLS = os.path.join(BUILD, "image-tools")
 sys.path.insert(0, os.path.join(BUILD, "rpc", "gen-py"))
@@ -173,7 +175,9 @@ def file_system_of(node):
 
 def show_what_the_kernel_lacks():
     """Lists the file systems that Dockhand mounts and this machine's kernel does not support."""
-    lacking = [name for name in ("vfat", "ntfs", "ext3", "hfs", "hfsplus", "xfs") if not kernel_knows(name)]
+    with open(os.path.join(SOURCE, "Src", "Dockhand", "MountTable.h")) as table:
+        mounted = dict.fromkeys(re.findall(r'{"[^"]*", "([^"]*)"', table.read()))
+    lacking = [name for name in mounted if not kernel_knows(name)]
     if kernel_knows("xfs") and not kernel_has_xfs_quota():
         lacking.append("xfs with project quota, which opening a recording disk needs")
     if lacking:

@@ -90,6 +90,7 @@ RRECOMMENDS:${PN} = "\
     kernel-module-hfsplus \
     kernel-module-nls-cp437 \
     kernel-module-nls-utf8 \
+    kernel-module-ntfs \
     kernel-module-sd-mod \
     kernel-module-usb-storage \
     kernel-module-vfat \
