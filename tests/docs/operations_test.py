@@ -139,6 +139,7 @@ class OperationsDocumentTest(unittest.TestCase):
             elif declared := re.match(r"  \S+ (\w+)\(", line):
                 files[declared[1]] = name_of_file
         for name in sources.signatures_of_the_interface():
+            self.assertIn(name, files)
             self.assertIn(f" DockhandClient::{name}(", read(f"Src/Dockhand/{files[name]}"), name)
 
     def test_every_operation_has_its_tests(self):
