@@ -209,6 +209,14 @@ class OperationsDocumentTest(unittest.TestCase):
         ):
             listed = re.search(sentence, re.sub(r"\s+(\* )?", " ", read(path)))[1]
             self.assertEqual(re.split(r", | and ", listed), names, path)
+        options = {}
+        for _, name, _, option in sources.rows_of_the_mount_table():
+            if option and name not in options.setdefault(option, []):
+                options[option].append(name)
+        page = " ".join(read("Src/Dockhand/dockhand.8").split())
+        sentence = re.search(r"with the mount options ([^.]*)\.", page)[1]
+        listed = re.findall(r"([\w=]+) \((.*?)\)", sentence)
+        self.assertEqual({option: users.split(", ") for option, users in listed}, options)
         kernel = read("docs/INTEGRATION.md").partition("\n## 3. ")[2].partition("\n## ")[0]
         for name in names:
             self.assertIn(f"CONFIG_{name.upper()}_FS", kernel)
