@@ -23,7 +23,7 @@ LOCK = "const HandlerLock lock(handlerMutex);"
 # Behind these locks nothing is used that clang knows to be guarded. A unit test fails without each.
 LOCKS_OF_TESTS = {
     "HotPlug.cpp callObservers": "UsbAdded, WaitsForTheLockOnceMoreAfterItsCallbacks",
-    "Queries.cpp GetDeviceCapacity": "Queries, MeasuresADiskWithTheLockHeld",
+    "Queries.cpp GetDeviceCapacity": "EveryOperation, HoldsTheLockForAllButItsFirstLine",
 }
 
 

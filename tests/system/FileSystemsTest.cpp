@@ -64,7 +64,7 @@ class FileSystemsTest : public SystemTest {
 };
 
 struct Row {
-  static constexpr bool isRow = true;
+  using IsRow = void;
   std::string name;
   std::vector<std::string> mkfs;
   /// The type of its mount, and an option of it.

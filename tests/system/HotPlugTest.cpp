@@ -55,7 +55,7 @@ TEST_F(HotPlugTest, ObserversAreCalledInSignedOrderWithoutTheXriteObserver) {
 
 /// Notifications in order, and the one that announces the stick; empty: none.
 struct Notice {
-  static constexpr bool isRow = true;
+  using IsRow = void;
   std::string name;
   bool partitioned;
   std::vector<std::string> listed;

@@ -38,7 +38,7 @@ const std::string noFile = "/tmp/no_file";
 
 /// Puts a file of this type at a path.
 struct Plant {
-  static constexpr bool isRow = true;
+  using IsRow = void;
   std::string name;
   fs::file_type type;
   std::function<bool(const char*)> put;
@@ -209,7 +209,7 @@ TEST_F(PlantedFilesTest, LogFileThatTheDaemonHasMadeIsUsedAgainAndOutOfAUsersRea
 /// A mount, which cannot be moved. A user makes it with fusermount on a file or directory of their own; here
 /// root makes it.
 struct MountPlant {
-  static constexpr bool isRow = true;
+  using IsRow = void;
   std::string name;
   std::function<void(const std::string& path)> put;
 };

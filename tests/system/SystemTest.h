@@ -56,7 +56,7 @@ std::string nameOf(const testing::TestParamInfo<Row>& row) {
 }
 
 /// Shows a row by its name in messages.
-template <typename Row, typename = decltype(Row::isRow)>
+template <typename Row, typename = typename Row::IsRow>
 void PrintTo(const Row& row, std::ostream* out) {
   *out << row.name;
 }
