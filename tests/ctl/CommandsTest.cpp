@@ -38,7 +38,7 @@ class Commands : public CtlTest {
 
   /// The service keeps its connection to a media service that is gone; the first call over it fails.
   static void dropConnectionToMediaService() {
-    Connection connection;
+    UsbClient connection;
     connection->RegisterUsbAddedCallBack(7, 0);
     EXPECT_THROW(connection->NotifyUsbXriteAdded(), apache::thrift::TApplicationException);
     connection->DeregisterUsbAddedCallBack(7, 0);
@@ -329,7 +329,7 @@ TEST_F(Commands, RescanFindsNewDevices) {
   platform().deviceNodes = {"usb_storage_sda1"};
   EXPECT_THAT(run({"rescan"}), Ends(0, "", ""));
   ravel::rpc::ReturnValueWithString name;
-  Connection connection;
+  UsbClient connection;
   connection->GetUsbPhysicalDevice(name, 1);
   EXPECT_EQ(name.text, "sda1");
 }

@@ -1,11 +1,9 @@
 // A connection occupies one of the daemon's ten workers, so dockhandctl keeps none that it does not use.
 
-#include <chrono>
 #include <filesystem>
-#include <functional>
-#include <thread>
 
 #include "CtlTest.h"
+#include "Eventually.h"
 
 namespace ctltest {
 namespace {
@@ -27,17 +25,7 @@ bool livesWithoutConnection(const Program& program) {
   return lives && !gone;
 }
 
-/// Waits for another process. The limit only ends a test that has failed.
-bool eventually(const std::function<bool()>& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
+using testsupport::eventually;
 
 class Connections : public CtlTest {
  protected:

@@ -2,8 +2,6 @@
 
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <thrift/protocol/TBinaryProtocol.h>
-#include <thrift/transport/TBufferTransports.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -109,18 +107,11 @@ Service& service() {
   return *instance;
 }
 
-Connection::Connection()
-    : socket_(std::make_shared<ravel::rpc::TUnixSocket>("localhost", 9020)),
-      client_(std::make_shared<apache::thrift::protocol::TBinaryProtocol>(
-          std::make_shared<apache::thrift::transport::TBufferedTransport>(socket_))) {
-  socket_->open();
-}
-
 namespace {
 
 /// Waits for the end of a program's calls, even if the program ended before the reply: our own operation
 /// waits for the handler's lock.
-void finishOperations(Connection& connection) {
+void finishOperations(UsbClient& connection) {
   connection->CheckForAndUpdateNewDevices();
 }
 
@@ -128,7 +119,7 @@ void finishOperations(Connection& connection) {
 
 CtlTest::CtlTest() {
   FakePlatform& system = service().platform;
-  Connection connection;
+  UsbClient connection;
   finishOperations(connection);
   system.deviceNodes.clear();
   system.disks.clear();
@@ -156,7 +147,7 @@ CtlTest::CtlTest() {
 }
 
 CtlTest::~CtlTest() {
-  Connection connection;
+  UsbClient connection;
   finishOperations(connection);
   service().platform.onCall = nullptr;
 }

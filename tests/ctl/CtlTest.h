@@ -15,7 +15,7 @@
 #include "Journal.h"
 #include "Program.h"
 #include "SocketDirectory.h"
-#include "TUnixSocket.h"
+#include "UsbClient.h"
 #include "usb_rpc_gen_.h"
 
 namespace ctltest {
@@ -64,16 +64,7 @@ struct Service {
 
 Service& service();
 
-/// A client with its own connection to the service.
-class Connection {
- public:
-  Connection();
-  ravel::rpc::usb_rpc_gen_Client* operator->() { return &client_; }
-
- private:
-  std::shared_ptr<ravel::rpc::TUnixSocket> socket_;
-  ravel::rpc::usb_rpc_gen_Client client_;
-};
+using testsupport::UsbClient;
 
 /// A test that runs the program against the service. At its start no device is known.
 class CtlTest : public ::testing::Test {

@@ -54,9 +54,9 @@ TEST_F(Failures, NamesTheRightsOfASocketThatMayNotBeUsed) {
 }
 
 TEST_F(Failures, SaysThatAllWorkersAreBusy) {
-  std::vector<std::unique_ptr<Connection>> ten;
+  std::vector<std::unique_ptr<UsbClient>> ten;
   for (int i = 0; i < 10; ++i) {
-    ten.push_back(std::make_unique<Connection>());
+    ten.push_back(std::make_unique<UsbClient>());
     (*ten.back())->IsDeviceOpen(1);
   }
   EXPECT_THAT(run({"--timeout", "0.2", "list"}),

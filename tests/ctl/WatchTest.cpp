@@ -24,7 +24,7 @@ class Watching : public CtlTest {
   Watching() { plugInStick(); }
   ~Watching() override {
     // The service keeps its connection to the ended watch; the first call over it fails.
-    Connection connection;
+    UsbClient connection;
     connection->RegisterUsbAddedCallBack(7, 0);
     EXPECT_THROW(connection->NotifyUsbXriteAdded(), apache::thrift::TApplicationException);
     connection->DeregisterUsbAddedCallBack(7, 0);
@@ -39,7 +39,7 @@ class Watching : public CtlTest {
 TEST_F(Watching, PrintsEventsAsTheyCome) {
   Program watch({"watch"});
   watch.readErrorUntil("Watching as observer 100; Ctrl-C ends it.\n");
-  Connection connection;
+  UsbClient connection;
   connection->NotifyUsbAdded("sda1");
   EXPECT_EQ(watch.readUntil("\n"), "added device 1\n");
   connection->NotifyUsbRemoved("sda1");
@@ -51,7 +51,7 @@ TEST_F(Watching, PrintsEventsAsTheyCome) {
 TEST_F(Watching, PrintsEventsInJson) {
   Program watch({"watch", "--json", "--observer-id", "-3"});
   watch.readErrorUntil("Watching as observer -3;");
-  Connection connection;
+  UsbClient connection;
   connection->NotifyUsbAdded("sda1");
   const json event = json::parse(watch.readUntil("\n"));
   EXPECT_EQ(event.at("event"), "added");
@@ -65,7 +65,7 @@ TEST_F(Watching, PrintsEventsInJson) {
 TEST_F(Watching, ShowsXriteDevicesUnderTheirNumber) {
   Program watch({"watch", "--xrite"});
   watch.readErrorUntil("Watching as observer 7;");
-  Connection connection;
+  UsbClient connection;
   connection->NotifyUsbAdded("sda1");
   connection->NotifyUsbXriteAdded();
   connection->NotifyUsbXriteRemoved();
@@ -93,7 +93,7 @@ TEST_F(Watching, DeregistersWhenItsReaderHasGone) {
   Program watch({"watch"});
   watch.readErrorUntil("Watching");
   watch.stopReading();
-  Connection connection;
+  UsbClient connection;
   try {
     connection->NotifyUsbAdded("sda1");
   } catch (const apache::thrift::TApplicationException&) {
@@ -106,9 +106,9 @@ TEST_F(Watching, DeregistersWhenItsReaderHasGone) {
 TEST_F(Watching, HoldsNoConnectionToTheDaemon) {
   Program watch({"watch"});
   watch.readErrorUntil("Watching");
-  std::vector<std::unique_ptr<Connection>> ten;
+  std::vector<std::unique_ptr<UsbClient>> ten;
   for (int i = 0; i < 10; ++i) {
-    ten.push_back(std::make_unique<Connection>());
+    ten.push_back(std::make_unique<UsbClient>());
     EXPECT_FALSE((*ten.back())->IsDeviceOpen(1));
   }
   ten.clear();

@@ -10,11 +10,11 @@
 #include <optional>
 #include <vector>
 
+#include "Eventually.h"
 #include "HostileTest.h"
 #include "IdleCrowd.h"
 #include "MediaService.h"
 #include "TUnixSocket.h"
-#include "TransportTestSupport.h"
 
 namespace hostiletest {
 namespace {
@@ -22,7 +22,7 @@ namespace {
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
-using transport_test::eventually;
+using testsupport::eventually;
 
 class DescriptorShortageTest : public HostileTest {
  protected:

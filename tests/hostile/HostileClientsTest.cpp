@@ -11,8 +11,8 @@
 
 #include "BadClients.h"
 #include "Emulator.h"
+#include "Eventually.h"
 #include "HostileTest.h"
-#include "TransportTestSupport.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define DOCKHAND_TEST_SANITIZED
@@ -21,7 +21,7 @@
 namespace hostiletest {
 namespace {
 
-using transport_test::eventually;
+using testsupport::eventually;
 
 constexpr std::size_t atOnce = 200;
 #ifdef DOCKHAND_TEST_SANITIZED

@@ -6,7 +6,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "TransportTestSupport.h"
+#include "Eventually.h"
 #include "World.h"
 
 namespace hostiletest {
@@ -50,7 +50,7 @@ std::size_t descriptorsOf(const Daemon& daemon) {
 }
 
 void expectConnections(const Daemon& daemon, std::size_t count) {
-  EXPECT_TRUE(transport_test::eventually([&] { return descriptorsOf(daemon) == descriptorsAtRest + count; }))
+  EXPECT_TRUE(testsupport::eventually([&] { return descriptorsOf(daemon) == descriptorsAtRest + count; }))
       << "there are " << descriptorsOf(daemon) << " descriptors";
 }
 

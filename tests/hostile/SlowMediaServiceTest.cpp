@@ -11,8 +11,8 @@
 #include <memory>
 #include <thread>
 
+#include "Eventually.h"
 #include "HostileTest.h"
-#include "TransportTestSupport.h"
 #include "Trial.h"
 #include "Wire.h"
 #include "usb_rpc_gen_.h"
@@ -24,7 +24,7 @@ using apache::thrift::protocol::T_REPLY;
 using apache::thrift::protocol::T_STRING;
 using apache::thrift::protocol::TBinaryProtocol;
 using testing::HasSubstr;
-using transport_test::eventually;
+using testsupport::eventually;
 
 std::string beginOfAnswer(const std::string& operation) {
   return written([&](TBinaryProtocol& writer) { writer.writeMessageBegin(operation, T_REPLY, 1); });

@@ -9,6 +9,7 @@
 #include <exception>
 #include <utility>
 
+#include "Eventually.h"
 #include "HostileTest.h"
 #include "MediaService.h"
 #include "TransportTestSupport.h"
@@ -50,7 +51,7 @@ void Trial::start() {
     }
   });
   // One descriptor is the daemon's end of the connection to the media service.
-  EXPECT_TRUE(transport_test::eventually([&] { return descriptorsOf(*daemon_) > before; }));
+  EXPECT_TRUE(testsupport::eventually([&] { return descriptorsOf(*daemon_) > before; }));
 }
 
 Trial::~Trial() {

@@ -21,9 +21,12 @@ using apache::thrift::transport::TTransport;
 using apache::thrift::transport::TTransportException;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using transport_test::errorText;
+using transport_test::errorType;
 using transport_test::FailingCall;
 using transport_test::openDescriptors;
 using transport_test::plainListener;
+using transport_test::TransportError;
 using transport_test::transportError;
 
 namespace ravel::rpc {
@@ -33,15 +36,11 @@ std::vector<std::string> reports;
 
 class FailingCalls : public transport_test::SocketDirectoryTest {
  protected:
-  void SetUp() override {
-    SocketDirectoryTest::SetUp();
+  FailingCalls() {
     reports.clear();
     GlobalOutput.setOutputFunction([](const char* message) { reports.emplace_back(message); });
   }
-  void TearDown() override {
-    GlobalOutput.setOutputFunction(TOutput::errorTimeWrapper);
-    SocketDirectoryTest::TearDown();
-  }
+  ~FailingCalls() override { GlobalOutput.setOutputFunction(TOutput::errorTimeWrapper); }
 
   std::string path() const { return (directory_ / "9020.sock").string(); }
   /// Leaves a socket without a server behind.
@@ -55,22 +54,13 @@ class FailingCalls : public transport_test::SocketDirectoryTest {
   void expectNoServer(const FailingCall& failing, const std::string& step) const {
     const bool socketWasThere = std::filesystem::exists(path());
     const auto descriptors = openDescriptors();
-    TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
-    EXPECT_EQ(transportError([] { TUnixServerSocket server(9020); }, &type),
-              path() + ": " + step + ": " + TOutput::strerror_s(EIO));
-    EXPECT_EQ(type, TTransportException::NOT_OPEN);
+    EXPECT_EQ(transportError([] { TUnixServerSocket server(9020); }),
+              TransportError(TTransportException::NOT_OPEN,
+                             path() + ": " + step + ": " + TOutput::strerror_s(EIO)));
     EXPECT_TRUE(failing.happened()) << step;
     EXPECT_EQ(std::filesystem::exists(path()), socketWasThere) << step;
     EXPECT_EQ(openDescriptors(), descriptors) << step;
     EXPECT_NO_THROW(TUnixServerSocket(9020)) << step;
-  }
-
-  /// Returns the type of the exception that ends accept(), and its text in `text`.
-  static TTransportException::TTransportExceptionType acceptError(TUnixServerSocket& server,
-                                                                  std::string& text) {
-    TTransportException::TTransportExceptionType type = TTransportException::NOT_OPEN;
-    text = transportError([&server] { server.accept(); }, &type);
-    return type;
   }
 };
 
@@ -105,12 +95,12 @@ TEST_F(FailingCalls, AreIgnoredWhenSomebodyElseHasRemovedTheStaleSocket) {
   {
     const FailingCall failing("unlink", ENOENT);
     // The socket still exists, so the server cannot bind its own.
-    EXPECT_EQ(transportError([] { TUnixServerSocket server(9020); }),
+    EXPECT_EQ(errorText([] { TUnixServerSocket server(9020); }),
               path() + ": bind: " + TOutput::strerror_s(EADDRINUSE));
     EXPECT_TRUE(failing.happened());
   }
   const FailingCall failing("connect", ENOENT);
-  EXPECT_EQ(transportError([] { TUnixServerSocket server(9020); }),
+  EXPECT_EQ(errorText([] { TUnixServerSocket server(9020); }),
             path() + ": bind: " + TOutput::strerror_s(EADDRINUSE));
   EXPECT_TRUE(failing.happened());
 }
@@ -183,15 +173,12 @@ TEST_F(FailingCalls, EndAcceptWhereTheyStay) {
   TUnixServerSocket server(9020);
   TUnixSocket client("localhost", 9020);
   client.open();
-  std::string text;
-  {
-    const FailingCall failing("accept4", EINVAL);
-    EXPECT_EQ(acceptError(server, text), TTransportException::UNKNOWN);
-    EXPECT_EQ(text, path() + ": accept: " + TOutput::strerror_s(EINVAL));
+  for (const auto& [call, step] : {std::pair{"accept4", "accept"}, std::pair{"poll", "poll"}}) {
+    const FailingCall failing(call, EINVAL);
+    EXPECT_EQ(transportError([&server] { server.accept(); }),
+              TransportError(TTransportException::UNKNOWN,
+                             path() + ": " + step + ": " + TOutput::strerror_s(EINVAL)));
   }
-  const FailingCall failing("poll", EINVAL);
-  EXPECT_EQ(acceptError(server, text), TTransportException::UNKNOWN);
-  EXPECT_EQ(text, path() + ": poll: " + TOutput::strerror_s(EINVAL));
 }
 
 TEST_F(FailingCalls, AreNamedWhenAClientCannotConnect) {
@@ -201,10 +188,9 @@ TEST_F(FailingCalls, AreNamedWhenAClientCannotConnect) {
     TUnixSocket client("localhost", 9020);
     client.setConnTimeout(60000);
     const FailingCall failing(call, ENOBUFS);
-    TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
-    EXPECT_EQ(transportError([&client] { client.open(); }, &type),
-              path() + ": " + call + ": " + TOutput::strerror_s(ENOBUFS));
-    EXPECT_EQ(type, TTransportException::NOT_OPEN);
+    EXPECT_EQ(transportError([&client] { client.open(); }),
+              TransportError(TTransportException::NOT_OPEN,
+                             path() + ": " + call + ": " + TOutput::strerror_s(ENOBUFS)));
     EXPECT_FALSE(client.isOpen());
     EXPECT_EQ(openDescriptors(), descriptors);
     client.open();
@@ -217,9 +203,8 @@ TEST_F(FailingCalls, DoNotExtendAClientsTimeToConnect) {
   TUnixSocket client("localhost", 9020);
   client.setConnTimeout(20);
   const FailingCall failing("connect", EINTR, FailingCall::always);
-  TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
-  EXPECT_EQ(transportError([&client] { client.open(); }, &type), path() + ": connect timed out");
-  EXPECT_EQ(type, TTransportException::TIMED_OUT);
+  EXPECT_EQ(transportError([&client] { client.open(); }),
+            TransportError(TTransportException::TIMED_OUT, path() + ": connect timed out"));
 }
 
 TEST_F(FailingCalls, AreNamedWhenAThreadCannotBeMade) {

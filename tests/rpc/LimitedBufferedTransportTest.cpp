@@ -17,6 +17,9 @@ using apache::thrift::transport::TVirtualTransport;
 namespace ravel::rpc {
 namespace {
 
+using transport_test::TransportError;
+using transport_test::transportError;
+
 constexpr std::uint32_t twoBillion = 2000000000;
 
 long peakMegabytes() {
@@ -47,10 +50,9 @@ TEST(LimitedBufferedTransport, CarriesATextOfExactlyTheLimit) {
 
 TEST(LimitedBufferedTransport, RefusesATextOfMoreThanTheLimit) {
   const std::uint32_t tooMuch = LimitedBufferedTransport::maxFieldSize + 1;
-  TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
-  const std::string text = transport_test::transportError([&] { readText(tooMuch, tooMuch); }, &type);
-  EXPECT_EQ(type, TTransportException::CORRUPTED_DATA);
-  EXPECT_EQ(text, "a text of 1048577 bytes is announced, 1048576 are the limit");
+  EXPECT_EQ(transportError([&] { readText(tooMuch, tooMuch); }),
+            TransportError(TTransportException::CORRUPTED_DATA,
+                           "a text of 1048577 bytes is announced, 1048576 are the limit"));
 }
 
 TEST(LimitedBufferedTransport, AllocatesNothingForATextThatIsOnlyAnnounced) {

@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <thrift/TApplicationException.h>
-#include <thrift/protocol/TBinaryProtocol.h>
-#include <thrift/transport/TBufferTransports.h>
 #include <thrift/transport/TTransportException.h>
 
 #include <future>
@@ -21,7 +19,7 @@
 #include "ModuleLog.h"
 #include "SocketDirectory.h"
 #include "TUnixServerSocket.h"
-#include "TUnixSocket.h"
+#include "UsbClient.h"
 #include "corvane_rpc_gen_.h"
 #include "usb_rpc_gen_.h"
 
@@ -37,29 +35,12 @@ using testsupport::MediaService;
 
 namespace {
 
-/// A client with its own connection.
-template <typename Stub>
-class Connection {
- public:
-  Connection() : socket_(std::make_shared<ravel::rpc::TUnixSocket>("localhost", 9020)) {
-    const auto transport = std::make_shared<apache::thrift::transport::TBufferedTransport>(socket_);
-    stub_ = std::make_unique<Stub>(std::make_shared<apache::thrift::protocol::TBinaryProtocol>(transport));
-    socket_->open();
-  }
+using UsbConnection = testsupport::UsbClient;
 
-  Stub* operator->() { return stub_.get(); }
-  ravel::rpc::TUnixSocket& socket() { return *socket_; }
-  bool hasSomethingToRead() {
-    pollfd waiting{socket_->getSocketFD(), POLLIN, 0};
-    return poll(&waiting, 1, 0) > 0;
-  }
-
- private:
-  std::shared_ptr<ravel::rpc::TUnixSocket> socket_;
-  std::unique_ptr<Stub> stub_;
-};
-
-using UsbConnection = Connection<ravel::rpc::usb_rpc_gen_Client>;
+bool hasSomethingToRead(UsbConnection& connection) {
+  pollfd waiting{connection.socket().getSocketFD(), POLLIN, 0};
+  return poll(&waiting, 1, 0) > 0;
+}
 
 /// The service. Its threads never end, so all tests share one that is never destroyed.
 struct Service {
@@ -236,19 +217,19 @@ TEST_F(ServiceTest, ServesTenClientsAndTheEleventhWhenOneLeaves) {
     (*ten.back())->IsDeviceOpen(1);
   }
   UsbConnection eleventh;
-  (*eleventh.operator->()).send_IsDeviceOpen(1);
+  eleventh->send_IsDeviceOpen(1);
   for (int round = 0; round < 20; ++round) {
     for (const auto& client : ten) {
       (*client)->IsDeviceOpen(1);
     }
   }
-  EXPECT_FALSE(eleventh.hasSomethingToRead());
+  EXPECT_FALSE(hasSomethingToRead(eleventh));
   ten.pop_back();
   EXPECT_FALSE(eleventh->recv_IsDeviceOpen());
 }
 
 TEST_F(ServiceTest, AnswersAnUnknownMethodWithItsApplicationException) {
-  Connection<ravel::rpc::corvane_rpc_gen_Client> wrongService;
+  testsupport::Connection<ravel::rpc::corvane_rpc_gen_Client> wrongService;
   try {
     wrongService->SendUsbAddedCallback(1, 2, 3);
     FAIL() << "the method was answered";
@@ -289,7 +270,7 @@ TEST_F(ServiceTest, SurvivesAClientThatVanishesInTheMiddleOfItsCall) {
   };
   {
     UsbConnection vanishing;
-    (*vanishing.operator->()).send_CheckForAndUpdateNewDevices();
+    vanishing->send_CheckForAndUpdateNewDevices();
     callHasBegun.get_future().wait();
   }
   clientHasGone.set_value();
@@ -304,8 +285,7 @@ TEST_F(ServiceTest, SurvivesGarbageAndHalfMessages) {
         std::string(100, '\0')}) {
     for (int i = 0; i < 12; ++i) {
       UsbConnection rude;
-      rude.socket().write(reinterpret_cast<const std::uint8_t*>(rubbish.data()),
-                          static_cast<std::uint32_t>(rubbish.size()));
+      rude.send(rubbish);
     }
   }
   expectServing();

@@ -1,5 +1,4 @@
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <thrift/Thrift.h>
 
@@ -11,6 +10,7 @@
 #include <future>
 #include <optional>
 
+#include "IdleCrowd.h"
 #include "TUnixServerSocket.h"
 #include "TUnixSocket.h"
 #include "TransportTestSupport.h"
@@ -24,9 +24,12 @@ using apache::thrift::transport::TTransportException;
 namespace ravel::rpc {
 namespace {
 
+using transport_test::errorText;
+using transport_test::errorType;
 using transport_test::fillBacklog;
 using transport_test::openDescriptors;
 using transport_test::plainListener;
+using transport_test::TransportError;
 using transport_test::transportError;
 
 class TUnixServerSocketTest : public transport_test::SocketDirectoryTest {
@@ -41,7 +44,7 @@ class TUnixServerSocketTest : public transport_test::SocketDirectoryTest {
   }
 
   static std::string constructionError() {
-    return transportError([] { TUnixServerSocket server(9020); });
+    return errorText([] { TUnixServerSocket server(9020); });
   }
 
   /// A client sends one byte, which the accepted connection receives.
@@ -281,11 +284,7 @@ TEST_F(TUnixServerSocketTest, AcceptsBlockingConnectionsOnANonBlockingListener) 
 
 TEST_F(TUnixServerSocketTest, EndsAWaitingAcceptWhenInterrupted) {
   TUnixServerSocket server(9020);
-  auto waiting = std::async(std::launch::async, [&server] {
-    TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
-    transportError([&server] { server.accept(); }, &type);
-    return type;
-  });
+  auto waiting = std::async(std::launch::async, [&] { return errorType([&] { server.accept(); }); });
   server.interrupt();
   EXPECT_EQ(waiting.get(), TTransportException::INTERRUPTED);
 }
@@ -296,9 +295,7 @@ TEST_F(TUnixServerSocketTest, EndsEveryLaterAcceptOnceInterrupted) {
   client.open();
   server.interrupt();
   for (int round = 0; round < 2; ++round) {
-    TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
-    transportError([&server] { server.accept(); }, &type);
-    EXPECT_EQ(type, TTransportException::INTERRUPTED);
+    EXPECT_EQ(errorType([&server] { server.accept(); }), TTransportException::INTERRUPTED);
   }
 }
 
@@ -350,28 +347,8 @@ TEST_F(TUnixServerSocketTest, AcceptsNothingAfterItsEnd) {
   TUnixServerSocket server(9020);
   server.close();
   server.interrupt();
-  TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
-  transportError([&server] { server.accept(); }, &type);
-  EXPECT_EQ(type, TTransportException::NOT_OPEN);
+  EXPECT_EQ(errorType([&server] { server.accept(); }), TTransportException::NOT_OPEN);
 }
-
-/// Takes all free descriptors while it lives.
-class DescriptorShortage {
- public:
-  DescriptorShortage() {
-    getrlimit(RLIMIT_NOFILE, &before_);
-    const FileDescriptor lowestFree(open("/dev/null", O_RDONLY | O_CLOEXEC));
-    rlimit limit = before_;
-    limit.rlim_cur = static_cast<rlim_t>(lowestFree.get());
-    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-  }
-  ~DescriptorShortage() { setrlimit(RLIMIT_NOFILE, &before_); }
-  DescriptorShortage(const DescriptorShortage&) = delete;
-  DescriptorShortage& operator=(const DescriptorShortage&) = delete;
-
- private:
-  rlimit before_{};
-};
 
 std::atomic<int> shortageReports{0};
 
@@ -379,7 +356,6 @@ std::atomic<int> shortageReports{0};
 class Shortage : public TUnixServerSocketTest {
  protected:
   void SetUp() override {
-    TUnixServerSocketTest::SetUp();
     shortageReports = 0;
     GlobalOutput.setOutputFunction([](const char* message) {
       const char* const report = "9020.sock: cannot accept connections, trying on: ";
@@ -393,7 +369,6 @@ class Shortage : public TUnixServerSocketTest {
   void TearDown() override {
     server_.reset();
     GlobalOutput.setOutputFunction(TOutput::errorTimeWrapper);
-    TUnixServerSocketTest::TearDown();
   }
 
   /// Calls `during` while accept finds no free descriptor. The thread starts earlier, because the sanitizers
@@ -414,7 +389,9 @@ class Shortage : public TUnixServerSocketTest {
     });
     const int reports = shortageReports;
     {
-      const DescriptorShortage shortage;
+      // None beyond those that are open.
+      const FileDescriptor lowestFree(open("/dev/null", O_RDONLY | O_CLOEXEC));
+      const DescriptorLimit shortage(static_cast<rlim_t>(lowestFree.get()));
       go = true;
       EXPECT_TRUE(transport_test::eventually([reports] { return shortageReports > reports; }));
       during();
@@ -443,9 +420,7 @@ TEST_F(Shortage, OfDescriptorsIsSurvivedAndReportedOnceEachTime) {
 TEST_F(Shortage, OfDescriptorsCanBeInterrupted) {
   acceptWithoutDescriptors([this] { server_->interrupt(); });
   ASSERT_NE(failure_, nullptr);
-  TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
-  transportError([this] { std::rethrow_exception(failure_); }, &type);
-  EXPECT_EQ(type, TTransportException::INTERRUPTED);
+  EXPECT_EQ(errorType([this] { std::rethrow_exception(failure_); }), TTransportException::INTERRUPTED);
 }
 
 }  // namespace

@@ -17,8 +17,11 @@ using apache::thrift::transport::TTransportException;
 namespace ravel::rpc {
 namespace {
 
+using transport_test::errorText;
+using transport_test::errorType;
 using transport_test::fillBacklog;
 using transport_test::plainListener;
+using transport_test::TransportError;
 using transport_test::transportError;
 
 class TUnixSocketTest : public transport_test::SocketDirectoryTest {
@@ -34,25 +37,21 @@ class TUnixSocketTest : public transport_test::SocketDirectoryTest {
 };
 
 TEST_F(TUnixSocketTest, KnowsNoHostButLocalhost) {
-  TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
-  const std::string text = transportError([] { TUnixSocket("127.0.0.1", 9014); }, &type);
-  EXPECT_EQ(type, TTransportException::BAD_ARGS);
-  EXPECT_EQ(text, "local sockets are on localhost only, not on \"127.0.0.1\"");
+  EXPECT_EQ(transportError([] { TUnixSocket("127.0.0.1", 9014); }),
+            TransportError(TTransportException::BAD_ARGS,
+                           "local sockets are on localhost only, not on \"127.0.0.1\""));
 }
 
 TEST_F(TUnixSocketTest, RefusesATooLongPath) {
   setenv("RAVEL_SOCKET_DIR", ("/tmp/" + std::string(100, 'd')).c_str(), 1);
-  TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
-  transportError([] { TUnixSocket("localhost", 9014); }, &type);
-  EXPECT_EQ(type, TTransportException::BAD_ARGS);
+  EXPECT_EQ(errorType([] { TUnixSocket("localhost", 9014); }), TTransportException::BAD_ARGS);
 }
 
 TEST_F(TUnixSocketTest, IsClosedAfterAFailureAndOpensLater) {
   TUnixSocket client("localhost", 9014);
-  TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
-  const std::string text = transportError([&client] { client.open(); }, &type);
-  EXPECT_EQ(type, TTransportException::NOT_OPEN);
-  EXPECT_EQ(text, path() + ": connect: " + TOutput::strerror_s(ENOENT));
+  EXPECT_EQ(
+      transportError([&client] { client.open(); }),
+      TransportError(TTransportException::NOT_OPEN, path() + ": connect: " + TOutput::strerror_s(ENOENT)));
   EXPECT_FALSE(client.isOpen());
 
   TUnixServerSocket server(9014);
@@ -63,7 +62,7 @@ TEST_F(TUnixSocketTest, IsClosedAfterAFailureAndOpensLater) {
 TEST_F(TUnixSocketTest, SaysThatNobodyServesAStaleSocket) {
   plainListener(path(), 1).reset();
   TUnixSocket client("localhost", 9014);
-  EXPECT_EQ(transportError([&client] { client.open(); }),
+  EXPECT_EQ(errorText([&client] { client.open(); }),
             path() + ": connect: " + TOutput::strerror_s(ECONNREFUSED));
 }
 
@@ -110,9 +109,7 @@ TEST_F(TUnixSocketTest, StopsWaitingForASilentService) {
   client.open();
   const std::shared_ptr<TTransport> connection = server.accept();
   std::uint8_t byte = 0;
-  TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
-  transportError([&] { client.read(&byte, 1); }, &type);
-  EXPECT_EQ(type, TTransportException::TIMED_OUT);
+  EXPECT_EQ(errorType([&] { client.read(&byte, 1); }), TTransportException::TIMED_OUT);
 }
 
 TEST_F(TUnixSocketTest, ReadsUntilItsDeadlineAndNoLonger) {
@@ -129,15 +126,12 @@ TEST_F(TUnixSocketTest, ReadsUntilItsDeadlineAndNoLonger) {
   EXPECT_EQ(client.read(byte.data(), 1), 1U);
 
   client.setDeadline(steady_clock::now() + milliseconds(50));
-  TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
-  EXPECT_EQ(transportError([&] { client.read(byte.data(), 1); }, &type),
-            path() + ": no complete answer in time");
-  EXPECT_EQ(type, TTransportException::TIMED_OUT);
+  EXPECT_EQ(transportError([&] { client.read(byte.data(), 1); }),
+            TransportError(TTransportException::TIMED_OUT, path() + ": no complete answer in time"));
 
   // A service that sends without end: there is always something to read.
   connection->write(byte.data(), 1);
-  transportError([&] { client.read(byte.data(), 1); }, &type);
-  EXPECT_EQ(type, TTransportException::TIMED_OUT);
+  EXPECT_EQ(errorType([&] { client.read(byte.data(), 1); }), TTransportException::TIMED_OUT);
 
   connection->close();
   client.setDeadline(steady_clock::now() + std::chrono::hours(1));
@@ -152,9 +146,8 @@ TEST_F(TUnixSocketTest, StopsWaitingForAServiceThatDoesNotRead) {
   client.open();
   const std::shared_ptr<TTransport> connection = server.accept();
   const std::vector<std::uint8_t> much(64UL * 1024 * 1024);
-  TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
-  transportError([&] { client.write(much.data(), static_cast<std::uint32_t>(much.size())); }, &type);
-  EXPECT_EQ(type, TTransportException::TIMED_OUT);
+  EXPECT_EQ(errorType([&] { client.write(much.data(), static_cast<std::uint32_t>(much.size())); }),
+            TTransportException::TIMED_OUT);
 }
 
 TEST_F(TUnixSocketTest, StopsWaitingForRoomInTheBacklogAndOpensLater) {
@@ -162,9 +155,8 @@ TEST_F(TUnixSocketTest, StopsWaitingForRoomInTheBacklogAndOpensLater) {
   auto waiting = fillBacklog(path());
   TUnixSocket client("localhost", 9014);
   client.setConnTimeout(50);
-  TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
-  EXPECT_EQ(transportError([&client] { client.open(); }, &type), path() + ": connect timed out");
-  EXPECT_EQ(type, TTransportException::TIMED_OUT);
+  EXPECT_EQ(transportError([&client] { client.open(); }),
+            TransportError(TTransportException::TIMED_OUT, path() + ": connect timed out"));
   EXPECT_FALSE(client.isOpen());
 
   for (std::size_t accepted = 0; accepted < waiting.size(); ++accepted) {

@@ -18,6 +18,7 @@ using apache::thrift::transport::TTransportException;
 namespace ravel::rpc {
 namespace {
 
+using transport_test::errorType;
 using transport_test::eventually;
 using transport_test::MediaHandler;
 using transport_test::MediaServer;
@@ -44,10 +45,7 @@ void add(MediaClient& client, std::int16_t device = 1) {
 
 class ThriftClient : public transport_test::SocketDirectoryTest {
  protected:
-  void SetUp() override {
-    SocketDirectoryTest::SetUp();
-    CountingSocket::opened = 0;
-  }
+  ThriftClient() { CountingSocket::opened = 0; }
 
   const boost::shared_ptr<MediaHandler> handler_ = boost::make_shared<MediaHandler>();
 };
@@ -337,9 +335,7 @@ TEST_F(ThriftClient, StopsWaitingForASilentService) {
   });
   MediaClient client(std::chrono::milliseconds(50));
   for (int round = 0; round < 2; ++round) {
-    TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
-    transport_test::transportError([&client] { add(client); }, &type);
-    EXPECT_EQ(type, TTransportException::TIMED_OUT);
+    EXPECT_EQ(errorType([&client] { add(client); }), TTransportException::TIMED_OUT);
   }
   EXPECT_EQ(CountingSocket::opened, 2);
 }
@@ -364,9 +360,7 @@ TEST_F(ThriftClient, StopsReadingAReplyThatDrips) {
     connection->close();
   });
   MediaClient client(std::chrono::milliseconds(500));
-  TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
-  transport_test::transportError([&client] { add(client); }, &type);
-  EXPECT_EQ(type, TTransportException::TIMED_OUT);
+  EXPECT_EQ(errorType([&client] { add(client); }), TTransportException::TIMED_OUT);
 }
 
 TEST_F(ThriftClient, GivesEachCallOnAKeptConnectionItsOwnTime) {
@@ -385,9 +379,7 @@ TEST_F(ThriftClient, StopsWaitingForAServiceThatDoesNotAccept) {
   const FileDescriptor listener = transport_test::plainListener(path, 0);
   const auto waiting = transport_test::fillBacklog(path);
   MediaClient client(std::chrono::milliseconds(50));
-  TTransportException::TTransportExceptionType type = TTransportException::UNKNOWN;
-  transport_test::transportError([&client] { add(client); }, &type);
-  EXPECT_EQ(type, TTransportException::TIMED_OUT);
+  EXPECT_EQ(errorType([&client] { add(client); }), TTransportException::TIMED_OUT);
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "Connection.h"
 #include "DeathTestStyle.h"
 #include "IdleCrowd.h"
 #include "TUnixSocket.h"
@@ -43,29 +44,16 @@ using transport_test::UsbServer;
 
 class ThriftServer : public transport_test::SocketDirectoryTest {
  protected:
-  /// A client's connection to the server.
-  struct Client {
-    Client()
-        : socket(std::make_shared<TUnixSocket>("localhost", 9020)),
-          protocol(std::make_shared<TBinaryProtocol>(std::make_shared<TBufferedTransport>(socket))),
-          stub(protocol) {
-      socket->open();
-    }
-    /// Begins the call of a known operation.
-    void beginCall() const { protocol->writeMessageBegin("OpenDevice", T_CALL, 0); }
-    /// Sends what was written. True if the server then closes the connection without a reply.
-    bool isClosed() const {
-      // Ends only the test of a server that waits for more.
-      socket->setRecvTimeout(60000);
-      protocol->getTransport()->flush();
-      std::uint8_t byte = 0;
-      return socket->read(&byte, 1) == 0;
-    }
+  using Client = testsupport::Connection<usb_rpc_gen_Client>;
 
-    std::shared_ptr<TUnixSocket> socket;
-    std::shared_ptr<TBinaryProtocol> protocol;
-    usb_rpc_gen_Client stub;
-  };
+  /// Sends what was written. True if the server then closes the connection without a reply.
+  static bool isClosed(Client& client) {
+    // Ends only the test of a server that waits for more.
+    client.socket().setRecvTimeout(60000);
+    client.protocol().getTransport()->flush();
+    std::uint8_t byte = 0;
+    return client.socket().read(&byte, 1) == 0;
+  }
 
   const boost::shared_ptr<UsbHandler> handler_ = boost::make_shared<UsbHandler>();
 };
@@ -75,15 +63,15 @@ TEST_F(ThriftServer, ServesOnceStarted) {
   server.start();
   server.start();
   Client client;
-  EXPECT_TRUE(client.stub.OpenDevice(1));
+  EXPECT_TRUE(client->OpenDevice(1));
 }
 
 TEST_F(ThriftServer, LetsClientsWaitForItsStart) {
   UsbServer server(handler_);
   Client client;
-  client.stub.send_OpenDevice(1);
+  client->send_OpenDevice(1);
   server.start();
-  EXPECT_TRUE(client.stub.recv_OpenDevice());
+  EXPECT_TRUE(client->recv_OpenDevice());
 }
 
 TEST_F(ThriftServer, FailsInTheConstructorWhenTheSocketIsTaken) {
@@ -124,7 +112,7 @@ TEST_F(ThriftServer, KeepsServingWhenItsObjectIsGone) {
   ASSERT_FALSE(handler.expired());
   {
     Client client;
-    EXPECT_TRUE(client.stub.OpenDevice(1));
+    EXPECT_TRUE(client->OpenDevice(1));
   }
   dynamic_cast<apache::thrift::server::TServer&>(*thread->runnable()).stop();
   EXPECT_TRUE(eventually([&] { return thread->getState() == apache::thrift::concurrency::Thread::stopped; }));
@@ -145,24 +133,24 @@ TEST_F(ThriftServer, ServesTenConnectionsAtOnceAndTheEleventhWhenOneLeaves) {
   std::vector<std::unique_ptr<Client>> clients;
   for (int number = 1; number <= 10; ++number) {
     clients.push_back(std::make_unique<Client>());
-    clients.back()->stub.send_OpenDevice(1);
+    (*clients.back())->send_OpenDevice(1);
   }
   ASSERT_TRUE(eventually([&entered] { return entered == 10; }));
 
   Client eleventh;
-  eleventh.stub.send_OpenDevice(1);
+  eleventh->send_OpenDevice(1);
   ASSERT_TRUE(eventually([&server] { return server.server().getThreadManager()->pendingTaskCount() == 1; }));
   EXPECT_EQ(entered, 10);
 
   gate.set_value();
   for (const auto& client : clients) {
-    EXPECT_TRUE(client->stub.recv_OpenDevice());
+    EXPECT_TRUE((*client)->recv_OpenDevice());
   }
   // All ten have their reply, but still hold the workers.
   EXPECT_EQ(server.server().getThreadManager()->pendingTaskCount(), 1U);
   EXPECT_EQ(entered, 10);
   clients.pop_back();
-  EXPECT_TRUE(eleventh.stub.recv_OpenDevice());
+  EXPECT_TRUE(eleventh->recv_OpenDevice());
   EXPECT_EQ(entered, 11);
 }
 
@@ -181,7 +169,7 @@ TEST_F(ThriftServer, ServesAConnectionToItsEndByOneWorker) {
       if (round == 0) {
         clients.push_back(std::make_unique<Client>());
       }
-      EXPECT_TRUE(clients[number]->stub.OpenDevice(1));
+      EXPECT_TRUE((*clients[number])->OpenDevice(1));
       if (round == 0) {
         EXPECT_EQ(std::count(workers.begin(), workers.end(), worker), 0) << "another one has this worker";
         workers.push_back(worker);
@@ -218,7 +206,7 @@ TEST_F(ThriftServer, ServesWaitingConnectionsOnceOthersLeave) {
   // Each ends its connection's task with an exception; the connection must still be counted down.
   for (int connection = 0; connection < 12; ++connection) {
     Client unlucky;
-    EXPECT_THROW(unlucky.stub.OpenDevice(13), TTransportException);
+    EXPECT_THROW(unlucky->OpenDevice(13), TTransportException);
   }
 
   std::vector<std::unique_ptr<Client>> idle;
@@ -226,10 +214,10 @@ TEST_F(ThriftServer, ServesWaitingConnectionsOnceOthersLeave) {
     idle.push_back(std::make_unique<Client>());
   }
   Client last;
-  last.stub.send_OpenDevice(1);
+  last->send_OpenDevice(1);
   ASSERT_TRUE(eventually([&server] { return server->server().getConcurrentClientCount() == 11; }));
   idle.clear();
-  EXPECT_TRUE(last.stub.recv_OpenDevice());
+  EXPECT_TRUE(last->recv_OpenDevice());
   EXPECT_EQ(server->server().getConcurrentClientCountHWM(), 11);
 }
 
@@ -259,12 +247,12 @@ TEST_F(ThriftServer, RepliesToAnExceptionOfTheHandlerAndKeepsServing) {
   server.start();
   Client client;
   try {
-    client.stub.OpenDevice(13);
+    client->OpenDevice(13);
     FAIL() << "no exception";
   } catch (const TApplicationException& error) {
     EXPECT_STREQ(error.what(), "thirteen");
   }
-  EXPECT_TRUE(client.stub.OpenDevice(1));
+  EXPECT_TRUE(client->OpenDevice(1));
 }
 
 TEST_F(ThriftServer, SurvivesAnExceptionOfNoStandardType) {
@@ -278,99 +266,88 @@ TEST_F(ThriftServer, SurvivesAnExceptionOfNoStandardType) {
   server.start();
   for (int connection = 0; connection < 11; ++connection) {
     Client unlucky;
-    EXPECT_THROW(unlucky.stub.OpenDevice(13), TTransportException);
+    EXPECT_THROW(unlucky->OpenDevice(13), TTransportException);
   }
   Client client;
-  EXPECT_TRUE(client.stub.OpenDevice(1));
+  EXPECT_TRUE(client->OpenDevice(1));
 }
 
 TEST_F(ThriftServer, RepliesToAnUnknownOperationAndKeepsServing) {
   UsbServer server(handler_);
   server.start();
   Client client;
-  client.protocol->writeMessageBegin("FormatEverything", T_CALL, 7);
-  client.protocol->writeFieldBegin("", T_STRING, 1);
-  client.protocol->writeString(std::string("sdb1"));
-  client.protocol->writeFieldStop();
-  client.protocol->getTransport()->flush();
+  client.protocol().writeMessageBegin("FormatEverything", T_CALL, 7);
+  client.protocol().writeFieldBegin("", T_STRING, 1);
+  client.protocol().writeString(std::string("sdb1"));
+  client.protocol().writeFieldStop();
+  client.protocol().getTransport()->flush();
 
   std::string name;
   TMessageType type{};
   std::int32_t sequence = 0;
-  client.protocol->readMessageBegin(name, type, sequence);
+  client.protocol().readMessageBegin(name, type, sequence);
   TApplicationException answer;
-  answer.read(client.protocol.get());
+  answer.read(&client.protocol());
   EXPECT_EQ(name, "FormatEverything");
   EXPECT_EQ(type, T_EXCEPTION);
   EXPECT_EQ(sequence, 7);
   EXPECT_EQ(answer.getType(), TApplicationException::UNKNOWN_METHOD);
-  EXPECT_TRUE(client.stub.OpenDevice(1));
+  EXPECT_TRUE(client->OpenDevice(1));
 }
 
 TEST_F(ThriftServer, ClosesAConnectionThatAnnouncesATooLongTextAndKeepsServing) {
   UsbServer server(handler_);
   server.start();
   Client greedy;
-  EXPECT_THROW(
-      greedy.stub.OpenDeviceAt(1, std::string(LimitedBufferedTransport::maxFieldSize + 1, 'm'), false),
-      TTransportException);
+  EXPECT_THROW(greedy->OpenDeviceAt(1, std::string(LimitedBufferedTransport::maxFieldSize + 1, 'm'), false),
+               TTransportException);
   Client client;
-  EXPECT_TRUE(client.stub.OpenDeviceAt(1, std::string(LimitedBufferedTransport::maxFieldSize, 'm'), false));
+  EXPECT_TRUE(client->OpenDeviceAt(1, std::string(LimitedBufferedTransport::maxFieldSize, 'm'), false));
 }
 
-TEST_F(ThriftServer, ClosesAConnectionThatAnnouncesAHugeContainerAndKeepsServing) {
+TEST_F(ThriftServer, ClosesAConnectionThatSendsGarbageAndKeepsServing) {
   constexpr std::uint32_t twoBillion = 2000000000;
+  using Protocol = TBinaryProtocol;
+  const auto field = [](TType type, const std::function<void(Protocol&)>& write) {
+    return [=](Protocol& protocol) {
+      protocol.writeMessageBegin("OpenDevice", T_CALL, 0);
+      protocol.writeFieldBegin("", type, 99);
+      write(protocol);
+    };
+  };
+  const std::pair<const char*, std::function<void(Protocol&)>> rows[] = {
+      {"huge list", field(T_LIST, [](Protocol& protocol) { protocol.writeListBegin(T_I64, twoBillion); })},
+      {"huge set", field(T_SET, [](Protocol& protocol) { protocol.writeSetBegin(T_I64, twoBillion); })},
+      {"huge map",
+       field(T_MAP, [](Protocol& protocol) { protocol.writeMapBegin(T_I64, T_I64, twoBillion); })},
+      {"structures nested too deep", field(T_STRUCT,
+                                           [](Protocol& protocol) {
+                                             // Few enough bytes to fit into the socket's buffer unread.
+                                             for (int depth = 1; depth < 100; ++depth) {
+                                               protocol.writeFieldBegin("", T_STRUCT, 99);
+                                             }
+                                           })},
+      {"unknown type",
+       [](Protocol& protocol) {
+         protocol.writeMessageBegin("OpenDevice", T_CALL, 0);
+         protocol.writeByte(-2);
+       }},
+      {"another protocol",
+       [](Protocol& protocol) {
+         const std::string request = "GET / HTTP/1.0\r\n\r\n";
+         protocol.getTransport()->write(reinterpret_cast<const std::uint8_t*>(request.data()),
+                                        static_cast<std::uint32_t>(request.size()));
+       }},
+  };
   UsbServer server(handler_);
   server.start();
-  for (const TType container : {T_LIST, T_SET, T_MAP}) {
-    const Client greedy;
-    greedy.beginCall();
-    greedy.protocol->writeFieldBegin("", container, 99);
-    if (container == T_MAP) {
-      greedy.protocol->writeMapBegin(T_I64, T_I64, twoBillion);
-    } else {
-      greedy.protocol->writeListBegin(T_I64, twoBillion);
-    }
-    EXPECT_TRUE(greedy.isClosed());
+  for (const auto& [description, write] : rows) {
+    Client rude;
+    write(rude.protocol());
+    EXPECT_TRUE(isClosed(rude)) << description;
+    Client client;
+    EXPECT_TRUE(client->OpenDevice(1)) << description;
   }
-  Client client;
-  EXPECT_TRUE(client.stub.OpenDevice(1));
-}
-
-TEST_F(ThriftServer, ClosesAConnectionThatNestsStructsTooDeepAndKeepsServing) {
-  UsbServer server(handler_);
-  server.start();
-  const Client deep;
-  deep.beginCall();
-  // Few enough bytes to fit into the socket's buffer unread.
-  for (int depth = 0; depth < 100; ++depth) {
-    deep.protocol->writeFieldBegin("", T_STRUCT, 99);
-  }
-  EXPECT_TRUE(deep.isClosed());
-  Client client;
-  EXPECT_TRUE(client.stub.OpenDevice(1));
-}
-
-TEST_F(ThriftServer, ClosesAConnectionWithAnUnknownTypeAndKeepsServing) {
-  UsbServer server(handler_);
-  server.start();
-  const Client odd;
-  odd.beginCall();
-  odd.protocol->writeByte(-2);
-  EXPECT_TRUE(odd.isClosed());
-  Client client;
-  EXPECT_TRUE(client.stub.OpenDevice(1));
-}
-
-TEST_F(ThriftServer, ClosesAConnectionThatSpeaksAnotherProtocol) {
-  UsbServer server(handler_);
-  server.start();
-  Client other;
-  const std::string request = "GET / HTTP/1.0\r\n\r\n";
-  other.socket->write(reinterpret_cast<const std::uint8_t*>(request.data()),
-                      static_cast<std::uint32_t>(request.size()));
-  std::uint8_t byte = 0;
-  EXPECT_EQ(other.socket->read(&byte, 1), 0U);
 }
 
 TEST_F(ThriftServer, ServesMoreThanAHundredMegabytesOnOneConnection) {
@@ -384,7 +361,7 @@ TEST_F(ThriftServer, ServesMoreThanAHundredMegabytesOnOneConnection) {
   Client client;
   const std::string text(900UL * 1024, 'm');
   for (int calls = 0; calls < 130; ++calls) {
-    ASSERT_TRUE(client.stub.OpenDeviceAt(1, text, false)) << calls;
+    ASSERT_TRUE(client->OpenDeviceAt(1, text, false)) << calls;
   }
   EXPECT_GT(bytes, 110UL * 1024 * 1024);
 }

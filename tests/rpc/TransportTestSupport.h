@@ -11,11 +11,8 @@
 #include <thrift/transport/TTransportException.h>
 #include <usb_rpc_gen_.h>
 
-#include <array>
 #include <cerrno>
-#include <chrono>
 #include <cstdint>
-#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -24,41 +21,25 @@
 #include <utility>
 #include <vector>
 
+#include "Eventually.h"
 #include "FileDescriptor.h"
 #include "LocalSocketPath.h"
+#include "SocketDirectory.h"
 #include "TUnixServerSocket.h"
 #include "thrift_server.h"
 
 namespace transport_test {
 
+using testsupport::eventually;
+
 /// Gives each test a socket directory of its own.
 class SocketDirectoryTest : public ::testing::Test {
+ private:
+  const SocketDirectory sockets_;
+
  protected:
-  void SetUp() override {
-    std::array<char, 32> name{"/tmp/transport-test-XXXXXX"};
-    ASSERT_NE(mkdtemp(name.data()), nullptr);
-    directory_ = name.data();
-    setenv("RAVEL_SOCKET_DIR", directory_.c_str(), 1);
-  }
-  void TearDown() override {
-    unsetenv("RAVEL_SOCKET_DIR");
-    std::filesystem::remove_all(directory_);
-  }
-
-  std::filesystem::path directory_;
+  const std::filesystem::path& directory_ = sockets_.path();
 };
-
-/// Waits for another thread. The limit only ends a test that has failed.
-inline bool eventually(const std::function<bool()>& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
 
 /// A listening socket without our lock.
 inline ravel::rpc::FileDescriptor plainListener(const std::string& path, int backlog) {
@@ -83,20 +64,25 @@ inline std::vector<ravel::rpc::FileDescriptor> fillBacklog(const std::string& pa
   }
 }
 
-/// Returns the text of the exception that `action` throws, and its type in `type`.
-inline std::string transportError(
-    const std::function<void()>& action,
-    apache::thrift::transport::TTransportException::TTransportExceptionType* type = nullptr) {
+using ErrorType = apache::thrift::transport::TTransportException::TTransportExceptionType;
+
+using TransportError = std::pair<ErrorType, std::string>;
+
+/// Returns type and text of the exception that `action` throws.
+inline TransportError transportError(const std::function<void()>& action) {
   try {
     action();
   } catch (const apache::thrift::transport::TTransportException& error) {
-    if (type != nullptr) {
-      *type = error.getType();
-    }
-    return error.what();
+    return {error.getType(), error.what()};
   }
   ADD_FAILURE() << "no TTransportException";
-  return "";
+  return {};
+}
+inline ErrorType errorType(const std::function<void()>& action) {
+  return transportError(action).first;
+}
+inline std::string errorText(const std::function<void()>& action) {
+  return transportError(action).second;
 }
 
 /// Returns the numbers of the open descriptors.

@@ -2,23 +2,17 @@
 #define TESTS_SUPPORT_USBCLIENT_H
 
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <vector>
 
-#include "TUnixSocket.h"
+#include "Connection.h"
 #include "usb_rpc_gen_.h"
 
 namespace testsupport {
 
 /// One connection to the daemon. It has the generated client's operations, but returns their results.
-class UsbClient {
+class UsbClient : public Connection<ravel::rpc::usb_rpc_gen_Client> {
  public:
-  /// Connects; throws if nobody accepts.
-  UsbClient();
-
-  ravel::rpc::usb_rpc_gen_Client* operator->() { return &client_; }
-
   std::vector<std::int16_t> devices(bool includeHidden = false);
   ravel::rpc::ReturnValueWithString label(std::int16_t deviceId);
   ravel::rpc::ReturnValueWithString uuid(std::int16_t deviceId);
@@ -28,10 +22,6 @@ class UsbClient {
   /// Sorted.
   std::vector<std::string> files(std::int16_t deviceId, const std::string& directory,
                                  const std::string& extension);
-
- private:
-  std::shared_ptr<ravel::rpc::TUnixSocket> socket_;
-  ravel::rpc::usb_rpc_gen_Client client_;
 };
 
 }  // namespace testsupport

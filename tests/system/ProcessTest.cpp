@@ -12,8 +12,8 @@
 #include <regex>
 #include <sstream>
 
+#include "Eventually.h"
 #include "SystemTest.h"
-#include "TransportTestSupport.h"
 
 namespace systest {
 namespace {
@@ -168,7 +168,7 @@ TEST_F(ProcessTest, TraceLinesAreWrittenOnRequestOnly) {
     EXPECT_THAT(talkative.log(), HasSubstr(" 2 Dockhand.main Src/Dockhand/DockhandMain:19 "
                                            "Before Creating DockhandServer\n"));
     // The daemon may answer its first call before it logs this.
-    EXPECT_TRUE(transport_test::eventually([&talkative] {
+    EXPECT_TRUE(testsupport::eventually([&talkative] {
       return talkative.log().find(
                  " 2 Dockhand.main Src/Dockhand/DockhandMain:21 "
                  "After Creating DockhandServer\n") != std::string::npos;

@@ -5,9 +5,9 @@
 #include <fstream>
 #include <optional>
 
+#include "Eventually.h"
 #include "IdleCrowd.h"
 #include "SystemTest.h"
-#include "TransportTestSupport.h"
 
 namespace systest {
 namespace {
@@ -75,7 +75,7 @@ TEST_F(StickTest, IsClosedAndOpenedBesideFiveThousandIdleClients) {
   const IdleCrowd crowd;
   // Wait until the daemon holds as many as it accepts: 192, besides six descriptors of its own.
   const std::string descriptors = "/proc/" + std::to_string(daemon->pid()) + "/fd";
-  ASSERT_TRUE(transport_test::eventually([&] { return namesIn(descriptors).size() >= 198; }));
+  ASSERT_TRUE(testsupport::eventually([&] { return namesIn(descriptors).size() >= 198; }));
 
   EXPECT_TRUE(client->CloseDevice(1));
   EXPECT_THAT(mountsAt("/media/disk_1"), IsEmpty());

@@ -2,8 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <thrift/protocol/TBinaryProtocol.h>
-#include <thrift/transport/TBufferTransports.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -11,14 +9,13 @@
 #include <filesystem>
 #include <functional>
 #include <iostream>
-#include <memory>
 #include <string>
 
+#include "Connection.h"
 #include "DeathTestStyle.h"
 #include "Emulator.h"
 #include "Sleep.h"
 #include "SocketDirectory.h"
-#include "TUnixSocket.h"
 #include "Tlog.h"
 #include "usb_rpc_gen_.h"
 
@@ -156,13 +153,8 @@ TEST_F(MainDeathTest, DoesNotLogItsStartAtTheDefaultThreshold) {
 
 TEST_F(MainDeathTest, ServesWhileItSleeps) {
   EXPECT_EXIT(runDaemon([] {
-                using apache::thrift::protocol::TBinaryProtocol;
-                using apache::thrift::transport::TBufferedTransport;
-                const auto socket = std::make_shared<ravel::rpc::TUnixSocket>("localhost", 9020);
-                socket->open();
-                ravel::rpc::usb_rpc_gen_Client client(
-                    std::make_shared<TBinaryProtocol>(std::make_shared<TBufferedTransport>(socket)));
-                const bool opened = client.OpenDevice(-1);
+                testsupport::Connection<ravel::rpc::usb_rpc_gen_Client> client;
+                const bool opened = client->OpenDevice(-1);
                 std::cerr << "open: " << opened << std::endl;
               }),
               ExitedWithCode(0), ContainsRegex("Src/Dockhand/DockhandClient:640 OpenDeviceAt.*open: 0\n"));
