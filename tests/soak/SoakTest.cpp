@@ -46,7 +46,7 @@ class SoakTest : public ::testing::Test {
       sticksOfClients.push_back({stickOf(letter), stickOf(static_cast<char>(letter + 1))});
     }
     static const auto* const sockets = new SocketDirectory();
-    static auto* const system = new SimulatedSystem();
+    static auto* const system = simulatedSystem().release();
     run_ = new Soak(*system, sticksOfClients, settingsFor(400));
     run_->run();
     run_->print();

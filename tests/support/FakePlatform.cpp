@@ -3,32 +3,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdlib>
-#include <cstring>
 #include <sstream>
 #include <stdexcept>
 
 #include "Journal.h"
-
-namespace {
-
-int answer(int error) {
-  if (error == 0) {
-    return 0;
-  }
-  errno = error;
-  return -1;
-}
-
-dirent* newEntry(const std::string& name) {
-  auto* entry = static_cast<dirent*>(std::calloc(1, sizeof(dirent)));
-  name.copy(entry->d_name, sizeof(entry->d_name) - 1);
-  return entry;
-}
-
-}  // namespace
 
 void FakePlatform::record(const std::string& event) const {
   journal().record(event);
@@ -43,17 +22,17 @@ int FakePlatform::mount(const std::string& source, const std::string& target, co
   event << "mount " << source << " " << target << " " << fileSystemType << " " << std::hex << flags << " "
         << options;
   record(event.str());
-  return answer(mountError({source, target, fileSystemType, flags, options}));
+  return resultOf(mountError({source, target, fileSystemType, flags, options}));
 }
 
 int FakePlatform::umount(const std::string& target) {
   record("umount " + target);
-  return answer(umountError);
+  return resultOf(umountError);
 }
 
 int FakePlatform::umount2(const std::string& target, int flags) {
   record("umount2 " + target + " " + std::to_string(flags));
-  return answer(umount2Error);
+  return resultOf(umount2Error);
 }
 
 int FakePlatform::mkdir(const std::string& path, mode_t mode) {
@@ -61,12 +40,12 @@ int FakePlatform::mkdir(const std::string& path, mode_t mode) {
   event << "mkdir " << path << " " << std::oct << mode;
   record(event.str());
   if (mkdirError == 0 && existing.count(path) != 0) {
-    return answer(EEXIST);
+    return resultOf(EEXIST);
   }
   if (mkdirError == 0) {
     existing.insert(path);
   }
-  return answer(mkdirError);
+  return resultOf(mkdirError);
 }
 
 int FakePlatform::rmdir(const std::string& path) {
@@ -74,37 +53,25 @@ int FakePlatform::rmdir(const std::string& path) {
   if (rmdirError == 0) {
     existing.erase(path);
   }
-  return answer(rmdirError);
+  return resultOf(rmdirError);
 }
 
 int FakePlatform::access(const std::string& path, int mode) {
   record("access " + path);
   if (mode != F_OK) {
-    return answer(EACCES);
+    return resultOf(EACCES);
   }
-  return answer(existing.count(path) != 0 ? 0 : ENOENT);
+  return resultOf(existing.count(path) != 0 ? 0 : ENOENT);
 }
 
 int FakePlatform::scandir(const std::string& path, dirent*** entries, int (*filter)(const dirent*),
                           int (*compare)(const dirent**, const dirent**)) {
   record("scandir " + path);
   if (scandirError != 0) {
-    return answer(scandirError);
+    return resultOf(scandirError);
   }
-  std::vector<dirent*> accepted;
-  for (const std::string& name : deviceNodes) {
-    dirent* entry = newEntry(name);
-    if (scandirIgnoresFilter || filter(entry) != 0) {
-      accepted.push_back(entry);
-    } else {
-      std::free(entry);
-    }
-  }
-  std::stable_sort(accepted.begin(), accepted.end(),
-                   [compare](const dirent* left, const dirent* right) { return compare(&left, &right) < 0; });
-  *entries = static_cast<dirent**>(std::calloc(accepted.size(), sizeof(dirent*)));
-  std::copy(accepted.begin(), accepted.end(), *entries);
-  return static_cast<int>(accepted.size());
+  const auto accepts = [&](const dirent* entry) { return scandirIgnoresFilter || filter(entry) != 0; };
+  return scan(deviceNodes, entries, accepts, compare);
 }
 
 DIR* FakePlatform::opendir(const std::string& path) {
@@ -130,9 +97,7 @@ dirent* FakePlatform::readdir(DIR* directory) {
   if (opened.position == names.size()) {
     return nullptr;
   }
-  const std::string& name = names[opened.position++];
-  std::memset(opened.entry.d_name, 0, sizeof(opened.entry.d_name));
-  name.copy(opened.entry.d_name, sizeof(opened.entry.d_name) - 1);
+  setName(opened.entry, names[opened.position++]);
   return &opened.entry;
 }
 
@@ -147,10 +112,10 @@ int FakePlatform::open(const std::string& path, int flags) {
   record("open " + path);
   openFlags[path] = flags;
   if ((flags & O_ACCMODE) != O_RDONLY) {
-    return answer(EACCES);
+    return resultOf(EACCES);
   }
   if (files.count(path) == 0 && readErrors.count(path) == 0 && disks.count(path) == 0) {
-    return answer(openError);
+    return resultOf(openError);
   }
   descriptors_[nextDescriptor] = {path};
   return nextDescriptor++;
@@ -161,7 +126,7 @@ ssize_t FakePlatform::read(int descriptor, void* buffer, size_t size) {
   record("read " + file.path + " " + std::to_string(size));
   const auto failing = readErrors.find(file.path);
   if (failing != readErrors.end()) {
-    return answer(failing->second);
+    return resultOf(failing->second);
   }
   const std::string& content = files.at(file.path);
   const std::size_t count = content.copy(static_cast<char*>(buffer), size, file.position);
@@ -176,10 +141,10 @@ int FakePlatform::close(int descriptor) {
     throw std::logic_error("a descriptor was closed that was never opened, or was closed before");
   }
   if (file == descriptors_.end()) {
-    return answer(EBADF);
+    return resultOf(EBADF);
   }
   descriptors_.erase(file);
-  return answer(closeError);
+  return resultOf(closeError);
 }
 
 char* FakePlatform::mkdtemp(char* path) {
@@ -212,10 +177,10 @@ int FakePlatform::statx(int directory, const std::string& path, int flags, unsig
   }
   record("statx " + path);
   if (claim->second == Dockhand::Claim::refused) {
-    return answer(EACCES);
+    return resultOf(EACCES);
   }
   status->stx_mode = S_IFLNK | 0777;
-  return answer(moved_.count(path) != 0 ? ENOENT : 0);
+  return resultOf(moved_.count(path) != 0 ? ENOENT : 0);
 }
 
 int FakePlatform::system(const std::string& command) {

@@ -1,8 +1,12 @@
 #ifndef TESTS_SUPPORT_NOSYSTEM_H
 #define TESTS_SUPPORT_NOSYSTEM_H
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
+#include <functional>
 #include <string>
+#include <vector>
 
 #include "Platform.h"
 
@@ -53,11 +57,39 @@ class NoSystem : public Dockhand::Platform {
   void blkid_free_probe(blkid_probe /*probe*/) override {}
   blkid_loff_t blkid_get_dev_size(int /*descriptor*/) override { return 0; }
 
- private:
-  static int failure() {
-    errno = ENOSYS;
-    return -1;
+ protected:
+  /// The result of a call: 0, or -1 with this errno.
+  static int resultOf(int error) {
+    errno = error != 0 ? error : errno;
+    return error != 0 ? -1 : 0;
   }
+  static void setName(dirent& entry, const std::string& name) {
+    entry = {};
+    name.copy(entry.d_name, sizeof(entry.d_name) - 1);
+  }
+  /// The result of scandir in a directory with these names.
+  static int scan(const std::vector<std::string>& names, dirent*** entries,
+                  const std::function<bool(const dirent*)>& filter,
+                  int (*compare)(const dirent**, const dirent**)) {
+    std::vector<dirent*> accepted;
+    for (const std::string& name : names) {
+      dirent entry{};
+      setName(entry, name);
+      if (filter(&entry)) {
+        accepted.push_back(static_cast<dirent*>(std::malloc(sizeof(dirent))));
+        *accepted.back() = entry;
+      }
+    }
+    std::stable_sort(accepted.begin(), accepted.end(), [compare](const dirent* left, const dirent* right) {
+      return compare(&left, &right) < 0;
+    });
+    *entries = static_cast<dirent**>(std::calloc(accepted.size() + 1, sizeof(dirent*)));
+    std::copy(accepted.begin(), accepted.end(), *entries);
+    return static_cast<int>(accepted.size());
+  }
+
+ private:
+  static int failure() { return resultOf(ENOSYS); }
   static std::nullptr_t nothing() {
     errno = ENOSYS;
     return nullptr;
