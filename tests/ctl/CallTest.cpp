@@ -9,9 +9,6 @@ namespace ctltest {
 namespace {
 
 using nlohmann::json;
-using ::testing::Contains;
-using ::testing::HasSubstr;
-using ::testing::Not;
 
 class Call : public CtlTest {};
 

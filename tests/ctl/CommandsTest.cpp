@@ -20,13 +20,6 @@
 namespace ctltest {
 namespace {
 
-using ::testing::AllOf;
-using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Not;
-using ::testing::StartsWith;
 using testsupport::Callback;
 using testsupport::MediaService;
 

@@ -64,6 +64,13 @@ struct Service {
 
 Service& service();
 
+using ::testing::AllOf;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::StartsWith;
 using testsupport::UsbClient;
 
 /// A test that runs the program against the service. At its start no device is known.

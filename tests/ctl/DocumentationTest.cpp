@@ -14,7 +14,6 @@
 namespace ctltest {
 namespace {
 
-using ::testing::IsEmpty;
 using ::testing::IsSupersetOf;
 
 const std::string program = DOCKHAND_SOURCE_DIR "/tools/dockhandctl/dockhandctl.1";

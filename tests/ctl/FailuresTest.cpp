@@ -11,12 +11,6 @@
 namespace ctltest {
 namespace {
 
-using ::testing::AllOf;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Not;
-using ::testing::StartsWith;
-
 class Failures : public CtlTest {
  protected:
   static std::string otherDirectory(const std::string& name) {

@@ -9,12 +9,6 @@
 namespace ctltest {
 namespace {
 
-using ::testing::AllOf;
-using ::testing::Contains;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Not;
-
 RunOptions terminal() {
   RunOptions options;
   options.terminal = true;

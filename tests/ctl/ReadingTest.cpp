@@ -12,10 +12,6 @@ namespace ctltest {
 namespace {
 
 using nlohmann::json;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Not;
-using ::testing::StartsWith;
 
 class Reading : public CtlTest {
  protected:

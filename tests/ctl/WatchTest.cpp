@@ -13,10 +13,6 @@ namespace ctltest {
 namespace {
 
 using nlohmann::json;
-using ::testing::AllOf;
-using ::testing::Contains;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 using testsupport::MediaService;
 
 class Watching : public CtlTest {

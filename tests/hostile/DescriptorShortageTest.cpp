@@ -1,6 +1,5 @@
 // A daemon without free descriptors, and one that keeps a reserve for its work.
 
-#include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <thrift/TApplicationException.h>
 
@@ -10,19 +9,12 @@
 #include <optional>
 #include <vector>
 
-#include "Eventually.h"
 #include "HostileTest.h"
 #include "IdleCrowd.h"
-#include "MediaService.h"
 #include "TUnixSocket.h"
 
 namespace hostiletest {
 namespace {
-
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
-using testsupport::eventually;
 
 class DescriptorShortageTest : public HostileTest {
  protected:
@@ -73,7 +65,7 @@ TEST_F(DescriptorShortageTest, EndsWithoutARestart) {
 
 TEST_F(DescriptorShortageTest, FailsOnlyWhatNeedsADescriptor) {
   const Daemon daemon;
-  const testsupport::MediaService mediaService;
+  const MediaService mediaService;
   UsbClient held;
   held->RegisterUsbAddedCallBack(7, 1);
   limitDescriptors(daemon);
@@ -95,7 +87,7 @@ TEST_F(DescriptorShortageTest, FailsOnlyWhatNeedsADescriptor) {
       return false;
     }
   }));
-  EXPECT_THAT(mediaService.callbacks(), testing::ElementsAre(testsupport::Callback{"added", -1, 7, 2}));
+  EXPECT_THAT(mediaService.callbacks(), ElementsAre(Callback{"added", -1, 7, 2}));
   expectSound(daemon);
 }
 
@@ -105,7 +97,7 @@ TEST_F(DescriptorShortageTest, IsNotCausedByFiveThousandIdleClients) {
     const DescriptorLimit few(256);
     daemon.emplace();
   }
-  const testsupport::MediaService mediaService;
+  const MediaService mediaService;
   std::ofstream(directory() / "song.mp3") << "la la la";
   UsbClient held;
   held->RegisterUsbAddedCallBack(7, 1);
@@ -114,9 +106,9 @@ TEST_F(DescriptorShortageTest, IsNotCausedByFiveThousandIdleClients) {
   // All but the reserve are taken, one of them by the first client.
   expectConnections(*daemon, 256 - 64);
   EXPECT_THAT(held.devices(), IsEmpty());
-  EXPECT_THAT(held.files(1, directory(), "mp3"), testing::ElementsAre("song.mp3"));
+  EXPECT_THAT(held.files(1, directory(), "mp3"), ElementsAre("song.mp3"));
   held->NotifyUsbXriteAdded();
-  EXPECT_THAT(mediaService.callbacks(), testing::ElementsAre(testsupport::Callback{"added", -1, 7, 1}));
+  EXPECT_THAT(mediaService.callbacks(), ElementsAre(Callback{"added", -1, 7, 1}));
   EXPECT_THAT(daemon->log(), Not(HasSubstr("failed")));
   EXPECT_THAT(daemon->log(), Not(HasSubstr(shortage)));
 

@@ -11,7 +11,6 @@
 
 #include "BadClients.h"
 #include "Emulator.h"
-#include "Eventually.h"
 #include "HostileTest.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -20,8 +19,6 @@
 
 namespace hostiletest {
 namespace {
-
-using testsupport::eventually;
 
 constexpr std::size_t atOnce = 200;
 #ifdef DOCKHAND_TEST_SANITIZED

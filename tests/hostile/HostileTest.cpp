@@ -1,18 +1,12 @@
 #include "HostileTest.h"
 
-#include <gmock/gmock.h>
-
 #include <cstdlib>
 #include <sstream>
 #include <stdexcept>
 
-#include "Eventually.h"
 #include "World.h"
 
 namespace hostiletest {
-
-using testing::HasSubstr;
-using testing::Not;
 
 namespace {
 
@@ -50,7 +44,7 @@ std::size_t descriptorsOf(const Daemon& daemon) {
 }
 
 void expectConnections(const Daemon& daemon, std::size_t count) {
-  EXPECT_TRUE(testsupport::eventually([&] { return descriptorsOf(daemon) == descriptorsAtRest + count; }))
+  EXPECT_TRUE(eventually([&] { return descriptorsOf(daemon) == descriptorsAtRest + count; }))
       << "there are " << descriptorsOf(daemon) << " descriptors";
 }
 

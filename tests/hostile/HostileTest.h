@@ -1,6 +1,7 @@
 #ifndef TESTS_HOSTILE_HOSTILETEST_H
 #define TESTS_HOSTILE_HOSTILETEST_H
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstddef>
@@ -8,6 +9,8 @@
 #include <string>
 
 #include "Daemon.h"
+#include "Eventually.h"
+#include "MediaService.h"
 #include "SocketDirectory.h"
 #include "UsbClient.h"
 
@@ -15,6 +18,13 @@ namespace hostiletest {
 
 using systest::Daemon;
 using systest::UsbClient;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testsupport::Callback;
+using testsupport::eventually;
+using testsupport::MediaService;
 
 /// A test with its own socket directory for its daemon and media service. It needs neither root nor devices:
 /// its events are those of the Xrite device, which has no node.

@@ -1,6 +1,5 @@
 // A media service that is absent, refuses, dies, restarts, sends garbage, or calls the daemon.
 
-#include <gmock/gmock.h>
 #include <thrift/TApplicationException.h>
 
 #include <atomic>
@@ -9,7 +8,6 @@
 
 #include "BadMediaService.h"
 #include "HostileTest.h"
-#include "MediaService.h"
 #include "TransportTestSupport.h"
 #include "Wire.h"
 
@@ -27,10 +25,6 @@ using apache::thrift::protocol::T_STRING;
 using apache::thrift::protocol::T_STRUCT;
 using apache::thrift::protocol::TBinaryProtocol;
 using apache::thrift::protocol::TMessageType;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testsupport::Callback;
-using testsupport::MediaService;
 
 constexpr const char* operation = "SendUsbAddedCallback";
 

@@ -1,7 +1,6 @@
 // A media service that makes the daemon wait. Each case takes the ten seconds of a call, so all cases run at
 // once, each with its own daemon. The tests check how they ended.
 
-#include <gmock/gmock.h>
 #include <thrift/protocol/TBinaryProtocol.h>
 #include <thrift/transport/TBufferTransports.h>
 #include <thrift/transport/TSocket.h>
@@ -11,7 +10,6 @@
 #include <memory>
 #include <thread>
 
-#include "Eventually.h"
 #include "HostileTest.h"
 #include "Trial.h"
 #include "Wire.h"
@@ -23,8 +21,6 @@ namespace {
 using apache::thrift::protocol::T_REPLY;
 using apache::thrift::protocol::T_STRING;
 using apache::thrift::protocol::TBinaryProtocol;
-using testing::HasSubstr;
-using testsupport::eventually;
 
 std::string beginOfAnswer(const std::string& operation) {
   return written([&](TBinaryProtocol& writer) { writer.writeMessageBegin(operation, T_REPLY, 1); });

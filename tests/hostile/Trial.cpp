@@ -1,6 +1,5 @@
 #include "Trial.h"
 
-#include <gmock/gmock.h>
 #include <thrift/TApplicationException.h>
 #include <unistd.h>
 
@@ -9,15 +8,10 @@
 #include <exception>
 #include <utility>
 
-#include "Eventually.h"
 #include "HostileTest.h"
-#include "MediaService.h"
 #include "TransportTestSupport.h"
 
 namespace hostiletest {
-
-using testsupport::Callback;
-using testsupport::MediaService;
 
 Trial::Trial(Serve serve) : serve_(std::move(serve)) {
   setenv("TMPDIR", sockets_.path().c_str(), 1);
@@ -51,7 +45,7 @@ void Trial::start() {
     }
   });
   // One descriptor is the daemon's end of the connection to the media service.
-  EXPECT_TRUE(testsupport::eventually([&] { return descriptorsOf(*daemon_) > before; }));
+  EXPECT_TRUE(eventually([&] { return descriptorsOf(*daemon_) > before; }));
 }
 
 Trial::~Trial() {
