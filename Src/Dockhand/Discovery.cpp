@@ -1,5 +1,4 @@
-// Finding the devices: keeps the device map in step with the nodes under /dev, and lists what a client may
-// use.
+// Finding the devices: keeps the device map in step with the nodes under /dev.
 
 #include <cerrno>
 #include <cstdlib>
@@ -75,33 +74,6 @@ void DockhandClient::CheckForAndUpdateNewDevices() {
   }
 
   devices_.eraseUnseen();
-}
-
-void DockhandClient::GetListOfInsertedDevices(std::vector<std::int16_t>& _return, bool includeHidden) {
-  _return.clear();
-  usbClientLog.trace(262, "GetListOfInsertedDevices");
-  const HandlerLock lock(handlerMutex);
-
-  usbClientLog.trace(265, "map count before is ", deviceMap.size());
-  CheckForAndUpdateNewDevices();
-  usbClientLog.trace(267, "map count after is ", deviceMap.size());
-
-  for (const auto& [key, entry] : deviceMap) {
-    usbClientLog.trace(272, "Found a device in the map - last op is ", entry.lastUsbOperation);
-    if (!isPluggedIn(entry)) {
-      continue;
-    }
-    if (entry.safelyRemoved) {
-      usbClientLog.warning(277, "USB deviceId=", key,
-                           " has been safely removed (hide until removed/reinserted)");
-      continue;
-    }
-    if (entry.hidden && !includeHidden) {
-      continue;
-    }
-    _return.push_back(static_cast<std::int16_t>(key));
-    usbClientLog.trace(284, "Added device id of ", key);
-  }
 }
 
 }  // namespace Dockhand

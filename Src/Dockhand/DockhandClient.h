@@ -51,7 +51,6 @@ class DockhandClient : public ravel::rpc::usb_rpc_gen_If {
   void DeregisterUsbRemovedCallBack(std::int8_t observerId, std::int32_t observer) override;
   // Discovery.cpp
   void CheckForAndUpdateNewDevices() override;
-  void GetListOfInsertedDevices(std::vector<std::int16_t>& _return, bool includeHidden) override;
   // Opening.cpp
   bool OpenDevice(std::int16_t deviceId) override;
   bool OpenDeviceAt(std::int16_t deviceId, const std::string& mountPoint, bool isPvrDevice) override;
@@ -59,6 +58,7 @@ class DockhandClient : public ravel::rpc::usb_rpc_gen_If {
   bool CloseDevice(std::int16_t deviceId) override;
   bool CloseDeviceSafeRemoval(std::int16_t deviceId) override;
   // Queries.cpp
+  void GetListOfInsertedDevices(std::vector<std::int16_t>& _return, bool includeHidden) override;
   bool IsDeviceOpen(std::int16_t deviceId) override;
   void GetDeviceLabel(ravel::rpc::ReturnValueWithString& _return, std::int16_t deviceId) override;
   void GetDeviceUuid(ravel::rpc::ReturnValueWithString& _return, std::int16_t deviceId) override;

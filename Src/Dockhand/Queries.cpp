@@ -1,4 +1,4 @@
-// Questions about a device.
+// Questions: which devices there are, and what is known about each.
 
 #include <fcntl.h>
 
@@ -34,6 +34,33 @@ std::string firstLine(Platform& platform, const std::string& path) {
 }
 
 }  // namespace
+
+void DockhandClient::GetListOfInsertedDevices(std::vector<std::int16_t>& _return, bool includeHidden) {
+  _return.clear();
+  usbClientLog.trace(262, "GetListOfInsertedDevices");
+  const HandlerLock lock(handlerMutex);
+
+  usbClientLog.trace(265, "map count before is ", deviceMap.size());
+  CheckForAndUpdateNewDevices();
+  usbClientLog.trace(267, "map count after is ", deviceMap.size());
+
+  for (const auto& [key, entry] : deviceMap) {
+    usbClientLog.trace(272, "Found a device in the map - last op is ", entry.lastUsbOperation);
+    if (!isPluggedIn(entry)) {
+      continue;
+    }
+    if (entry.safelyRemoved) {
+      usbClientLog.warning(277, "USB deviceId=", key,
+                           " has been safely removed (hide until removed/reinserted)");
+      continue;
+    }
+    if (entry.hidden && !includeHidden) {
+      continue;
+    }
+    _return.push_back(static_cast<std::int16_t>(key));
+    usbClientLog.trace(284, "Added device id of ", key);
+  }
+}
 
 bool DockhandClient::IsDeviceOpen(std::int16_t deviceId) {
   const HandlerLock lock(handlerMutex);
