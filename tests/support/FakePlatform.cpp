@@ -156,20 +156,30 @@ int FakePlatform::mknod(const std::string& path, mode_t mode) {
   std::ostringstream event;
   event << "mknod " << path << " " << std::oct << mode;
   record(event.str());
-  return 0;
+  return resultOf(mknodError);
 }
 
 int FakePlatform::rename(const std::string& from, const std::string& to) {
   record("rename " + from + " " + to);
-  moved_.insert(from);
-  return 0;
+  if (renameError == 0) {
+    moved_.insert(from);
+  }
+  return resultOf(renameError);
 }
 
 int FakePlatform::statx(int directory, const std::string& path, int flags, unsigned int mask,
                         struct statx* status) {
   NoSystem::statx(directory, path, flags, mask, status);
+  if (!statxKnowsMounts) {
+    status->stx_attributes_mask = 0;
+  }
   if (path.find(".moved-") != std::string::npos) {
     status->stx_mode = S_IFDIR | 0700;
+  }
+  const auto error = statxErrors.find(path);
+  if (error != statxErrors.end()) {
+    record("statx " + path);
+    return resultOf(error->second);
   }
   const auto claim = claims.find(path);
   if (claim == claims.end()) {

@@ -23,7 +23,7 @@
 ///     statx PATH                  mkdtemp PATH                mknod PATH MODE(octal)
 ///     rename FROM TO              system COMMAND              sleep SECONDS
 ///
-/// statx is recorded only for the paths in `claims`. Every other path is a file of ours.
+/// statx is recorded only for the paths in `claims` and `statxErrors`. Every other path is a file of ours.
 ///
 /// An error is an errno value; 0 means success. A failing call sets errno, a successful one leaves it
 /// unchanged. `open` only reads and `access` only checks existence, because the handler needs no more.
@@ -68,6 +68,12 @@ class FakePlatform : public NoSystem {
   /// What a claim of these paths comes to: movedAside by a link there that can be moved, refused by one that
   /// cannot be looked at, tooManyMoved by a link and the directories beside it.
   std::map<std::string, Dockhand::Claim> claims;
+  /// errno of statx by path.
+  std::map<std::string, int> statxErrors;
+  /// False for a kernel before 5.8.
+  bool statxKnowsMounts = true;
+  int mknodError = 0;
+  int renameError = 0;
   /// The names in each directory, by its path.
   std::map<std::string, std::vector<std::string>> directories;
   /// Paths that exist for access and mkdir.

@@ -25,17 +25,22 @@
 #include <functional>
 #include <future>
 #include <iterator>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "ClaimedFile.h"
 #include "Emulator.h"
+#include "FakePlatform.h"
+#include "Journal.h"
 #include "LinuxPlatform.h"
 
 namespace fs = std::filesystem;
 using Dockhand::Claim;
+using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::Not;
 using ::testing::SizeIs;
 
 namespace {
@@ -387,5 +392,73 @@ INSTANTIATE_TEST_SUITE_P(Kernels, MountedOver, ::testing::Bool(),
                          [](const ::testing::TestParamInfo<bool>& kernel) {
                            return kernel.param ? "Before58" : "Today";
                          });
+
+// Over a fake system: what a race or an old kernel brings about.
+
+class ClaimSteps : public ::testing::Test {
+ protected:
+  ClaimSteps() { journal().clear(); }
+  ~ClaimSteps() override { EXPECT_EQ(platform.openDescriptors(), 0U); }
+
+  Claim claim() { return Dockhand::claimFile(platform, file); }
+
+  const std::string file = "/tmp/log";
+  FakePlatform platform;
+};
+
+TEST_F(ClaimSteps, RemoveTheNewDirectoryIfNothingWasMovedIntoIt) {
+  for (const auto& [error, result] :
+       std::map<int, Claim>{{ENOENT, Claim::movedAside}, {EBUSY, Claim::refused}}) {
+    platform.claims[file] = Claim::movedAside;
+    platform.renameError = error;
+    platform.onCall = [&](const std::string& event) {
+      if (event.rfind("rmdir ", 0) == 0) {
+        platform.claims.clear();
+      }
+    };
+    journal().clear();
+    EXPECT_EQ(claim(), result);
+    EXPECT_THAT(
+        journal().events(),
+        ElementsAre("statx /tmp/log", "opendir /tmp/", "closedir /tmp/", "mkdtemp /tmp/log.moved-XXXXXX",
+                    "rename /tmp/log /tmp/log.moved-XXXXXX/log", "rmdir /tmp/log.moved-XXXXXX"));
+  }
+}
+
+TEST_F(ClaimSteps, AreTriedTwentyTimesWhileSomeoneElseMakesTheFile) {
+  platform.statxErrors[file] = ENOENT;
+  platform.mknodError = EEXIST;
+  EXPECT_EQ(claim(), Claim::refused);
+  EXPECT_THAT(journal().eventsBeginning("mknod /tmp/log 100644"), SizeIs(20));
+}
+
+TEST_F(ClaimSteps, LeaveTheErrorToWhoeverOpensAFileThatCannotBeMade) {
+  platform.statxErrors[file] = ENOENT;
+  platform.mknodError = EACCES;
+  EXPECT_EQ(claim(), Claim::ours);
+  EXPECT_THAT(journal().eventsBeginning("mknod"), SizeIs(1));
+}
+
+TEST_F(ClaimSteps, CompareTheMountsOfFileAndDirectoryWhereStatxDoesNotKnowThem) {
+  struct Row {
+    const char* ofFile;
+    const char* ofDirectory;
+    Claim result;
+  };
+  for (const Row& row : {Row{"mnt_id:\t21", "mnt_id:\t21", Claim::ours},
+                         Row{"mnt_id:\t21", "mnt_id:\t22", Claim::refused}, Row{"", "", Claim::refused}}) {
+    platform.statxKnowsMounts = false;
+    platform.nextDescriptor = 0;
+    platform.files = {{file, ""}, {"/tmp/", ""}};
+    platform.files["/proc/self/fdinfo/0"] = std::string("pos:\t0\n") + row.ofFile + "\n";
+    platform.files["/proc/self/fdinfo/2"] = std::string("pos:\t0\n") + row.ofDirectory + "\n";
+    EXPECT_EQ(claim(), row.result);
+    EXPECT_EQ(platform.openFlags.at(file), O_PATH | O_NOFOLLOW);
+    EXPECT_EQ(platform.openFlags.at("/tmp/"), O_PATH | O_DIRECTORY);
+    EXPECT_EQ(platform.openFlags.at("/proc/self/fdinfo/0"), O_RDONLY);
+    EXPECT_THAT(journal().eventsBeginning("read /proc/self/fdinfo/0 256"), Not(IsEmpty()));
+    EXPECT_EQ(platform.openDescriptors(), 0U);
+  }
+}
 
 }  // namespace
