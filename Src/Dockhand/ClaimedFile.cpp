@@ -22,17 +22,17 @@ constexpr std::uint64_t mountRootAttribute = 0x2000;
 
 constexpr const char* movedSuffix = ".moved-";
 
-/// What the kernel tells of a path by itself, without asking the file system that it is in.
-struct Look {
-  /// 0 or errno; after an error the rest is zero.
+/// What the kernel itself knows of a path, without asking the file system that holds it.
+struct PathStatus {
+  /// 0 or errno. After an error the other members are zero.
   int error;
   bool isMountRoot;
   mode_t mode;
   uid_t owner;
-  std::uint64_t names;
+  std::uint64_t linkCount;
 };
 
-/// A descriptor that names a path and opens nothing.
+/// A descriptor that names a path without opening the file (O_PATH).
 struct Descriptor {
   Platform& platform;
   const int number;
@@ -56,15 +56,15 @@ std::string nameOf(const std::string& path) {
   return path.substr(path.rfind('/') + 1);
 }
 
-/// Since Linux 5.8 statx tells what is mounted. The C library's stand-in for kernels without statx waits for
-/// the file system, and is found out in this way too.
-bool statxTellsMountRoots(Platform& platform) {
+/// True if statx reports mount roots, as it does since Linux 5.8. False too for the C library's emulation on
+/// kernels without statx, which waits for the file system.
+bool statxReportsMountRoots(Platform& platform) {
   struct statx status {};
   return platform.statx(AT_FDCWD, "/", AT_STATX_DONT_SYNC, 0, &status) == 0 &&
          (status.stx_attributes_mask & mountRootAttribute) != 0;
 }
 
-Look lookByStatx(Platform& platform, const std::string& path) {
+PathStatus lookByStatx(Platform& platform, const std::string& path) {
   constexpr int flags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | AT_STATX_DONT_SYNC;
   struct statx status {};
   if (platform.statx(AT_FDCWD, path, flags, 0, &status) != 0) {
@@ -74,14 +74,14 @@ Look lookByStatx(Platform& platform, const std::string& path) {
   return {0, isMountRoot, status.stx_mode, status.stx_uid, status.stx_nlink};
 }
 
-/// The line with the number of the mount that a descriptor is in; empty if it cannot be read.
-std::string mountOf(const Descriptor& descriptor) {
+/// The line with the number of the mount that a descriptor is in. Empty if it cannot be read.
+std::string readMountLine(const Descriptor& descriptor) {
   Platform& platform = descriptor.platform;
   const int information = platform.open("/proc/self/fdinfo/" + std::to_string(descriptor.number), O_RDONLY);
   if (information < 0) {
     return {};
   }
-  // It begins with the position, the flags and the mount: three lines of fewer than 40 characters each.
+  // 256 bytes hold the first three lines (position, flags, mount), which have fewer than 40 characters each.
   std::array<char, 256> text;
   const ssize_t size = platform.read(information, text.data(), text.size());
   platform.close(information);
@@ -92,15 +92,15 @@ std::string mountOf(const Descriptor& descriptor) {
   return line;
 }
 
-Look lookByMountNumber(Platform& platform, const std::string& path) {
+PathStatus lookByMountNumber(Platform& platform, const std::string& path) {
   const Descriptor file(platform, path, O_NOFOLLOW);
   if (file.number < 0) {
     return {errno, {}, {}, {}, {}};
   }
-  const std::string mount = mountOf(file);
+  const std::string mount = readMountLine(file);
   const Descriptor directory(platform, directoryOf(path), O_DIRECTORY);
-  const std::string mountAround = mountOf(directory);
-  if (mount.empty() || mount != mountAround) {
+  const std::string directoryMount = readMountLine(directory);
+  if (mount.empty() || mount != directoryMount) {
     return {0, true, {}, {}, {}};
   }
   struct statx status {};
@@ -110,27 +110,27 @@ Look lookByMountNumber(Platform& platform, const std::string& path) {
   return {0, false, status.stx_mode, status.stx_uid, status.stx_nlink};
 }
 
-Look lookAt(Platform& platform, const std::string& path) {
-  return statxTellsMountRoots(platform) ? lookByStatx(platform, path) : lookByMountNumber(platform, path);
+PathStatus lookAt(Platform& platform, const std::string& path) {
+  return statxReportsMountRoots(platform) ? lookByStatx(platform, path) : lookByMountNumber(platform, path);
 }
 
-enum class Found { nothing, ours, foreign, outOfReach };
+enum class Found { nothing, ours, foreign, unmovable };
 
-Found whatIsAt(Platform& platform, const std::string& path) {
-  const Look look = lookAt(platform, path);
-  if (look.error == ENOENT) {
+Found classify(Platform& platform, const std::string& path) {
+  const PathStatus status = lookAt(platform, path);
+  if (status.error == ENOENT) {
     return Found::nothing;
   }
-  if (look.error != 0 || look.isMountRoot) {
-    return Found::outOfReach;
+  if (status.error != 0 || status.isMountRoot) {
+    return Found::unmovable;
   }
-  const bool onlyOursToWrite = look.owner == platform.geteuid() && (look.mode & (S_IWGRP | S_IWOTH)) == 0;
+  const bool onlyWeMayWrite = status.owner == platform.geteuid() && (status.mode & (S_IWGRP | S_IWOTH)) == 0;
   // Another hard link may be somebody's file.
-  return S_ISREG(look.mode) && onlyOursToWrite && look.names == 1 ? Found::ours : Found::foreign;
+  return S_ISREG(status.mode) && onlyWeMayWrite && status.linkCount == 1 ? Found::ours : Found::foreign;
 }
 
-/// How many directories of ours hold what was moved aside from `path`; nothing if they cannot be counted.
-/// Users may use such names too: theirs do not count, or they could keep us from ever moving anything.
+/// Counts our directories of things that were moved aside from `path`; nullopt if they cannot be counted.
+/// Directories of users with such names do not count: they could keep us from moving anything.
 std::optional<int> countMovedAside(Platform& platform, const std::string& path) {
   const std::string directory = directoryOf(path);
   const std::string beginning = nameOf(path) + movedSuffix;
@@ -143,44 +143,44 @@ std::optional<int> countMovedAside(Platform& platform, const std::string& path) 
   while (const dirent* entry = platform.readdir(entries.get())) {
     const std::string name = entry->d_name;
     if (name.compare(0, beginning.size(), beginning) == 0) {
-      const Look look = lookAt(platform, directory + name);
-      const bool isDirectoryOfOurs =
-          S_ISDIR(look.mode) && look.owner == platform.geteuid() && !look.isMountRoot;
-      count += isDirectoryOfOurs ? 1 : 0;
+      const PathStatus status = lookAt(platform, directory + name);
+      const bool isOurDirectory =
+          S_ISDIR(status.mode) && status.owner == platform.geteuid() && !status.isMountRoot;
+      count += isOurDirectory ? 1 : 0;
     }
   }
   return count;
 }
 
-/// movedAside once nothing is left at the path, also if it went by itself.
+/// Returns movedAside once nothing is left at the path, also if somebody else removed it.
 Claim moveAside(Platform& platform, const std::string& path) {
   const std::optional<int> count = countMovedAside(platform, path);
   if (count >= maxMovedAside) {
     return Claim::tooManyMoved;
   }
-  // A directory of our own, so that nobody can have taken the new name.
-  std::string place = path + movedSuffix + "XXXXXX";
-  if (!count || platform.mkdtemp(place.data()) == nullptr) {
+  // Into a new directory of our own, where nobody can have taken the name.
+  std::string newDirectory = path + movedSuffix + "XXXXXX";
+  if (!count || platform.mkdtemp(newDirectory.data()) == nullptr) {
     return Claim::refused;
   }
-  if (platform.rename(path, place + '/' + nameOf(path)) == 0) {
+  if (platform.rename(path, newDirectory + '/' + nameOf(path)) == 0) {
     return Claim::movedAside;
   }
-  const bool wentByItself = errno == ENOENT;
-  platform.rmdir(place);
-  return wentByItself ? Claim::movedAside : Claim::refused;
+  const bool hasVanished = errno == ENOENT;
+  platform.rmdir(newDirectory);
+  return hasVanished ? Claim::movedAside : Claim::refused;
 }
 
 }  // namespace
 
 Claim claimFile(Platform& platform, const std::string& path) {
-  static std::mutex oneAtATime;
-  const std::lock_guard<std::mutex> lock(oneAtATime);
+  static std::mutex mutex;
+  const std::lock_guard<std::mutex> lock(mutex);
   // Someone may race us; 20 tries are enough.
   constexpr int maxAttempts = 20;
   Claim claim = Claim::ours;
   for (int attempt = 0; attempt < maxAttempts; ++attempt) {
-    switch (whatIsAt(platform, path)) {
+    switch (classify(platform, path)) {
       case Found::ours:
         return claim;
       case Found::nothing:
@@ -194,7 +194,7 @@ Claim claimFile(Platform& platform, const std::string& path) {
           return claim;
         }
         break;
-      case Found::outOfReach:
+      case Found::unmovable:
         return Claim::refused;
     }
   }

@@ -7,32 +7,33 @@
 
 namespace Dockhand {
 
-/// How many things that were in the way of one file are kept.
+/// At most this many things are moved aside for one file.
 constexpr int maxMovedAside = 16;
 
-/// What became of the claim to a file.
+/// The result of claiming a file.
 enum class Claim {
-  ours,          ///< The path leads to nothing of anybody else's.
-  movedAside,    ///< The same, after something was moved out of the way.
-  refused,       ///< Something that is not ours is there, and stays: the path must not be used.
-  tooManyMoved,  ///< The same, since maxMovedAside things have been moved aside already.
+  ours,          ///< The path leads to nobody else's file.
+  movedAside,    ///< As `ours`, after something was moved out of the way.
+  refused,       ///< Something that is not ours is there and stays: do not use the path.
+  tooManyMoved,  ///< As `refused`, because maxMovedAside things have been moved aside already.
 };
 
-/// Sees to it that a path in a directory like /tmp, where everybody may put something, is a file of ours,
-/// before it is written to by its name: whatever a user has put there, such as a link to one of root's files
-/// or a fifo that nobody reads, would otherwise be what is written to.
+/// Makes a path our own file before we write to it by name. It is for directories like /tmp, where everybody
+/// may write: a user may have put a link to one of root's files there, or a fifo that nobody reads.
 ///
-/// Ours is a regular file that belongs to us, that only we may write to, that has no other name, and on which
-/// nothing is mounted. Where nothing is, such a file is made. Anything else is moved into a new directory of
-/// ours beside it, named like the file with ".moved-" and six characters; nothing is removed or written to.
-/// What is mounted there stays, and so does everything while maxMovedAside such directories exist. Where
-/// nothing is and no file can be made, whoever opens it learns that.
+/// Our own file is a regular file. It belongs to us, only we may write to it, it has no other hard link, and
+/// nothing is mounted on it. If nothing is at the path, such a file is made. Anything else is moved into a
+/// new directory of ours beside it, named like the file with ".moved-" and six characters. Nothing is removed
+/// or written to. A mount stays, and so does everything while maxMovedAside such directories exist.
 ///
-/// Never waits for a file system that is mounted at the path: it may be a process of a user's.
+/// If nothing is at the path and no file can be made, the result is `ours`: opening the file fails and
+/// reports it.
 ///
-/// What it says stays true only in a directory with the sticky bit, where nobody can take our file away.
+/// Never waits for a file system that is mounted at the path, because a user's process may serve it.
 ///
-/// Threads: any; claims wait for each other, lest one moves away what another has just made.
+/// The result stays true only in a directory with the sticky bit, where nobody else can remove our file.
+///
+/// Threads: any. One claim runs at a time, so that none moves away what another has just made.
 Claim claimFile(Platform& platform, const std::string& path);
 
 }  // namespace Dockhand

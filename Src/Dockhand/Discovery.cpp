@@ -1,4 +1,4 @@
-// Finding the devices: keeps the device map in step with the nodes under /dev.
+// Discovery: keeps the device map in step with the nodes under /dev.
 
 #include <cerrno>
 #include <cstdlib>
@@ -18,7 +18,7 @@ int isStorageNode(const dirent* entry) {
   return std::strstr(entry->d_name, nodePrefix.data()) != nullptr ? 1 : 0;
 }
 
-/// The entries of a scandir, freed with it.
+/// Frees the entries that scandir returned.
 struct ScannedEntries {
   dirent** entries = nullptr;
   int count = 0;
@@ -34,7 +34,7 @@ struct ScannedEntries {
   }
 };
 
-std::string charactersBetween(const std::string& text, char first, char last) {
+std::string pickCharacters(const std::string& text, char first, char last) {
   std::string picked;
   for (const char c : text) {
     if (c >= first && c <= last) {
@@ -62,8 +62,8 @@ void DockhandClient::CheckForAndUpdateNewDevices() {
   for (int i = 0; i < nodes.count; ++i) {
     const std::string node = nodes.entries[i]->d_name;
     const std::string text = node.substr(nodePrefix.size());
-    const std::string deviceName = charactersBetween(text, 'a', 'z');
-    const std::string deviceNumber = charactersBetween(text, '0', '9');
+    const std::string deviceName = pickCharacters(text, 'a', 'z');
+    const std::string deviceNumber = pickCharacters(text, '0', '9');
 
     const bool matchFound = devices_.markSeen(deviceName, !deviceNumber.empty());
     usbClientLog.trace(196, "entry: name=", text, " number=", deviceNumber, " matchFound=", matchFound);

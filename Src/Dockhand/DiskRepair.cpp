@@ -1,4 +1,4 @@
-// Repairing a recording disk: XFS only, and only while it is not open.
+// Repair of a recording disk: XFS only, and only while it is not open.
 
 #include "DockhandClient.h"
 #include "ModuleLog.h"
@@ -18,7 +18,7 @@ bool DockhandClient::RunDiskRepair(std::int16_t deviceId) {
   } else if (!beginRepair(deviceId)) {
     usbClientLog.error(1201, "RunDiskRepair(", deviceId, ") - repair already running!");
   } else {
-    // Also when a step throws: no second repair would ever be let in.
+    // Ends the repair even if a step throws. Otherwise no repair could ever start again.
     struct EndOfRepair {
       DockhandClient& client;
       ~EndOfRepair() { client.endRepair(); }
@@ -51,13 +51,13 @@ bool DockhandClient::repair(const std::string& mountDevice) {
   if (executeShellCommand("xfs_repair " + mountDevice, 1241, true, &wasRun) == 0) {
     return true;
   }
-  // Drops what the log holds. So only after a repair that could not use it, and not where none was tried.
+  // -L discards the journal. So run it only after a repair that ran and failed, not after one that did not
+  // run.
   return wasRun && executeShellCommand("xfs_repair -L " + mountDevice, 1248, true) == 0;
 }
 
-// Plain members, set and read without the handler's lock: opening looks at them, and nothing waits for them.
-// The exchange makes sure of a single repair: two would share the one mount point and end each other's
-// announcement.
+// Set and read without the handler's lock: opening checks them, and nothing waits for them. The exchange
+// admits one repair only: two would share the mount point, and the first to end would clear the other's flag.
 
 bool DockhandClient::beginRepair(std::int16_t deviceId) {
   if (__atomic_exchange_n(&diskRepairRunning, true, __ATOMIC_ACQ_REL)) {

@@ -13,7 +13,7 @@ DockhandClient::DockhandClient(Platform& platform)
       devices_(deviceMap),
       prober_(platform),
       mounts_(platform, prober_) {
-  // Not a virtual call yet: an override in a derived class does not see the first scan.
+  // Not a virtual call: an override in a derived class does not see the first scan.
   DockhandClient::CheckForAndUpdateNewDevices();
   mediaClient.reset(new MediaClient());
 }

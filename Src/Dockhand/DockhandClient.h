@@ -21,19 +21,19 @@
 
 namespace Dockhand {
 
-/// The handler: the one object that performs the 25 operations of the USB service and owns all that the
-/// service knows. rpc/usb_rpc.thrift says what each operation means to a caller.
+/// The handler: one object performs the 25 operations of the USB service and owns its state.
+/// rpc/usb_rpc.thrift describes each operation to its callers.
 ///
-/// Threads: any number may call the operations. Each operation holds handlerMutex for its whole run, system
-/// calls and shell commands included, so operations exclude one another. The exceptions are
-/// - OpenDevice, which leaves the locking to OpenDeviceAt;
-/// - RunDiskRepair, which locks only to look the device up, so that others are served during a long repair;
-/// - the four notifications, which hold no lock while they call observers, so that an observer may call back.
-/// Operations call one another through the virtual table with the lock held; so the lock is recursive.
+/// Threads: any. Each operation holds handlerMutex for its whole run, system calls and shell commands
+/// included, so operations exclude one another. Exceptions:
+/// - OpenDevice leaves the locking to OpenDeviceAt.
+/// - RunDiskRepair locks only to look the device up, so that other calls are served during a long repair.
+/// - The four notifications hold no lock while they call observers, so that an observer may call back.
+/// The lock is recursive, because operations call one another through the virtual table while they hold it.
 class DockhandClient : public ravel::rpc::usb_rpc_gen_If {
  public:
-  /// Scans for the devices that are plugged in already. Does not connect to the media service. `platform`
-  /// must outlive the handler.
+  /// Scans for devices that are already plugged in. Does not connect to the media service. `platform` must
+  /// outlive the handler.
   explicit DockhandClient(Platform& platform);
   DockhandClient(const DockhandClient&) = delete;
   DockhandClient& operator=(const DockhandClient&) = delete;
@@ -78,12 +78,12 @@ class DockhandClient : public ravel::rpc::usb_rpc_gen_If {
  protected:
   using MediaServiceStub = ravel::rpc::corvane_rpc_gen_Client;
   using MediaClient = ravel::rpc::thrift_client<MediaServiceStub, 9014, ravel::rpc::TUnixSocket>;
-  /// Observer number to observer. Observers are called in the order of their numbers, as signed values.
+  /// From observer number to observer. Notifications call observers in the order of their signed numbers.
   using ObserverTable = std::map<std::int8_t, std::int32_t>;
 
   // Closing.cpp
-  /// Unmounts a device and marks it as not open, and with `safeRemoval` as safely removed. False, and nothing
-  /// changed, for an unknown device, one that is not mounted and one that cannot be unmounted.
+  /// Unmounts a device and marks it as not open, with `safeRemoval` also as safely removed. False, with
+  /// nothing changed, if the device is unknown, is not mounted or cannot be unmounted.
   bool releaseDevice(std::int16_t deviceId, bool safeRemoval) REQUIRES(handlerMutex);
   /// See Mounts::clear.
   bool CheckForAndRemoveMount(const std::string& mountPath, bool lazy) REQUIRES(handlerMutex);
@@ -91,11 +91,11 @@ class DockhandClient : public ravel::rpc::usb_rpc_gen_If {
   /// The node of a device: its first partition, or the disk itself if it has none or `wholeDisk` is set.
   /// Empty for an unknown device. Takes the lock.
   std::string GetUsbMountDevice(std::int16_t deviceId, bool wholeDisk);
-  /// See Prober::lookUp. Empty, too, for an unknown device.
+  /// See Prober::lookUp. Also empty for an unknown device.
   std::string getBlkidLookupValue(std::uint32_t deviceId, const char* key) REQUIRES(handlerMutex);
   // Opening.cpp
-  /// Clears the directories under /media at which an automounter, or an earlier life of a device, may have
-  /// left this device mounted.
+  /// Clears the directories under /media where this device may still be mounted: by an automounter, or from
+  /// before it was last plugged in.
   void clearAutomounts(std::int16_t deviceId) REQUIRES(handlerMutex);
   // HotPlug.cpp
   enum class Audience { storage, xrite };
@@ -118,7 +118,7 @@ class DockhandClient : public ravel::rpc::usb_rpc_gen_If {
   bool GetPartitionInfo(std::int16_t deviceId, PartitionInfo& info);
   /// Repairs an XFS file system. True if it is sound now.
   bool repair(const std::string& mountDevice);
-  /// Advertises a repair; false if one is running already.
+  /// Advertises a repair. False if one is already running.
   bool beginRepair(std::int16_t deviceId);
   void endRepair();
   bool isUnderRepair(std::int16_t deviceId) const;

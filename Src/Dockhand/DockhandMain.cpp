@@ -12,22 +12,22 @@ const Dockhand::ModuleLog mainLog{
     TlogContext::GetLogContext("Dockhand.main", "Src/Dockhand/DockhandMain", 10),
     "Src/Dockhand/DockhandMain"};
 
-/// What the RPC library has to report (a client that vanished, no descriptors left to accept one) is a log
-/// line like any other.
+/// Logs a message of the RPC library: a client that vanished, or no descriptor left to accept one.
 void logRpcMessage(const char* message) {
   mainLog.warning(14, message);
 }
 
-/// Keeps glibc from holding on to a megabyte for each worker once clients have sent texts of that size: it
-/// would learn from them to serve such texts from its pool, and keep what they leave. What libblkid reads at
-/// once, 260 KiB, is kept: to take it anew from the kernel would cost each probe more than its reading does.
-/// And there is one pool for all workers, whose operations exclude one another anyway.
-void keepLittleMemory() {
+/// Limits the freed memory that glibc keeps. By default glibc adapts to the largest texts of clients: it
+/// serves them from its pools, and keeps up to a megabyte for each worker.
+void limitKeptMemory() {
 #ifdef M_MMAP_THRESHOLD
-  constexpr int largeText = 320 * 1024;
-  constexpr int mostKept = 512 * 1024;
-  mallopt(M_MMAP_THRESHOLD, largeText);
-  mallopt(M_TRIM_THRESHOLD, mostKept);
+  // libblkid reads 260 KiB at once, which the pool must keep: to get it from the kernel again would cost each
+  // probe more than its reading.
+  constexpr int minMapped = 320 * 1024;
+  constexpr int maxKept = 512 * 1024;
+  mallopt(M_MMAP_THRESHOLD, minMapped);
+  mallopt(M_TRIM_THRESHOLD, maxKept);
+  // One pool for all workers: their operations exclude one another anyway.
   mallopt(M_ARENA_MAX, 1);
 #endif
 }
@@ -37,7 +37,7 @@ void keepLittleMemory() {
 /// Runs in the foreground until it is killed. A failure to start ends the process with the exception's text.
 int main() {
   TlogInit();
-  keepLittleMemory();
+  limitKeptMemory();
   apache::thrift::GlobalOutput.setOutputFunction(logRpcMessage);
   Dockhand::LinuxPlatform platform;
 

@@ -11,9 +11,9 @@ namespace Dockhand {
 /// The service: one handler, served on local socket 9020 by a listener thread and ten workers.
 class DockhandServer {
  public:
-  /// Makes the handler and starts to serve. Throws when the socket cannot be had (another daemon serves it,
-  /// for instance) or a thread cannot be made. `platform` must live as long as the process: the threads,
-  /// which are detached, go on when the server object has gone.
+  /// Makes the handler and starts to serve. Throws if the socket cannot be made (for example because another
+  /// daemon serves it) or a thread cannot be started. `platform` must live as long as the process: the
+  /// detached threads outlive the server object.
   explicit DockhandServer(Platform& platform);
 
  private:

@@ -15,8 +15,7 @@ struct FailureRow {
   bool accepted;
 };
 
-// The texts are what support staff search for: their blanks, and the first letter of the last one, stay as
-// they are.
+// Support staff search for these texts: do not correct their blanks, nor the first letter of the last one.
 
 constexpr FailureRow mkdirFailures[] = {
     {EPERM,
@@ -63,7 +62,7 @@ constexpr FailureRow mountFailures[] = {
 constexpr FailureRow unknownMountFailure = {0, "Error on usb mount: Unknown mount error.", false};
 
 template <std::size_t size>
-const FailureRow& rowOf(int error, const FailureRow (&rows)[size], const FailureRow& unknown) {
+const FailureRow& findRow(int error, const FailureRow (&rows)[size], const FailureRow& unknown) {
   for (const FailureRow& row : rows) {
     if (row.error == error) {
       return row;
@@ -75,16 +74,16 @@ const FailureRow& rowOf(int error, const FailureRow (&rows)[size], const Failure
 }  // namespace
 
 bool acceptMkdirError(int error) {
-  const FailureRow& row = rowOf(error, mkdirFailures, unknownMkdirFailure);
-  // Not std::cout: the streams of the library, made before main, would take 300 KiB of memory, and the daemon
-  // has no other use for them.
+  const FailureRow& row = findRow(error, mkdirFailures, unknownMkdirFailure);
+  // Not std::cout: the library makes its streams before main, and they take 300 KiB. Nothing else here uses
+  // them.
   std::puts(row.text);
   std::fflush(stdout);
   return row.accepted;
 }
 
 bool acceptMountError() {
-  const FailureRow& row = rowOf(errno, mountFailures, unknownMountFailure);
+  const FailureRow& row = findRow(errno, mountFailures, unknownMountFailure);
   usbClientLog.trace(590, row.text);
   return row.accepted;
 }

@@ -3,13 +3,13 @@
 
 namespace Dockhand {
 
-/// Words the error of a failed mkdir of a mount directory, on standard output, and tells whether to go on as
-/// if it had succeeded: so for a directory that exists, and for one on a file system that refuses new
-/// directories, where it may exist too. Any thread.
+/// Prints the text for the error of a failed mkdir of a mount directory on standard output. True if opening
+/// goes on as after a success: the directory exists, or its file system refuses new directories, so it may
+/// exist. Threads: any.
 bool acceptMkdirError(int error);
 
-/// Words the calling thread's errno after the last failed mount, in the log at level 2, and tells whether to
-/// go on as if the mount had succeeded. Call it before anything else can change errno. Any thread.
+/// Logs the text for the calling thread's errno after the last failed mount, at level 2. True if opening goes
+/// on as after a success. Call it before anything else can change errno. Threads: any.
 bool acceptMountError();
 
 }  // namespace Dockhand

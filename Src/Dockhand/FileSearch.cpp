@@ -17,12 +17,12 @@ std::string toUpperCase(std::string text) {
   return text;
 }
 
-/// Everything behind the last dot; the whole name where there is none.
+/// The part after the last dot, or the whole name if it has no dot.
 std::string_view extensionOf(std::string_view name) {
   return name.substr(name.rfind('.') + 1);
 }
 
-/// Closes a directory also when the list of its files outgrows the memory.
+/// Closes a directory even if there is no memory for the list of its files.
 struct DirectoryCloser {
   Platform& platform;
   DIR* directory;
@@ -48,7 +48,7 @@ void DockhandClient::GetFilesByExtension(std::vector<std::string>& _return, std:
     return;
   }
   const DirectoryCloser closer(platform_, opened);
-  // A folder may have a million entries, most of which are not looked for: nothing is copied for those.
+  // A folder may have a million entries, so copy only the names that match.
   const std::string upperCase = toUpperCase(extension);
   while (const dirent* file = platform_.readdir(opened)) {
     const std::string_view name = file->d_name;

@@ -7,8 +7,8 @@
 
 namespace Dockhand {
 
-/// Passes every call on to another system. A derived class overrides the calls that it is about, and a call
-/// that is added to Platform is passed on without a change of that class.
+/// Passes every call on to another platform. A derived class overrides only the calls that it changes. A call
+/// that is added to Platform is passed on without a change to that class.
 class ForwardingPlatform : public Platform {
  public:
   /// `below` must outlive this object.

@@ -34,7 +34,7 @@ class CAPABILITY("mutex") HandlerMutex : public boost::recursive_mutex {
     boost::recursive_mutex::unlock();
   }
 
-  /// Ends a debug build whose calling thread does not hold the lock.
+  /// Aborts a debug build if the calling thread does not hold the lock.
   void requireLock() const ASSERT_CAPABILITY(this) { assert(owner_.load() == std::this_thread::get_id()); }
 
  private:
@@ -44,7 +44,7 @@ class CAPABILITY("mutex") HandlerMutex : public boost::recursive_mutex {
   }
 
   std::atomic<std::thread::id> owner_{std::thread::id()};
-  /// How often the owner has taken the lock.
+  /// Recursion depth of the owner.
   int depth_ = 0;
 };
 

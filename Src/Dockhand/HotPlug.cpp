@@ -1,4 +1,4 @@
-// Plugging in and out: the notifications of the device manager, and the observers that are called on them.
+// Hot plug: the notifications of the device manager, and the observers that they call.
 
 #include <fcntl.h>
 
@@ -16,7 +16,7 @@ namespace {
 /// The number of the Xrite device in callbacks; it has no record.
 constexpr std::int16_t xriteDeviceNumber = -1;
 
-/// The one observer that the Xrite notifications call, and that the storage notifications leave out.
+/// The Xrite notifications call only this observer. The storage notifications skip it.
 constexpr std::int8_t xriteObserverId = 7;
 
 int countOccurrences(std::string_view text, std::string_view name) {
@@ -30,7 +30,7 @@ int countOccurrences(std::string_view text, std::string_view name) {
   return count;
 }
 
-/// True if the beginning of the kernel's list of partitions holds the name exactly once.
+/// True if the first 1023 bytes of the kernel's list of partitions contain the name exactly once.
 bool isListedOnce(Platform& platform, const std::string& usbDevice) {
   const int partitions = platform.open("/proc/partitions", O_RDONLY);
   if (partitions < 0) {
@@ -42,7 +42,7 @@ bool isListedOnce(Platform& platform, const std::string& usbDevice) {
   if (size < 0) {
     return false;
   }
-  // A whole disk's name also begins the names of its partitions, so a partitioned disk is announced by its
+  // A disk's name is the beginning of its partitions' names, so a partitioned disk is announced by its
   // partition only.
   return countOccurrences({text.data(), static_cast<std::size_t>(size)}, usbDevice) == 1;
 }
@@ -128,7 +128,7 @@ void DockhandClient::NotifyUsbRemoved(const std::string& usbDevice) {
     if (entry.deviceOpen) {
       usbClientLog.warning(416, "NotifyUsbRemoved: Device was mounted, force unmount(", entry.deviceName,
                            ", ", entry.mountPoint, ")");
-      // The hardware is gone whether or not this succeeds, and the failure is in the log.
+      // Ignore a failure, which is in the log: the hardware is gone in any case.
       releaseDevice(static_cast<std::int16_t>(deviceId), true);
     }
     usbClientLog.trace(424, "deviceMap.erase: deviceId=", deviceId);

@@ -17,8 +17,7 @@ namespace Dockhand {
 
 namespace {
 
-/// What opendir gives out, under the name of the C library's type: nobody but readdir and closedir looks into
-/// it.
+/// What opendir returns as a DIR*. Only readdir and closedir look into it.
 struct CountedDirectory {
   DIR* directory = nullptr;
   std::string path;
@@ -27,7 +26,7 @@ struct CountedDirectory {
   bool hasEnded = false;
 };
 
-/// True, with errno set, for a text that the kernel would cut short and so take for another path.
+/// True, with errno set, for a path with a NUL byte: the kernel would end it there and take another path.
 bool namesNoFile(const std::string& path) {
   if (path.find('\0') == std::string::npos) {
     return false;
@@ -151,7 +150,7 @@ int LinuxPlatform::system(const std::string& command) {
 }
 
 void LinuxPlatform::sleep(unsigned int seconds) {
-  // A signal cuts a sleep short.
+  // A signal ends a sleep early.
   while (seconds > 0) {
     seconds = ::sleep(seconds);
   }

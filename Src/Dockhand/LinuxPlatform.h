@@ -7,16 +7,16 @@
 
 namespace Dockhand {
 
-/// How much is read of one directory. A file system of a few blocks may name hundreds of millions of files by
-/// giving one block of a directory over and over, and the answer to a caller has to fit into the memory.
+/// Limits on what is read from one directory. A file system of a few blocks can list hundreds of millions of
+/// files by repeating one block of a directory, and the reply to a caller must fit into memory.
 struct DirectoryLimits {
   std::size_t entries = std::size_t{4} << 20;
-  /// Bytes of all names together, without their ends.
+  /// Bytes of all names together, without the NUL bytes at their ends.
   std::size_t nameBytes = std::size_t{64} << 20;
 };
 
 /// The real system, except that a directory ends where it reaches one of the limits. readdir then writes a
-/// line to the log of the handler, and leaves errno alone as at any other end.
+/// line to the handler's log and keeps errno, as at any other end.
 class LinuxPlatform : public Platform {
  public:
   explicit LinuxPlatform(const DirectoryLimits& directoryLimits = {}) : directoryLimits_(directoryLimits) {}

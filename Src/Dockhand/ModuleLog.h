@@ -15,26 +15,26 @@ namespace Dockhand {
 /// Writes the log lines of one source module.
 ///
 /// A module is a name that log readers filter by, not a file: all sources of the handler are one module.
-/// Every call site has a line number of its own in its module, fixed for good: log readers and support notes
-/// refer to it.
+/// Every call site has its own line number in its module. It never changes, because log readers and support
+/// notes refer to it.
 ///
 /// Threads: any number at once.
 struct ModuleLog {
-  /// Where the lines go and what is wanted of them. Null lets every line through.
+  /// Takes the lines and has their threshold. Null lets every line through.
   TlogContext* context;
-  /// Path of the module, as it stands in the lines.
+  /// Path of the module, as the lines show it.
   const char* sourceFile;
 
   bool isWanted(std::int32_t level) const { return context == nullptr || context->threshold() <= level; }
 
-  // The four ways to write a line, by its level. `sourceLine` is the number of the call site.
+  // Write a line, one function for each level. `sourceLine` is the number of the call site.
 
   /// Level 2: steps, and values that were read.
   template <typename... Pieces>
   void trace(int sourceLine, const Pieces&... pieces) const {
     write(2, sourceLine, pieces...);
   }
-  /// Level 3: what is rare and intended, such as each shell command.
+  /// Level 3: rare and intended actions, such as each shell command.
   template <typename... Pieces>
   void notice(int sourceLine, const Pieces&... pieces) const {
     write(3, sourceLine, pieces...);
@@ -50,10 +50,9 @@ struct ModuleLog {
     write(5, sourceLine, pieces...);
   }
 
-  /// Writes the pieces, put together without separators, as one line. Nothing is composed for a line that is
-  /// not wanted. A bool is written as 0 or 1; an 8-bit number has to be widened by the caller, lest it be
-  /// written as a character. Where there is no memory for the text, the line has a fixed one. Leaves errno as
-  /// it was.
+  /// Writes the pieces as one line, without separators. A bool becomes 0 or 1. The caller must widen an 8-bit
+  /// number, which would become a character. Composes nothing for a line that is not wanted. If there is no
+  /// memory for the text, the line has a fixed text. Keeps errno.
   template <typename... Pieces>
   void write(std::int32_t level, int sourceLine, const Pieces&... pieces) const {
     static_assert((!std::is_same_v<Pieces, std::int8_t> && ...), "widen an 8-bit number to int");
@@ -66,20 +65,20 @@ struct ModuleLog {
     try {
       std::ostringstream stream;
       (stream << ... << pieces);
-      // A stream that finds no memory tells only by its state.
+      // A stream without memory reports it only in its state.
       if (stream) {
         composed = stream.str();
         text = composed.c_str();
       }
     } catch (const std::bad_alloc&) {
-      // The fixed text, then.
+      // The line gets the fixed text.
     }
     TlogPrintf(context, level, sourceFile, sourceLine, "%s", text);
     errno = error;
   }
 
-  /// Dumps the calling thread's stack at level 1. Without a context there is no dump: it is for those who
-  /// asked.
+  /// Dumps the calling thread's stack at level 1. Without a context there is no dump, because nobody asked
+  /// for one.
   void writeStackTrace() const {
     if (context != nullptr && context->threshold() <= 1) {
       TlogStackTrace();

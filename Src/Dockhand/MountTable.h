@@ -7,16 +7,16 @@ namespace Dockhand {
 
 /// One way to mount a file system.
 struct MountTableRow {
-  /// The "TYPE" by which libblkid knows it.
+  /// The "TYPE" that libblkid reports for it.
   const char* probedType;
-  /// What mount(2) is asked for.
+  /// The type that mount(2) takes.
   const char* fileSystemType;
   unsigned long flags;
   const char* options;
 };
 
-/// Everything that opening a device tries, in this order. A file system that may be written has a row for
-/// doing so and one behind it for media that are write-protected.
+/// The mounts that opening a device tries, in this order. A writable file system has two rows: one for
+/// writing, and after it one for write-protected media.
 inline constexpr MountTableRow mountTable[] = {
     {"vfat", "vfat", MS_MGC_VAL | MS_NOSUID, "utf8"},
     {"vfat", "vfat", MS_MGC_VAL | MS_NOSUID | MS_RDONLY, "utf8"},

@@ -45,8 +45,8 @@ bool Mounts::clear(const std::string& mountPath, bool lazy) {
     bool unmounted = true;
     if (mounts.find(field) != std::string_view::npos) {
       usbClientLog.trace(521, "Performing unmount for ", mountPath);
-      // A file system may write past what the kernel keeps for our descriptor, so the next probe must read
-      // anew.
+      // A file system may write past the kernel's cache of our open node, so the next probe must read the
+      // disk again.
       prober_.releaseNode();
       if (platform_.umount2(mountPath, lazy ? MNT_DETACH : 0) != 0) {
         const int error = errno;

@@ -16,12 +16,12 @@ class Mounts {
   /// `platform` and `prober` must outlive this object.
   Mounts(Platform& platform, Prober& prober) : platform_(platform), prober_(prober) {}
 
-  /// Unmounts what is mounted at `mountPath` (with `lazy`: detaches it, also while files are in use) and
-  /// removes the directory. False only if unmounting failed. Reads only the first 1024 bytes of the mount
-  /// table: what is mounted beyond them counts as not mounted. Releases the prober's node before it unmounts.
+  /// Unmounts what is mounted at `mountPath` and removes the directory. With `lazy` it detaches the mount,
+  /// also while files are in use. Reads only the first 1024 bytes of the mount table: a mount after them
+  /// counts as not mounted. Releases the prober's node before it unmounts. False only if unmounting failed.
   bool clear(const std::string& mountPath, bool lazy);
-  /// Mounts with the first row of the mount table that works; an empty `fsType` tries them all. On failure
-  /// errno is that of the last row tried.
+  /// Mounts with the first row for `fsType` in the mount table that works; an empty `fsType` tries all rows.
+  /// False if none works, with the errno of the last row tried.
   bool tryTable(const std::string& node, const std::string& mountPoint, const std::string& fsType);
 
  private:

@@ -1,4 +1,4 @@
-// Who wants to know: the two tables of observers that the notifications call.
+// Observer tables: the observers that the notifications call, one table for each kind of event.
 
 #include <ios>
 

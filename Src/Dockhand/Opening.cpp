@@ -1,4 +1,4 @@
-// Opening: clears away what stands where a device is to be mounted, and mounts it.
+// Opening: unmounts what is in the way of a device, and mounts it.
 
 #include <cerrno>
 #include <string>
@@ -11,8 +11,8 @@ namespace Dockhand {
 
 namespace {
 
-/// A label or UUID is text from a disk that anybody may have made: a dot name, or one with a slash, would
-/// lead out of the one directory that automounters use.
+/// Anybody may have written a disk's label or UUID. A dot name, or a name with a slash, would lead out of the
+/// directory that automounters use.
 bool namesDirectoryUnderMedia(const std::string& name) {
   return name != "." && name != ".." && name.find('/') == std::string::npos;
 }
@@ -62,7 +62,7 @@ bool DockhandClient::OpenDeviceAt(std::int16_t deviceId, const std::string& moun
 
   const int mkdirStatus = platform_.mkdir(mountPoint, 0775);
   const int mkdirError = errno;
-  // Says ok whatever the status, which is on the next line: log readers look for this text.
+  // Says "ok" for any status, because log readers match this text. The next line has the status.
   usbClientLog.trace(733, "mkdir ok usbMountDevice.c_str() ", node);
   usbClientLog.trace(734, "mkdir status is ", mkdirStatus);
 

@@ -10,19 +10,19 @@
 
 namespace Dockhand {
 
-/// Everything that the handler asks of the kernel, of libblkid, of the shell and of the clock.
+/// Every call of the handler to the kernel, libblkid, the shell and the clock.
 ///
-/// The handler has no other way to the system. Production uses LinuxPlatform; the tests use a fake that
-/// records every call, or a FaultyPlatform over a simulated or the real system that lets calls fail.
+/// The handler has no other way to the system. Production uses LinuxPlatform. The tests use a fake that
+/// records every call, or a FaultyPlatform, which makes calls of a simulated or the real system fail.
 ///
-/// Every method is called like the function of the same name and answers as it does. errno is part of the
-/// contract: it comes out as the system left it, and an implementation changes it in no other way.
+/// Every method takes and returns what the function of the same name does. errno is part of the contract: it
+/// is what the system set, and an implementation must not change it otherwise.
 ///
-/// A path that holds a NUL byte names no file: methods that take a path fail with ENOENT for it instead of
-/// acting on the part before the NUL.
+/// A path with a NUL byte names no file. Methods fail with ENOENT for it, and do not act on the part before
+/// the NUL.
 ///
-/// Threads: the handler calls from any RPC worker, most often but not always with its lock held, so every
-/// method must be safe to call from several threads at once.
+/// Threads: any RPC worker calls, usually but not always with the handler's lock held. So every method must
+/// be safe to call from several threads at once.
 class Platform {
  public:
   Platform() = default;
@@ -43,19 +43,19 @@ class Platform {
   virtual int mkdir(const std::string& path, mode_t mode) = 0;
   /// 0, or -1 with errno.
   virtual int rmdir(const std::string& path) = 0;
-  /// `path` ends in XXXXXX, which the name of the new directory replaces. Null with errno on failure.
+  /// `path` ends in XXXXXX and becomes the name of the new directory. Null with errno on failure.
   virtual char* mkdtemp(char* path) = 0;
-  /// 0 when `path` may be accessed in `mode`, or -1 with errno.
+  /// 0 if `path` may be accessed in `mode`, or -1 with errno.
   virtual int access(const std::string& path, int mode) = 0;
   /// The number of entries that `filter` accepts, or -1 with errno. `*entries`, in the order of `compare`,
   /// and each of its elements come from malloc and belong to the caller.
   virtual int scandir(const std::string& path, dirent*** entries, int (*filter)(const dirent*),
                       int (*compare)(const dirent**, const dirent**)) = 0;
-  /// Null with errno when the directory cannot be opened. What comes back is for readdir and closedir of the
-  /// same platform alone, and closedir frees it.
+  /// Null with errno if the directory cannot be opened. Only readdir and closedir of the same platform may
+  /// use the result, and closedir frees it.
   virtual DIR* opendir(const std::string& path) = 0;
-  /// Null at the end, and on failure. A platform may end a directory that is too large. The entry is valid
-  /// until the next readdir or closedir of `directory`.
+  /// Null at the end and on failure. A platform may end a directory early if it is too large. The entry is
+  /// valid until the next readdir or closedir of `directory`.
   virtual dirent* readdir(DIR* directory) = 0;
   virtual int closedir(DIR* directory) = 0;
 
@@ -67,7 +67,7 @@ class Platform {
   virtual ssize_t read(int descriptor, void* buffer, size_t size) = 0;
   /// 0, or -1 with errno.
   virtual int close(int descriptor) = 0;
-  /// Makes a file of the type and with the permissions in `mode`; no device. 0, or -1 with errno.
+  /// Makes a file with the type and permissions in `mode`, but no device. 0, or -1 with errno.
   virtual int mknod(const std::string& path, mode_t mode) = 0;
   /// 0, or -1 with errno.
   virtual int rename(const std::string& from, const std::string& to) = 0;
@@ -83,13 +83,13 @@ class Platform {
   /// Waits this many seconds.
   virtual void sleep(unsigned int seconds) = 0;
 
-  // libblkid. A probe is used by one thread at a time.
+  // libblkid. Only one thread at a time may use a probe.
 
-  /// Null when the node cannot be opened. Give what comes back to blkid_free_probe.
+  /// Null if the node cannot be opened. blkid_free_probe frees the result.
   virtual blkid_probe blkid_new_probe_from_filename(const std::string& path) = 0;
-  /// 0 when something was found, 1 when nothing was, -1 on failure (errno where there is one).
+  /// 0 if something was found, 1 if nothing was, -1 on failure (errno is not always set).
   virtual int blkid_do_probe(blkid_probe probe) = 0;
-  /// 0 and `*value` (owned by the probe), or -1 where the probe holds no such value.
+  /// 0 with `*value`, which the probe owns, or -1 if the probe has no such value.
   virtual int blkid_probe_lookup_value(blkid_probe probe, const char* name, const char** value) = 0;
   virtual void blkid_free_probe(blkid_probe probe) = 0;
   /// Size in bytes of the block device behind `descriptor`; 0 on failure.

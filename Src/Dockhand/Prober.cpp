@@ -21,7 +21,7 @@ std::string Prober::lookUp(const std::string& node, const char* key) {
     usbClientLog.warning(986, "blkid_new_probe_from_filename(", node, ") failed!");
     return {};
   }
-  // libblkid does not always set errno: an older error must not be taken for its own.
+  // libblkid does not always set errno, and the log must not show an older error as its own.
   errno = 0;
   if (platform_.blkid_do_probe(probe) == -1) {
     const int error = errno;
@@ -36,7 +36,7 @@ std::string Prober::lookUp(const std::string& node, const char* key) {
     const int error = errno;
     usbClientLog.warning(1001, "blkid_probe_lookup_value(", key, ") failed. error=", error);
   }
-  // A single character is no name that anybody chose.
+  // Nobody chooses a name of one character.
   if (value != nullptr && std::strlen(value) > 1) {
     result = value;
   } else {

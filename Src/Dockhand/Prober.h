@@ -7,7 +7,7 @@
 
 namespace Dockhand {
 
-/// Reads what the file system on a device node says of itself, with libblkid.
+/// Reads label, UUID and type of the file system on a device node, with libblkid.
 ///
 /// Threads: one at a time; the handler's lock guards it.
 class Prober {
@@ -22,9 +22,9 @@ class Prober {
   /// of two characters or more. Failures are in the log only.
   std::string lookUp(const std::string& node, const char* key);
 
-  /// Keeps a node open while it lives, or until releaseNode. The kernel drops what it has read of a disk with
-  /// the last descriptor, so each of the three probes of an opening would read the stick again. A failed open
-  /// is ignored here; the probes report it.
+  /// Keeps a node open while it lives, or until releaseNode. The kernel drops its cache of a disk with the
+  /// last descriptor, so otherwise each of the three probes of an opening would read the stick again. A
+  /// failed open is ignored here; the probes report it.
   class NodeHold {
    public:
     NodeHold(Prober& prober, const std::string& node);
@@ -39,7 +39,7 @@ class Prober {
   void releaseNode();
 
  private:
-  /// Takes over a probe whose read failed, and frees the one before it.
+  /// Takes ownership of a probe whose read failed, and frees the previous one.
   void keepFailedProbe(blkid_probe probe);
 
   Platform& platform_;

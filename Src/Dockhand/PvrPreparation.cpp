@@ -1,4 +1,4 @@
-// Preparing a recording disk: one partition over the whole disk, formatted with XFS.
+// Preparation of a recording disk: one partition over the whole disk, formatted with XFS.
 
 #include <string>
 #include <string_view>
@@ -12,12 +12,12 @@ namespace {
 
 constexpr std::string_view defaultPvrLabel = "PVR_DISK";
 
-bool continuesCharacter(char c) {
+bool isContinuation(char c) {
   return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
 }
 
-/// How many bytes a UTF-8 character has that begins with this one; 0 for a byte that begins none of several.
-std::size_t lengthOfCharacter(char first) {
+/// The bytes of a multi-byte UTF-8 character that begins with `first`. 0 if no such character begins with it.
+std::size_t characterLength(char first) {
   const auto byte = static_cast<unsigned char>(first);
   if (byte < 0xC2 || byte > 0xF4) {
     return 0;
@@ -25,23 +25,23 @@ std::size_t lengthOfCharacter(char first) {
   return byte < 0xE0 ? 2 : byte < 0xF0 ? 3 : 4;
 }
 
-/// The first 11 bytes of a label, or a few less: a UTF-8 character is not cut in two. A label need not be
-/// UTF-8, and a byte that only looks like the middle of a character costs it nothing.
+/// The first 11 bytes of a label, or a few fewer so that no UTF-8 character is cut in two. A label need not
+/// be UTF-8: a byte that only looks like the middle of a character does not shorten it.
 std::string cutLabel(const std::string& label) {
-  constexpr std::size_t longest = 11;
-  if (label.size() <= longest) {
+  constexpr std::size_t maxBytes = 11;
+  if (label.size() <= maxBytes) {
     return label;
   }
-  std::size_t begin = longest;
-  while (begin > 0 && continuesCharacter(label[begin])) {
+  std::size_t begin = maxBytes;
+  while (begin > 0 && isContinuation(label[begin])) {
     --begin;
   }
-  const bool isCutInTwo = begin + lengthOfCharacter(label[begin]) > longest;
-  return label.substr(0, isCutInTwo ? begin : longest);
+  const bool isCutInTwo = begin + characterLength(label[begin]) > maxBytes;
+  return label.substr(0, isCutInTwo ? begin : maxBytes);
 }
 
-/// A label as it can stand between double quotes in a command of the shell. The label comes from a disk that
-/// anybody may have made, and root's shell reads the command.
+/// Escapes a label for double quotes in a shell command, and leaves out control characters. Anybody may have
+/// written the label to the disk, and root's shell reads the command.
 std::string escapeForShell(const std::string& label) {
   std::string escaped;
   for (const char c : label) {
@@ -65,14 +65,13 @@ bool DockhandClient::PrepareDeviceForPvr(std::int16_t deviceId) {
   setPvrPreparationRunning(true);
   const UsbDeviceEntry* entry = devices_.find(deviceId);
   if (entry == nullptr) {
-    // The flag stays set: plug events are ignored from here to the end of the next preparation of a known
-    // device.
+    // The flag stays set: plug events are ignored until the next preparation of a known device ends.
     usbClientLog.warning(866, "PrepareDeviceForPvr() - Unknown device: ", deviceId);
     return false;
   }
   bool prepared = false;
   {
-    // Also when a step throws: plug events are ignored until then.
+    // Clears the flag even if a step throws. Plug events are ignored until then.
     struct EndOfPreparation {
       DockhandClient& client;
       ~EndOfPreparation() { client.setPvrPreparationRunning(false); }
@@ -94,15 +93,16 @@ bool DockhandClient::prepareDisk(std::int16_t deviceId, const UsbDeviceEntry& en
   const std::string label = pvrLabel(deviceId, entry.deviceOpen);
 
   shell_.forceUnmount(partition, 903, "");
-  // The old table, for the system log only.
+  // Prints the old table, for the system log only.
   executeShellCommand("sfdisk -l " + disk, 908, true);
-  // A wipe that fails does not matter, but fdisk's answers fit an empty table only.
-  bool wiped = false;
-  executeShellCommand("dd if=/dev/zero of=" + disk + " bs=512 count=1", 913, false, &wiped);
-  if (!wiped || executeShellCommand("echo -e 'n\\np\\n1\\n\\n\\nw' | fdisk " + disk, 917, true) != 0) {
+  // A wipe that fails does not matter. One that does not run ends the preparation: fdisk's answers fit an
+  // empty table only.
+  bool wasRun = false;
+  executeShellCommand("dd if=/dev/zero of=" + disk + " bs=512 count=1", 913, false, &wasRun);
+  if (!wasRun || executeShellCommand("echo -e 'n\\np\\n1\\n\\n\\nw' | fdisk " + disk, 917, true) != 0) {
     return false;
   }
-  // The kernel and udev take the old partition away and make the new one.
+  // Meanwhile the kernel and udev remove the old partition's node and make the new one.
   platform_.sleep(4);
   shell_.forceUnmount(partition, 930, " (after partition (re)created)");
   const bool formatted =
@@ -130,8 +130,8 @@ std::string DockhandClient::pvrLabel(std::int16_t deviceId, bool deviceOpen) {
   return label.empty() ? std::string(defaultPvrLabel) : label;
 }
 
-// A plain flag, read without the lock by notifications that must not wait out a preparation. These two keep
-// the compiler from splitting or caching the access.
+// Notifications read the flag without the lock, because they must not wait for a preparation. These two
+// functions keep the compiler from splitting or caching the access.
 
 void DockhandClient::setPvrPreparationRunning(bool running) {
   __atomic_store_n(&pvrPreparationRunning, running, __ATOMIC_RELAXED);

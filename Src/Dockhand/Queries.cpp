@@ -1,4 +1,4 @@
-// Questions: which devices there are, and what is known about each.
+// Queries: which devices there are, and the properties of each.
 
 #include <fcntl.h>
 
@@ -13,8 +13,8 @@ namespace Dockhand {
 
 namespace {
 
-/// The first line of a file, without its newline; empty when the file cannot be read.
-std::string firstLine(Platform& platform, const std::string& path) {
+/// The first line of a file, without its newline. Empty if the file cannot be read.
+std::string readFirstLine(Platform& platform, const std::string& path) {
   std::string line;
   const int file = platform.open(path, O_RDONLY);
   if (file < 0) {
@@ -131,7 +131,7 @@ std::int32_t DockhandClient::GetDeviceType(std::int16_t deviceId) {
       platform_.close(file);
     }
   }
-  // The name is that of another operation: log readers know this line by it.
+  // The text has the name of another operation, because log readers match it.
   usbClientLog.trace(1090, "GetDeviceUsbVersion(", deviceId, ")=", type);
   return type;
 }
@@ -153,7 +153,7 @@ void DockhandClient::GetUsbMountPoint(ravel::rpc::ReturnValueWithString& _return
   if (_return.text.empty()) {
     usbClientLog.warning(1126, "GetUsbMountPoint(deviceId=", deviceId, ") failed, found=", device != nullptr);
   }
-  // Also for an unknown device: callers tell failure by the empty text.
+  // True also for an unknown device: callers recognise a failure by the empty text.
   _return.success = true;
 }
 
@@ -190,7 +190,7 @@ void DockhandClient::GetDeviceUsbVersion(ravel::rpc::ReturnValueWithString& _ret
     if (readStatus != 0) {
       usbClientLog.error(1290, "system(", readVersion, ") failed with: ", readStatus);
     } else {
-      _return.text = firstLine(platform_, versionFile);
+      _return.text = readFirstLine(platform_, versionFile);
       _return.success = true;
     }
     const std::string removeFile = "rm " + versionFile;
@@ -215,7 +215,7 @@ std::int32_t DockhandClient::GetDeviceCapacity(std::int16_t deviceId) {
     constexpr blkid_loff_t bytesPerMebibyte = 1 << 20;
     capacity = static_cast<std::int32_t>(platform_.blkid_get_dev_size(disk) / bytesPerMebibyte);
   }
-  // Also after a failed open: log readers expect both lines.
+  // Close even after a failed open, because log readers expect both lines.
   if (platform_.close(disk) != 0) {
     const int error = errno;
     usbClientLog.error(1334, "close(", disk, ") failed! errno=", error);

@@ -19,7 +19,7 @@ int Shell::run(const std::string& command, int sourceLine, bool passLogAlways, b
     status = platform_.system(command + " 1>" + logFile + " 2>&1");
   }
   if (status != 0) {
-    // Before the warning, so that the tool's own words stand above it in the system log.
+    // First the output, so that it is above the warning in the system log.
     if (logFileIsOurs) {
       platform_.system(passLog);
     }

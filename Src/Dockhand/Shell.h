@@ -17,15 +17,15 @@ class Shell {
 
   /// Runs a command line (without redirections) in the shell, with its output in /tmp/Dockhand.log. Passes
   /// that file to the system log if the command fails, with `passLogAlways` also if it succeeds. `sourceLine`
-  /// tells readers of the log which step ran it. Returns the raw status of system(): 0 is success. Does not
-  /// run the command if that file is not ours to write: the status is -1 then, as for a failed fork, and
-  /// `*wasRun` (if not null) false.
+  /// tells readers of the log which step ran it. Returns the raw status of system(): 0 is success. If the
+  /// file cannot be claimed, the command does not run: the status is -1, as for a failed fork, and `*wasRun`
+  /// (if not null) is false.
   int run(const std::string& command, int sourceLine, bool passLogAlways, bool* wasRun = nullptr) const;
-  /// Claims a file in /tmp before the shell writes to it. False, and logged, if it cannot be had: the command
-  /// must not be run.
+  /// Claims a file in /tmp before the shell writes to it. False, with a log line, if that fails: then the
+  /// command must not run.
   bool claim(const std::string& file) const;
-  /// Unmounts a node by force, up to ten times, to peel off stacked mounts. Logs each success with the text
-  /// and the line number given.
+  /// Unmounts a node by force, at most ten times, to remove stacked mounts. Logs each success with `occasion`
+  /// and `sourceLine`.
   void forceUnmount(const std::string& node, int sourceLine, const char* occasion) const;
 
  private:

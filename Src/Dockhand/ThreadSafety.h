@@ -1,8 +1,7 @@
 #ifndef DOCKHAND_THREADSAFETY_H
 #define DOCKHAND_THREADSAFETY_H
 
-// What a lock guards, in a form that clang checks when it compiles with -Wthread-safety. Other compilers see
-// nothing of it.
+// Annotations of locks, which clang checks with -Wthread-safety. Other compilers ignore them.
 
 #ifdef __clang__
 #define DOCKHAND_THREAD_SAFETY(attribute) __attribute__((attribute))

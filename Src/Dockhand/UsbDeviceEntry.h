@@ -6,7 +6,7 @@
 
 namespace Dockhand {
 
-/// The last hot-plug notification that a device has seen.
+/// The last hot-plug notification about a device.
 enum UsbOperation : std::int32_t {
   UsbOperationNone = 0,     ///< none since the record was made
   UsbOperationAdded = 1,    ///< announced as added
@@ -26,18 +26,18 @@ enum UsbOperation : std::int32_t {
 ///     removed    lastUsbOperation becomes Removed; unmounted by force, then erased   (HotPlug.cpp)
 ///     erased     a scan no longer sees its node; whatever is mounted stays mounted   (Discovery.cpp)
 ///
-/// A device number is free again, and given to the next new device, once its record is erased.
+/// Erasing a record frees its device number. A new device gets the smallest free number.
 struct UsbDeviceEntry {
   /// Kernel name of the whole disk: its letters only (sdb for the node usb_storage_sdb1).
   std::string deviceName;
-  /// 1 when the last scan saw a node with digits after the letters, else 0. Never a real count.
+  /// 1 if the last scan saw a node with digits after the letters, else 0. Never a real count.
   std::uint32_t partitionCount = 0;
-  /// The last opening counted as done, with or without a mount, and no closing has since.
+  /// The last opening counted as done, with or without a mount, and no closing did after it.
   bool deviceOpen = false;
-  /// The running scan, or else the last one, saw a node of this device.
+  /// The scan that is running, or else the last one, saw a node of this device.
   bool foundInScan = false;
-  /// Closed for safe removal. Goes with the record, or with its first announcement: a repeated one is
-  /// swallowed before it gets here.
+  /// Closed for safe removal. Stays until the record is erased or first announced; a repeated announcement is
+  /// ignored.
   bool safelyRemoved = false;
   /// Where it is mounted, or where a failed opening was to mount it. Empty: nowhere.
   std::string mountPoint;
