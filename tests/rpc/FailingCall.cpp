@@ -97,70 +97,29 @@ using transport_test::fails;
 // The linker's option --wrap demands these names.
 extern "C" {
 
-int __real_eventfd(unsigned int count, int flags);
-int __wrap_eventfd(unsigned int count, int flags) {
-  return fails("eventfd") ? -1 : __real_eventfd(count, flags);
-}
+// Defines the call that the linker uses instead of the real one.
+#define WRAP(Result, name, parameters, arguments)       \
+  Result __real_##name parameters;                      \
+  Result __wrap_##name parameters {                     \
+    return fails(#name) ? -1 : __real_##name arguments; \
+  }
 
-int __real_chmod(const char* path, mode_t mode);
-int __wrap_chmod(const char* path, mode_t mode) {
-  return fails("chmod") ? -1 : __real_chmod(path, mode);
-}
-
-int __real_flock(int descriptor, int operation);
-int __wrap_flock(int descriptor, int operation) {
-  return fails("flock") ? -1 : __real_flock(descriptor, operation);
-}
-
-int __real_lstat64(const char* path, struct stat64* status);
-int __wrap_lstat64(const char* path, struct stat64* status) {
-  return fails("lstat64") ? -1 : __real_lstat64(path, status);
-}
-
-int __real_unlink(const char* path);
-int __wrap_unlink(const char* path) {
-  return fails("unlink") ? -1 : __real_unlink(path);
-}
-
-int __real_socket(int domain, int type, int protocol);
-int __wrap_socket(int domain, int type, int protocol) {
-  return fails("socket") ? -1 : __real_socket(domain, type, protocol);
-}
-
-int __real_connect(int socket, const sockaddr* address, socklen_t size);
-int __wrap_connect(int socket, const sockaddr* address, socklen_t size) {
-  return fails("connect") ? -1 : __real_connect(socket, address, size);
-}
-
-int __real_bind(int socket, const sockaddr* address, socklen_t size);
-int __wrap_bind(int socket, const sockaddr* address, socklen_t size) {
-  return fails("bind") ? -1 : __real_bind(socket, address, size);
-}
-
-int __real_listen(int socket, int backlog);
-int __wrap_listen(int socket, int backlog) {
-  return fails("listen") ? -1 : __real_listen(socket, backlog);
-}
-
-int __real_accept4(int socket, sockaddr* address, socklen_t* size, int flags);
-int __wrap_accept4(int socket, sockaddr* address, socklen_t* size, int flags) {
-  return fails("accept4") ? -1 : __real_accept4(socket, address, size, flags);
-}
-
-int __real_poll(pollfd* descriptors, nfds_t count, int timeout);
-int __wrap_poll(pollfd* descriptors, nfds_t count, int timeout) {
-  return fails("poll") ? -1 : __real_poll(descriptors, count, timeout);
-}
-
-ssize_t __real_write(int descriptor, const void* bytes, size_t size);
-ssize_t __wrap_write(int descriptor, const void* bytes, size_t size) {
-  return fails("write") ? -1 : __real_write(descriptor, bytes, size);
-}
-
-int __real_setsockopt(int socket, int level, int option, const void* value, socklen_t size);
-int __wrap_setsockopt(int socket, int level, int option, const void* value, socklen_t size) {
-  return fails("setsockopt") ? -1 : __real_setsockopt(socket, level, option, value, size);
-}
+// clang-format off
+WRAP(int, eventfd, (unsigned int count, int flags), (count, flags))
+WRAP(int, chmod, (const char* path, mode_t mode), (path, mode))
+WRAP(int, flock, (int descriptor, int operation), (descriptor, operation))
+WRAP(int, lstat64, (const char* path, struct stat64* status), (path, status))
+WRAP(int, unlink, (const char* path), (path))
+WRAP(int, socket, (int domain, int type, int protocol), (domain, type, protocol))
+WRAP(int, connect, (int socket, const sockaddr* address, socklen_t size), (socket, address, size))
+WRAP(int, bind, (int socket, const sockaddr* address, socklen_t size), (socket, address, size))
+WRAP(int, listen, (int socket, int backlog), (socket, backlog))
+WRAP(int, accept4, (int socket, sockaddr* address, socklen_t* size, int flags), (socket, address, size, flags))
+WRAP(int, poll, (pollfd* descriptors, nfds_t count, int timeout), (descriptors, count, timeout))
+WRAP(ssize_t, write, (int descriptor, const void* bytes, size_t size), (descriptor, bytes, size))
+WRAP(int, setsockopt, (int socket, int level, int option, const void* value, socklen_t size),
+     (socket, level, option, value, size))
+// clang-format on
 
 int __real_pthread_attr_setstacksize(pthread_attr_t* attributes, size_t size);
 int __wrap_pthread_attr_setstacksize(pthread_attr_t* attributes, size_t size) {

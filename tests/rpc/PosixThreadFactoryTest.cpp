@@ -43,36 +43,18 @@ class Attributes {
   Attributes(const Attributes&) = delete;
   Attributes& operator=(const Attributes&) = delete;
 
-  int detachState() const {
-    int state = -1;
-    pthread_attr_getdetachstate(&value, &state);
-    return state;
+  template <typename Value>
+  Value get(int (*getter)(const pthread_attr_t*, Value*)) const {
+    Value found{};
+    EXPECT_EQ(getter(&value, &found), 0);
+    return found;
   }
-  std::size_t stackSize() const {
-    std::size_t size = 0;
-    pthread_attr_getstacksize(&value, &size);
-    return size;
-  }
-  std::size_t guardSize() const {
-    std::size_t size = 0;
-    pthread_attr_getguardsize(&value, &size);
-    return size;
-  }
-  int policy() const {
-    int policy = -1;
-    pthread_attr_getschedpolicy(&value, &policy);
-    return policy;
-  }
-  int priority() const {
-    sched_param parameters{};
-    pthread_attr_getschedparam(&value, &parameters);
-    return parameters.sched_priority;
-  }
-  int inheritance() const {
-    int inheritance = -1;
-    pthread_attr_getinheritsched(&value, &inheritance);
-    return inheritance;
-  }
+  int detachState() const { return get(pthread_attr_getdetachstate); }
+  std::size_t stackSize() const { return get(pthread_attr_getstacksize); }
+  std::size_t guardSize() const { return get(pthread_attr_getguardsize); }
+  int policy() const { return get(pthread_attr_getschedpolicy); }
+  int priority() const { return get(pthread_attr_getschedparam).sched_priority; }
+  int inheritance() const { return get(pthread_attr_getinheritsched); }
 
   pthread_attr_t value{};
 };

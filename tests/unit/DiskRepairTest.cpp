@@ -15,10 +15,6 @@ const std::string repairZeroingTheLog = "system xfs_repair -L /dev/usb_storage_s
 const std::string passLog = "system logger -s -t Dockhand </tmp/Dockhand.log";
 const std::string replay = "mount /dev/usb_storage_sdb1 /media/disk_tmp xfs 40a prjquota";
 
-bool begins(const std::string& text, const std::string& beginning) {
-  return text.rfind(beginning, 0) == 0;
-}
-
 /// The events of a repair of device 1: those of the look-up, then these.
 std::vector<std::string> afterLookUp(const std::string& type, const std::vector<std::string>& events) {
   std::vector<std::string> all = {
@@ -39,19 +35,11 @@ class DiskRepair : public HandlerTest {
   DiskRepair() {
     plugIn({"sdb", "sdb1"}, "xfs");
     // Nothing is mounted.
-    platform.systemStatus = [](const std::string& command) { return begins(command, "umount") ? 256 : 0; };
+    setStatuses({{"umount", 256}});
   }
 
   void repairsEndWith(int first, int second) {
-    platform.systemStatus = [first, second](const std::string& command) {
-      if (begins(command, "xfs_repair -L ")) {
-        return second;
-      }
-      if (begins(command, "xfs_repair ")) {
-        return first;
-      }
-      return begins(command, "umount") ? 256 : 0;
-    };
+    setStatuses({{"umount", 256}, {"xfs_repair ", first}, {"xfs_repair -L ", second}});
   }
   bool isIdle() const { return !handler->diskRepairRunning && handler->diskRepairDeviceId == 0; }
 };
@@ -302,7 +290,7 @@ TEST_F(DiskRepair, UnmountsUntilNothingIsMountedAnyMore) {
 }
 
 TEST_F(DiskRepair, UnmountsTenTimesAtMost) {
-  platform.systemStatus = [](const std::string&) { return 0; };
+  setStatuses({});
   EXPECT_TRUE(handler->RunDiskRepair(1));
   EXPECT_EQ(journal().eventsBeginning("system umount").size(), 10U);
   EXPECT_EQ(journal().eventsBeginning("log 3 @1237 ").size(), 10U);
@@ -334,7 +322,7 @@ TEST_F(DiskRepair, IsNotAnnouncedAnyMoreAfterItHasThrown) {
   platform.systemStatus = [](const std::string&) -> int { throw std::bad_alloc(); };
   EXPECT_THROW(handler->RunDiskRepair(1), std::bad_alloc);
   EXPECT_TRUE(isIdle());
-  platform.systemStatus = [](const std::string&) { return 0; };
+  setStatuses({});
   EXPECT_TRUE(handler->RunDiskRepair(1));
 }
 

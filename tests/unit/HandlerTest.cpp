@@ -48,6 +48,14 @@ void HandlerTest::pullOut(const std::vector<std::string>& nodes) {
   }
 }
 
+void HandlerTest::setStatuses(const std::vector<std::pair<std::string, int>>& statuses) {
+  platform.systemStatus = [statuses](const std::string& command) {
+    const auto last = std::find_if(statuses.rbegin(), statuses.rend(),
+                                   [&](const auto& row) { return begins(command, row.first); });
+    return last != statuses.rend() ? last->second : 0;
+  };
+}
+
 void HandlerTest::addRecordsUnderUnsignedNumbers() {
   for (const std::uint32_t key : {65535U, 32768U}) {
     handler->deviceMap[key] = entry(1);

@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "FakePlatform.h"
@@ -26,6 +27,10 @@ using ::testing::IsSupersetOf;
 using ::testing::Not;
 using ::testing::Pair;
 using ::testing::SizeIs;
+
+inline bool begins(const std::string& text, const std::string& beginning) {
+  return text.rfind(beginning, 0) == 0;
+}
 
 /// Numbers that no device has in these tests.
 constexpr std::int16_t unknownIds[] = {-1, std::numeric_limits<std::int16_t>::min(), 0, 9,
@@ -51,6 +56,8 @@ class HandlerTest : public ::testing::Test {
   Dockhand::UsbDeviceEntry& entry(std::int16_t deviceId) {
     return handler->deviceMap.at(static_cast<std::uint32_t>(deviceId));
   }
+  /// Commands that begin so end with this status, all others with 0. The last matching row counts.
+  void setStatuses(const std::vector<std::pair<std::string, int>>& statuses);
   /// Logs only lines of this level and above.
   static void setThreshold(std::int32_t level) { Dockhand::usbClientLog.context->setThreshold(level); }
   /// True if some thread holds the handler's lock. In a call to the platform: whether the operation holds it.

@@ -27,25 +27,19 @@ std::string makeFileSystem(const std::string& labelInShell) {
   return "mkfs.xfs -f -l lazy-count=0 -L \"" + labelInShell + "\" /dev/usb_storage_sdb1";
 }
 
-bool begins(const std::string& text, const std::string& beginning) {
-  return text.rfind(beginning, 0) == 0;
-}
-
 class PvrPreparation : public HandlerTest {
  protected:
   PvrPreparation() {
     plugIn({"sdb", "sdb1"});
     setLabel("MyDisk");
     // Nothing is mounted.
-    platform.systemStatus = [](const std::string& command) { return begins(command, "umount") ? 256 : 0; };
+    setStatuses({{"umount", 256}});
   }
 
   void setLabel(const std::string& label) { platform.disks["/dev/usb_storage_sdb1"].values["LABEL"] = label; }
   /// The command with this beginning ends with `status`. The forced unmounts fail, all others succeed.
   void letFail(const std::string& beginning, int status) {
-    platform.systemStatus = [beginning, status](const std::string& command) {
-      return begins(command, beginning) ? status : begins(command, "umount") ? 256 : 0;
-    };
+    setStatuses({{"umount", 256}, {beginning, status}});
   }
   /// The number of forced unmounts that succeed before and after partitioning.
   void stackMounts(int before, int after) {

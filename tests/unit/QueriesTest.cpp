@@ -178,9 +178,7 @@ TEST_F(Queries, RemovesTheVersionFileEvenIfTheScriptFails) {
   platform.files["/tmp/sdb_bcdUSB.txt"] = "2.00\n";
   for (const int status : {256, 32512, -1, 15}) {
     journal().clear();
-    platform.systemStatus = [&](const std::string& command) {
-      return command.rfind("readUsbVersion.sh", 0) == 0 ? status : 0;
-    };
+    setStatuses({{"readUsbVersion.sh", status}});
     const auto result = usbVersion(id);
     EXPECT_FALSE(result.success);
     EXPECT_EQ(result.text, "");
@@ -196,7 +194,7 @@ TEST_F(Queries, RemovesTheVersionFileEvenIfTheScriptFails) {
 TEST_F(Queries, KeepsTheVersionWhenItsFileCannotBeRemoved) {
   const auto id = plugIn({"sdb"});
   platform.files["/tmp/sdb_bcdUSB.txt"] = "3.00";
-  platform.systemStatus = [](const std::string& command) { return command.rfind("rm ", 0) == 0 ? 256 : 0; };
+  setStatuses({{"rm ", 256}});
   const auto result = usbVersion(id);
   EXPECT_TRUE(result.success);
   EXPECT_EQ(result.text, "3.00");

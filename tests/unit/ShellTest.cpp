@@ -10,11 +10,7 @@ const std::string passLog = "system logger -s -t Dockhand </tmp/Dockhand.log";
 class ShellTest : public HandlerTest {
  protected:
   /// Every command but the logger ends with this status.
-  void commandsEndWith(int status) {
-    platform.systemStatus = [status](const std::string& command) {
-      return command.rfind("logger ", 0) == 0 ? 0 : status;
-    };
-  }
+  void commandsEndWith(int status) { setStatuses({{"", status}, {"logger ", 0}}); }
 
   const Dockhand::Shell shell{platform};
 };
@@ -56,15 +52,11 @@ TEST_F(ShellTest, ReturnsTheRawStatus) {
 }
 
 TEST_F(ShellTest, IgnoresAFailureOfTheLogger) {
-  platform.systemStatus = [](const std::string& command) {
-    return command.rfind("logger ", 0) == 0 ? 512 : 0;
-  };
+  setStatuses({{"logger ", 512}});
   EXPECT_EQ(shell.run("tool", 1, true), 0);
   EXPECT_THAT(journal().logs(), ElementsAre("log 3 @124 Executing: tool # from Line=1"));
 
-  platform.systemStatus = [](const std::string& command) {
-    return command.rfind("logger ", 0) == 0 ? 512 : 256;
-  };
+  setStatuses({{"", 256}, {"logger ", 512}});
   EXPECT_EQ(shell.run("tool", 1, true), 256);
 }
 
