@@ -97,7 +97,7 @@ class ClaimedFile : public ::testing::Test {
   fs::path file;
 };
 
-TEST_F(ClaimedFile, IsMadeWhereNothingIs) {
+TEST_F(ClaimedFile, IsMadeIfThePathIsFree) {
   EXPECT_EQ(claimFile(file), Claim::ours);
   EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(file)));
 }
@@ -109,7 +109,7 @@ TEST_F(ClaimedFile, IsWritableForUsOnlyWhateverTheUmask) {
   EXPECT_EQ(modeOf(file), 0644U);
 }
 
-TEST_F(ClaimedFile, IsKeptWithItsContentWhenItIsOursAlready) {
+TEST_F(ClaimedFile, IsKeptWithItsContentIfItIsAlreadyOurs) {
   write(file, "what the last tool said");
   chmod(file.c_str(), 0600);
   EXPECT_EQ(claimFile(file), Claim::ours);
@@ -165,13 +165,13 @@ TEST_F(ClaimedFile, TakesThePlaceOfADirectory) {
   EXPECT_EQ(read(moved()[0] / "inside"), "precious");
 }
 
-TEST_F(ClaimedFile, IsLeftToWhoeverOpensItWhereNoneCanBeMade) {
+TEST_F(ClaimedFile, IsNotMadeInAMissingDirectory) {
   file = directory / "none" / "log";
   EXPECT_EQ(claimFile(file), Claim::ours);
   EXPECT_FALSE(fs::exists(directory / "none"));
 }
 
-TEST_F(ClaimedFile, IsRefusedWhereWhatIsThereCannotBeMoved) {
+TEST_F(ClaimedFile, IsRefusedIfTheFormerFileCannotBeMoved) {
   const fs::path parent = directory / "parent";
   fs::create_directory(parent);
   // The name of the directory for it would be too long.
@@ -182,7 +182,7 @@ TEST_F(ClaimedFile, IsRefusedWhereWhatIsThereCannotBeMoved) {
   EXPECT_EQ(std::distance(fs::directory_iterator(parent), fs::directory_iterator()), 1);
 }
 
-TEST_F(ClaimedFile, IsOursAlsoWhenSeveralThreadsClaimItAtATime) {
+TEST_F(ClaimedFile, IsOursEvenIfSeveralThreadsClaimItAtOnce) {
   for (int round = 0; round < 50; ++round) {
     fs::remove_all(directory);
     fs::create_directory(directory);
@@ -204,7 +204,7 @@ TEST_F(ClaimedFile, IsOursAlsoWhenSeveralThreadsClaimItAtATime) {
   }
 }
 
-TEST_F(ClaimedFile, IsOursOrRefusedWhileSomebodyKeepsPuttingALinkInItsPlace) {
+TEST_F(ClaimedFile, IsOursOrRefusedWhileSomeoneKeepsReplacingItByALink) {
   std::atomic<bool> done{false};
   std::thread planter([&] {
     while (!done) {
@@ -226,7 +226,7 @@ TEST_F(ClaimedFile, IsOursOrRefusedWhileSomebodyKeepsPuttingALinkInItsPlace) {
   planter.join();
 }
 
-TEST_F(ClaimedFile, IsRefusedWhileSixteenThingsAreKeptThatWereInItsWay) {
+TEST_F(ClaimedFile, IsRefusedWhileSixteenFormerFilesAreKept) {
   for (int round = 0; round < 16; ++round) {
     fs::create_symlink(directory / "target", file);
     EXPECT_EQ(claimFile(file), Claim::movedAside) << round;
@@ -243,7 +243,7 @@ TEST_F(ClaimedFile, IsRefusedWhileSixteenThingsAreKeptThatWereInItsWay) {
   EXPECT_EQ(claimFile(file), Claim::movedAside);
 }
 
-TEST_F(ClaimedFile, TakesNothingForMovedAsideThatIsNoDirectoryOfOurs) {
+TEST_F(ClaimedFile, CountsOnlyOurOwnDirectoriesAsMovedAside) {
   for (int i = 0; i < 20; ++i) {
     const std::string number = std::to_string(i);
     write(directory / ("log.moved-file" + number), "");
@@ -322,7 +322,7 @@ TEST_P(MountedOver, AFileThatLooksLikeOursIsNotOurs) {
   EXPECT_THAT(moved(), IsEmpty());
 }
 
-TEST_P(MountedOver, AFileWhoseFileSystemNeverAnswersIsNotWaitedFor) {
+TEST_P(MountedOver, AFileOnAFileSystemThatNeverRepliesIsNotWaitedFor) {
   write(file, "planted");
   EXPECT_EQ(claimAfter([this] { mountSilent(file, "100644"); }), Claim::refused);
   EXPECT_EQ(read(file), "planted");
@@ -336,7 +336,7 @@ TEST_P(MountedOver, ADirectoryStays) {
   EXPECT_THAT(moved(), IsEmpty());
 }
 
-TEST_P(MountedOver, ADirectoryIsNotWaitedForAndNotTakenForSomethingMovedAside) {
+TEST_P(MountedOver, ADirectoryIsNotWaitedForAndNotCountedAsMovedAside) {
   for (int i = 0; i < 16; ++i) {
     fs::create_directory(directory / ("log.moved-" + std::to_string(i)));
   }
@@ -345,7 +345,7 @@ TEST_P(MountedOver, ADirectoryIsNotWaitedForAndNotTakenForSomethingMovedAside) {
   EXPECT_THAT(moved(), SizeIs(1));
 }
 
-TEST_P(MountedOver, WhatIsNoMountIsJudgedAsEver) {
+TEST_P(MountedOver, FilesWithoutAMountAreJudgedAsUsual) {
   const auto mountNothing = [] {};
   EXPECT_EQ(claimAfter(mountNothing), Claim::ours);
   write(file, "what the last tool said");
@@ -365,7 +365,7 @@ TEST_P(MountedOver, WhatIsNoMountIsJudgedAsEver) {
   EXPECT_EQ(claimAfter(mountNothing), Claim::ours);
 }
 
-TEST_P(MountedOver, NothingIsTakenForOursAndNothingMovedWhileNoDescriptorIsLeftToLookWith) {
+TEST_P(MountedOver, NothingIsOursOrMovedWithoutAFreeDescriptor) {
   rlimit before{};
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
   const auto claimWithoutDescriptors = [&] {

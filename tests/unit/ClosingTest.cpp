@@ -171,21 +171,6 @@ TEST_F(Closing, ReportsSuccessForAMountBeyondTheFirst1024Bytes) {
                   "log 4 @545 Ignored rmdir(/media/disk_1) failed, errno=16=Device or resource busy"));
 }
 
-TEST_F(Closing, RefusesNumbersThatNoDeviceHas) {
-  plugInOpen();
-  for (const int number : {-32768, -1, 0, 2, 32767}) {
-    const auto id = static_cast<std::int16_t>(number);
-    journal().clear();
-    EXPECT_FALSE(handler->CloseDevice(id));
-    EXPECT_FALSE(handler->CloseDeviceSafeRemoval(id));
-    EXPECT_THAT(journal().events(),
-                ElementsAre("log 2 @806 CloseDevice(" + std::to_string(number) + ")",
-                            "log 2 @834 No such device available!",
-                            "log 2 @816 CloseDeviceSafeRemoval(" + std::to_string(number) + ")",
-                            "log 2 @834 No such device available!"));
-  }
-}
-
 TEST_F(Closing, DoesNotHideADeviceThatWasNotMountedWhenItWasSafelyRemoved) {
   const auto id = plugIn({"sdb"}, "vfat");
   // Never opened, or opened and closed.

@@ -37,7 +37,7 @@ TEST_F(DevicesTest, FindsARecordByItsNumberWithTheSignExtended) {
   EXPECT_EQ(devices.findKey(65535), &map[65535]);
 }
 
-TEST_F(DevicesTest, FindsTheFirstRecordThatTheKernelCallsSo) {
+TEST_F(DevicesTest, FindsTheFirstRecordWithAKernelName) {
   devices.insert("sdb", "1");
   devices.insert("sdb", "");
   EXPECT_EQ(devices.findByKernelName("sdb1"), map.find(1));

@@ -140,7 +140,7 @@ TEST_F(Discovery, ErasesADeviceWhoseNodeHasGoneWithoutUnmountingIt) {
   EXPECT_THAT(journal().calls(), ElementsAre("scandir /dev"));
 }
 
-TEST_F(Discovery, FindsThePrefixAnywhereInANameButCutsItsTwelveFirstCharacters) {
+TEST_F(Discovery, FindsThePrefixAnywhereInANameButCutsTheFirstTwelveCharacters) {
   platform.deviceNodes = {"xusb_storage_sda"};
   handler->CheckForAndUpdateNewDevices();
   EXPECT_EQ(entry(1).deviceName, "sda");
@@ -213,7 +213,7 @@ TEST_F(Discovery, ListsDevicesInAscendingOrderWithARescan) {
                   "log 2 @272 Found a device in the map - last op is 0", "log 2 @284 Added device id of 2"));
 }
 
-TEST_F(Discovery, ReplacesWhatTheListHeldBefore) {
+TEST_F(Discovery, ReplacesTheFormerContentOfTheList) {
   const auto id = plugIn({"sda"});
   std::vector<std::int16_t> found = {id, 9};
   handler->GetListOfInsertedDevices(found, false);
@@ -254,7 +254,7 @@ TEST_F(Discovery, NeverListsSuchADeviceWhateverItsOtherFlagsAre) {
   }
 }
 
-TEST_F(Discovery, HidesASafelyRemovedDeviceAndSaysSo) {
+TEST_F(Discovery, HidesASafelyRemovedDeviceAndLogsIt) {
   const auto id = plugIn({"sda"});
   entry(id).safelyRemoved = true;
   EXPECT_THAT(list(true), IsEmpty());
@@ -270,7 +270,7 @@ TEST_F(Discovery, ListsARecordingDiskOnRequestOnly) {
   EXPECT_THAT(list(true), ElementsAre(id));
 }
 
-TEST_F(Discovery, RescansThroughTheVirtualTable) {
+TEST_F(Discovery, RescansThroughAVirtualCall) {
   class Overriding : public TestableHandler {
    public:
     using TestableHandler::TestableHandler;

@@ -253,7 +253,7 @@ TEST_F(DiskRepair, RepairsWithoutReplayingTheJournalWhenThereIsNoMountPoint) {
   EXPECT_TRUE(isIdle());
 }
 
-TEST_F(DiskRepair, RepairsAlsoWhenEachStepOfTheReplayFails) {
+TEST_F(DiskRepair, RepairsEvenIfEachStepOfTheReplayFails) {
   platform.mountError = [](const FakePlatform::Mount&) { return EUCLEAN; };
   platform.umountError = EINVAL;
   platform.rmdirError = EBUSY;
@@ -274,7 +274,7 @@ TEST_F(DiskRepair, RepairsAlsoWhenEachStepOfTheReplayFails) {
 
 // Forced unmounts
 
-TEST_F(DiskRepair, UnmountsUntilNothingIsMountedAnyMore) {
+TEST_F(DiskRepair, UnmountsUntilNothingIsMounted) {
   int mounts = 2;
   platform.systemStatus = [&mounts](const std::string& command) {
     return begins(command, "umount") && mounts-- <= 0 ? 256 : 0;
@@ -289,7 +289,7 @@ TEST_F(DiskRepair, UnmountsUntilNothingIsMountedAnyMore) {
                           passLog, "log 3 @1263 xfs_repair PASSED"));
 }
 
-TEST_F(DiskRepair, UnmountsTenTimesAtMost) {
+TEST_F(DiskRepair, UnmountsAtMostTenTimes) {
   setStatuses({});
   EXPECT_TRUE(handler->RunDiskRepair(1));
   EXPECT_EQ(journal().eventsBeginning("system umount").size(), 10U);
@@ -318,7 +318,7 @@ TEST_F(DiskRepair, IsAnnouncedFromTheMountPointToTheLastRepair) {
   EXPECT_TRUE(isIdle());
 }
 
-TEST_F(DiskRepair, IsNotAnnouncedAnyMoreAfterItHasThrown) {
+TEST_F(DiskRepair, IsNoLongerAnnouncedAfterAnException) {
   platform.systemStatus = [](const std::string&) -> int { throw std::bad_alloc(); };
   EXPECT_THROW(handler->RunDiskRepair(1), std::bad_alloc);
   EXPECT_TRUE(isIdle());
@@ -326,7 +326,7 @@ TEST_F(DiskRepair, IsNotAnnouncedAnyMoreAfterItHasThrown) {
   EXPECT_TRUE(handler->RunDiskRepair(1));
 }
 
-TEST_F(DiskRepair, HoldsTheLockOnlyToLookTheDeviceUp) {
+TEST_F(DiskRepair, HoldsTheLockOnlyToFindTheDevice) {
   watchLock();
   platform.mountError = [](const FakePlatform::Mount&) { return EIO; };
   handler->RunDiskRepair(1);
@@ -354,7 +354,7 @@ TEST_F(DiskRepair, LeavesTheRecordAsItIs) {
   EXPECT_TRUE(entry(1).hidden);
 }
 
-TEST_F(DiskRepair, LogsWhatTheThresholdLetsThrough) {
+TEST_F(DiskRepair, LogsOnlyLinesFromTheThresholdUp) {
   const std::string passed = "log 3 @1263 xfs_repair PASSED";
   platform.mountError = [](const FakePlatform::Mount&) { return EIO; };
   setThreshold(3);
@@ -397,14 +397,14 @@ TEST_F(RunningRepair, LetsAnotherDeviceBeOpened) {
   EXPECT_TRUE(finish());
 }
 
-TEST_F(RunningRepair, LetsOthersHaveTheLock) {
+TEST_F(RunningRepair, LetsOthersTakeTheLock) {
   EXPECT_FALSE(lockIsHeld());
   std::vector<std::int16_t> found;
   handler->GetListOfInsertedDevices(found, false);
   EXPECT_THAT(found, ElementsAre(1, 2));
 }
 
-TEST_F(RunningRepair, RefusesASecondRepairAndIsLeftAsItWas) {
+TEST_F(RunningRepair, RefusesASecondRepairAndContinues) {
   for (const std::int16_t id : {std::int16_t{1}, std::int16_t{2}}) {
     journal().clear();
     EXPECT_FALSE(handler->RunDiskRepair(id));
@@ -425,7 +425,7 @@ TEST_F(RunningRepair, RefusesASecondRepairAndIsLeftAsItWas) {
   EXPECT_TRUE(handler->RunDiskRepair(2));
 }
 
-TEST_F(RunningRepair, RefusesASecondRepairForItsOwnReasonsFirst) {
+TEST_F(RunningRepair, RefusesASecondRepairForReasonsOfItsOwnFirst) {
   handler->RunDiskRepair(9);
   EXPECT_THAT(journal().eventsBeginning("log 5 @1"),
               ElementsAre("log 5 @1194 RunDiskRepair(9) - Unknown device!"));

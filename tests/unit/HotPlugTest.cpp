@@ -110,7 +110,7 @@ TEST_F(UsbAdded, WritesAnObserverInHexadecimalAsItsBitPattern) {
   EXPECT_THAT(callbacks(), ElementsAre("callback added 1 -128 -1"));
 }
 
-TEST_F(UsbAdded, CallsObserversInSignedOrderAndLeavesOutTheXriteConsumer) {
+TEST_F(UsbAdded, CallsObserversInSignedOrderAndSkipsTheXriteConsumer) {
   plugIn({"sda1"});
   for (const std::int8_t observerId : std::vector<std::int8_t>{127, 7, 0, -1, -128, 8}) {
     handler->RegisterUsbAddedCallBack(observerId, observerId);
@@ -143,14 +143,14 @@ TEST_F(UsbAdded, DumpsNoStackWithoutAContext) {
   EXPECT_THAT(journal().eventsBeginning("log 2 @300"), ElementsAre("log 2 @300 NotifyUSB added sda1"));
 }
 
-TEST_F(UsbAdded, LiftsASafeRemoval) {
+TEST_F(UsbAdded, EndsASafeRemoval) {
   const auto id = plugIn({"sda1"});
   entry(id).safelyRemoved = true;
   handler->NotifyUsbAdded("sda1");
   EXPECT_FALSE(entry(id).safelyRemoved);
 }
 
-TEST_F(UsbAdded, SwallowsARepeatAndLeavesASafeRemovalAlone) {
+TEST_F(UsbAdded, IgnoresARepeatAndKeepsASafeRemoval) {
   const auto id = plugIn({"sda1"});
   handler->RegisterUsbAddedCallBack(1, 0);
   handler->NotifyUsbAdded("sda1");
@@ -190,7 +190,7 @@ TEST_F(UsbAdded, IgnoresAWholeDiskWhosePartitionIsListedToo) {
   EXPECT_EQ(entry(id).lastUsbOperation, Dockhand::UsbOperationNone);
 }
 
-TEST_F(UsbAdded, CountsOccurrencesOneBehindTheOther) {
+TEST_F(UsbAdded, CountsOccurrencesWithoutOverlap) {
   const auto id = plugIn({"aa"});
   listPartitions("aaa");
   handler->NotifyUsbAdded("aa");
@@ -204,7 +204,7 @@ TEST_F(UsbAdded, IgnoresADeviceThatIsNotListed) {
   EXPECT_EQ(entry(id).lastUsbOperation, Dockhand::UsbOperationNone);
 }
 
-TEST_F(UsbAdded, SeesNoFurtherThanTheFirst1023BytesOfTheList) {
+TEST_F(UsbAdded, ReadsOnlyTheFirst1023BytesOfTheList) {
   const auto id = plugIn({"sda1"});
   listPartitions(std::string(1020, ' ') + "sda1");
   handler->NotifyUsbAdded("sda1");
@@ -310,7 +310,7 @@ TEST_F(UsbAdded, HoldsTheLockForItsScanAndNotForItsCallbacks) {
   EXPECT_FALSE(lockIsHeld());
 }
 
-TEST_F(UsbAdded, LetsAnObserverCallBackAlsoWithAnotherNotification) {
+TEST_F(UsbAdded, LetsAnObserverCauseAnotherNotification) {
   plugIn({"sda1"});
   handler->RegisterUsbAddedCallBack(1, 0);
   handler->RegisterUsbAddedCallBack(7, 0);
@@ -354,7 +354,7 @@ TEST_F(UsbAdded, DoesNotNeedTheMediaServiceWithoutObservers) {
   EXPECT_EQ(entry(id).lastUsbOperation, Dockhand::UsbOperationAdded);
 }
 
-TEST_F(UsbAdded, LeavesOutTheObserversBehindOneThatFails) {
+TEST_F(UsbAdded, SkipsTheObserversAfterOneThatFails) {
   plugIn({"sda1"});
   handler->RegisterUsbAddedCallBack(1, 0);
   handler->RegisterUsbAddedCallBack(2, 0);
@@ -450,7 +450,7 @@ TEST_F(UsbRemoved, MatchesAPartitionedDeviceByItsPartitionOnly) {
   EXPECT_EQ(handler->deviceMap.size(), 1U);
 }
 
-TEST_F(UsbRemoved, SaysSoWhenTheRemovalIsKnownAlready) {
+TEST_F(UsbRemoved, LogsThatTheRemovalIsAlreadyKnown) {
   const auto id = plugIn({"sda"});
   entry(id).lastUsbOperation = Dockhand::UsbOperationRemoved;
   handler->RegisterUsbRemovedCallBack(1, 0);
@@ -493,7 +493,7 @@ TEST_F(UsbRemoved, WritesItsFirstLineOnlyDuringAPreparation) {
   EXPECT_EQ(handler->deviceMap.size(), 1U);
 }
 
-TEST_F(UsbRemoved, CallsObserversInSignedOrderAndLeavesOutTheXriteConsumer) {
+TEST_F(UsbRemoved, CallsObserversInSignedOrderAndSkipsTheXriteConsumer) {
   plugIn({"sda"});
   for (const std::int8_t observerId : std::vector<std::int8_t>{1, 7, -5}) {
     handler->RegisterUsbRemovedCallBack(observerId, 0);
@@ -523,7 +523,7 @@ TEST_F(UsbRemoved, WaitsForTheLockOnceMoreAfterItsCallbacks) {
   EXPECT_TRUE(waitsForTheLockAfterItsCallback([this] { handler->NotifyUsbRemoved("sda"); }));
 }
 
-TEST_F(UsbRemoved, ForgetsTheDeviceAlsoWithoutAMediaService) {
+TEST_F(UsbRemoved, ForgetsTheDeviceEvenWithoutAMediaService) {
   plugIn({"sda"});
   handler->RegisterUsbRemovedCallBack(1, 0);
   mediaService.reset();

@@ -123,7 +123,7 @@ TEST_F(LinuxPlatformTest, ReadsADirectoryEntryByEntry) {
   EXPECT_EQ(errorOf([this] { return platform_.opendir(path("none")) == nullptr; }), ENOENT);
 }
 
-TEST_F(LinuxPlatformTest, EndsADirectoryThatHasTooManyNamesAndSaysSoOnce) {
+TEST_F(LinuxPlatformTest, EndsADirectoryWithTooManyNamesAndLogsItOnce) {
   struct Case {
     std::size_t entries;
     std::size_t nameBytes;

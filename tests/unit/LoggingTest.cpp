@@ -220,7 +220,7 @@ TEST_F(Logging, WritesNumbersOf8BitsAsNumbers) {
   }
 }
 
-TEST_F(Logging, ComposesNothingForALineThatNobodyWants) {
+TEST_F(Logging, ComposesNothingForALineBelowTheThreshold) {
   int composed = 0;
   setThreshold(4);
   Dockhand::usbClientLog.write(3, 1, Piece{composed}, Piece{composed});
@@ -261,7 +261,7 @@ TEST_F(Logging, ComposesALineWithoutAContext) {
   EXPECT_EQ(composed, 1);
 }
 
-TEST_F(Logging, WritesTheNoticesButNotTheTraceAtTheUsualThreshold) {
+TEST_F(Logging, WritesTheNoticesButNotTheTraceAtTheDefaultThreshold) {
   const auto id = plugIn({"sdb"}, "vfat");
   setThreshold(3);
   platform.disks["/dev/usb_storage_sdb"].values["LABEL"] = "STICK";

@@ -126,7 +126,7 @@ TEST_F(MainDeathTest, LogsItsStartWhereThereIsNoContext) {
   EXPECT_EXIT(runDaemon(), ExitedWithCode(0), MatchesRegex(startOfServer("-")));
 }
 
-TEST_F(MainDeathTest, DoesNotMindWhichSignalsItsStarterIgnored) {
+TEST_F(MainDeathTest, DoesNotDependOnTheSignalDispositionsOfItsParent) {
   EXPECT_EXIT(
       {
         std::signal(SIGPIPE, SIG_DFL);

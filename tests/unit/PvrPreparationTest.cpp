@@ -38,7 +38,7 @@ class PvrPreparation : public HandlerTest {
 
   void setLabel(const std::string& label) { platform.disks["/dev/usb_storage_sdb1"].values["LABEL"] = label; }
   /// The command with this beginning ends with `status`. The forced unmounts fail, all others succeed.
-  void letFail(const std::string& beginning, int status) {
+  void makeFail(const std::string& beginning, int status) {
     setStatuses({{"umount", 256}, {beginning, status}});
   }
   /// The number of forced unmounts that succeed before and after partitioning.
@@ -129,7 +129,7 @@ TEST_F(PvrPreparation, IgnoresPlugEventsAfterAnUnknownDeviceUntilAKnownOneIsPrep
   EXPECT_THAT(journal().eventsBeginning("scandir"), ElementsAre("scandir /dev"));
 }
 
-TEST_F(PvrPreparation, FormatsAnOpenDeviceUnderTheDefaultLabelAndWarnsFirst) {
+TEST_F(PvrPreparation, WarnsAndFormatsAnOpenDeviceWithTheDefaultLabel) {
   entry(1).deviceOpen = true;
   entry(1).mountPoint = "/media/disk_1";
   EXPECT_TRUE(handler->PrepareDeviceForPvr(1));
@@ -146,7 +146,7 @@ TEST_F(PvrPreparation, FormatsAnOpenDeviceUnderTheDefaultLabelAndWarnsFirst) {
 
 // The two loops of forced unmounts
 
-TEST_F(PvrPreparation, UnmountsUntilNothingIsMountedAnyMore) {
+TEST_F(PvrPreparation, UnmountsUntilNothingIsMounted) {
   stackMounts(2, 1);
   EXPECT_TRUE(handler->PrepareDeviceForPvr(1));
   std::vector<std::string> steps;
@@ -165,7 +165,7 @@ TEST_F(PvrPreparation, UnmountsUntilNothingIsMountedAnyMore) {
                                  "sleep 2"));
 }
 
-TEST_F(PvrPreparation, UnmountsTenTimesAtMostInEachLoop) {
+TEST_F(PvrPreparation, UnmountsAtMostTenTimesInEachLoop) {
   stackMounts(1000, 1000);
   EXPECT_TRUE(handler->PrepareDeviceForPvr(1));
   EXPECT_EQ(journal().eventsBeginning("system umount").size(), 20U);
@@ -173,8 +173,8 @@ TEST_F(PvrPreparation, UnmountsTenTimesAtMostInEachLoop) {
   EXPECT_EQ(journal().eventsBeginning("log 3 @930 ").size(), 10U);
 }
 
-TEST_F(PvrPreparation, GoesOnWithoutALineWhenUnmountingCannotEvenBeTried) {
-  letFail("umount", -1);
+TEST_F(PvrPreparation, ContinuesWithoutALogLineIfUnmountingCannotBeTried) {
+  makeFail("umount", -1);
   EXPECT_TRUE(handler->PrepareDeviceForPvr(1));
   EXPECT_EQ(journal().eventsBeginning("system umount").size(), 2U);
   EXPECT_THAT(journal().eventsBeginning("log 4"), IsEmpty());
@@ -182,10 +182,10 @@ TEST_F(PvrPreparation, GoesOnWithoutALineWhenUnmountingCannotEvenBeTried) {
 
 // Failing tools
 
-TEST_F(PvrPreparation, GoesOnWhenTheOldTableCannotBeListedOrWiped) {
+TEST_F(PvrPreparation, ContinuesIfTheOldTableCannotBeListedOrWiped) {
   for (const auto& [tool, command, line] :
        {std::tuple{"sfdisk", listTable, "908"}, std::tuple{"dd", wipeTable, "913"}}) {
-    letFail(tool, 256);
+    makeFail(tool, 256);
     journal().clear();
     EXPECT_TRUE(handler->PrepareDeviceForPvr(1));
     EXPECT_THAT(journal().eventsBeginning("log 4"),
@@ -196,7 +196,7 @@ TEST_F(PvrPreparation, GoesOnWhenTheOldTableCannotBeListedOrWiped) {
 
 TEST_F(PvrPreparation, StopsBeforeThePauseWhenTheDiskCannotBePartitioned) {
   for (const int status : {256, -1}) {
-    letFail("echo", status);
+    makeFail("echo", status);
     journal().clear();
     EXPECT_FALSE(handler->PrepareDeviceForPvr(1));
     EXPECT_FALSE(handler->pvrPreparationRunning);
@@ -234,12 +234,12 @@ TEST_F(PvrPreparation, PartitionsNothingWhenWipingTheOldTableWasNotRun) {
 
 TEST_F(PvrPreparation, PartitionsADiskWhoseOldTableTheShellCouldNotStartToWipe) {
   for (const int status : {-1, 127 * 256}) {
-    letFail("dd", status);
+    makeFail("dd", status);
     EXPECT_TRUE(handler->PrepareDeviceForPvr(1)) << status;
   }
 }
 
-TEST_F(PvrPreparation, IsNotAnnouncedAnyMoreAfterItHasThrown) {
+TEST_F(PvrPreparation, IsNoLongerAnnouncedAfterAnException) {
   platform.systemStatus = [](const std::string&) -> int { throw std::bad_alloc(); };
   EXPECT_THROW(handler->PrepareDeviceForPvr(1), std::bad_alloc);
   EXPECT_FALSE(handler->pvrPreparationRunning);
@@ -247,7 +247,7 @@ TEST_F(PvrPreparation, IsNotAnnouncedAnyMoreAfterItHasThrown) {
 }
 
 TEST_F(PvrPreparation, FailsAfterThePauseWhenTheFileSystemCannotBeMade) {
-  letFail("mkfs.xfs", 256);
+  makeFail("mkfs.xfs", 256);
   EXPECT_FALSE(handler->PrepareDeviceForPvr(1));
   EXPECT_FALSE(handler->pvrPreparationRunning);
   const auto calls = journal().calls();
@@ -260,12 +260,12 @@ TEST_F(PvrPreparation, FailsAfterThePauseWhenTheFileSystemCannotBeMade) {
       ElementsAre("log 4 @129 Warning: " + makeFileSystem("MyDisk") + " returned 256 # from Line=934"));
 }
 
-TEST_F(PvrPreparation, PassesTheToolsWordsOnAfterAFailure) {
-  letFail("sfdisk", 256);
+TEST_F(PvrPreparation, PassesTheToolsOutputToTheLoggerAfterAFailure) {
+  makeFail("sfdisk", 256);
   handler->PrepareDeviceForPvr(1);
   EXPECT_EQ(journal().eventsBeginning(passLog).size(), 2U);
   journal().clear();
-  letFail("dd", 256);
+  makeFail("dd", 256);
   handler->PrepareDeviceForPvr(1);
   EXPECT_EQ(journal().eventsBeginning(passLog).size(), 3U);
 }
@@ -281,7 +281,7 @@ TEST_F(PvrPreparation, SeesWhatTheRescanFinds) {
   EXPECT_EQ(entry(2).deviceName, "sdc");
 }
 
-TEST_F(PvrPreparation, AsksForLabelAndRescanThroughTheVirtualTable) {
+TEST_F(PvrPreparation, GetsLabelAndRescanThroughVirtualCalls) {
   class Overriding : public TestableHandler {
    public:
     using TestableHandler::TestableHandler;
@@ -307,7 +307,7 @@ TEST_F(PvrPreparation, AsksForLabelAndRescanThroughTheVirtualTable) {
               ElementsAre("system " + makeFileSystem("PVR_DISK") + toLogFile));
 }
 
-TEST_F(PvrPreparation, LogsWhatTheThresholdLetsThrough) {
+TEST_F(PvrPreparation, LogsOnlyLinesFromTheThresholdUp) {
   stackMounts(1, 1);
   setThreshold(3);
   handler->PrepareDeviceForPvr(1);
@@ -334,13 +334,13 @@ TEST_F(PvrPreparation, LogsWhatTheThresholdLetsThrough) {
 
 // The label
 
-TEST_F(PvrPreparation, DoesNotCarryOverLabelsThatNobodyChose) {
+TEST_F(PvrPreparation, DoesNotKeepDefaultLabels) {
   for (const char* label : {"NONAME", "New Volume", "KRX_LOGS"}) {
     EXPECT_EQ(fileSystemCommand(label), makeFileSystem("PVR_DISK")) << label;
   }
 }
 
-TEST_F(PvrPreparation, CarriesOverLabelsThatOnlyResembleThose) {
+TEST_F(PvrPreparation, KeepsLabelsThatOnlyResembleDefaultOnes) {
   for (const char* label : {"noname", "NONAME ", "NONAMES", "new volume", "New Volume2", "NewVolume",
                             "krx_logs", "KRX_LOG", "PVR_DISK", "a b", "''", "-L"}) {
     EXPECT_EQ(fileSystemCommand(label), makeFileSystem(label)) << label;
@@ -427,7 +427,7 @@ TEST_F(PvrPreparation, DropsControlCharactersFromALabelAfterTheCut) {
 }
 
 TEST_F(PvrPreparation, ShowsTheEscapedCommandInTheLog) {
-  letFail("mkfs.xfs", 256);
+  makeFail("mkfs.xfs", 256);
   setLabel("$(reboot)");
   handler->PrepareDeviceForPvr(1);
   EXPECT_THAT(journal().eventsBeginning("log 3 @124 Executing: mkfs"),
@@ -506,7 +506,7 @@ class StandIns {
   std::filesystem::path root_;
 };
 
-TEST_F(PvrPreparation, HandsAHostileLabelToTheFormatterAsOneArgumentAndRunsNothingElse) {
+TEST_F(PvrPreparation, PassesAHostileLabelToMkfsAsOneArgumentAndRunsNothingElse) {
   const std::pair<std::string, std::string> labels[] = {
       {"MyDisk", "MyDisk"},
       {"\"; touch /tmp/x; \"", "\"; touch /t"},
@@ -555,7 +555,7 @@ TEST_F(PvrPreparation, HandsAHostileLabelToTheFormatterAsOneArgumentAndRunsNothi
   }
 }
 
-TEST_F(PvrPreparation, HandsEveryByteOfALabelToTheFormatterOrDropsIt) {
+TEST_F(PvrPreparation, PassesEveryByteOfALabelToMkfsOrDropsIt) {
   StandIns standIns;
   for (int byte = 1; byte < 256; ++byte) {
     const std::string character(1, static_cast<char>(byte));

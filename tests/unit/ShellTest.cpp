@@ -108,7 +108,7 @@ TEST_F(ShellTest, LogsEverythingWithoutAContext) {
                                             "log 4 @129 Warning: tool returned 256 # from Line=1"));
 }
 
-TEST_F(ShellTest, ClaimsTheLogFileBeforeItRunsACommandAndTellsWhatWasInTheWay) {
+TEST_F(ShellTest, ClaimsTheLogFileBeforeItRunsACommandAndLogsWhatItMovedAside) {
   platform.claims["/tmp/Dockhand.log"] = Dockhand::Claim::movedAside;
   EXPECT_EQ(shell.run("tool", 1, false), 0);
   EXPECT_THAT(journal().events(),
@@ -130,7 +130,7 @@ TEST_F(ShellTest, RunsNothingWhileTheLogFileIsNotOurs) {
                           "log 4 @129 Warning: tool returned -1 # from Line=1"));
 }
 
-TEST_F(ShellTest, RunsNothingOnceTooMuchHasBeenMovedAsideAndSaysWhatToDo) {
+TEST_F(ShellTest, RunsNothingOnceTooMuchWasMovedAsideAndLogsWhatToDo) {
   platform.claims["/tmp/Dockhand.log"] = Dockhand::Claim::tooManyMoved;
   EXPECT_EQ(shell.run("tool", 1, true), -1);
   EXPECT_THAT(journal().events(),

@@ -180,7 +180,7 @@ TEST_F(TlogLine, WritesControlCharactersAsHexEscapes) {
   EXPECT_THAT(captured.text(), IsOneLine(R"(.* F:1 a\\x0ab\\x0dc\\x1b\[31m\\x09d\\x7f\\x00\\x01)"));
 }
 
-TEST_F(TlogLine, EscapesEachByteOfControlCharactersAndOfThoseThatTurnTextRoundOnly) {
+TEST_F(TlogLine, EscapesOnlyControlAndBidirectionalCharacters) {
   for (const auto& [text, expected] : std::vector<std::pair<std::string, std::string>>{
            // Kept: blanks, backslashes, text in UTF-8, and other bytes that are not UTF-8.
            {"  C:\\x0a ~ \xc2\xa0\xc3\xa4\xe2\x82\xac\xf0\x9f\x92\xbe ",
@@ -320,7 +320,7 @@ void waitUntilAsleep(pid_t thread) {
 
 }  // namespace
 
-TEST_F(TlogLine, IsWrittenThoughSignalsInterruptTheWrite) {
+TEST_F(TlogLine, IsWrittenAlthoughSignalsInterruptTheWrite) {
   struct sigaction action {};
   struct sigaction before {};
   action.sa_handler = [](int) {};
@@ -377,7 +377,7 @@ TEST_F(TlogLine, IsLostWithoutHarmWhenItsReaderHasGone) {
   close(ends[1]);
 }
 
-TEST(TlogStart, LetsCommandsEndThoughTheStarterIgnoredTheEndOfItsChildren) {
+TEST(TlogStart, ResetsAnIgnoredSigchldSoThatCommandsEnd) {
   std::signal(SIGCHLD, SIG_IGN);
   TlogInit();
   struct sigaction action {};
@@ -416,14 +416,14 @@ TEST_F(TlogLevel, TakesExceptionsInAnyPlace) {
   EXPECT_EQ(thresholds->of("B"), 5);
 }
 
-TEST_F(TlogLevel, KeepsTheDefaultBesideExceptionsOnly) {
+TEST_F(TlogLevel, KeepsTheDefaultIfThereAreOnlyExceptions) {
   const auto thresholds = tlog::parseThresholds("Dockhand.UsbClient=2");
   ASSERT_TRUE(thresholds);
   EXPECT_EQ(thresholds->of("Dockhand.UsbClient"), 2);
   EXPECT_EQ(thresholds->of("Dockhand"), 3);
 }
 
-TEST_F(TlogLevel, RefusesWhatIsNoListOfLevelsFromOneToSix) {
+TEST_F(TlogLevel, RefusesEverythingButAListOfLevelsFromOneToSix) {
   for (const char* value :
        {"0",     "7",   "-1",  "+3",      "03", "3.0",   "x",   "3x",     " 3",
         "3 ",    "3,",  ",3",  "3,,A=1",  "=2", "A=",    "A=0", "A=7",    "A=x",
@@ -467,7 +467,7 @@ TEST_F(TlogTarget, SyslogWritesNothingToStandardError) {
   EXPECT_EQ(captured.text(), "");
 }
 
-TEST_F(TlogTarget, BadLevelIsReportedOnStandardErrorThoughTheTargetIsSyslog) {
+TEST_F(TlogTarget, BadLevelIsReportedOnStandardErrorEvenIfTheTargetIsSyslog) {
   const CapturedStandardError captured;
   require(setenv("TLOG_TARGET", "syslog", 1) == 0, "setenv");
   initWith("TLOG_LEVEL", "loud");
@@ -602,7 +602,7 @@ TEST_F(TlogStack, NamesTheCallingFunctions) {
   EXPECT_NE(captured.text().find("NamesTheCallingFunctions"), std::string::npos) << captured.text();
 }
 
-TEST_F(TlogStack, EndsNothingWithoutMemory) {
+TEST_F(TlogStack, DoesNotThrowWithoutMemory) {
   bool happened = true;
   for (int pieces = 0; happened; ++pieces) {
     const CapturedStandardError captured;
