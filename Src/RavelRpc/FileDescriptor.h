@@ -7,10 +7,10 @@
 
 namespace ravel::rpc {
 
-/// Owns a file descriptor and closes it at the end. One thread at a time.
+/// Owns a file descriptor and closes it when it is destroyed. Threads: one at a time.
 class FileDescriptor {
  public:
-  /// Takes over `number`; negative (the result of a failed system call) means none.
+  /// Takes ownership of `number`. A negative number (the result of a failed system call) means none.
   explicit FileDescriptor(int number = -1) : number_(number) {}
   ~FileDescriptor() { reset(); }
   FileDescriptor(FileDescriptor&& other) noexcept : number_(other.release()) {}
@@ -22,13 +22,13 @@ class FileDescriptor {
   bool valid() const { return number_ >= 0; }
   int get() const { return number_; }
 
-  /// Hands the descriptor over to the caller.
+  /// Passes ownership to the caller.
   int release() { return std::exchange(number_, -1); }
 
-  /// Closes the descriptor and takes over `number` in its place.
+  /// Closes the descriptor and takes ownership of `number`.
   void reset(int number = -1) {
     if (valid()) {
-      // Linux frees the number even when close reports an error, so there is nothing left to do about one.
+      // Ignore an error: Linux frees the number even if close reports one.
       ::close(number_);
     }
     number_ = number;

@@ -15,23 +15,23 @@
 
 namespace ravel::rpc {
 
-/// Thrift's binary protocol for bytes that anybody may have sent: the same on the wire, but numbers that make
-/// no sense are refused as they are read.
+/// Thrift's binary protocol for bytes that anybody may have sent. It is the same on the wire, but refuses
+/// invalid numbers when it reads them.
 ///
-/// Thrift takes any byte for the type of a field, of an element or of a message, and multiplies the count of
-/// a container before it looks whether so many bytes may come. The one is a value that its enumerations do
-/// not have, the other overflows at a count of 2 billion, and both leave undefined behaviour to the compiler.
+/// Thrift accepts any byte as the type of a field, an element or a message, although its enumerations lack
+/// most values. It multiplies the count of a container before it checks whether so many bytes may come, and
+/// at a count of 2 billion the product overflows. Both are undefined behaviour.
 ///
-/// A refusal is a TProtocolException (INVALID_DATA for a type, SIZE_LIMIT and NEGATIVE_SIZE for a count),
-/// upon which a server closes the connection. Thrift refuses by itself what is nested more than 64 deep.
-/// The number that says what kind of failure a TApplicationException is was written by a peer that answers,
-/// so it is no reason to close the connection: one that Thrift does not know is read as UNKNOWN.
+/// Calls are numbered as they are written, from 1 on each connection. The caller's number is ignored, because
+/// generated clients give 0 to all calls. They do not check the number of a reply either, so a reply that has
+/// not the number of the last call is refused: it belongs to an earlier call.
 ///
-/// Calls are numbered as they are written, from 1 on each connection, whatever number the caller gives: the
-/// generated clients give 0 to all and do not look at the number of a reply. A reply with another number than
-/// the last call is refused (INVALID_DATA): it belongs to an earlier one.
+/// A refusal is a TProtocolException: INVALID_DATA for a type or a reply's number, SIZE_LIMIT or
+/// NEGATIVE_SIZE for a count. A server then closes the connection. Thrift itself refuses more than 64 levels
+/// of nesting. The kind of a TApplicationException is no reason to close the connection, because the peer has
+/// replied: a kind that Thrift does not know is read as UNKNOWN.
 ///
-/// Threads and locks: as TBinaryProtocol, one thread at a time and no locks.
+/// Locks: none. Threads: one at a time, as TBinaryProtocol.
 class LimitedBinaryProtocol
     : public apache::thrift::protocol::TVirtualProtocol<LimitedBinaryProtocol,
                                                         apache::thrift::protocol::TBinaryProtocol> {
@@ -41,8 +41,8 @@ class LimitedBinaryProtocol
   using TType = apache::thrift::protocol::TType;
 
  public:
-  /// Most elements of a list or set, and most pairs of a map: as many as the bytes of the longest text. The
-  /// largest pair takes 16 bytes, so the product is far from overflowing.
+  /// Maximum number of elements of a list or set, and of pairs of a map: the same number as for the bytes of
+  /// a text. A pair takes at most 16 bytes, so the product cannot overflow.
   static constexpr std::int32_t maxContainerSize = LimitedBufferedTransport::maxFieldSize;
 
   explicit LimitedBinaryProtocol(const std::shared_ptr<apache::thrift::transport::TTransport>& transport)
@@ -64,20 +64,21 @@ class LimitedBinaryProtocol
       if ((first & VERSION_MASK) != VERSION_1) {
         throw TProtocolException(TProtocolException::BAD_VERSION, "Bad version identifier");
       }
-      type = messageType(first & 0xFF);
+      type = parseMessageType(first & 0xFF);
       bytes += readString(name);
     } else {
-      // The old form, which has no version: the name comes first.
+      // The old format has no version and begins with the name.
       bytes += readStringBody(name, first);
       std::int8_t code = 0;
       bytes += readByte(code);
-      type = messageType(code);
+      type = parseMessageType(code);
     }
     isFailure_ = type == apache::thrift::protocol::T_EXCEPTION;
     bytes += TVirtualProtocol::readI32(sequence);
     if ((isFailure_ || type == apache::thrift::protocol::T_REPLY) && sequence != lastCall_) {
       throw TProtocolException(TProtocolException::INVALID_DATA,
-                               "reply " + std::to_string(sequence) + " to call " + std::to_string(lastCall_));
+                               "a reply to call " + std::to_string(sequence) + ", but the last call is " +
+                                   std::to_string(lastCall_));
     }
     return bytes;
   }
@@ -124,9 +125,10 @@ class LimitedBinaryProtocol
   }
 
  private:
-  static TMessageType messageType(std::int32_t code) {
+  static TMessageType parseMessageType(std::int32_t code) {
     if (code < apache::thrift::protocol::T_CALL || code > apache::thrift::protocol::T_ONEWAY) {
-      throw TProtocolException(TProtocolException::INVALID_DATA, "message type " + std::to_string(code));
+      throw TProtocolException(TProtocolException::INVALID_DATA,
+                               "unknown message type " + std::to_string(code));
     }
     return static_cast<TMessageType>(code);
   }
@@ -135,7 +137,7 @@ class LimitedBinaryProtocol
     std::int8_t code = 0;
     const std::uint32_t bytes = readByte(code);
     if (code < apache::thrift::protocol::T_STOP || code > apache::thrift::protocol::T_UTF16) {
-      throw TProtocolException(TProtocolException::INVALID_DATA, "type " + std::to_string(code));
+      throw TProtocolException(TProtocolException::INVALID_DATA, "unknown type " + std::to_string(code));
     }
     type = static_cast<TType>(code);
     return bytes;
@@ -149,8 +151,8 @@ class LimitedBinaryProtocol
     }
     if (announced > maxContainerSize) {
       throw TProtocolException(TProtocolException::SIZE_LIMIT,
-                               std::to_string(announced) + " elements are announced, " +
-                                   std::to_string(maxContainerSize) + " are the limit");
+                               std::to_string(announced) + " elements are announced, but at most " +
+                                   std::to_string(maxContainerSize) + " are allowed");
     }
     size = static_cast<std::uint32_t>(announced);
     return bytes;

@@ -10,37 +10,36 @@
 
 namespace ravel::rpc {
 
-/// A buffered transport that does not believe every length it is told, and that lives as long as its
-/// connection.
+/// A buffered transport that limits the announced length of a text, but not the bytes of a connection.
 ///
-/// Thrift makes room for a text of the announced length before it reads it, so that a message of thirty bytes
-/// could reserve 2 GiB. Here a text of more than maxFieldSize bytes ends the connection instead.
+/// Thrift allocates the announced length of a text before it reads the text, so a message of thirty bytes
+/// could reserve 2 GiB. Here a text of more than maxFieldSize bytes ends the connection.
 ///
-/// Threads and locks: as TBufferedTransport, one thread at a time and no locks.
+/// Locks: none. Threads: one at a time, as TBufferedTransport.
 class LimitedBufferedTransport : public apache::thrift::transport::TBufferedTransport {
  public:
-  /// Longest text or binary of a message, in bytes: 1 MiB.
+  /// Maximum size of a text or binary in a message, in bytes: 1 MiB.
   static constexpr std::uint32_t maxFieldSize = 1024 * 1024;
 
   using TBufferedTransport::TBufferedTransport;
 
-  /// The protocols ask here first, with the announced length of a text. Throws TTransportException
-  /// (CORRUPTED_DATA) when that is over the limit.
+  /// The protocols call this first, with the announced length of a text. Throws TTransportException
+  /// (CORRUPTED_DATA) if that is over the limit.
   const std::uint8_t* borrowSlow(std::uint8_t* buffer, std::uint32_t* length) override {
     using apache::thrift::transport::TTransportException;
     if (*length > maxFieldSize) {
       throw TTransportException(TTransportException::CORRUPTED_DATA,
-                                "a text of " + std::to_string(*length) + " bytes is announced, " +
-                                    std::to_string(maxFieldSize) + " are the limit");
+                                "a text of " + std::to_string(*length) + " bytes is announced, but at most " +
+                                    std::to_string(maxFieldSize) + " are allowed");
     }
     return TBufferedTransport::borrowSlow(buffer, length);
   }
 
-  /// True when bytes that came with the last message have not been read.
+  /// True if bytes that came with the last message are still unread.
   bool hasBufferedInput() const { return rBound_ > rBase_; }
 
-  /// The generated code calls this after each message. The base class counts the bytes of all messages of the
-  /// connection against the limit for one message (100 MiB) and would end a busy connection some day.
+  /// The generated code calls this after each message. Resets the count of bytes: the base class adds up all
+  /// messages of a connection, and ends a busy one at the limit for one message (100 MiB).
   std::uint32_t readEnd() override {
     resetConsumedMessageSize();
     return TBufferedTransport::readEnd();

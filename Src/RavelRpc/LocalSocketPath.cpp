@@ -22,8 +22,9 @@ sockaddr_un localSocketAddress(const std::string& path) {
   sockaddr_un address{};
   if (path.size() >= sizeof(address.sun_path)) {
     throw TTransportException(TTransportException::BAD_ARGS,
-                              path + ": too long for a local socket, which takes " +
-                                  std::to_string(sizeof(address.sun_path) - 1) + " bytes at most");
+                              path + ": too long for a local socket, whose path has at most " +
+                                  std::to_string(sizeof(address.sun_path) - 1) +
+                                  " bytes; set a shorter RAVEL_SOCKET_DIR");
   }
   address.sun_family = AF_UNIX;
   path.copy(address.sun_path, path.size());

@@ -7,11 +7,11 @@
 
 namespace ravel::rpc {
 
-/// Where the local sockets of the services are. Every service has a number N and listens at N.sock in one
-/// directory, /run/ravel. The environment variable RAVEL_SOCKET_DIR, where set and not empty, replaces the
-/// directory: for a second instance on the same machine and for tests. It is read at every call.
+/// The paths of the services' local sockets. Every service has a number N and listens at N.sock in one
+/// directory, /run/ravel. The environment variable RAVEL_SOCKET_DIR, if it is set and not empty, names
+/// another directory: for a second instance on the same machine, and for tests. Every call reads it.
 ///
-/// Threads: any, as long as none changes the environment meanwhile.
+/// Threads: any, while no thread changes the environment.
 
 /// The directory, without a slash at its end.
 std::string localSocketDirectory();
@@ -19,8 +19,8 @@ std::string localSocketDirectory();
 /// The path of the socket of service `number`.
 std::string localSocketPath(int number);
 
-/// `path` as the address of a local socket. Throws TTransportException (BAD_ARGS) when it is longer than such
-/// an address can hold (107 bytes).
+/// `path` as the address of a local socket. Throws TTransportException (BAD_ARGS) if it has more than the 107
+/// bytes that such an address can hold.
 sockaddr_un localSocketAddress(const std::string& path);
 
 }  // namespace ravel::rpc

@@ -39,10 +39,10 @@ int schedulerPolicy(PosixThreadFactory::POLICY policy) {
 }
 
 int schedulerPriority(PosixThreadFactory::POLICY policy, PosixThreadFactory::PRIORITY priority) {
-  const int lowest = sched_get_priority_min(schedulerPolicy(policy));
-  const int highest = sched_get_priority_max(schedulerPolicy(policy));
-  const int steps = PosixThreadFactory::HIGHEST - PosixThreadFactory::LOWEST + 1;
-  return lowest + (highest - lowest) * priority / steps;
+  const int minPriority = sched_get_priority_min(schedulerPolicy(policy));
+  const int maxPriority = sched_get_priority_max(schedulerPolicy(policy));
+  const int stepCount = PosixThreadFactory::HIGHEST - PosixThreadFactory::LOWEST + 1;
+  return minPriority + (maxPriority - minPriority) * priority / stepCount;
 }
 
 class ThreadAttributes {
@@ -68,8 +68,8 @@ class ThreadAttributes {
 
 class PosixThread : public Thread {
  public:
-  // The base class is always told "detached": its destructor would otherwise join a std::thread that we never
-  // give it.
+  // The base class always gets "detached". Otherwise its destructor joins a std::thread, which it does not
+  // have.
   PosixThread(PosixThreadFactory settings, std::shared_ptr<Runnable> runnable)
       : Thread(true, std::move(runnable)), settings_(std::move(settings)) {}
 
@@ -98,7 +98,7 @@ class PosixThread : public Thread {
     try {
       thread.runnable()->run();
     } catch (const std::exception& error) {
-      GlobalOutput.printf("A thread ends the process by an exception: %s", error.what());
+      GlobalOutput.printf("An exception in a thread ends the process: %s", error.what());
       throw;
     }
     thread.setState(stopped);
@@ -119,7 +119,7 @@ PosixThreadFactory::PosixThreadFactory(POLICY policy, PRIORITY priority, int sta
     throw std::invalid_argument("PosixThreadFactory makes detached threads only");
   }
   if (stackSizeMegabytes < 1) {
-    throw std::invalid_argument("PosixThreadFactory: a stack of less than 1 MiB");
+    throw std::invalid_argument("PosixThreadFactory: a stack needs at least 1 MiB");
   }
   if (priority > HIGHEST) {
     throw std::invalid_argument("PosixThreadFactory: INCREMENT and DECREMENT are not supported");

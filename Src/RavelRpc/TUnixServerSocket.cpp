@@ -27,17 +27,18 @@ namespace ravel::rpc {
 namespace {
 
 constexpr int shortagePauseMilliseconds = 100;
+constexpr const char* alreadyServed = "another process serves it; stop that, or set another RAVEL_SOCKET_DIR";
 
 }  // namespace
 
-/// An accepted connection that another thread than the one that serves it may end.
+/// An accepted connection. Any thread may end it, not only the one that serves it.
 class TUnixServerSocket::Connection : public TSocket {
  public:
   using TSocket::TSocket;
 
   ~Connection() override { Connection::close(); }
 
-  // The lock keeps end() from the descriptor once it is closed: by then it may be that of another connection.
+  // The lock keeps end() from using a closed descriptor, whose number may be another connection's by then.
   void close() override {
     const std::lock_guard<std::mutex> lock(mutex_);
     TSocket::close();
@@ -46,7 +47,7 @@ class TUnixServerSocket::Connection : public TSocket {
   void end() {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (isOpen()) {
-      // Fails only where the client was faster.
+      // Fails only if the client was faster.
       static_cast<void>(::shutdown(getSocketFD(), SHUT_RDWR));
     }
   }
@@ -81,10 +82,10 @@ void TUnixServerSocket::makeDirectory() const {
   const std::string directory = localSocketDirectory();
   if (::mkdir(directory.c_str(), 0755) == 0) {
     if (::chmod(directory.c_str(), 0755) != 0) {
-      fail("chmod of the directory", errno);
+      fail("chmod of \"" + directory + '"', errno);
     }
   } else if (errno != EEXIST) {
-    fail("mkdir of the directory", errno);
+    fail("mkdir of \"" + directory + '"', errno);
   }
 }
 
@@ -92,21 +93,23 @@ void TUnixServerSocket::requireTrustedDirectory() const {
   const std::string directory = localSocketDirectory();
   struct stat status {};
   if (::lstat(directory.c_str(), &status) != 0) {
-    fail("lstat of the directory", errno);
+    fail("lstat of \"" + directory + '"', errno);
   }
   std::string reason;
   if (S_ISLNK(status.st_mode)) {
     reason = "is a symbolic link";
   } else if (!S_ISDIR(status.st_mode)) {
-    reason = "is a file";
+    reason = "is not a directory";
   } else if (status.st_uid != 0 && status.st_uid != ::geteuid()) {
     reason = "belongs to user " + std::to_string(status.st_uid);
   } else if ((status.st_mode & S_IWOTH) != 0) {
-    reason = "may be written to by everybody";
+    reason = "is writable by everybody";
   }
   if (!reason.empty()) {
-    throw TTransportException(TTransportException::NOT_OPEN,
-                              path_ + ": the directory " + reason + ", left alone");
+    throw TTransportException(
+        TTransportException::NOT_OPEN,
+        path_ + ": not made, since \"" + directory + "\" " + reason +
+            "; use a directory of root or of this user that is not writable by everybody");
   }
 }
 
@@ -114,13 +117,13 @@ void TUnixServerSocket::takeLock(int number) {
   const std::string lockPath = localSocketDirectory() + "/" + std::to_string(number) + ".lock";
   lock_.reset(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (!lock_.valid()) {
-    fail("open of the lock file " + lockPath, errno);
+    fail("open of \"" + lockPath + '"', errno);
   }
   if (::flock(lock_.get(), LOCK_EX | LOCK_NB) != 0) {
     if (errno == EWOULDBLOCK) {
-      throw TTransportException(TTransportException::NOT_OPEN, path_ + ": another process serves it");
+      throw TTransportException(TTransportException::NOT_OPEN, path_ + ": " + alreadyServed);
     }
-    fail("flock of " + lockPath, errno);
+    fail("flock of \"" + lockPath + '"', errno);
   }
 }
 
@@ -133,7 +136,8 @@ void TUnixServerSocket::removeStaleSocket() const {
     fail("lstat", errno);
   }
   if (!S_ISSOCK(status.st_mode)) {
-    throw TTransportException(TTransportException::NOT_OPEN, path_ + ": not a socket, left alone");
+    throw TTransportException(TTransportException::NOT_OPEN,
+                              path_ + ": not a socket, so not replaced; remove it");
   }
 
   // The lock says nothing about a server that does not take it, so ask the socket itself.
@@ -145,13 +149,13 @@ void TUnixServerSocket::removeStaleSocket() const {
       ::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address_), sizeof(address_)) == 0;
   const int error = connected ? 0 : errno;
   if (connected || error == EAGAIN) {  // EAGAIN: its backlog is full
-    throw TTransportException(TTransportException::NOT_OPEN, path_ + ": another process serves it");
+    throw TTransportException(TTransportException::NOT_OPEN, path_ + ": " + alreadyServed);
   }
   if (error == ENOENT) {
     return;
   }
   if (error != ECONNREFUSED) {
-    fail("cannot tell whether another process serves it, left alone", error);
+    fail("not replaced, since another process may serve it", error);
   }
   if (::unlink(path_.c_str()) != 0 && errno != ENOENT) {
     fail("unlink of the stale socket", errno);
@@ -169,17 +173,17 @@ void TUnixServerSocket::bindAndListen() {
   struct stat status {};
   if (::lstat(path_.c_str(), &status) != 0) {
     const int error = errno;
-    // It is ours, but close() would not know it for ours.
+    // It is ours, but close() could not recognise it.
     ::unlink(path_.c_str());
     fail("lstat", error);
   }
   device_ = status.st_dev;
   inode_ = status.st_ino;
-  // Nobody can connect before listen, so nobody slips in under the mode that the umask left.
+  // Nobody can connect before listen, so nobody can use the mode that the umask left.
   if (::chmod(path_.c_str(), 0660) != 0) {
     fail("chmod", errno);
   }
-  // As many as the kernel lets wait: a server accepts no more than it can hold.
+  // The largest backlog: a server accepts no more connections than it can hold, and the others wait here.
   if (::listen(listening_.get(), SOMAXCONN) != 0) {
     fail("listen", errno);
   }
@@ -187,7 +191,7 @@ void TUnixServerSocket::bindAndListen() {
 
 void TUnixServerSocket::interrupt() {
   const std::uint64_t one = 1;
-  if (::write(interrupt_.get(), &one, sizeof(one)) < 0 && errno != EAGAIN) {  // EAGAIN: it is raised already
+  if (::write(interrupt_.get(), &one, sizeof(one)) < 0 && errno != EAGAIN) {  // EAGAIN: already interrupted
     GlobalOutput.perror(path_ + ": cannot interrupt accept", errno);
   }
 }
@@ -203,7 +207,8 @@ void TUnixServerSocket::interruptChildren() {
 }
 
 void TUnixServerSocket::close() {
-  // The lock goes last: whoever gets it next must not find our socket, nor lose its own to our unlink.
+  // Release the lock last: its next owner must not find our socket, and our unlink must not remove its
+  // socket.
   struct stat status {};
   if (inode_ != 0 && ::lstat(path_.c_str(), &status) == 0 && status.st_dev == device_ &&
       status.st_ino == inode_ && ::unlink(path_.c_str()) != 0) {
@@ -239,8 +244,8 @@ std::shared_ptr<TTransport> TUnixServerSocket::acceptImpl() {
       case ENFILE:
       case ENOBUFS:
       case ENOMEM:
-        // The server framework takes any exception for the end of the listener, and the process would live on
-        // deaf; a shortage passes.
+        // Any exception would end Thrift's listener, and the process would run on without it. A shortage
+        // passes.
         waitOutShortage(errno);
         break;
       default:
@@ -260,7 +265,7 @@ void TUnixServerSocket::keep(const std::shared_ptr<Connection>& connection) {
   }
 }
 
-/// False when interrupted. Also returns true when there may be no connection after all.
+/// False if interrupted. After true there may still be no connection.
 bool TUnixServerSocket::waitForConnection() const {
   pollfd waiting[] = {{listening_.get(), POLLIN, 0}, {interrupt_.get(), POLLIN, 0}};
   if (::poll(waiting, 2, -1) < 0 && errno != EINTR) {
@@ -272,10 +277,10 @@ bool TUnixServerSocket::waitForConnection() const {
 void TUnixServerSocket::waitOutShortage(int error) {
   if (!shortageReported_) {
     try {
-      GlobalOutput.perror(path_ + ": cannot accept connections, trying on", error);
+      GlobalOutput.perror(path_ + ": cannot accept connections, retrying", error);
       shortageReported_ = true;
     } catch (const std::bad_alloc&) {
-      // Said at a later try, if there is still reason to.
+      // A later try reports it, if the shortage lasts.
     }
   }
   pollfd interrupted{interrupt_.get(), POLLIN, 0};

@@ -16,29 +16,32 @@ namespace ravel::rpc {
 
 /// The listening end of a service on its local socket (see LocalSocketPath.h).
 ///
-/// Differs from Thrift's TServerSocket in these ways: it listens from its construction on, so that a failure
-/// meets the thread that starts the service and not the one that serves it; it never takes a socket over from
-/// a process that serves it; it goes on when the process has run out of descriptors or memory; and its
-/// connections can be ended without a second poll for each of their reads.
+/// Differs from Thrift's TServerSocket:
+/// - It listens from its construction, so that a failure throws in the thread that starts the service, not in
+///   the one that serves it.
+/// - It never takes a socket from a process that serves it.
+/// - It keeps accepting after the process has run out of descriptors or memory.
+/// - Its connections can be ended without a second poll for each of their reads.
 ///
-/// Threads: interrupt() and interruptChildren() may be called from any thread at any time, everything else
-/// from one thread at a time. A lock guards the list of connections; it is held for no longer than it takes
-/// to go through them.
+/// Locks: one guards the list of connections; it is held only to go through the list. Threads: any for
+/// interrupt() and interruptChildren(), at any time; one at a time for everything else.
 class TUnixServerSocket : public apache::thrift::transport::TServerTransport {
  public:
-  /// Listens on the socket of service `number`: clients can connect from now on and are served once accept()
-  /// is called. As many wait for that as the kernel allows (SOMAXCONN, which is 4096 since Linux 5.4, and the
-  /// setting net.core.somaxconn); the connect of the next one waits for room.
+  /// Listens on the socket of service `number`. From now on clients can connect; accept() serves them. The
+  /// kernel limits how many wait for that (SOMAXCONN, which is 4096 since Linux 5.4, and the setting
+  /// net.core.somaxconn). The connect of the next one waits for room.
   ///
-  /// Makes the directory (mode 0755) where it is missing, and the socket with mode 0660, both whatever the
-  /// umask is. A socket left behind by a process that has ended is replaced.
+  /// Makes the directory (mode 0755) if it is missing, and the socket with mode 0660, for any umask. Replaces
+  /// the socket of a process that has ended. The lock (flock) of the file N.lock beside the socket says that
+  /// the service has its server. The file is never removed.
   ///
-  /// Throws TTransportException, with the path and the reason in its text, when another process serves the
-  /// socket, when something that is not a socket has the path (it is left alone), when somebody else could
-  /// put a socket of his own there (the directory is a link, belongs to neither root nor us, or may be
-  /// written to by everybody), or when a step fails. Then nothing remains but the directory and the lock file
-  /// N.lock beside the socket, whose lock (flock) says that the service has its server; the file itself
-  /// always stays.
+  /// Throws TTransportException, with the path and the reason in its text, if
+  /// - another process serves the socket;
+  /// - something that is not a socket has the path (it stays);
+  /// - somebody else could put a socket there, because the directory is a link, belongs to neither root nor
+  ///   us, or is writable by everybody; or
+  /// - a step fails.
+  /// Then only the directory and the lock file remain.
   explicit TUnixServerSocket(int number);
 
   /// Calls close().
@@ -47,23 +50,23 @@ class TUnixServerSocket : public apache::thrift::transport::TServerTransport {
   TUnixServerSocket(const TUnixServerSocket&) = delete;
   TUnixServerSocket& operator=(const TUnixServerSocket&) = delete;
 
-  /// Whether it listens: from the construction to close().
+  /// True while it listens, which is from the construction to close().
   bool isOpen() const override { return listening_.valid(); }
 
-  /// Does nothing: it listens already.
+  /// Does nothing, because it already listens.
   void listen() override {}
 
-  /// Ends the accept() under way, and every later one, with TTransportException (INTERRUPTED). Connections
-  /// live on: see interruptChildren().
+  /// Ends the running accept(), and every later one, with TTransportException (INTERRUPTED). Connections stay
+  /// open: see interruptChildren().
   void interrupt() override;
 
-  /// Ends every connection that was accepted, and those that still will be: their clients find them closed,
-  /// as if the process had ended, and whoever reads from them meets the end of the data. Thrift's servers
-  /// call it when they are told to stop, and so do not wait for clients that keep their connections.
+  /// Ends every accepted connection, also those that are accepted later. Clients find them closed, as if the
+  /// process had ended, and a read by our threads finds the end of the data. Thrift's servers call it when
+  /// they are told to stop, so they do not wait for clients that keep their connections.
   void interruptChildren() override;
 
-  /// Stops listening, removes the socket and lets go of the lock. Does nothing the second time. Connections
-  /// that were accepted live on.
+  /// Stops listening, removes the socket and releases the lock. Does nothing the second time. Accepted
+  /// connections stay open.
   void close() override;
 
   /// The listening descriptor, non-blocking; -1 after close().
@@ -71,7 +74,7 @@ class TUnixServerSocket : public apache::thrift::transport::TServerTransport {
 
  protected:
   /// Waits for a connection and returns it as an open TSocket, blocking and without timeouts. While the
-  /// process or the system lacks descriptors or memory it goes on waiting, and says so once on Thrift's
+  /// process or the system lacks descriptors or memory, it keeps waiting and reports that once on Thrift's
   /// GlobalOutput. Throws TTransportException: INTERRUPTED after interrupt(), NOT_OPEN after close(), UNKNOWN
   /// otherwise.
   std::shared_ptr<apache::thrift::transport::TTransport> acceptImpl() override;
@@ -93,9 +96,9 @@ class TUnixServerSocket : public apache::thrift::transport::TServerTransport {
   const sockaddr_un address_;
   FileDescriptor lock_;
   FileDescriptor listening_;
-  // Lives as long as the object, so that interrupt() need not know whether close() was called.
+  // close() does not close it, so interrupt() need not know whether close() was called.
   FileDescriptor interrupt_;
-  // Which socket is ours to remove; inode 0 means none.
+  // The socket that is ours to remove. Inode 0 means none.
   dev_t device_ = 0;
   ino_t inode_ = 0;
   bool shortageReported_ = false;

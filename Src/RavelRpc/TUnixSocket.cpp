@@ -33,7 +33,7 @@ void TUnixSocket::open() {
   }
   connect(socket.get());
   setSocketFD(socket.release());
-  // The base class remembers the timeouts, but applies them only to a socket it opened itself.
+  // The base class stores the timeouts, but applies them only to a socket that it opened itself.
   setRecvTimeout(recvTimeout_);
   setSendTimeout(sendTimeout_);
 }
@@ -46,7 +46,7 @@ void TUnixSocket::connect(int socket) const {
   const auto deadline = steady_clock::now() + std::chrono::milliseconds(connTimeout_);
   while (true) {
     if (connTimeout_ > 0) {
-      // The send timeout is what bounds the wait of a local connect for room in the backlog.
+      // The send timeout limits how long a local connect waits for room in the backlog.
       const auto left = duration_cast<microseconds>(deadline - steady_clock::now()).count();
       if (left <= 0) {
         throw TTransportException(TTransportException::TIMED_OUT, path_ + ": connect timed out");
@@ -79,7 +79,7 @@ std::uint32_t TUnixSocket::read(std::uint8_t* buffer, std::uint32_t length) {
 
 bool TUnixSocket::hasInput() {
   pollfd input{getSocketFD(), POLLIN, 0};
-  // No signal ends a poll that does not wait. If it fails, the socket is not one to rely on.
+  // No signal ends a poll that does not wait. If it fails, the socket counts as broken.
   return ::poll(&input, 1, 0) != 0;
 }
 
@@ -93,19 +93,18 @@ void TUnixSocket::waitForInput() {
   if (end == never) {
     return;
   }
-  // Waiting in recv instead would not do: one that has a timeout fails at every signal, even the end of a
-  // program that another thread has started and that nobody here listens to, and TSocket puts up with a few
-  // of them only.
+  // Poll, because recv with SO_RCVTIMEO fails with EINTR on any signal (also SIGCHLD for another thread's
+  // program), and TSocket retries only a few times.
   pollfd input{getSocketFD(), POLLIN, 0};
   int ready = 0;
   do {
     const auto left = std::chrono::ceil<milliseconds>(end - steady_clock::now());
-    // Also where there is something to read: there may be no end of it.
+    // Check even if there is something to read, because it may never end.
     if (left <= milliseconds::zero()) {
-      throw TTransportException(TTransportException::TIMED_OUT, path_ + ": no complete answer in time");
+      throw TTransportException(TTransportException::TIMED_OUT, path_ + ": no complete reply in time");
     }
-    constexpr milliseconds longest = std::chrono::hours(1);
-    ready = ::poll(&input, 1, static_cast<int>(std::min(left, longest).count()));
+    constexpr milliseconds maxWait = std::chrono::hours(1);
+    ready = ::poll(&input, 1, static_cast<int>(std::min(left, maxWait).count()));
     if (ready < 0 && errno != EINTR) {
       throw TTransportException(TTransportException::UNKNOWN, path_ + ": poll", errno);
     }

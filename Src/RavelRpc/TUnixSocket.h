@@ -10,39 +10,41 @@
 
 namespace ravel::rpc {
 
-/// A client's end of a connection to a service on its local socket (see LocalSocketPath.h).
+/// The client's end of a connection to a service on its local socket (see LocalSocketPath.h).
 ///
-/// Differs from Thrift's TSocket in open(): the descriptor is close-on-exec from the beginning, the connect
-/// timeout also holds where the service does not accept, and after a failure the socket is closed and can be
-/// opened again. And in read(): it can have a deadline, since TSocket's timeout begins anew with every read,
-/// and no signal ends one that has a timeout. And it can say, without waiting, whether there is anything to
-/// read.
+/// Differs from Thrift's TSocket:
+/// - open() makes the descriptor close-on-exec from the beginning. The connect timeout also holds if the
+///   service does not accept. After a failure the socket is closed and can be opened again.
+/// - read() can have a deadline, because TSocket's timeout restarts with every read. No signal ends a read
+///   that has a timeout.
+/// - hasInput() tells without waiting whether there is something to read.
 ///
-/// Threads: one at a time, as TSocket. No locks.
+/// Locks: none. Threads: one at a time, as TSocket.
 class TUnixSocket : public apache::thrift::transport::TSocket {
  public:
-  /// Does not connect yet. `host` is "localhost", the only host that has local sockets, `number` the number
-  /// of the service. Throws TTransportException (BAD_ARGS) for another host and for a path that is too long.
+  /// Does not connect yet. `host` must be "localhost", the only host that has local sockets; `number` is the
+  /// number of the service. Throws TTransportException (BAD_ARGS) for another host and for a path that is too
+  /// long.
   TUnixSocket(const std::string& host, int number);
 
-  /// Connects; does nothing when the socket is open. Waits for the service to accept earlier connections no
-  /// longer than setConnTimeout said (milliseconds; 0, the default: without end). What setRecvTimeout and
-  /// setSendTimeout said holds from then on for each read and write.
+  /// Connects. Does nothing if the socket is open. Waits for the service to accept earlier connections, but
+  /// at most as long as setConnTimeout says (in milliseconds; 0, the default, means without limit). Each
+  /// later read and write has the timeout of setRecvTimeout or setSendTimeout.
   ///
-  /// Throws TTransportException, with the path and the system's reason in its text: TIMED_OUT when the time
-  /// is over, NOT_OPEN otherwise.
+  /// Throws TTransportException, with the path and the system's reason in its text: TIMED_OUT after the
+  /// timeout, NOT_OPEN otherwise.
   void open() override;
 
-  /// From now on reading ends at `deadline`: a service that sends a byte now and then, or sends without end,
-  /// cannot keep its client for longer. None at first.
+  /// Makes reads fail after `deadline`, so that a service that sends slowly, or without end, cannot hold its
+  /// client longer. By default there is no deadline.
   void setDeadline(std::chrono::steady_clock::time_point deadline) { deadline_ = deadline; }
 
-  /// As TSocket's, and TIMED_OUT once the deadline is over. With a timeout or a deadline, signals are waited
-  /// through.
+  /// As TSocket's, and throws TIMED_OUT after the deadline. With a timeout or a deadline, no signal ends the
+  /// wait.
   std::uint32_t read(std::uint8_t* buffer, std::uint32_t length) override;
 
-  /// True when an open socket has something to read, be it the end of the connection, or is broken. Does not
-  /// wait, and leaves what is there.
+  /// True if an open socket has something to read (bytes, or the end of the connection) or is broken. Does
+  /// not wait, and reads nothing.
   bool hasInput();
 
  private:

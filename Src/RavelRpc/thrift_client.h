@@ -17,35 +17,33 @@ namespace ravel::rpc {
 /// The client of a service, shared by all threads of the process.
 ///
 /// `Client` is the service's generated class, `Port` the number of its socket and `Socket` the class that
-/// connects to it, made from "localhost" and the number. Binary protocol over buffered connections (see
-/// LimitedBinaryProtocol.h and LimitedBufferedTransport.h).
+/// connects to it, made from "localhost" and the number. It speaks the binary protocol over buffered
+/// connections (see LimitedBinaryProtocol.h and LimitedBufferedTransport.h).
 ///
-/// A connection carries one call at a time. A call takes the idle connection or makes one of its own, so a
-/// call never waits for another's reply: not a second thread's, and not one that is made from inside another
-/// call, while that one waits for its reply. One idle connection at most is kept, so as not to hold the
-/// service's workers; further ones are closed after their call.
+/// A connection carries one call at a time. A call takes the idle connection or makes a new one, so no call
+/// waits for another's reply. This also holds for a call from inside another call. At most one idle
+/// connection is kept, to leave the service's workers free; others are closed after their call.
 ///
-/// A connection is kept only after exactly one reply: one with more bytes, there or in the buffer, is closed.
-/// One that was kept is looked at before the next call: when the service has closed it, or has sent something
-/// that nobody asked for, it is closed and a new one made.
+/// A connection is kept only after exactly one reply. If there are more bytes, in the socket or in the
+/// buffer, it is closed. The next call checks the kept connection: if the service has closed it, or has sent
+/// unrequested bytes, it is closed and a new one is made.
 ///
-/// Threads: call() may be called from any thread, also from inside a call. No lock is held while connecting
-/// or calling.
+/// Locks: none while connecting or calling. Threads: any may use call(), also from inside a call.
 template <class Client, int Port, class Socket>
 class thrift_client {
  public:
-  /// Makes no connection yet. `timeout` is for connecting and reading together: both end that long after the
-  /// call's beginning, however the service spreads its reply. Sending has as long again, where it ever waits.
+  /// Does not connect yet. Connecting and reading together end `timeout` after the beginning of a call, even
+  /// if the service sends its reply slowly. Sending, if it has to wait, may take as long again.
   explicit thrift_client(std::chrono::milliseconds timeout = std::chrono::seconds(10)) : timeout_(timeout) {}
 
   thrift_client(const thrift_client&) = delete;
   thrift_client& operator=(const thrift_client&) = delete;
 
-  /// Runs `operation`, which is given a Client& for one call and must not keep it, on a connection.
+  /// Runs `operation` on a connection. `operation` gets a Client& for one call and must not keep it.
   ///
-  /// Throws what the connecting and the operation throw. After a TApplicationException, by which the service
-  /// answered, the connection is kept; after anything else it is closed, and the next call connects anew.
-  /// Nothing is tried again, since the service may have begun to act on the call.
+  /// Throws what connecting and `operation` throw. A TApplicationException is a reply of the service, so the
+  /// connection is kept. Any other exception closes the connection, and the next call makes a new one.
+  /// Nothing is retried, because the service may have begun to act on the call.
   template <class Call>
   void call(Call&& operation) {
     std::unique_ptr<Connection> connection = takeIdle();
@@ -59,12 +57,12 @@ class thrift_client {
       }
       std::forward<Call>(operation)(connection->client);
     } catch (const apache::thrift::TApplicationException&) {
-      giveBack(std::move(connection));
+      keepIdle(std::move(connection));
       throw;
     }
-    // Any other exception closes the connection on its way out. It drops the socket rather than close the
-    // transport, which would first flush what is left of the failed call.
-    giveBack(std::move(connection));
+    // Any other exception destroys the connection. That closes the socket, not the transport, which would
+    // first flush the rest of the failed call.
+    keepIdle(std::move(connection));
   }
 
  private:
@@ -74,7 +72,7 @@ class thrift_client {
           transport(std::make_shared<LimitedBufferedTransport>(socket, bufferSize, bufferSize)),
           client(std::make_shared<LimitedBinaryProtocol>(transport)) {}
 
-    /// Between two calls there is nothing to read but the end of the connection and what nobody asked for.
+    /// Between two calls, all there can be to read is the end of the connection or unrequested bytes.
     bool hasInput() const { return transport->hasBufferedInput() || socket->hasInput(); }
 
     const std::shared_ptr<Socket> socket;
@@ -84,7 +82,7 @@ class thrift_client {
 
   static constexpr std::uint32_t bufferSize = 512;
 
-  /// Null when there is none.
+  /// Null if there is none.
   std::unique_ptr<Connection> takeIdle() {
     const std::lock_guard<std::mutex> lock(mutex_);
     return std::move(idle_);
@@ -99,7 +97,8 @@ class thrift_client {
     return std::make_unique<Connection>(socket);
   }
 
-  void giveBack(std::unique_ptr<Connection> connection) {
+  /// Keeps a connection for the next call, or closes it if it has input or another one is idle.
+  void keepIdle(std::unique_ptr<Connection> connection) {
     if (connection->hasInput()) {
       return;
     }

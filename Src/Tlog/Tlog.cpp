@@ -39,8 +39,8 @@ struct Registry {
   tlog::Thresholds thresholds;
 };
 
-// Constructors of static objects ask for contexts before main, destructors still log after it: made at the
-// first use and never destroyed.
+// Made at the first use and never destroyed: constructors of static objects ask for contexts before main, and
+// destructors log after it.
 Registry& registry() {
   static auto* const instance = new Registry;
   return *instance;
@@ -57,7 +57,7 @@ Output& output() {
   return *instance;
 }
 
-// The callers log between a failed call and their look at errno.
+// Callers log between a failed call and their use of errno.
 class ErrnoKeeper {
  public:
   ErrnoKeeper() = default;
@@ -75,19 +75,19 @@ void writeAll(std::string_view bytes) {
     if (written >= 0) {
       bytes.remove_prefix(static_cast<std::size_t>(written));
     } else if (errno == EAGAIN) {
-      // Somebody who shares our standard error made it non-blocking; half a line would spoil the next one.
+      // A process that shares our standard error made it non-blocking. Half a line would spoil the next one.
       pollfd writable{STDERR_FILENO, POLLOUT, 0};
       poll(&writable, 1, -1);
     } else if (errno != EINTR) {
-      // A log that cannot be written has no place left to report that.
+      // There is nowhere to report that the log cannot be written.
       return;
     }
   }
 }
 
-// The functions below that take an Output are called with its mutex held.
+// Call the functions below that take an Output with its mutex held.
 
-// The callers of these two go on to standard error where the journal cannot be reached.
+// False if the journal cannot be reached; the caller then writes to standard error.
 bool sendToJournal(const Output& out, int level, std::string_view line) {
   return out.journal != nullptr && out.journal->send(tlog::syslogPriority(level), line);
 }
@@ -112,7 +112,7 @@ void writeLine(const Output& out, int level, const std::string& line) {
   }
 }
 
-// Writes a line without its text, in room that needs no memory.
+// Writes a line without its text, and allocates no memory.
 void writeWithoutText(const Output& out, const TlogContext* context, int level, const char* file, int line) {
   const char* const name = context != nullptr ? context->name().c_str() : "-";
   std::array<char, 400> text{};
@@ -127,7 +127,7 @@ void writeWithoutText(const Output& out, const TlogContext* context, int level, 
   }
 }
 
-// Goes to standard error whatever the target: a wrong setting is for the person who starts the program.
+// Writes to standard error for any target: a wrong setting is for the person who starts the program.
 void reportBadValue(const Output& out, const char* variable, const char* value, const char* used) {
   constexpr int warning = 4;
   const std::string text =
@@ -217,7 +217,7 @@ void TlogStackTrace() {
   constexpr int stackDump = 1;
   Output& out = output();
   try {
-    // Names are looked up before the lock is taken: that is slow, and other threads want to log.
+    // Look up names before taking the lock: that is slow, and other threads want to log.
     std::vector<std::string> lines;
     for (const auto& frame : boost::stacktrace::stacktrace()) {
       const std::string text = std::to_string(lines.size()) + "# " + boost::stacktrace::to_string(frame);

@@ -17,8 +17,8 @@
 namespace tlog {
 namespace {
 
-// systemd names the journal's stream this way. The variable is inherited by children whose standard error was
-// redirected since, so only a match counts.
+// systemd names the journal's stream in JOURNAL_STREAM. Children inherit it even if their standard error is
+// redirected, so only a match counts.
 bool standardErrorIsJournal() {
   const char* const journal = std::getenv("JOURNAL_STREAM");
   struct stat status {};
@@ -29,7 +29,7 @@ bool standardErrorIsJournal() {
 }
 
 // The journal listens on two sockets in one folder: "stdout", which standard error is connected to, and
-// "socket". There is a folder for each of its namespaces.
+// "socket". Each of the journal's namespaces has its own folder.
 bool findSocket(sockaddr_un& address, socklen_t& length) {
   constexpr std::string_view name = "socket";
   length = sizeof address;
@@ -37,7 +37,7 @@ bool findSocket(sockaddr_un& address, socklen_t& length) {
       address.sun_family != AF_UNIX) {
     return false;
   }
-  // A socket without a name has an empty path, and one with the longest name no zero behind it.
+  // A socket without a name has an empty path. A name of the maximum length has no NUL byte after it.
   const std::size_t size = std::min(std::size_t{length}, sizeof address);
   const std::string_view path(address.sun_path, size - offsetof(sockaddr_un, sun_path));
   const auto slash = path.rfind('/');
@@ -73,7 +73,7 @@ Journal::~Journal() {
 }
 
 bool Journal::send(int priority, std::string_view line) const {
-  // LineMax of journald.conf: what is longer, the journal divides too. The kernel takes four times as much at
+  // LineMax of journald.conf: the journal splits longer lines too. The kernel takes four times as much at
   // once.
   constexpr std::size_t maxMessage = std::size_t{48} * 1024;
   do {
@@ -86,7 +86,7 @@ bool Journal::send(int priority, std::string_view line) const {
 }
 
 bool Journal::sendEntry(int priority, std::string_view message) const {
-  // In pieces, so that a line that says there is no memory gets through, too.
+  // In pieces, which need no memory, so that a line that reports a lack of memory gets through too.
   std::array<char, 64> numbers{};
   std::snprintf(numbers.data(), numbers.size(),
                 "PRIORITY=%d\nSYSLOG_FACILITY=%d\nSYSLOG_IDENTIFIER=", priority, LOG_FAC(LOG_DAEMON));

@@ -11,8 +11,8 @@ namespace tlog {
 
 /// The journal that standard error is connected to.
 ///
-/// Lines go to its datagram socket, each with its priority, and not to standard error: there, a priority is a
-/// prefix that the output of a disk tool can have too, so the unit has the journal ignore it.
+/// Lines go to its datagram socket, each with its priority, and not to standard error. There, a priority is a
+/// prefix, which the output of a disk tool can have too; so the unit tells the journal to ignore prefixes.
 class Journal {
  public:
   /// Null if standard error is not the stream that JOURNAL_STREAM names, or if no descriptor is free.
@@ -22,9 +22,9 @@ class Journal {
   Journal(const Journal&) = delete;
   Journal& operator=(const Journal&) = delete;
 
-  /// Sends a line without line ends; a very long one as several entries, like the journal does it on standard
+  /// Sends a line, which must not contain line ends. A very long line becomes several entries, as on standard
   /// error. Blocks while the journal is behind. False if the journal cannot be reached; the first entries may
-  /// have been sent. Needs no memory.
+  /// have been sent. Allocates no memory.
   bool send(int priority, std::string_view line) const;
 
  private:

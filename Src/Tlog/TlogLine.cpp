@@ -18,9 +18,9 @@ void appendEscaped(std::string& text, unsigned char byte) {
 
 bool isEscaped(char32_t character) {
   const bool isControl = character < 0x20 || (character >= 0x7f && character <= 0x9f);
-  const bool turnsTextRound =
+  const bool changesDirection =
       (character >= 0x202a && character <= 0x202e) || (character >= 0x2066 && character <= 0x2069);
-  return isControl || turnsTextRound;
+  return isControl || changesDirection;
 }
 
 }  // namespace
@@ -47,7 +47,7 @@ std::string escapeControlCharacters(std::string_view text) {
     const char* const begin = position;
     utf::code_point character = utf::utf_traits<char>::decode(position, text.end());
     if (!utf::is_valid_codepoint(character)) {
-      // A byte that belongs to no character. A terminal of 8 bits takes it for the character of this number.
+      // A byte that is not valid UTF-8. An 8-bit terminal takes it for the character with this number.
       character = static_cast<unsigned char>(*begin);
       position = begin + 1;
     }

@@ -12,7 +12,7 @@ std::optional<std::int32_t> parseLevel(std::string_view text) {
   return text[0] - '0';
 }
 
-// Catches the blank and the wrong separator, which would make an exception that fits no context.
+// Refuses blanks and wrong separators: the exception would match no context.
 bool isContextName(std::string_view text) {
   constexpr std::string_view allowed = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-:";
   return !text.empty() && text.find_first_not_of(allowed) == std::string_view::npos;

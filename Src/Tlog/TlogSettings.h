@@ -9,7 +9,7 @@
 
 #include "Tlog.h"
 
-/// What the values of TLOG_TARGET and TLOG_LEVEL mean; part of the library, not of its interface.
+/// Parses the values of TLOG_TARGET and TLOG_LEVEL; part of the library, not of its interface.
 namespace tlog {
 
 enum class Target { standardError, syslog };
@@ -21,10 +21,10 @@ struct Thresholds {
   std::int32_t of(const std::string& contextName) const;
 };
 
-/// Nothing if the value is none of `stderr` and `syslog`.
+/// nullopt if the value is neither `stderr` nor `syslog`.
 std::optional<Target> parseTarget(std::string_view value);
 
-/// Nothing if any part of the value is wrong.
+/// nullopt if any part of the value is wrong.
 std::optional<Thresholds> parseThresholds(std::string_view value);
 
 }  // namespace tlog

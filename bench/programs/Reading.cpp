@@ -58,7 +58,7 @@ void answers(const Arguments& arguments) {
   }));
   if (!label.success || !uuid.success || type == 0 || capacity == 0 || mountPoint.text.empty() ||
       !name.success) {
-    throw std::runtime_error("a query about the device has no answer");
+    throw std::runtime_error("a query about the device failed or has an empty reply");
   }
 }
 

@@ -39,7 +39,7 @@ class DescriptorShortageTest : public HostileTest {
   }
 
   static constexpr const char* shortage =
-      "9020.sock: cannot accept connections, trying on: Too many open files";
+      "9020.sock: cannot accept connections, retrying: Too many open files";
 
   std::vector<std::unique_ptr<ravel::rpc::TUnixSocket>> idle_;
 };

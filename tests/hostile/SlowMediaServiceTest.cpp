@@ -135,7 +135,7 @@ class SlowMediaServiceTest : public testing::Test {
 
   static inline std::unique_ptr<Trials> trials_;
   static inline const testing::Matcher<std::string> tooLate =
-      HasSubstr("9014.sock: no complete answer in time");
+      HasSubstr("9014.sock: no complete reply in time");
 };
 
 TEST_F(SlowMediaServiceTest, ThatNeverReadsIsGivenUp) {

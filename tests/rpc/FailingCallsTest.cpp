@@ -66,8 +66,8 @@ class FailingCalls : public transport_test::SocketDirectoryTest {
 
 TEST_F(FailingCalls, AreNamedWhenAServerCannotBeMade) {
   expectNoServer("eventfd", "eventfd");
-  expectNoServer("flock", "flock of " + (directory_ / "9020.lock").string());
-  expectNoServer("lstat64", "lstat of the directory");
+  expectNoServer("flock", "flock of \"" + (directory_ / "9020.lock").string() + '"');
+  expectNoServer("lstat64", "lstat of \"" + directory_.string() + '"');
   expectNoServer(FailingCall("lstat64", EIO).after(1), "lstat");
   expectNoServer("socket", "socket");
   expectNoServer("bind", "bind");
@@ -78,14 +78,14 @@ TEST_F(FailingCalls, AreNamedWhenAServerCannotBeMade) {
 
 TEST_F(FailingCalls, AreNamedWhenAServerCannotMakeItsDirectory) {
   std::filesystem::remove(directory_);
-  expectNoServer("chmod", "chmod of the directory");
+  expectNoServer("chmod", "chmod of \"" + directory_.string() + '"');
 }
 
 TEST_F(FailingCalls, AreNamedWhenAStaleSocketCannotBeReplaced) {
   leaveStaleSocket();
   expectNoServer("socket", "socket");
   leaveStaleSocket();
-  expectNoServer("connect", "cannot tell whether another process serves it, left alone");
+  expectNoServer("connect", "not replaced, since another process may serve it");
   leaveStaleSocket();
   expectNoServer("unlink", "unlink of the stale socket");
 }

@@ -200,7 +200,7 @@ TEST_F(LimitedBinaryProtocolTest, RefusesContainersBeyondTheLimit) {
     readList();
     FAIL() << "no exception";
   } catch (const TProtocolException& error) {
-    EXPECT_STREQ(error.what(), "1048577 elements are announced, 1048576 are the limit");
+    EXPECT_STREQ(error.what(), "1048577 elements are announced, but at most 1048576 are allowed");
   }
 }
 

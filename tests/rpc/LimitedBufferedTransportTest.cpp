@@ -52,7 +52,7 @@ TEST(LimitedBufferedTransport, RefusesATextOfMoreThanTheLimit) {
   const std::uint32_t tooMuch = LimitedBufferedTransport::maxFieldSize + 1;
   EXPECT_EQ(transportError([&] { readText(tooMuch, tooMuch); }),
             TransportError(TTransportException::CORRUPTED_DATA,
-                           "a text of 1048577 bytes is announced, 1048576 are the limit"));
+                           "a text of 1048577 bytes is announced, but at most 1048576 are allowed"));
 }
 
 TEST(LimitedBufferedTransport, AllocatesNothingForATextThatIsOnlyAnnounced) {

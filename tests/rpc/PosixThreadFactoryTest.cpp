@@ -184,7 +184,7 @@ TEST(PosixThreadFactoryDeathTest, EndsTheProcessWithAReportWhenAnExceptionLeaves
         PosixThreadFactory().newThread(runnable([] { throw std::runtime_error("out of luck"); }))->start();
         std::promise<void>().get_future().wait();
       },
-      "A thread ends the process by an exception: out of luck");
+      "An exception in a thread ends the process: out of luck");
 }
 
 TEST(PosixThreadFactoryDeathTest, EndsTheProcessAlsoWhenWhatLeavesAThreadIsNoException) {

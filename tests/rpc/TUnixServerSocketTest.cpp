@@ -43,6 +43,14 @@ class TUnixServerSocketTest : public transport_test::SocketDirectoryTest {
     return status.st_mode & 07777U;
   }
 
+  static constexpr const char* alreadyServed =
+      ": another process serves it; stop that, or set another RAVEL_SOCKET_DIR";
+
+  static std::string refusal(const std::filesystem::path& directory, const std::string& reason) {
+    return (directory / "9020.sock").string() + ": not made, since \"" + directory.string() + "\" " + reason +
+           "; use a directory of root or of this user that is not writable by everybody";
+  }
+
   static std::string constructionError() {
     return errorText([] { TUnixServerSocket server(9020); });
   }
@@ -102,14 +110,14 @@ TEST_F(TUnixServerSocketTest, ReplacesASocketThatNobodyServes) {
 
 TEST_F(TUnixServerSocketTest, RefusesASecondServer) {
   TUnixServerSocket first(9020);
-  EXPECT_EQ(constructionError(), path() + ": another process serves it");
+  EXPECT_EQ(constructionError(), path() + alreadyServed);
   expectServes(first);
 }
 
 TEST_F(TUnixServerSocketTest, RefusesASecondServerEvenWhenTheSocketWasRemoved) {
   TUnixServerSocket first(9020);
   std::filesystem::remove(path());
-  EXPECT_EQ(constructionError(), path() + ": another process serves it");
+  EXPECT_EQ(constructionError(), path() + alreadyServed);
 }
 
 TEST_F(TUnixServerSocketTest, ServesTwoNumbersSideBySide) {
@@ -120,7 +128,7 @@ TEST_F(TUnixServerSocketTest, ServesTwoNumbersSideBySide) {
 
 TEST_F(TUnixServerSocketTest, LeavesAListenerWithoutALockAlone) {
   const FileDescriptor listener = plainListener(path(), 1);
-  EXPECT_EQ(constructionError(), path() + ": another process serves it");
+  EXPECT_EQ(constructionError(), path() + alreadyServed);
   TUnixSocket client("localhost", 9020);
   EXPECT_NO_THROW(client.open());
 }
@@ -128,7 +136,7 @@ TEST_F(TUnixServerSocketTest, LeavesAListenerWithoutALockAlone) {
 TEST_F(TUnixServerSocketTest, LeavesAListenerWithAFullBacklogAlone) {
   const FileDescriptor listener = plainListener(path(), 0);
   const auto waiting = fillBacklog(path());
-  EXPECT_EQ(constructionError(), path() + ": another process serves it");
+  EXPECT_EQ(constructionError(), path() + alreadyServed);
   EXPECT_TRUE(std::filesystem::is_socket(path()));
 }
 
@@ -136,13 +144,14 @@ TEST_F(TUnixServerSocketTest, LeavesADatagramSocketAlone) {
   const FileDescriptor datagrams(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   const sockaddr_un address = localSocketAddress(path());
   ASSERT_EQ(bind(datagrams.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
-  EXPECT_EQ(constructionError().rfind(path() + ": cannot tell whether another process serves it", 0), 0U);
+  EXPECT_EQ(constructionError().rfind(path() + ": not replaced, since another process may serve it: ", 0),
+            0U);
   EXPECT_TRUE(std::filesystem::is_socket(path()));
 }
 
 TEST_F(TUnixServerSocketTest, LeavesAFileAlone) {
   std::ofstream(path()) << "precious";
-  EXPECT_EQ(constructionError(), path() + ": not a socket, left alone");
+  EXPECT_EQ(constructionError(), path() + ": not a socket, so not replaced; remove it");
   std::string content;
   std::ifstream(path()) >> content;
   EXPECT_EQ(content, "precious");
@@ -150,7 +159,7 @@ TEST_F(TUnixServerSocketTest, LeavesAFileAlone) {
 
 TEST_F(TUnixServerSocketTest, LeavesADirectoryAlone) {
   std::filesystem::create_directory(path());
-  EXPECT_EQ(constructionError(), path() + ": not a socket, left alone");
+  EXPECT_EQ(constructionError(), path() + ": not a socket, so not replaced; remove it");
   EXPECT_TRUE(std::filesystem::is_directory(path()));
 }
 
@@ -158,7 +167,7 @@ TEST_F(TUnixServerSocketTest, LeavesASymbolicLinkAndItsTargetAlone) {
   const std::string target = (directory_ / "stale").string();
   plainListener(target, 1).reset();
   std::filesystem::create_symlink(target, path());
-  EXPECT_EQ(constructionError(), path() + ": not a socket, left alone");
+  EXPECT_EQ(constructionError(), path() + ": not a socket, so not replaced; remove it");
   EXPECT_TRUE(std::filesystem::is_symlink(path()));
   EXPECT_TRUE(std::filesystem::is_socket(target));
 }
@@ -174,14 +183,14 @@ TEST_F(TUnixServerSocketTest, ReplacesAStaleSocketWhoseTimesAreBeyond2038) {
 TEST_F(TUnixServerSocketTest, DoesNotFollowASymbolicLinkInPlaceOfTheLock) {
   const std::string target = (directory_ / "elsewhere").string();
   std::filesystem::create_symlink(target, lockPath());
-  EXPECT_EQ(constructionError().rfind(path() + ": open of the lock file " + lockPath() + ": ", 0), 0U);
+  EXPECT_EQ(constructionError().rfind(path() + ": open of \"" + lockPath() + "\": ", 0), 0U);
   EXPECT_FALSE(std::filesystem::exists(target));
 }
 
 TEST_F(TUnixServerSocketTest, RefusesADirectoryThatEverybodyMayWriteToWithOrWithoutStickyBit) {
   for (const mode_t mode : {0777U, 01777U, 0757U}) {
     ASSERT_EQ(chmod(directory_.c_str(), mode), 0);
-    EXPECT_EQ(constructionError(), path() + ": the directory may be written to by everybody, left alone");
+    EXPECT_EQ(constructionError(), refusal(directory_, "is writable by everybody"));
   }
   EXPECT_TRUE(std::filesystem::is_empty(directory_));
 }
@@ -200,8 +209,7 @@ TEST_F(TUnixServerSocketTest, RefusesASymbolicLinkInPlaceOfTheDirectory) {
     std::filesystem::remove(link);
     std::filesystem::create_symlink(target, link);
     setenv("RAVEL_SOCKET_DIR", link.c_str(), 1);
-    EXPECT_EQ(constructionError(),
-              (link / "9020.sock").string() + ": the directory is a symbolic link, left alone");
+    EXPECT_EQ(constructionError(), refusal(link, "is a symbolic link"));
   }
   EXPECT_TRUE(std::filesystem::is_empty(real));
   EXPECT_FALSE(std::filesystem::exists(directory_ / "missing"));
@@ -211,14 +219,15 @@ TEST_F(TUnixServerSocketTest, RefusesAFileInPlaceOfTheDirectory) {
   const std::filesystem::path file = directory_ / "file";
   std::ofstream(file) << "precious";
   setenv("RAVEL_SOCKET_DIR", file.c_str(), 1);
-  EXPECT_EQ(constructionError(), (file / "9020.sock").string() + ": the directory is a file, left alone");
+  EXPECT_EQ(constructionError(), refusal(file, "is not a directory"));
   EXPECT_EQ(std::filesystem::file_size(file), 8U);
 }
 
 TEST_F(TUnixServerSocketTest, NamesPathAndReasonWhenTheDirectoryCannotBeMade) {
   setenv("RAVEL_SOCKET_DIR", (directory_ / "no/such").c_str(), 1);
-  const std::string expected = (directory_ / "no/such/9020.sock").string() + ": mkdir of the directory: ";
-  EXPECT_EQ(constructionError(), expected + TOutput::strerror_s(ENOENT));
+  const std::string directory = (directory_ / "no/such").string();
+  EXPECT_EQ(constructionError(),
+            directory + "/9020.sock: mkdir of \"" + directory + "\": " + TOutput::strerror_s(ENOENT));
 }
 
 TEST_F(TUnixServerSocketTest, RefusesATooLongPathBeforeItTouchesAnything) {
@@ -358,7 +367,7 @@ class Shortage : public TUnixServerSocketTest {
   void SetUp() override {
     shortageReports = 0;
     GlobalOutput.setOutputFunction([](const char* message) {
-      const char* const report = "9020.sock: cannot accept connections, trying on: ";
+      const char* const report = "9020.sock: cannot accept connections, retrying: ";
       shortageReports += std::strstr(message, report) != nullptr ? 1 : 0;
     });
     server_.emplace(9020);

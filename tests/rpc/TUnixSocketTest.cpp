@@ -127,7 +127,7 @@ TEST_F(TUnixSocketTest, ReadsUntilItsDeadlineAndNoLonger) {
 
   client.setDeadline(steady_clock::now() + milliseconds(50));
   EXPECT_EQ(transportError([&] { client.read(byte.data(), 1); }),
-            TransportError(TTransportException::TIMED_OUT, path() + ": no complete answer in time"));
+            TransportError(TTransportException::TIMED_OUT, path() + ": no complete reply in time"));
 
   // A service that sends without end: there is always something to read.
   connection->write(byte.data(), 1);

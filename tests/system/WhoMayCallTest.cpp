@@ -113,7 +113,7 @@ class PlantedSocketDirectoryTest : public WhoMayCallTest {
   static void expectRefusal(const std::string& reason) {
     const FailedStart end = startThatFails({{"RAVEL_SOCKET_DIR", planted}});
     EXPECT_NE(end.status, 0);
-    EXPECT_THAT(end.log, HasSubstr(planted + "/9020.sock: the directory " + reason));
+    EXPECT_THAT(end.log, HasSubstr(planted + "/9020.sock: not made, since \"" + planted + "\" " + reason));
   }
 
   static inline const std::string planted = "/tmp/sockets";
@@ -140,14 +140,14 @@ TEST_F(PlantedSocketDirectoryTest, ThatEverybodyMayWriteToIsRefused) {
   fs::create_directory(planted);
   for (const mode_t mode : {0777U, 01777U}) {
     ASSERT_EQ(chmod(planted.c_str(), mode), 0);
-    expectRefusal("may be written to by everybody");
+    expectRefusal("is writable by everybody");
   }
   EXPECT_THAT(namesIn(planted), IsEmpty());
 }
 
 TEST_F(PlantedSocketDirectoryTest, ThatIsAFileIsRefusedAndKeptUnchanged) {
   writeFile(planted, "somebody's notes");
-  expectRefusal("is a file");
+  expectRefusal("is not a directory");
   EXPECT_EQ(readFile(planted), "somebody's notes");
 }
 
