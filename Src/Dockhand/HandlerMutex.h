@@ -54,7 +54,7 @@ class SCOPED_CAPABILITY HandlerLock {
   explicit HandlerLock(HandlerMutex& mutex) ACQUIRE(mutex) : lock_(mutex) {}
   HandlerLock(const HandlerLock&) = delete;
   HandlerLock& operator=(const HandlerLock&) = delete;
-  ~HandlerLock() RELEASE() {}
+  ~HandlerLock() RELEASE() = default;
 
  private:
   boost::unique_lock<HandlerMutex> lock_;
