@@ -1,11 +1,10 @@
 #include "Fuzzing.h"
 
-#include <thrift/Thrift.h>
-
 #include <cstdio>
 #include <cstdlib>
 
 #include "ModuleLog.h"
+#include "ThriftOutput.h"
 
 namespace fuzz {
 
@@ -59,7 +58,7 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   // All lines but the stack dumps: they show the fuzzer's functions and are slow.
   Dockhand::usbClientLog.context->setThreshold(2);
   // The daemon does the same with the messages of the RPC library.
-  apache::thrift::GlobalOutput.setOutputFunction(
+  ravel::rpc::thriftOutput().setOutputFunction(
       [](const char* message) { Dockhand::usbClientLog.write(4, 14, message); });
   return 0;
 }

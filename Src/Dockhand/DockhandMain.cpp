@@ -1,10 +1,10 @@
 #include <malloc.h>
-#include <thrift/Thrift.h>
 #include <unistd.h>
 
 #include "DockhandServer.h"
 #include "LinuxPlatform.h"
 #include "ModuleLog.h"
+#include "ThriftOutput.h"
 
 namespace {
 
@@ -38,7 +38,7 @@ void limitKeptMemory() {
 int main() {
   TlogInit();
   limitKeptMemory();
-  apache::thrift::GlobalOutput.setOutputFunction(logRpcMessage);
+  ravel::rpc::thriftOutput().setOutputFunction(logRpcMessage);
   Dockhand::LinuxPlatform platform;
 
   mainLog.trace(19, "Before Creating DockhandServer");

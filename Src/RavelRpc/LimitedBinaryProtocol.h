@@ -45,6 +45,9 @@ class LimitedBinaryProtocol
   /// a text. A pair takes at most 16 bytes, so the product cannot overflow.
   static constexpr std::int32_t maxContainerSize = LimitedBufferedTransport::maxFieldSize;
 
+  /// The largest type on the wire: T_UUID in Thrift 0.24, T_UTF8 in 0.17, which neither reads nor writes it.
+  static constexpr std::int8_t maxType = apache::thrift::protocol::T_LIST + 1;
+
   explicit LimitedBinaryProtocol(const std::shared_ptr<apache::thrift::transport::TTransport>& transport)
       : TVirtualProtocol(transport) {}
 
@@ -136,7 +139,7 @@ class LimitedBinaryProtocol
   std::uint32_t readType(TType& type) {
     std::int8_t code = 0;
     const std::uint32_t bytes = readByte(code);
-    if (code < apache::thrift::protocol::T_STOP || code > apache::thrift::protocol::T_UTF16) {
+    if (code < apache::thrift::protocol::T_STOP || code > maxType) {
       throw TProtocolException(TProtocolException::INVALID_DATA, "unknown type " + std::to_string(code));
     }
     type = static_cast<TType>(code);

@@ -1,7 +1,6 @@
 #include "PosixThreadFactory.h"
 
 #include <sched.h>
-#include <thrift/Thrift.h>
 #include <thrift/concurrency/Exception.h>
 
 #include <atomic>
@@ -11,7 +10,8 @@
 #include <string>
 #include <utility>
 
-using apache::thrift::GlobalOutput;
+#include "ThriftOutput.h"
+
 using apache::thrift::TOutput;
 using apache::thrift::concurrency::Runnable;
 using apache::thrift::concurrency::SystemResourceException;
@@ -98,7 +98,7 @@ class PosixThread : public Thread {
     try {
       thread.runnable()->run();
     } catch (const std::exception& error) {
-      GlobalOutput.printf("An exception in a thread ends the process: %s", error.what());
+      thriftOutput().printf("An exception in a thread ends the process: %s", error.what());
       throw;
     }
     thread.setState(stopped);

@@ -31,7 +31,7 @@ class PosixThreadFactory : public apache::thrift::concurrency::ThreadFactory {
   /// start() makes the thread and does not wait for it. A second start() does nothing. If the thread cannot
   /// be made, start() throws SystemResourceException with the system's reason and may be called again. join()
   /// returns at once. getId() is always empty. An exception that leaves the runnable is reported on Thrift's
-  /// GlobalOutput and ends the process, as in any thread.
+  /// output and ends the process, as in any thread.
   std::shared_ptr<apache::thrift::concurrency::Thread> newThread(
       std::shared_ptr<apache::thrift::concurrency::Runnable> runnable) const override;
 

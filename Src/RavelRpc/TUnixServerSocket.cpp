@@ -6,7 +6,6 @@
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <thrift/Thrift.h>
 #include <thrift/transport/TSocket.h>
 #include <thrift/transport/TTransportException.h>
 #include <unistd.h>
@@ -17,8 +16,8 @@
 #include <new>
 
 #include "LocalSocketPath.h"
+#include "ThriftOutput.h"
 
-using apache::thrift::GlobalOutput;
 using apache::thrift::transport::TSocket;
 using apache::thrift::transport::TTransport;
 using apache::thrift::transport::TTransportException;
@@ -192,7 +191,7 @@ void TUnixServerSocket::bindAndListen() {
 void TUnixServerSocket::interrupt() {
   const std::uint64_t one = 1;
   if (::write(interrupt_.get(), &one, sizeof(one)) < 0 && errno != EAGAIN) {  // EAGAIN: already interrupted
-    GlobalOutput.perror(path_ + ": cannot interrupt accept", errno);
+    thriftOutput().perror(path_ + ": cannot interrupt accept", errno);
   }
 }
 
@@ -212,7 +211,7 @@ void TUnixServerSocket::close() {
   struct stat status {};
   if (inode_ != 0 && ::lstat(path_.c_str(), &status) == 0 && status.st_dev == device_ &&
       status.st_ino == inode_ && ::unlink(path_.c_str()) != 0) {
-    GlobalOutput.perror(path_ + ": cannot remove the socket", errno);
+    thriftOutput().perror(path_ + ": cannot remove the socket", errno);
   }
   inode_ = 0;
   listening_.reset();
@@ -277,7 +276,7 @@ bool TUnixServerSocket::waitForConnection() const {
 void TUnixServerSocket::waitOutShortage(int error) {
   if (!shortageReported_) {
     try {
-      GlobalOutput.perror(path_ + ": cannot accept connections, retrying", error);
+      thriftOutput().perror(path_ + ": cannot accept connections, retrying", error);
       shortageReported_ = true;
     } catch (const std::bad_alloc&) {
       // A later try reports it, if the shortage lasts.

@@ -75,7 +75,7 @@ class TUnixServerSocket : public apache::thrift::transport::TServerTransport {
  protected:
   /// Waits for a connection and returns it as an open TSocket, blocking and without timeouts. While the
   /// process or the system lacks descriptors or memory, it keeps waiting and reports that once on Thrift's
-  /// GlobalOutput. Throws TTransportException: INTERRUPTED after interrupt(), NOT_OPEN after close(), UNKNOWN
+  /// output. Throws TTransportException: INTERRUPTED after interrupt(), NOT_OPEN after close(), UNKNOWN
   /// otherwise.
   std::shared_ptr<apache::thrift::transport::TTransport> acceptImpl() override;
 

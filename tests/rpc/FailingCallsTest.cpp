@@ -13,9 +13,9 @@
 #include "PosixThreadFactory.h"
 #include "TUnixServerSocket.h"
 #include "TUnixSocket.h"
+#include "ThriftOutput.h"
 #include "TransportTestSupport.h"
 
-using apache::thrift::GlobalOutput;
 using apache::thrift::TOutput;
 using apache::thrift::transport::TTransport;
 using apache::thrift::transport::TTransportException;
@@ -38,9 +38,9 @@ class FailingCalls : public transport_test::SocketDirectoryTest {
  protected:
   FailingCalls() {
     reports.clear();
-    GlobalOutput.setOutputFunction([](const char* message) { reports.emplace_back(message); });
+    ravel::rpc::thriftOutput().setOutputFunction([](const char* message) { reports.emplace_back(message); });
   }
-  ~FailingCalls() override { GlobalOutput.setOutputFunction(TOutput::errorTimeWrapper); }
+  ~FailingCalls() override { ravel::rpc::thriftOutput().setOutputFunction(TOutput::errorTimeWrapper); }
 
   std::string path() const { return (directory_ / "9020.sock").string(); }
   /// Leaves a socket without a server behind.
@@ -163,7 +163,7 @@ TEST_F(FailingCalls, AreRetriedByAcceptWithoutMemoryToReportThem) {
   TUnixServerSocket server(9020);
   TUnixSocket client("localhost", 9020);
   client.open();
-  GlobalOutput.setOutputFunction([](const char*) { throw std::bad_alloc(); });
+  ravel::rpc::thriftOutput().setOutputFunction([](const char*) { throw std::bad_alloc(); });
   const FailingCall failing("accept4", ENOMEM);
   EXPECT_NE(server.accept(), nullptr);
   EXPECT_TRUE(failing.happened());

@@ -25,7 +25,6 @@ using apache::thrift::protocol::T_SET;
 using apache::thrift::protocol::T_STOP;
 using apache::thrift::protocol::T_STRING;
 using apache::thrift::protocol::T_STRUCT;
-using apache::thrift::protocol::T_UTF16;
 using apache::thrift::protocol::TBinaryProtocol;
 using apache::thrift::protocol::TMessageType;
 using apache::thrift::protocol::TProtocol;
@@ -212,7 +211,7 @@ TEST_F(LimitedBinaryProtocolTest, RefusesNegativeCounts) {
 }
 
 TEST_F(LimitedBinaryProtocolTest, RefusesUnknownTypes) {
-  for (int code = T_UTF16 + 1; code <= 0xFF; ++code) {
+  for (int code = ravel::rpc::LimitedBinaryProtocol::maxType + 1; code <= 0xFF; ++code) {
     const std::string type(1, static_cast<char>(code));
     const std::string string(1, static_cast<char>(T_STRING));
     const std::string count(4, '\0');

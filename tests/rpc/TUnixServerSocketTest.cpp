@@ -1,6 +1,5 @@
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <thrift/Thrift.h>
 
 #include <algorithm>
 #include <atomic>
@@ -13,9 +12,9 @@
 #include "IdleCrowd.h"
 #include "TUnixServerSocket.h"
 #include "TUnixSocket.h"
+#include "ThriftOutput.h"
 #include "TransportTestSupport.h"
 
-using apache::thrift::GlobalOutput;
 using apache::thrift::TOutput;
 using apache::thrift::transport::TSocket;
 using apache::thrift::transport::TTransport;
@@ -366,7 +365,7 @@ class Shortage : public TUnixServerSocketTest {
  protected:
   void SetUp() override {
     shortageReports = 0;
-    GlobalOutput.setOutputFunction([](const char* message) {
+    ravel::rpc::thriftOutput().setOutputFunction([](const char* message) {
       const char* const report = "9020.sock: cannot accept connections, retrying: ";
       shortageReports += std::strstr(message, report) != nullptr ? 1 : 0;
     });
@@ -377,7 +376,7 @@ class Shortage : public TUnixServerSocketTest {
   }
   void TearDown() override {
     server_.reset();
-    GlobalOutput.setOutputFunction(TOutput::errorTimeWrapper);
+    ravel::rpc::thriftOutput().setOutputFunction(TOutput::errorTimeWrapper);
   }
 
   /// Calls `during` while accept finds no free descriptor. The thread starts earlier, because the sanitizers

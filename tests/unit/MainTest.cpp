@@ -16,6 +16,7 @@
 #include "Emulator.h"
 #include "Sleep.h"
 #include "SocketDirectory.h"
+#include "ThriftOutput.h"
 #include "Tlog.h"
 #include "usb_rpc_gen_.h"
 
@@ -137,7 +138,7 @@ TEST_F(MainDeathTest, DoesNotDependOnTheSignalDispositionsOfItsParent) {
           if (pipe(ends) != 0 || close(ends[0]) != 0 || dup2(ends[1], STDERR_FILENO) < 0) {
             std::exit(2);
           }
-          apache::thrift::GlobalOutput("nobody reads this");
+          ravel::rpc::thriftOutput()("nobody reads this");
           dup2(standardError, STDERR_FILENO);
           const int status = std::system("exit 3");
           std::cerr << "command: " << WEXITSTATUS(status) << std::endl;
@@ -161,7 +162,7 @@ TEST_F(MainDeathTest, ServesWhileItSleeps) {
 }
 
 TEST_F(MainDeathTest, LogsWhatTheRpcLibraryReports) {
-  EXPECT_EXIT(runDaemon([] { apache::thrift::GlobalOutput("a client is gone, 100%"); }), ExitedWithCode(0),
+  EXPECT_EXIT(runDaemon([] { ravel::rpc::thriftOutput()("a client is gone, 100%"); }), ExitedWithCode(0),
               ContainsRegex(" 4 Dockhand.main Src/Dockhand/DockhandMain:14 a client is gone, 100%\n"));
 }
 

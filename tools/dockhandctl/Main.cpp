@@ -1,17 +1,16 @@
-#include <thrift/Thrift.h>
-
 #include <exception>
 #include <iostream>
 
 #include "CommandLine.h"
 #include "Failure.h"
 #include "Text.h"
+#include "ThriftOutput.h"
 
 int main(int argumentCount, char** arguments) {
   try {
     dockhandctl::useUtf8();
     // Everything that Thrift prints also comes as an exception, which we report ourselves.
-    apache::thrift::GlobalOutput.setOutputFunction([](const char*) {});
+    ravel::rpc::thriftOutput().setOutputFunction([](const char*) {});
     const int exitCode = dockhandctl::runCommandLine(argumentCount, arguments);
     std::cout.flush();
     if (!std::cout) {
