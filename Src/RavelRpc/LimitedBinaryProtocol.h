@@ -45,7 +45,7 @@ class LimitedBinaryProtocol
   /// a text. A pair takes at most 16 bytes, so the product cannot overflow.
   static constexpr std::int32_t maxContainerSize = LimitedBufferedTransport::maxFieldSize;
 
-  /// The largest type on the wire: T_UUID in Thrift 0.24, T_UTF8 in 0.17, which neither reads nor writes it.
+  /// The largest type on the wire: T_UUID in Thrift 0.24. In 0.17 it is T_UTF8, which is never written.
   static constexpr std::int8_t maxType = apache::thrift::protocol::T_LIST + 1;
 
   explicit LimitedBinaryProtocol(const std::shared_ptr<apache::thrift::transport::TTransport>& transport)
