@@ -7,7 +7,7 @@ namespace bench {
 
 namespace {
 
-void setName(dirent& entry, const std::string& name) {
+void copyName(dirent& entry, const std::string& name) {
   std::memcpy(entry.d_name, name.c_str(), name.size() + 1);
 }
 
@@ -19,7 +19,7 @@ int InstantPlatform::scandir(const std::string& /*path*/, dirent*** entries, int
   *entries = static_cast<dirent**>(std::malloc(names.size() * sizeof(dirent*)));
   int count = 0;
   for (const std::string& name : names) {
-    setName(entry_, name);
+    copyName(entry_, name);
     if (filter(&entry_) != 0) {
       const std::size_t size = offsetof(dirent, d_name) + name.size() + 1;
       auto* const copy = static_cast<dirent*>(std::malloc(size));
@@ -39,7 +39,7 @@ dirent* InstantPlatform::readdir(DIR* /*directory*/) {
   if (position_ == names.size()) {
     return nullptr;
   }
-  setName(entry_, names[position_++]);
+  copyName(entry_, names[position_++]);
   return &entry_;
 }
 
