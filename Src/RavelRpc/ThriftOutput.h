@@ -5,8 +5,8 @@
 
 // Thrift 0.24 no longer declares it. Nothing refers to it there.
 namespace apache::thrift {
-extern TOutput GlobalOutput;
-}
+extern TOutput GlobalOutput;  // NOLINT(readability-redundant-declaration): only older versions declare it
+}  // namespace apache::thrift
 
 namespace ravel::rpc {
 
