@@ -25,8 +25,5 @@
 #define TRY_ACQUIRE(result) DOCKHAND_THREAD_SAFETY(try_acquire_capability(result))
 /// On a function: releases the lock.
 #define RELEASE(...) DOCKHAND_THREAD_SAFETY(release_capability(__VA_ARGS__))
-/// On a function: checks at run time that the calling thread holds the lock. For code that the compiler
-/// cannot follow, such as a lambda.
-#define ASSERT_CAPABILITY(lock) DOCKHAND_THREAD_SAFETY(assert_capability(lock))
 
 #endif  // DOCKHAND_THREADSAFETY_H

@@ -432,6 +432,13 @@ TEST_F(ClaimSteps, AreTriedTwentyTimesWhileSomeoneElseMakesTheFile) {
   EXPECT_THAT(journal().eventsBeginning("mknod /tmp/log 100644"), SizeIs(20));
 }
 
+TEST_F(ClaimSteps, AreDoneOnceTheFileIsMadeWhateverErrnoWas) {
+  platform.statxErrors[file] = ENOENT;
+  platform.onCall = [](const std::string&) { errno = EEXIST; };
+  EXPECT_EQ(claim(), Claim::ours);
+  EXPECT_THAT(journal().eventsBeginning("mknod"), SizeIs(1));
+}
+
 TEST_F(ClaimSteps, LeaveTheErrorToWhoeverOpensAFileThatCannotBeMade) {
   platform.statxErrors[file] = ENOENT;
   platform.mknodError = EACCES;
