@@ -13,7 +13,7 @@ import subprocess
 import sys
 
 # Some sources disable a warning that only GCC has.
-CLANG = "clang++-14 -fsyntax-only -Wno-unknown-warning-option "
+CLANG = "clang++ -fsyntax-only -Wno-unknown-warning-option "
 THREAD_SAFETY = "-Wthread-safety -Wthread-safety-beta "
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]

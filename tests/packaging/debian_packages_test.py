@@ -2,8 +2,8 @@
 """The Debian packages: installed in a Debian system, used there, and removed.
 
 Runs in the world that tools/dev/private_root makes. The environment variable DOCKHAND_PACKAGES_DIR names the folder of
-the packages, DOCKHAND_PACKAGES_ROOT that of the system, which tests/packaging/make_root has made and which stays as it
-is: what the tests do there is kept in memory.
+the packages, DOCKHAND_PACKAGES_ROOT that of the system, which ./test packaging makes. The system stays as it is: what
+the tests do there is kept in memory.
 """
 
 import json

@@ -3,6 +3,7 @@
     disks.py FOLDER FILESYSTEM LABEL    makes FOLDER/stick.img
 """
 
+import lzma
 import os
 import random
 import shutil
@@ -18,6 +19,9 @@ TOOL_PATH = os.environ.get("PATH", "") + ":/usr/sbin:/sbin:/usr/bin:/bin"
 # Start of the first partition, and the room after it for the second partition table of GPT.
 PARTITION_OFFSET = MIB
 PARTITION_TABLE_ROOM = 2 * MIB
+
+# Where an HFS volume has its name: the length, and up to 27 characters.
+HFS_NAME = 1024 + 36
 
 # MBR type of the partition of each file system.
 # fmt: off
@@ -89,12 +93,13 @@ def _xfs(path, label):
 
 
 def _hfs(path, label):
-    _truncate(path, 4 * MIB)
-    # hformat writes a file in the home folder.
-    _tool(["hformat", "-l", label or "Untitled", path], env={"HOME": os.path.dirname(path)})
-    noted = os.path.join(os.path.dirname(path), ".hcwd")
-    if os.path.exists(noted):
-        os.remove(noted)
+    # Written once by hformat: newer releases of Debian have no tool for HFS.
+    with lzma.open(os.path.join(os.path.dirname(__file__), "hfs.img.xz")) as volume:
+        image = bytearray(volume.read())
+    name = (label or "Untitled").encode("mac_roman")
+    image[HFS_NAME : HFS_NAME + 28] = bytes([len(name)]) + name.ljust(27, b"\0")
+    with open(path, "wb") as file:
+        file.write(image)
 
 
 def _hfsplus(path, label):

@@ -25,6 +25,12 @@ require_packages() {
   rm "$log"
 }
 
+# Whether this release of Debian has a package. A fresh system has no list of packages yet.
+has_package() {
+  dpkg-query --show "$1" >/dev/null 2>&1 || apt-cache madison "$1" 2>/dev/null | grep -q . ||
+    { [ "$(id -u)" = 0 ] && apt-get update >/dev/null 2>&1 && apt-cache madison "$1" | grep -q .; }
+}
+
 export DEBIAN_FRONTEND=noninteractive
 
 # For building the daemon and the stubs.
