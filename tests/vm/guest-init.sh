@@ -1,12 +1,11 @@
 #!/bin/busybox sh
 # shellcheck shell=dash
-# The first program in the guest. It mounts the host's file system read-only over 9p, puts a scratch layer over it,
-# and starts the init of the kernel's command line (VM_INIT: busybox or systemd). The kernel passes VM_INIT,
-# VM_CHECKOUT and VM_PROGRAMS as environment variables.
+# The first program in the guest. It mounts the guest's root, a folder of the host, read-only over 9p, puts a scratch
+# layer over it, and starts the init of the kernel's command line (VM_INIT: busybox or systemd). The kernel passes
+# VM_INIT and VM_PROGRAMS as environment variables.
 
 /bin/busybox --install -s /bin
 export PATH=/bin
-folder=$VM_CHECKOUT/tests/vm
 
 stop() {
   echo "vm: $*"
@@ -37,13 +36,8 @@ for name in run tmp media; do
 done
 chmod 1777 /root/tmp
 
-# Keep the tests reachable if they are below /tmp, which a new mount hides.
-case "$VM_CHECKOUT" in
-  /tmp/*)
-    mkdir -p "/root$VM_CHECKOUT"
-    mount --bind "/host$VM_CHECKOUT" "/root$VM_CHECKOUT" || stop "cannot reach $VM_CHECKOUT"
-    ;;
-esac
+# The programs of the tests.
+cp -R /vm /root/vm
 
 # Nothing that the host has enabled or configured may run here.
 rm -rf /root/etc/systemd/system /root/etc/udev/rules.d
@@ -58,10 +52,7 @@ fi
 rm -f /root/.dockerenv /root/usr/sbin/policy-rc.d
 
 if [ "$VM_INIT" = systemd ]; then
-  cp -r "/host$folder"/guest-systemd/. /root/etc/systemd/system/
-  mkdir -p /root/etc/systemd/system/vm-agent.service.d
-  printf '[Service]\nExecStart=/usr/bin/python3 %s/agent.py\n' "$folder" \
-    > /root/etc/systemd/system/vm-agent.service.d/folder.conf
+  cp -r /vm/guest-systemd/. /root/etc/systemd/system/
   # These are slow under emulation, or add a line to the mount table.
   rm -rf /root/usr/lib/systemd/system-generators
   for unit in dev-hugepages.mount dev-mqueue.mount proc-sys-fs-binfmt_misc.automount \
@@ -79,8 +70,12 @@ if [ "$VM_INIT" = systemd ]; then
   exec switch_root /root /lib/systemd/systemd
 fi
 
-cat > /root/etc/inittab <<EOT
-::sysinit:/bin/sh $folder/guest-setup.sh
-::respawn:/usr/bin/python3 $folder/agent.py
+# As Buildroot does, it runs start scripts by their numbers. The last line starts init anew without a boot.
+cat > /root/etc/inittab <<'EOT'
+::sysinit:/bin/sh /vm/guest-setup.sh
+::sysinit:/bin/sh -c 'for script in $(ls /etc/init.d/S[0-9][0-9]* 2>/dev/null); do "$script" start; done'
+::shutdown:/bin/sh -c 'for script in $(ls -r /etc/init.d/S[0-9][0-9]* 2>/dev/null); do "$script" stop; done'
+::respawn:/usr/bin/python3 /vm/agent.py
+::restart:/bin/busybox init
 EOT
 exec switch_root /root /bin/busybox init

@@ -9,6 +9,8 @@ import struct
 import subprocess
 
 KERNEL_PACKAGE = "linux-image-amd64"
+# Its dependencies with the kernel or modules. Newer releases split the package.
+KERNEL_PART = r"Depends: (linux-(?:image|base|binary|modules)-\d\S+)"
 
 # Drivers of hardware that the virtual machine does not have: most of the package.
 UNUSED_MODULES = (
@@ -18,6 +20,14 @@ UNUSED_MODULES = (
 
 # The modules needed before the switch to the host's file system, which has the others.
 EARLY_MODULES = ("virtio_pci", "9pnet_virtio", "9p", "overlay")
+
+FOLDER = os.path.dirname(os.path.abspath(__file__))
+IN_ROOT = os.path.join(FOLDER, "../../tools/dev/in_root")
+
+# What the guest runs of this folder, besides guest-systemd.
+GUEST_FILES = ("agent.py", "caller.py", "guest-setup.sh")
+
+BUSYBOX = ("/usr/bin/busybox", "/bin/busybox")
 
 
 class Kernel:
@@ -29,8 +39,8 @@ class Kernel:
         self.root = os.path.join(folder, "root")
 
 
-def ensure(folder, init_script):
-    """Returns the kernel in `folder`. The first call downloads and unpacks it.
+def ensure(folder, root="/"):
+    """Returns the kernel in `folder`: that of the Debian system at `root`. The first call downloads and unpacks it.
 
     The environment variable DOCKHAND_VM_KERNEL_DEB names a package to use instead of a download.
     """
@@ -42,65 +52,84 @@ def ensure(folder, init_script):
             partial = os.path.join(folder, "kernel.partial")
             shutil.rmtree(partial, ignore_errors=True)
             os.makedirs(partial)
-            package = _package(partial)
-            _unpack(package, partial)
-            if os.path.dirname(package) == partial:
-                os.remove(package)
+            given = os.environ.get("DOCKHAND_VM_KERNEL_DEB")
+            _unpack([given] if given else _download(partial, root), partial)
             os.rename(partial, complete)
         kernel = Kernel(complete)
-        _write_initramfs(kernel, init_script)
+        _write_initramfs(kernel, root)
         return kernel
 
 
-def _package(folder):
-    given = os.environ.get("DOCKHAND_VM_KERNEL_DEB")
-    if given:
-        return given
-    versioned = _versioned_package()
-    if not versioned and os.geteuid() == 0:
-        _output(["apt-get", "-q", "update"])
-        versioned = _versioned_package()
-    if not versioned:
-        raise RuntimeError(f"apt knows no {KERNEL_PACKAGE} of Linux 6.1: apt-get update may help")
-    _output(["apt-get", "-q", "-o", "APT::Sandbox::User=root", "download", versioned], cwd=folder)
-    return next(os.path.join(folder, name) for name in os.listdir(folder) if name.endswith(".deb"))
+def _download(folder, root):
+    """Downloads the packages of the kernel; returns their paths."""
+    # A path of the Debian system.
+    directory = folder
+    prefix = []
+    if root != "/":
+        directory = "/var/cache/apt/archives"
+        prefix = [IN_ROOT, root, directory]
+    packages = _parts_of_kernel(prefix)
+    if not packages and os.geteuid() == 0:
+        _output([*prefix, "apt-get", "-q", "update"])
+        packages = _parts_of_kernel(prefix)
+    if not packages:
+        raise RuntimeError(f"apt knows no {KERNEL_PACKAGE}: apt-get update may help")
+    _output([*prefix, "apt-get", "-q", "-o", "APT::Sandbox::User=root", "download", *packages], cwd=folder)
+    place = folder if root == "/" else root + directory
+    found = [os.path.join(place, name) for name in os.listdir(place) if name.endswith(".deb")]
+    return [shutil.move(path, folder) if root != "/" else path for path in found]
 
 
-def _versioned_package():
-    depends = subprocess.run(
-        ["apt-cache", "depends", "--no-recommends", "--no-suggests", KERNEL_PACKAGE],
-        check=False,
-        stdout=subprocess.PIPE,
-        stderr=subprocess.DEVNULL,
-        text=True,
-    ).stdout
-    found = re.search(r"Depends: (linux-image-6\.1\.\S+)", depends)
-    return found[1] if found else ""
+def _parts_of_kernel(prefix):
+    """Returns the names of the packages with the newest kernel and its modules."""
+    parts = []
+    asked = [KERNEL_PACKAGE]
+    while asked:
+        depends = subprocess.run(
+            [*prefix, "apt-cache", "depends", "--important", asked.pop()],
+            check=False,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.DEVNULL,
+            text=True,
+        ).stdout
+        found = [name for name in re.findall(KERNEL_PART, depends) if name not in parts]
+        parts += found
+        asked += found
+    return parts
 
 
-def _unpack(package, folder):
+def _unpack(packages, folder):
     unpacked = os.path.join(folder, "package")
     os.makedirs(unpacked)
-    excluded = [f"--exclude=./lib/modules/*/kernel/{path}" for path in UNUSED_MODULES]
-    with subprocess.Popen(["dpkg-deb", "--fsys-tarfile", package], stdout=subprocess.PIPE) as archive:
-        subprocess.run(
-            ["tar", "-x", "-C", unpacked, "--no-same-owner", *excluded, "./boot", "./lib/modules"],
-            stdin=archive.stdout,
-            check=True,
-        )
-    if archive.returncode != 0:
-        raise RuntimeError(f"{package} cannot be unpacked")
+    excluded = [f"--exclude=*/lib/modules/*/kernel/{path}" for path in UNUSED_MODULES]
+    for package in packages:
+        with subprocess.Popen(["dpkg-deb", "--fsys-tarfile", package], stdout=subprocess.PIPE) as archive:
+            subprocess.run(
+                ["tar", "-x", "-C", unpacked, "--no-same-owner", *excluded], stdin=archive.stdout, check=True
+            )
+        if archive.returncode != 0:
+            raise RuntimeError(f"{package} cannot be unpacked")
+        if os.path.dirname(package) == folder:
+            os.remove(package)
 
     root = os.path.join(folder, "root")
     os.makedirs(os.path.join(root, "usr/lib"))
-    os.rename(os.path.join(unpacked, "lib/modules"), os.path.join(root, "usr/lib/modules"))
+    places = [os.path.join(unpacked, path) for path in ("usr/lib/modules", "lib/modules")]
+    modules = os.path.join(root, "usr/lib/modules")
+    os.rename(next(place for place in places if os.path.isdir(place)), modules)
+    # Packed modules are slow to load under emulation, and busybox' insmod loads none.
+    packed = [os.path.join(place, name) for place, _, names in os.walk(modules) for name in names]
+    packed = [path for path in packed if path.endswith(".ko.xz")]
+    _output(["xargs", "--null", "--no-run-if-empty", "xz", "--decompress"], input="\0".join(packed))
     # depmod expects lib/modules; in the guest /lib is a link to usr/lib.
     os.symlink("usr/lib", os.path.join(root, "lib"))
-    release = os.listdir(os.path.join(root, "usr/lib/modules"))[0]
-    subprocess.run(["depmod", "-b", root, release], check=True)
+    release = os.listdir(modules)[0]
+    _output(["depmod", "-b", root, release])
     os.remove(os.path.join(root, "lib"))
 
-    with open(os.path.join(unpacked, "boot", f"vmlinuz-{release}"), "rb") as image:
+    # Newer packages have the kernel beside its modules.
+    places = [os.path.join(unpacked, "boot", f"vmlinuz-{release}"), os.path.join(modules, release, "vmlinuz")]
+    with open(next(place for place in places if os.path.exists(place)), "rb") as image:
         vmlinux = decompress(image.read())
     with open(os.path.join(folder, "vmlinux"), "wb") as file:
         file.write(vmlinux)
@@ -118,23 +147,30 @@ def decompress(bz_image):
     return lzma.LZMADecompressor().decompress(payload)
 
 
-def _write_initramfs(kernel, init_script):
+def _write_initramfs(kernel, root):
     modules = os.path.join(kernel.root, "usr/lib/modules")
     modules = os.path.join(modules, os.listdir(modules)[0])
-    busybox = shutil.which("busybox", path=os.environ.get("PATH", "") + ":/bin:/usr/bin")
+    busybox = next((path for path in BUSYBOX if os.path.exists(root + path)), "")
     if not busybox:
-        raise RuntimeError("busybox (package busybox-static) is missing")
+        raise RuntimeError(f"busybox (package busybox-static) is missing in {root}")
 
-    files = {"bin/busybox": (busybox, 0o755), "init": (init_script, 0o755)}
+    files = {"bin/busybox": (root + busybox, 0o755), "init": (os.path.join(FOLDER, "guest-init.sh"), 0o755)}
     order = []
     for path in _with_dependencies(modules, EARLY_MODULES):
         name = os.path.basename(path)
         order.append(name)
         files[f"modules/{name}"] = (os.path.join(modules, path), 0o644)
+    folders = ["bin", "modules", "dev", "proc", "sys", "host", "kernel", "upper", "root", "vm"]
+    for name in GUEST_FILES:
+        files[f"vm/{name}"] = (os.path.join(FOLDER, name), 0o755)
+    for place, _, names in os.walk(os.path.join(FOLDER, "guest-systemd")):
+        target = os.path.join("vm", os.path.relpath(place, FOLDER))
+        folders.append(target)
+        files.update({f"{target}/{name}": (os.path.join(place, name), 0o644) for name in names})
 
     partial = kernel.initramfs + ".partial"
     with open(partial, "wb") as archive:
-        for folder in ("bin", "modules", "dev", "proc", "sys", "host", "kernel", "upper", "root"):
+        for folder in folders:
             archive.write(_cpio_entry(folder, 0o040755, b""))
         for name, (source, mode) in files.items():
             with open(source, "rb") as file:
@@ -151,15 +187,23 @@ def _with_dependencies(modules, names):
         for line in file:
             path, _, rest = line.partition(":")
             needs[path] = rest.split()
-    paths = {os.path.basename(path)[: -len(".ko")].replace("-", "_"): path for path in needs}
+    paths = {_module_name(path): path for path in needs}
+    with open(os.path.join(modules, "modules.builtin"), encoding="ascii") as file:
+        builtin = {_module_name(line.strip()) for line in file}
     ordered = []
     for name in names:
+        if name in builtin:
+            continue
         path = paths[name]
         # modules.dep lists the module to load first last.
         for needed in [*reversed(needs[path]), path]:
             if needed not in ordered:
                 ordered.append(needed)
     return ordered
+
+
+def _module_name(path):
+    return os.path.basename(path)[: -len(".ko")].replace("-", "_")
 
 
 def _cpio_entry(name, mode, content):
@@ -169,9 +213,15 @@ def _cpio_entry(name, mode, content):
     return header + bytes(-len(header) % 4) + content + bytes(-len(content) % 4)
 
 
-def _output(command, cwd=None):
+def _output(command, cwd=None, input=None):
     done = subprocess.run(
-        command, cwd=cwd, check=False, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True
+        command,
+        cwd=cwd,
+        input=input,
+        check=False,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.STDOUT,
+        text=True,
     )
     if done.returncode != 0:
         raise RuntimeError(f"{' '.join(command)}: status {done.returncode}\n{done.stdout}")

@@ -1,4 +1,4 @@
-"""A QEMU machine with software emulation, over the host's file system, and its USB sticks."""
+"""A QEMU machine with software emulation, over a root file system of the host, and its USB sticks."""
 
 import base64
 import ctypes
@@ -16,9 +16,15 @@ import kernel
 
 FOLDER = os.path.dirname(os.path.abspath(__file__))
 CHECKOUT = os.path.dirname(os.path.dirname(FOLDER))
-BUILD = os.environ.get("DOCKHAND_VM_BUILD", os.path.join(CHECKOUT, "build", "vm"))
 
-INIT_SCRIPT = os.path.join(FOLDER, "guest-init.sh")
+# The release of Debian in the guest; empty: this machine's system.
+RELEASE = os.environ.get("DOCKHAND_VM_RELEASE", "")
+# `./test vm --release` makes this root.
+ROOT = os.path.join(CHECKOUT, "build", "roots", f"vm-{RELEASE}") if RELEASE else "/"
+BUILD = os.environ.get("DOCKHAND_VM_BUILD", os.path.join(CHECKOUT, "build", "vm", RELEASE))
+
+# Where the guest has the programs of the tests.
+GUEST_FOLDER = "/vm"
 
 BOOT_SECONDS = 240
 ANSWER_SECONDS = 60
@@ -91,7 +97,7 @@ class Machine:
     """
 
     def __init__(self, init="busybox", programs=""):
-        """The contents of `programs`, a folder of the host, are copied over the guest's root."""
+        """The contents of `programs`, a folder of this machine's system, are copied over the guest's root."""
         self._folder = tempfile.mkdtemp(prefix="dockhand-vm-")
         self.console_log = os.path.join(self._folder, "console.log")
         self.init = init
@@ -102,7 +108,7 @@ class Machine:
         self._agent = _Lines()
         self._monitor = _Lines()
         started = time.monotonic()
-        image = kernel.ensure(BUILD, INIT_SCRIPT)
+        image = kernel.ensure(BUILD, ROOT)
         self._process = self._launch(image, programs)
         try:
             self._await_boot()
@@ -202,6 +208,17 @@ class Machine:
                 with open(os.path.join(folder, name), "rb") as file:
                     self.put(f"/run/udev/rules.d/{name}", file.read())
         self.check(["udevadm", "control", "--reload"])
+
+    def restart_init(self):
+        """Makes busybox' init run its shutdown, end all programs and start again, under the same kernel."""
+        self._agent.send(
+            {"operation": "run", "arguments": {"argv": ["kill", f"-{int(signal.SIGQUIT)}", "1"]}}
+        )
+        try:
+            while "ready" not in self._agent.receive(time.monotonic() + BOOT_SECONDS):
+                pass
+        except (TimeoutError, OSError) as error:
+            raise MachineError(f"init does not start again: {error!r}{self._console_tail()}") from error
 
     # USB sticks.
 
@@ -413,7 +430,6 @@ class Machine:
             "usb_storage.delay_use=0",
             "block.events_dfl_poll_msecs=500",
             f"VM_INIT={self.init}",
-            f"VM_CHECKOUT={CHECKOUT}",
         ]
         if programs:
             append.append(f"VM_PROGRAMS={programs}")
@@ -434,7 +450,7 @@ class Machine:
             "-chardev", f"socket,id=agent,fd={self._agent.peer.fileno()}",
             "-device", f"virtserialport,chardev=agent,name={agent.PORT_NAME}",
             "-device", "virtio-rng-pci",
-            *_share("host", "/"), *_share("kernel", image.root),
+            *_share("host", ROOT), *_share("kernel", image.root),
             "-device", "qemu-xhci,id=xhci,p2=8,p3=8",
             "-device", "usb-ehci,id=ehci",
             "-device", "piix3-usb-uhci,id=uhci", "-device", "usb-hub,bus=uhci.0,port=1",

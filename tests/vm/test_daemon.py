@@ -229,6 +229,48 @@ class StartScript(daemon.DaemonTestCase):
         self.await_daemon()
         self.assertNotEqual(self.processes(), first)
 
+    def test_busybox_init_starts_the_daemon_with_the_system_and_stops_it_with_the_system(self):
+        numbered, seen, busybox_tool = (
+            "/etc/init.d/S",
+            "/run/seen",
+            "/usr/lib/dockhand/tools/start-stop-daemon",
+        )
+        self.addCleanup(self.script, "stop")
+        self.addCleanup(self.machine.check, f"rm -f {numbered}[0-9]* {seen} {busybox_tool}")
+        self.machine.check(["ln", "-s", self.SCRIPT, numbered + "60dockhand"])
+        # Its neighbours: one starts before it and stops after it, the other one the other way round.
+        for number in (59, 61):
+            recorder = (
+                f'#!/bin/sh\necho "{number} $1: $({self.SCRIPT} status)" >>{seen}\n'
+                f'case "{number} $1" in\n'
+                f'  "61 stop") pidof dockhand >/dev/null && echo "it lives" >>{seen} ;;\n'
+                f'  "59 stop") timeout 10 sh -c "while pidof dockhand; do sleep 0.1; done" '
+                f'|| echo "it still lives" >>{seen} ;;\n'
+                "esac\n"
+            )
+            self.machine.put(f"{numbered}{number}recorder", recorder.encode(), 0o755)
+        running, not_running = "dockhand is running", "dockhand is not running"
+        started = [f"59 start: {not_running}", f"61 start: {running}"]
+        stopped = [f"61 stop: {running}", "it lives", f"59 stop: {not_running}"]
+
+        stick = self.machine.plug(disks.make_partitioned(self.folder, ["vfat"], "MUSIC"))
+        self.machine.wait_node(stick, "sda1")
+        self.finish_announcements()
+        expected = [f"61 stop: {not_running}", f"59 stop: {not_running}", *started]
+        for tool in ("dpkg", "busybox"):
+            with self.subTest(start_stop_daemon=tool):
+                if tool == "busybox":
+                    self.machine.check(["ln", "-s", "/bin/busybox", busybox_tool])
+                self.machine.restart_init()
+                self.await_daemon()
+                self.assertEqual(self.machine.get(seen).decode().splitlines(), expected)
+                self.finish_announcements()
+                self.assertEqual(self.devices(), [1])
+                self.assert_ctl(0, "open", 1)
+                self.assert_mounted("/media/disk_1", "vfat")
+                self.assert_ctl(0, "close", 1)
+                expected += stopped + started
+
     def test_a_stick_is_served_and_its_lines_go_to_the_system_log(self):
         log = self.machine.start(["busybox", "syslogd", "-n", "-O", "/run/messages"])
         self.addCleanup(self.machine.check, ["rm", "-f", "/run/messages", "/dev/log"])

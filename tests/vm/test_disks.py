@@ -66,9 +66,14 @@ class FileSystems(testcase.MachineTestCase):
         self.assertEqual(error, errno.EINVAL)
         self.assertEqual(self.machine.mount("/dev/sda", "/media/stick", "hfs"), 0)
 
-    def test_ntfs_is_unknown_to_the_kernel(self):
-        self.plug("vfat")
-        self.assertEqual(self.machine.mount("/dev/sda", "/media/stick", "ntfs"), errno.ENODEV)
+    def test_ntfs_is_recognised_and_mounts_where_the_kernel_knows_that_name(self):
+        self.plug("ntfs")
+        self.assert_probed("sda", "ntfs", "MYLABEL")
+        if self.kernel_has("ntfs"):
+            self.assert_mounts_writable("sda", "ntfs", "nls=utf8")
+        else:
+            error = self.machine.mount("/dev/sda", "/media/stick", "ntfs", options="nls=utf8")
+            self.assertEqual(error, errno.ENODEV)
 
     def test_garbage_and_empty_disks_are_not_recognised(self):
         for content in ("garbage", "empty"):

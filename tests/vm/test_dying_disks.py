@@ -2,14 +2,12 @@
 works. Data that was synced before is kept.
 """
 
-import os
-
 import daemon
 import disks
 import machine
 import mapped
 
-CALLER = os.path.join(machine.CHECKOUT, "tests", "vm", "caller.py")
+CALLER = machine.GUEST_FOLDER + "/caller.py"
 WAITS = 6
 
 SOUND, BELOW, DYING = 1, 2, 3

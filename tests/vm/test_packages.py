@@ -5,9 +5,9 @@ import re
 import subprocess
 
 import daemon
+import machine
 import testcase
 
-PACKAGES = os.path.join(testcase.PROGRAMS, "packages")
 NEWER = "9.0"
 DATABASE = "/tmp/dpkg"
 # Places where a package's scripts and its service leave files. The packages' own files are checked as well.
@@ -30,23 +30,21 @@ class Packages(daemon.DaemonTestCase):
         )
         self.make_database()
 
-    def original(self, name):
-        (package,) = (entry.path for entry in os.scandir(PACKAGES) if entry.name.startswith(f"{name}_"))
-        return package
-
     def make_database(self):
         """Makes a dpkg database of only the packages' dependencies: reading the host's takes minutes here."""
         needed = set()
         for name in ("dockhand", "dockhand-client"):
             fields = subprocess.run(
-                ["dpkg-deb", "--field", self.original(name), "Depends"],
+                ["dpkg-deb", "--field", testcase.package(name), "Depends"],
                 check=True,
                 stdout=subprocess.PIPE,
                 text=True,
             ).stdout
             needed |= set(re.findall(r"(?:^|, )([a-z0-9+.-]+)", fields)) - {"dockhand-client"}
         status = subprocess.run(
-            ["dpkg-query", "--status", *sorted(needed)], check=True, stdout=subprocess.PIPE
+            ["dpkg-query", f"--admindir={machine.ROOT}/var/lib/dpkg", "--status", *sorted(needed)],
+            check=True,
+            stdout=subprocess.PIPE,
         ).stdout
         self.machine.check(f"rm -rf {DATABASE} && mkdir -p {DATABASE}/info {DATABASE}/updates")
         self.machine.put(f"{DATABASE}/status", status)
@@ -54,7 +52,7 @@ class Packages(daemon.DaemonTestCase):
     def build(self, name, version=""):
         """Copies the package, or a later version of it, to the guest; returns its path there."""
         package = os.path.join(self.folder, f"{name}.deb")
-        original = self.original(name)
+        original = testcase.package(name)
         if version:
             content = os.path.join(self.folder, name)
             subprocess.run(["dpkg-deb", "--raw-extract", original, content], check=True)

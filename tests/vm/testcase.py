@@ -10,7 +10,7 @@ import unittest
 import machine
 
 # The build folder whose installation is tested. Its prefix is /usr.
-PROGRAMS = os.environ.get("DOCKHAND_VM_PROGRAMS", os.path.join(machine.CHECKOUT, "build", "image"))
+PROGRAMS = os.path.join(machine.ROOT, "root/dockhand" if machine.RELEASE else machine.CHECKOUT, "build/image")
 
 _machines = {}
 _boot_failures = {}
@@ -32,13 +32,38 @@ def _image():
     return _images[0]
 
 
+def package(name):
+    """Returns the path of one of our packages."""
+    folder = os.path.join(PROGRAMS, "packages")
+    (found,) = (entry.path for entry in os.scandir(folder) if entry.name.startswith(f"{name}_"))
+    return found
+
+
+def _install_packages(guest):
+    """Installs our packages in the guest, whose dpkg finds every dependency there."""
+    paths = []
+    for name in ("dockhand", "dockhand-client"):
+        paths.append(f"/tmp/{name}.deb")
+        with open(package(name), "rb") as file:
+            guest.put(paths[-1], file.read())
+    guest.check(["dpkg", "--install", *paths], timeout=300)
+    guest.check(["rm", *paths])
+    if guest.init == "systemd":
+        # The cases start the service themselves.
+        guest.check(["systemctl", "disable", "--now", "dockhand"])
+
+
 def _shared_machine(init, installed):
     kind = (init, installed)
     if kind not in _machines:
         if kind in _boot_failures:
             raise machine.MachineError(f"did not boot before: {_boot_failures[kind]}")
         try:
-            _machines[kind] = machine.Machine(init=init, programs=_image() if installed else "")
+            copied = installed and not machine.RELEASE
+            guest = machine.Machine(init=init, programs=_image() if copied else "")
+            if installed and not copied:
+                _install_packages(guest)
+            _machines[kind] = guest
         except Exception as error:
             _boot_failures[kind] = str(error).partition("\n")[0]
             raise
@@ -85,6 +110,9 @@ class MachineTestCase(unittest.TestCase):
         self.addCleanup(shutil.rmtree, self.folder)
         self.machine = _shared_machine(self.init, self.installed)
         self.addCleanup(self._clear_machine)
+
+    def kernel_has(self, module):
+        return self.machine.run(["modprobe", "--dry-run", "--quiet", module]).status == 0
 
     def _clear_machine(self):
         for target in self.machine.check("awk '$2 ~ \"^/media/\" { print $2 }' /proc/mounts").split():
