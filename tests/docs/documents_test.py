@@ -183,7 +183,13 @@ class CommandsTest(unittest.TestCase):
         known = set(re.findall(r"^  (\w+)(?: |$)", output, re.MULTILINE)) | {"all", "help", "NAME..."}
         calls = list(calls_of("./test"))
         self.assertGreater(len(calls), 10)
+        listed = re.search(r"--release ((?:\w+, )+\w+) or\s+(\w+)", output)
+        releases = [*listed[1].split(", "), listed[2]]
         for path, arguments in calls:
+            while "--release" in arguments:
+                place = arguments.index("--release")
+                self.assertIn("".join(arguments[place + 1 : place + 2]), ["", *releases], path)
+                del arguments[place : place + 2]
             self.assertLessEqual(set(arguments), known, path)
 
     def test_number_of_operations_is_that_of_the_interface(self):
