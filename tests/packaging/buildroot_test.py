@@ -21,9 +21,11 @@ from installed import SOURCE, files_in, install, project_version, unknown_cmake_
 TREE = SOURCE / "packaging" / "buildroot"
 PACKAGE = TREE / "package" / "dockhand"
 MAKEFILES = [TREE / "external.mk", PACKAGE / "dockhand.mk"]
-TOOLCHAIN = (
-    "BR2_USE_MMU BR2_INSTALL_LIBSTDCPP BR2_TOOLCHAIN_GCC_AT_LEAST_8 BR2_TOOLCHAIN_HAS_THREADS BR2_USE_WCHAR"
+NEEDS = (
+    "BR2_USE_MMU BR2_INSTALL_LIBSTDCPP BR2_TOOLCHAIN_GCC_AT_LEAST_8 BR2_TOOLCHAIN_HAS_THREADS BR2_USE_WCHAR "
+    "BR2_PACKAGE_HAS_UDEV"
 ).split()
+IDL = {"/usr/share/dockhand/rpc/corvane_rpc.thrift", "/usr/share/dockhand/rpc/usb_rpc.thrift"}
 
 STAND_INS = """
 HOST_DIR = /host
@@ -67,19 +69,34 @@ class OptionsTest(TreeTest):
         for name in names:
             self.assertTrue(self.options.syms[name].set_value("y"))
 
-    def test_package_can_be_chosen_only_with_a_suitable_toolchain(self):
+    def comments(self):
+        """The texts of the comments that the menu shows."""
+        return [
+            node.prompt[0]
+            for node in self.options.node_iter()
+            if node.item == kconfiglib.COMMENT and kconfiglib.expr_value(node.prompt[1])
+        ]
+
+    def test_package_can_be_chosen_only_with_udev_and_a_suitable_toolchain(self):
         package = self.options.syms["BR2_PACKAGE_DOCKHAND"]
-        self.choose(*TOOLCHAIN)
+        self.choose(*NEEDS)
         self.assertEqual(package.assignable, (0, 2))
-        for name in TOOLCHAIN:
+        self.assertEqual(self.comments(), [])
+        for name in NEEDS:
             self.options.syms[name].set_value("n")
             self.assertEqual(package.assignable, (), name)
+            # Nothing helps a processor without an MMU.
+            missing = {"BR2_USE_MMU": [], "BR2_PACKAGE_HAS_UDEV": ["udev /dev management"]}.get(
+                name, ["toolchain"]
+            )
+            self.assertEqual(len(self.comments()), len(missing), name)
+            self.assertTrue(all(text in self.comments()[0] for text in missing), name)
             self.options.syms[name].set_value("y")
         self.choose("BR2_STATIC_LIBS")
         self.assertEqual(package.assignable, ())
 
     def test_package_selects_its_libraries_and_tools(self):
-        self.choose(*TOOLCHAIN, "BR2_PACKAGE_LIBURCU_ARCH_SUPPORTS", "BR2_PACKAGE_DOCKHAND")
+        self.choose(*NEEDS, "BR2_PACKAGE_LIBURCU_ARCH_SUPPORTS", "BR2_PACKAGE_DOCKHAND")
         for name in (
             "BOOST CLI11 JSON_FOR_MODERN_CPP THRIFT UTIL_LINUX UTIL_LINUX_LIBBLKID UTIL_LINUX_LIBMOUNT "
             "UTIL_LINUX_BINARIES XFSPROGS"
@@ -89,7 +106,7 @@ class OptionsTest(TreeTest):
         self.assertEqual(self.value("BR2_PACKAGE_XFSPROGS"), "n")
 
     def test_options_of_systemd_are_offered_with_systemd(self):
-        self.choose(*TOOLCHAIN, "BR2_PACKAGE_DOCKHAND")
+        self.choose(*NEEDS, "BR2_PACKAGE_DOCKHAND")
         syslog = self.options.syms["BR2_PACKAGE_DOCKHAND_SYSLOG"]
         self.assertEqual(syslog.assignable, ())
         self.choose("BR2_INIT_SYSTEMD")
@@ -153,8 +170,8 @@ class MakefileTest(TreeTest):
         self.assertEqual(fields[:8], ["-", "-1", "media", "-1", "-", "-", "-", "-"])
 
     def test_image_without_systemd_gets_the_start_script(self):
-        hook = self.make("print", "DOCKHAND_POST_INSTALL_TARGET_HOOKS")
-        added, removed = self.target_after("DOCKHAND_INSTALL_INIT_SYSV", hook)
+        hooks = self.make("print", "DOCKHAND_POST_INSTALL_TARGET_HOOKS").split()
+        added, removed = self.target_after("DOCKHAND_INSTALL_INIT_SYSV", *hooks)
         self.assertEqual(added, {"/etc/init.d/S60dockhand"})
         self.assertEqual(
             removed,
@@ -163,7 +180,8 @@ class MakefileTest(TreeTest):
                 "/usr/lib/systemd/system/dockhand-usb@.service",
                 "/usr/lib/sysusers.d/dockhand.conf",
                 "/usr/lib/tmpfiles.d/dockhand.conf",
-            },
+            }
+            | IDL,
         )
         script = self.directory / "target" / "etc" / "init.d" / "S60dockhand"
         self.assertTrue(os.access(script, os.X_OK))
@@ -171,14 +189,15 @@ class MakefileTest(TreeTest):
 
     def test_image_with_systemd_logs_to_the_chosen_target(self):
         systemd = {"BR2_INIT_SYSTEMD": "y"}
-        self.assertEqual(self.make("print", "DOCKHAND_POST_INSTALL_TARGET_HOOKS", **systemd), "")
+        hooks = self.make("print", "DOCKHAND_POST_INSTALL_TARGET_HOOKS", **systemd).split()
         self.assertEqual(self.make("print", "DOCKHAND_INSTALL_INIT_SYSTEMD", **systemd), "")
         added, removed = self.target_after(
-            "DOCKHAND_INSTALL_INIT_SYSTEMD", BR2_PACKAGE_DOCKHAND_SYSLOG="y", **systemd
+            "DOCKHAND_INSTALL_INIT_SYSTEMD", *hooks, BR2_PACKAGE_DOCKHAND_SYSLOG="y", **systemd
         )
-        self.assertEqual(
-            (added, removed), ({"/usr/lib/systemd/system/dockhand.service.d/syslog.conf"}, set())
-        )
+        self.assertEqual((added, removed), ({"/usr/lib/systemd/system/dockhand.service.d/syslog.conf"}, IDL))
+
+    def test_client_library_is_installed_for_other_packages(self):
+        self.assertEqual(self.make("print", "DOCKHAND_INSTALL_STAGING"), "YES")
 
 
 class FormTest(unittest.TestCase):

@@ -5,6 +5,8 @@ import pathlib
 import re
 import subprocess
 
+# The Debian packages.
+NAMES = ("dockhand", "dockhand-client", "dockhand-dbg", "dockhand-idl", "libdockhand-client-dev")
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ.get("DOCKHAND_BUILD_DIR", SOURCE / "build" / "debug"))
 

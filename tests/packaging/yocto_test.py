@@ -30,6 +30,7 @@ DEFAULTS = {
     "libdir": "/usr/lib",
     "includedir": "/usr/include",
     "datadir": "/usr/share",
+    "docdir": "/usr/share/doc",
     "mandir": "/usr/share/man",
     "sysconfdir": "/etc",
     "nonarch_libdir": "/usr/lib",
@@ -39,7 +40,7 @@ DEFAULTS = {
     "FILES:dockhand": "${bindir}/* ${sbindir}/* ${sysconfdir} ${nonarch_base_libdir}/udev ${datadir}/dockhand",
     "FILES:dockhand-staticdev": "${libdir}/*.a",
     "FILES:dockhand-dev": "${includedir} ${libdir}/cmake ${libdir}/pkgconfig ${datadir}/cmake",
-    "FILES:dockhand-doc": "${mandir}/man[1-9]/*",
+    "FILES:dockhand-doc": "${docdir} ${mandir}/man[1-9]/*",
     "FILES:dockhand-bash-completion": "${datadir}/bash-completion",
 }
 
@@ -110,6 +111,11 @@ class LayerTest(unittest.TestCase):
         ]
         self.assertEqual(found, [RECIPE])
 
+    def test_layer_is_for_all_series_since_the_first_with_a_new_enough_cmake(self):
+        layer = Metadata(LAYER / "conf" / "layer.conf", LAYERDIR=str(LAYER))
+        series = "scarthgap styhead walnascar whinlatter wrynose"
+        self.assertEqual(layer["LAYERSERIES_COMPAT_dockhand"], series)
+
     def test_recipe_has_the_version_of_the_project_and_builds_these_sources(self):
         self.assertEqual(RECIPE.stem, f"dockhand_{project_version()}")
         self.assertEqual(recipe("systemd")["EXTERNALSRC"], str(SOURCE))
@@ -178,6 +184,7 @@ class PackagesTest(unittest.TestCase):
             {
                 "dockhand",
                 "dockhand-client",
+                "dockhand-idl",
                 "dockhand-dev",
                 "dockhand-staticdev",
                 "dockhand-doc",
@@ -185,7 +192,12 @@ class PackagesTest(unittest.TestCase):
             },
         )
         self.assertEqual(contents["dockhand-client"], ["/usr/bin/dockhandctl"])
-        self.assertIn("/usr/share/dockhand/rpc/usb_rpc.thrift", contents["dockhand-dev"])
+        self.assertIn("dockhand-idl", recipe("systemd")["RDEPENDS:dockhand-dev"].split())
+        self.assertEqual(
+            contents["dockhand-idl"],
+            ["/usr/share/dockhand/rpc/corvane_rpc.thrift", "/usr/share/dockhand/rpc/usb_rpc.thrift"],
+        )
+        self.assertIn("/usr/share/doc/dockhand/OPERATIONS.md", contents["dockhand-doc"])
         self.assertIn("/usr/share/man/man8/dockhand.8", contents["dockhand-doc"])
         self.assertIn("/usr/sbin/dockhand", contents["dockhand"])
         self.assertIn("/usr/lib/dockhand/tools/mkfs.xfs", contents["dockhand"])

@@ -12,6 +12,8 @@ DOCKHAND_OVERRIDE_SRCDIR_RSYNC_EXCLUSIONS = --exclude /build
 DOCKHAND_LICENSE = PROPRIETARY
 DOCKHAND_REDISTRIBUTE = NO
 DOCKHAND_SUPPORTS_IN_SOURCE_BUILD = NO
+# The client library, for other packages.
+DOCKHAND_INSTALL_STAGING = YES
 DOCKHAND_DEPENDENCIES = \
 	boost \
 	cli11 \
@@ -37,6 +39,12 @@ endif
 define DOCKHAND_USERS
 	- -1 $(DOCKHAND_GROUP_NAME) -1 - - - - Callers of the storage daemon
 endef
+
+# Buildroot itself removes the rest of the client library from the target.
+define DOCKHAND_REMOVE_IDL
+	$(RM) -r $(TARGET_DIR)/usr/share/dockhand/rpc
+endef
+DOCKHAND_POST_INSTALL_TARGET_HOOKS += DOCKHAND_REMOVE_IDL
 
 define DOCKHAND_INSTALL_INIT_SYSV
 	$(INSTALL) -D -m 0755 $(DOCKHAND_PKGDIR)/S60dockhand \

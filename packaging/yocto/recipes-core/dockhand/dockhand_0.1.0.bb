@@ -57,10 +57,10 @@ do_install:append() {
     fi
 }
 
-PACKAGES =+ "${PN}-client"
+PACKAGES =+ "${PN}-client ${PN}-idl"
 
 FILES:${PN}-client = "${bindir}/dockhandctl"
-FILES:${PN}-dev += "${datadir}/dockhand/rpc"
+FILES:${PN}-idl = "${datadir}/dockhand/rpc"
 FILES:${PN} += "\
     ${nonarch_libdir}/dockhand \
     ${nonarch_libdir}/sysctl.d/60-dockhand.conf \
@@ -71,6 +71,9 @@ FILES:${PN} += "\
     ${systemd_system_unitdir}/dockhand.service \
     ${systemd_system_unitdir}/dockhand.service.d \
 "
+
+# The CMake package of the client library names the folder of the IDL.
+RDEPENDS:${PN}-dev += "${PN}-idl"
 
 # Rules and units announce sticks with the client. umount, dd, logger and rm may come from busybox.
 RDEPENDS:${PN} = "\
