@@ -286,6 +286,36 @@ class CommandsTest(unittest.TestCase):
             self.assertEqual(" ".join(table.split()), expected)
 
 
+class PackagesTest(unittest.TestCase):
+    def test_tables_of_packages_are_the_lists_of_the_scripts(self):
+        def column(page, heading):
+            """The names in the last column of the section's first table, by the text of its first column."""
+            section = (SOURCE / "docs" / page).read_text().partition(f"\n## {heading}\n")[2]
+            rows = section.partition("\n|")[2].partition("\n\n")[0].splitlines()
+            cells = [row.strip("| ").split(" | ") for row in rows[2:]]
+            return {row[0]: set(codes(row[-1])) for row in cells}
+
+        daemon = set().union(*column("INTEGRATION.md", "1. Packages").values())
+        rows = column("PACKAGING.md", "What a build needs")
+        processors = {row.rpartition(" ")[2]: names for row, names in rows.items() if row.startswith("for ")}
+        common = processors.pop("processor")
+        expected = {"build": daemon, "debian": daemon | rows["the Debian packages"], "cross": common}
+        expected.update((processor, common | names) for processor, names in processors.items())
+        script = (
+            ". tools/dev/packages.sh; for name; do declare -n list=${name}_packages; echo ${list[*]}; done"
+        )
+        lists = subprocess.run(
+            ["bash", "-c", script, "bash", *expected],
+            cwd=SOURCE,
+            check=True,
+            stdout=subprocess.PIPE,
+            text=True,
+        ).stdout.splitlines()
+        self.assertEqual(expected, {name: set(list.split()) for name, list in zip(expected, lists)})
+        toolchains = (SOURCE / "packaging" / "cross").glob("*.cmake")
+        self.assertEqual(set(processors), {path.stem for path in toolchains} - {"sysroot"})
+
+
 class FormTest(unittest.TestCase):
     def test_lines_have_at_most_120_columns(self):
         for path, text in documents():

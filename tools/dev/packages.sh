@@ -33,9 +33,23 @@ has_package() {
 
 export DEBIAN_FRONTEND=noninteractive
 
-# For building the daemon and the stubs.
+# docs/PACKAGING.md and docs/INTEGRATION.md name these packages too; ./test docs compares.
+# For building the daemon, its client and the stubs.
+build_packages=(cmake ninja-build g++ pkg-config thrift-compiler libthrift-dev libboost-dev libblkid-dev libmount-dev
+  libcli11-dev nlohmann-json3-dev)
+
+# For packaging/debian/build. CPack finds dependencies with dpkg-shlibdeps, and programs with file.
 # shellcheck disable=SC2034
-build_packages=(cmake ninja-build g++ pkg-config thrift-compiler libthrift-dev libboost-dev libblkid-dev libmount-dev libcli11-dev nlohmann-json3-dev)
+debian_packages=("${build_packages[@]}" dpkg-dev file)
+
+# For packaging/cross. The libraries come from the sysroot.
+cross_packages=(cmake ninja-build pkg-config thrift-compiler mmdebstrap)
+# shellcheck disable=SC2034
+armhf_packages=("${cross_packages[@]}" g++-arm-linux-gnueabihf)
+# shellcheck disable=SC2034
+arm64_packages=("${cross_packages[@]}" g++-aarch64-linux-gnu)
+# shellcheck disable=SC2034
+i386_packages=("${cross_packages[@]}" g++-i686-linux-gnu)
 
 # For the Python clients. python3-thrift needs python3-six, but does not depend on it.
 # shellcheck disable=SC2034
