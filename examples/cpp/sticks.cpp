@@ -26,7 +26,7 @@
 #include "corvane_rpc_gen_.h"
 #include "usb_rpc_gen_.h"
 
-using apache::thrift::GlobalOutput;
+using apache::thrift::TOutput;
 using apache::thrift::protocol::TBinaryProtocol;
 using apache::thrift::protocol::TBinaryProtocolFactory;
 using apache::thrift::server::TThreadedServer;
@@ -37,7 +37,26 @@ using apache::thrift::transport::TSocket;
 using apache::thrift::transport::TTransportException;
 using ravel::rpc::ReturnValueWithString;
 
+// Thrift 0.24 no longer has this variable. There, nothing uses our declaration.
+namespace apache::thrift {
+extern TOutput GlobalOutput;
+}
+
 namespace {
+
+void ignore(const char*) {}
+
+/// Thrift also writes to standard error what it throws. This stops it: since 0.24 by TOutput::instance(),
+template <typename Output>
+auto silenceThrift(int) -> decltype(Output::instance().setOutputFunction(ignore)) {
+  Output::instance().setOutputFunction(ignore);
+}
+
+/// and by the variable in older versions, in which the function above does not compile and is passed over.
+template <typename Output>
+void silenceThrift(long) {
+  apache::thrift::GlobalOutput.setOutputFunction(ignore);
+}
 
 constexpr std::int8_t observer = 42;
 constexpr int timeoutMilliseconds = 30000;
@@ -213,8 +232,7 @@ void watch(Events& events) {
 }  // namespace
 
 int main() {
-  // Thrift also writes to standard error what it throws.
-  GlobalOutput.setOutputFunction([](const char*) {});
+  silenceThrift<TOutput>(0);
 
   // Before the first thread, because threads inherit the mask.
   sigset_t ending;
