@@ -19,8 +19,9 @@ namespace ravel::rpc {
 /// invalid numbers when it reads them.
 ///
 /// Thrift accepts any byte as the type of a field, an element or a message, although its enumerations lack
-/// most values. It multiplies the count of a container before it checks whether so many bytes may come, and
-/// at a count of 2 billion the product overflows. Both are undefined behaviour.
+/// most values. It multiplies the count of a container before it checks whether so many bytes may come: up to
+/// 0.19 the product overflows at a count of 2 billion; in 0.24 it has 64 bits. An unknown type and an
+/// overflow are undefined behaviour.
 ///
 /// Calls are numbered as they are written, from 1 on each connection. The caller's number is ignored, because
 /// generated clients give 0 to all calls. They do not check the number of a reply either, so a reply that has
@@ -42,7 +43,7 @@ class LimitedBinaryProtocol
 
  public:
   /// Maximum number of elements of a list or set, and of pairs of a map: the same number as for the bytes of
-  /// a text. A pair takes at most 16 bytes, so the product cannot overflow.
+  /// a text. A pair takes at most 32 bytes (two T_UUID), so the product cannot overflow.
   static constexpr std::int32_t maxContainerSize = LimitedBufferedTransport::maxFieldSize;
 
   /// The largest type on the wire: T_UUID in Thrift 0.24. In 0.17 it is T_UTF8, which is never written.

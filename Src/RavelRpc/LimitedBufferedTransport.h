@@ -13,7 +13,8 @@ namespace ravel::rpc {
 /// A buffered transport that limits the announced length of a text, but not the bytes of a connection.
 ///
 /// Thrift allocates the announced length of a text before it reads the text, so a message of thirty bytes
-/// could reserve 2 GiB. Here a text of more than maxFieldSize bytes ends the connection.
+/// could reserve 2 GiB up to Thrift 0.19, and 100 MiB in 0.24, which checks the limit for a message first.
+/// Here a text of more than maxFieldSize bytes ends the connection.
 ///
 /// Locks: none. Threads: one at a time, as TBufferedTransport.
 class LimitedBufferedTransport : public apache::thrift::transport::TBufferedTransport {
@@ -38,8 +39,9 @@ class LimitedBufferedTransport : public apache::thrift::transport::TBufferedTran
   /// True if bytes that came with the last message are still unread.
   bool hasBufferedInput() const { return rBound_ > rBase_; }
 
-  /// The generated code calls this after each message. Resets the count of bytes: the base class adds up all
-  /// messages of a connection, and ends a busy one at the limit for one message (100 MiB).
+  /// The generated code calls this after each message. Resets the count of bytes: up to Thrift 0.19 the base
+  /// class adds up all messages of a connection, and ends a busy one at the limit for one message (100 MiB).
+  /// Thrift 0.24 resets it too.
   std::uint32_t readEnd() override {
     resetConsumedMessageSize();
     return TBufferedTransport::readEnd();

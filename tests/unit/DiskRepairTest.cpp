@@ -443,4 +443,63 @@ TEST_F(RunningRepair, RefusesASecondRepairForReasonsOfItsOwnFirst) {
   EXPECT_EQ(handler->diskRepairDeviceId, 1);
 }
 
+class PartitionInformation : public HandlerTest {};
+
+TEST_F(PartitionInformation, HasWhatARepairNeeds) {
+  const auto id = plugIn({"sdb", "sdb1"}, "xfs");
+  entry(id).deviceOpen = true;
+  Dockhand::PartitionInfo info;
+  EXPECT_TRUE(handler->GetPartitionInfo(id, info));
+  EXPECT_EQ(info.fsType, "xfs");
+  EXPECT_EQ(info.mountDevice, "/dev/usb_storage_sdb1");
+  EXPECT_TRUE(info.deviceOpen);
+  EXPECT_THAT(journal().events(),
+              ElementsAre("log 2 @952 GetPartitionInfo(1)", "new_probe /dev/usb_storage_sdb1",
+                          "do_probe /dev/usb_storage_sdb1", "lookup /dev/usb_storage_sdb1 TYPE",
+                          "free_probe /dev/usb_storage_sdb1",
+                          "log 2 @1015 getBlkidLookupValue(1,TYPE; device=/dev/usb_storage_sdb1)=xfs",
+                          "log 2 @1152 GetUsbMountDevice"));
+}
+
+TEST_F(PartitionInformation, OfAClosedDeviceMayLackAType) {
+  const auto id = plugIn({"sdb"});
+  Dockhand::PartitionInfo info{"xfs", "/dev/other", true};
+  EXPECT_TRUE(handler->GetPartitionInfo(id, info));
+  EXPECT_EQ(info.fsType, "");
+  EXPECT_EQ(info.mountDevice, "/dev/usb_storage_sdb");
+  EXPECT_FALSE(info.deviceOpen);
+}
+
+TEST_F(PartitionInformation, OfAnUnknownDeviceIsNotGiven) {
+  plugIn({"sdb"}, "vfat");
+  for (const int id : {-32768, -1, 0, 2, 32767}) {
+    Dockhand::PartitionInfo info{"before", "before", true};
+    journal().clear();
+    EXPECT_FALSE(handler->GetPartitionInfo(static_cast<std::int16_t>(id), info));
+    EXPECT_EQ(info.fsType, "before");
+    EXPECT_EQ(info.mountDevice, "before");
+    EXPECT_TRUE(info.deviceOpen);
+    const std::string number = std::to_string(id);
+    EXPECT_THAT(journal().events(),
+                ElementsAre("log 2 @952 GetPartitionInfo(" + number + ")",
+                            "log 5 @965 GetPartitionInfo(" + number + ") - Unknown device!"));
+  }
+}
+
+TEST_F(PartitionInformation, IsReadUnderTheLock) {
+  const auto id = plugIn({"sdb"});
+  Dockhand::PartitionInfo info;
+  watchLock();
+  handler->GetPartitionInfo(id, info);
+  handler->GetPartitionInfo(2, info);
+  EXPECT_THAT(unlocked, ElementsAre("GetPartitionInfo(1)", "GetPartitionInfo(2)"));
+}
+
+TEST_F(PartitionInformation, IsMissedInTheLogOfErrorsToo) {
+  setThreshold(5);
+  Dockhand::PartitionInfo info;
+  EXPECT_FALSE(handler->GetPartitionInfo(-1, info));
+  EXPECT_THAT(journal().logs(), ElementsAre("log 5 @965 GetPartitionInfo(-1) - Unknown device!"));
+}
+
 }  // namespace

@@ -1,4 +1,4 @@
-// Queries about a device: type, USB version, capacity, mount point, kernel name.
+// Queries about a device: label, UUID, type, USB version, capacity, mount point, kernel name.
 
 #include <fcntl.h>
 
@@ -20,6 +20,17 @@ class Queries : public HandlerTest {
     result.text = "left over";
     return result;
   }
+  FakePlatform::Disk& disk(const std::string& node) { return platform.disks["/dev/usb_storage_" + node]; }
+  ReturnValueWithString label(std::int16_t deviceId) {
+    ReturnValueWithString result = usedResult();
+    handler->GetDeviceLabel(result, deviceId);
+    return result;
+  }
+  ReturnValueWithString uuid(std::int16_t deviceId) {
+    ReturnValueWithString result = usedResult();
+    handler->GetDeviceUuid(result, deviceId);
+    return result;
+  }
   ReturnValueWithString usbVersion(std::int16_t deviceId) {
     ReturnValueWithString result = usedResult();
     handler->GetDeviceUsbVersion(result, deviceId);
@@ -36,6 +47,92 @@ class Queries : public HandlerTest {
     return result;
   }
 };
+
+// GetDeviceLabel, GetDeviceUuid
+
+TEST_F(Queries, ReturnsALabelAndAUuidOrWhatStandsForNone) {
+  const auto id = plugIn({"sdb", "sdb1"}, "vfat");
+  struct Row {
+    std::string value;
+    bool hasUuid;
+    std::string label, uuid;
+  };
+  const Row rows[] = {
+      {"STICK", true, "STICK", "STICK"},
+      {"\xC3\xA9 %s\xFF\n", true, "\xC3\xA9 %s\xFF\n", "\xC3\xA9 %s\xFF\n"},
+      {std::string(65536, 'x'), true, std::string(65536, 'x'), std::string(65536, 'x')},
+      {"", false, "NONAME", "0000-0000"},
+  };
+  const auto probing = [](const std::string& key) {
+    return std::vector<std::string>{"new_probe /dev/usb_storage_sdb1", "do_probe /dev/usb_storage_sdb1",
+                                    "lookup /dev/usb_storage_sdb1 " + key};
+  };
+  for (const Row& row : rows) {
+    disk("sdb1").values = {{"LABEL", row.value}, {"UUID", row.value}};
+    const auto expected = [&row, &probing](const std::string& first, const std::string& key,
+                                           const std::string& last) {
+      std::vector<std::string> events = probing(key);
+      events.insert(events.begin(), first);
+      if (!row.hasUuid) {
+        events.push_back("log 4 @1008 No " + key + " found for /dev/usb_storage_sdb1");
+      }
+      events.insert(events.end(), {"free_probe /dev/usb_storage_sdb1",
+                                   "log 2 @1015 getBlkidLookupValue(1," + key +
+                                       "; device=/dev/usb_storage_sdb1)=" + row.value,
+                                   last});
+      return events;
+    };
+    journal().clear();
+    const auto labelled = label(id);
+    EXPECT_TRUE(labelled.success);
+    EXPECT_EQ(labelled.text, row.label);
+    EXPECT_EQ(journal().events(),
+              expected("log 2 @1046 GetDeviceLabel", "LABEL", "log 2 @1060 GetDeviceLabel(1)=" + row.label));
+    journal().clear();
+    const auto identified = uuid(id);
+    EXPECT_EQ(identified.success, row.hasUuid);
+    EXPECT_EQ(identified.text, row.uuid);
+    EXPECT_EQ(journal().events(),
+              expected("log 2 @1024 GetDeviceUuid", "UUID", "log 2 @1036 GetDeviceUUID(1)=" + row.uuid));
+  }
+}
+
+TEST_F(Queries, ReturnsNoLabelOfAnUnknownDevice) {
+  for (const auto id : unknownIds) {
+    EXPECT_FALSE(label(id).success);
+    EXPECT_EQ(label(id).text, "NONAME");
+  }
+}
+
+TEST_F(Queries, ProbesTheDiskIfItHasNoPartition) {
+  const auto id = plugIn({"sdb"}, "vfat");
+  disk("sdb").values["LABEL"] = "STICK";
+  EXPECT_EQ(label(id).text, "STICK");
+  EXPECT_THAT(journal().eventsBeginning("new_probe"), ElementsAre("new_probe /dev/usb_storage_sdb"));
+}
+
+TEST_F(Queries, ProbesTheFirstPartitionWhicheverIsSeen) {
+  const auto id = plugIn({"sdb2"});
+  disk("sdb1").values["LABEL"] = "FIRST";
+  EXPECT_EQ(label(id).text, "FIRST");
+}
+
+TEST_F(Queries, LooksUpAnUnknownDeviceWithoutALogLine) {
+  plugIn({"sdb"}, "vfat");
+  const Dockhand::HandlerLock lock(handler->handlerMutex);
+  for (const std::uint32_t id : {0U, 2U, 32768U, 65535U, 65537U, 4294967295U}) {
+    EXPECT_EQ(handler->getBlkidLookupValue(id, "TYPE"), "") << id;
+  }
+  EXPECT_THAT(journal().events(), IsEmpty());
+}
+
+TEST_F(Queries, ProbesUnderTheLock) {
+  const auto id = plugIn({"sdb"});
+  watchLock();
+  label(id);
+  uuid(id);
+  EXPECT_THAT(unlocked, ElementsAre("GetDeviceLabel", "GetDeviceUuid"));
+}
 
 // GetDeviceType
 

@@ -54,3 +54,7 @@ i386_packages=("${cross_packages[@]}" g++-i686-linux-gnu)
 # For the Python clients. python3-thrift needs python3-six, but does not depend on it.
 # shellcheck disable=SC2034
 python_packages=(python3 python3-thrift python3-six)
+
+# For tools/dev/private_root and tools/dev/in_root. Newer releases have pivot_root in util-linux-extra.
+# shellcheck disable=SC2034
+root_packages=(util-linux util-linux-extra mount)
