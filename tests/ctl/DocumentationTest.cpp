@@ -56,7 +56,11 @@ std::set<std::string> allOf(const std::string& text, const std::string& pattern)
 }
 
 std::set<std::string> commandsOfTheProgram() {
-  return allOf(between(help({}), "Subcommands:\n", "Exit status:"), R"((?:^|\n)  ([a-z-]+))");
+  const std::string text = help({});
+  // Newer versions of CLI11 write headings in capitals.
+  const std::string heading =
+      text.find("SUBCOMMANDS:\n") == std::string::npos ? "Subcommands:\n" : "SUBCOMMANDS:\n";
+  return allOf(between(text, heading, "Exit status:"), R"((?:^|\n)  ([a-z-]+))");
 }
 
 std::set<std::string> optionsOf(const std::string& command) {

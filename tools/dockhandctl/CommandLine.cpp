@@ -3,8 +3,10 @@
 #include <CLI/CLI.hpp>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Commands.h"
@@ -28,6 +30,20 @@ const char* const exitCodes = R"(Exit status:
   7  watch: a media service is running
   8  prepare: not confirmed, nothing was done
   9  something failed on this side, such as writing the output)";
+
+/// Keeps the lines of the text at the end of the help: newer versions of CLI11 fill it as a paragraph.
+class HelpFormatter : public CLI::Formatter {
+ public:
+  std::string make_footer(const CLI::App* /*app*/) const override { return {}; }
+  std::string make_help(const CLI::App* app, std::string name, CLI::AppFormatMode mode) const override {
+    std::string help = Formatter::make_help(app, std::move(name), mode);
+    if (mode != CLI::AppFormatMode::Sub) {
+      help.erase(help.find_last_not_of(" \n") + 1);
+      help += "\n\n" + app->get_footer() + "\n";
+    }
+    return help;
+  }
+};
 
 /// All options and arguments, and the command to run.
 struct Request {
@@ -249,6 +265,7 @@ void addOtherCommands(CLI::App& app, Request& request) {
 int runCommandLine(int argumentCount, char** arguments) {
   Request request;
   CLI::App app("Shows, controls and diagnoses Dockhand, the USB storage daemon.", "dockhandctl");
+  app.formatter(std::make_shared<HelpFormatter>());
   app.set_version_flag("--version", "dockhandctl " DOCKHAND_VERSION, "Print the version");
   addTimeout(app, request);
   app.require_subcommand(1);
