@@ -86,8 +86,8 @@ bool FailingCall::happened() const {
 using transport_test::errorOf;
 using transport_test::fails;
 
-// On 32-bit processors the calls with a 64-bit time_t have other names. glibc's macro for this does not tell: newer
-// versions define it on 64-bit processors too.
+// On 32-bit processors the calls with a 64-bit time_t have other names. glibc's macro for this does not tell:
+// newer versions define it on 64-bit processors too.
 #if __SIZEOF_POINTER__ == 4
 #define __real_lstat64 __real___lstat64_time64
 #define __wrap_lstat64 __wrap___lstat64_time64
