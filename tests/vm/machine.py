@@ -134,11 +134,11 @@ class Machine:
             shutil.rmtree(self._folder)
 
     def keep_log(self):
-        """Keeps the console log after close(), with the kernel's log at its end; returns its path."""
+        """Keeps the console log after close(), with the kernel's and the daemon's at its end; returns its path."""
         if not self._keep_log:
             self._keep_log = True
             try:
-                log = self.run(["dmesg"]).stdout
+                log = self.run("dmesg; tail -n +1 /run/dockhand.log /tmp/Dockhand.log 2>/dev/null").stdout
             except (MachineError, OSError) as error:
                 log = f"no kernel log: {error}"
             with open(self.console_log, "a", encoding="utf-8", errors="surrogateescape") as file:
@@ -489,7 +489,7 @@ class Machine:
             path = os.path.join(self._folder, name)
             if os.path.exists(path):
                 with open(path, encoding="utf-8", errors="replace") as file:
-                    tail += "".join(f"\n  {line.rstrip()}" for line in file.readlines()[-30:])
+                    tail += "".join(f"\n  {line.rstrip()}" for line in file.readlines()[-60:])
         return tail
 
 
