@@ -1,9 +1,14 @@
 #include <malloc.h>
 #include <unistd.h>
 
+#include <cstdlib>
+#include <exception>
+#include <memory>
+
 #include "DockhandServer.h"
 #include "LinuxPlatform.h"
 #include "ModuleLog.h"
+#include "MountPolicy.h"
 #include "ThriftOutput.h"
 
 namespace {
@@ -15,6 +20,20 @@ const Dockhand::ModuleLog mainLog{
 /// Logs a message of the RPC library: a client that vanished, or no descriptor left to accept one.
 void logRpcMessage(const char* message) {
   mainLog.warning(14, message);
+}
+
+/// See makeMountPolicy. Logs the reason of a failure too, because nobody may read standard error.
+std::unique_ptr<Dockhand::MountPolicy> startMountPolicy(Dockhand::Platform& platform) {
+  try {
+    auto policy = Dockhand::makeMountPolicy(platform);
+    if (policy != nullptr) {
+      mainLog.notice(16, "mounts follow the policy ", std::getenv("DOCKHAND_MOUNTS"));
+    }
+    return policy;
+  } catch (const std::exception& error) {
+    mainLog.error(17, error.what());
+    throw;
+  }
 }
 
 /// Limits the freed memory that glibc keeps. By default glibc adapts to the largest texts of clients: it
@@ -39,7 +58,9 @@ int main() {
   TlogInit();
   limitKeptMemory();
   ravel::rpc::thriftOutput().setOutputFunction(logRpcMessage);
-  Dockhand::LinuxPlatform platform;
+  Dockhand::LinuxPlatform system;
+  const std::unique_ptr<Dockhand::MountPolicy> policy = startMountPolicy(system);
+  Dockhand::Platform& platform = policy != nullptr ? static_cast<Dockhand::Platform&>(*policy) : system;
 
   mainLog.trace(19, "Before Creating DockhandServer");
   const Dockhand::DockhandServer server(platform);

@@ -85,7 +85,7 @@ bool Mounts::tryTable(const std::string& node, const std::string& mountPoint, co
 }
 
 void replayJournal(Platform& platform, const std::string& node) {
-  const std::string mountPoint = "/media/disk_tmp";
+  const std::string mountPoint = repairMountPoint;
   if (platform.mkdir(mountPoint, 0775) != 0 && !acceptMkdirError(errno)) {
     return;
   }

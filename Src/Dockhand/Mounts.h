@@ -29,7 +29,10 @@ class Mounts {
   Prober& prober_;
 };
 
-/// Mounts and unmounts an XFS file system once, at /media/disk_tmp, so that the kernel replays its journal.
+/// Where a repair mounts its disk.
+inline constexpr const char* repairMountPoint = "/media/disk_tmp";
+
+/// Mounts and unmounts an XFS file system once, at repairMountPoint, so that the kernel replays its journal.
 /// Failures are in the log only. Needs no lock.
 void replayJournal(Platform& platform, const std::string& node);
 

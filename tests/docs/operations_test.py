@@ -22,10 +22,12 @@ SECTION_OF_ROUTINE = {
     "clearAutomounts": "OpenDeviceAt",
     "readdir": "GetFilesByExtension",
     "replayJournal": "RunDiskRepair",
+    "rmdir": "The mount policy",
     "repair": "RunDiskRepair",
     "prepareDisk": "PrepareDeviceForPvr",
     "acceptMountError": "Texts for a failed mount",
     "logRpcMessage": "Start and connections",
+    "startMountPolicy": "Start and connections",
     "main": "Start and connections",
     "DockhandServer": "Start and connections",
 }

@@ -7,8 +7,10 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <iostream>
+#include <stdexcept>
 #include <string>
 
 #include "Connection.h"
@@ -93,6 +95,7 @@ class MainTest : public ::testing::Test {
     useStyleForThreads();
     unsetenv("TLOG_TARGET");
     unsetenv("TLOG_LEVEL");
+    unsetenv("DOCKHAND_MOUNTS");
     unsetenv(contextThatIsNull);
   }
 };
@@ -164,6 +167,81 @@ TEST_F(MainDeathTest, ServesWhileItSleeps) {
 TEST_F(MainDeathTest, LogsWhatTheRpcLibraryReports) {
   EXPECT_EXIT(runDaemon([] { ravel::rpc::thriftOutput()("a client is gone, 100%"); }), ExitedWithCode(0),
               ContainsRegex(" 4 Dockhand.main Src/Dockhand/DockhandMain:14 a client is gone, 100%\n"));
+}
+
+/// A file with a mount policy. The child, which runs the test again, gets the name from the parent, which
+/// removes the file.
+class MountPolicyTest : public MainTest {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) {
+      GTEST_SKIP() << "a mount policy must be root's";
+    }
+    if (const char* const made = std::getenv(nameOfFile)) {
+      path_ = made;
+      return;
+    }
+    path_ = std::filesystem::temp_directory_path() / "dockhand-test-XXXXXX-mounts";
+    const int file = mkstemps(path_.data(), 7);
+    ASSERT_GE(file, 0);
+    close(file);
+    setenv(nameOfFile, path_.c_str(), 1);
+    isOurs_ = true;
+  }
+  ~MountPolicyTest() override {
+    if (isOurs_) {
+      std::filesystem::remove(path_);
+      unsetenv(nameOfFile);
+    }
+  }
+
+  void setPolicy(const std::string& text) const {
+    std::ofstream(path_) << text;
+    setenv("DOCKHAND_MOUNTS", path_.c_str(), 1);
+  }
+
+ private:
+  static constexpr const char* nameOfFile = "DOCKHAND_TEST_MOUNT_POLICY";
+  std::string path_;
+  bool isOurs_ = false;
+};
+using MountPolicyDeathTest = MountPolicyTest;
+
+TEST_F(MountPolicyDeathTest, IsFollowedAndNamed) {
+  EXPECT_EXIT(
+      {
+        setPolicy("exfat exfat nodev\n");
+        runDaemon();
+      },
+      ExitedWithCode(0),
+      ContainsRegex(" 3 Dockhand.main Src/Dockhand/DockhandMain:16 mounts follow the policy /.*-mounts\n"));
+}
+
+TEST_F(MountPolicyDeathTest, IsNotReadWithoutTheVariable) {
+  EXPECT_EXIT(
+      {
+        setPolicy("rubbish\n");
+        setenv("DOCKHAND_MOUNTS", "", 1);
+        runDaemon();
+      },
+      ExitedWithCode(0), Not(HasSubstr("policy")));
+}
+
+TEST_F(MountPolicyDeathTest, EndsTheStartWithAReasonIfALineIsBad) {
+  EXPECT_EXIT(
+      {
+        setPolicy("exfat exfat nodev\nvfat\n");
+        try {
+          runDaemon();
+        } catch (const std::runtime_error& error) {
+          std::cerr << "main throws: " << error.what() << std::endl;
+          std::exit(3);
+        }
+      },
+      ExitedWithCode(3),
+      AllOf(ContainsRegex(
+                " 5 Dockhand.main Src/Dockhand/DockhandMain:17 mount policy \"/.*-mounts\": line 2: "),
+            ContainsRegex("main throws: mount policy \"/.*-mounts\": line 2: a row has three columns")));
 }
 
 }  // namespace
