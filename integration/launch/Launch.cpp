@@ -46,6 +46,8 @@ constexpr std::size_t maxTableBytes = 700;
 const Words usedDirectories = {"/bin", "/dev",  "/etc", "/lib", "/lib64", "/proc",
                                "/run", "/sbin", "/sys", "/tmp", "/usr"};
 
+constexpr const char* mountPolicy = "/etc/dockhand/mounts";
+
 std::string variable(const char* name, const std::string& defaultValue) {
   const char* const value = std::getenv(name);
   return value != nullptr ? value : defaultValue;
@@ -168,6 +170,7 @@ launch::View viewOf(const std::string& program) {
   const Words searched = split(variable("PATH", ""), ':');
   used.insert(used.end(), searched.begin(), searched.end());
   used.push_back(variable("RAVEL_SOCKET_DIR", "/run/ravel"));
+  used.push_back(fs::path(variable("DOCKHAND_MOUNTS", "")).parent_path());
   used.push_back(fs::absolute(program).parent_path());
   for (const std::string& path : used) {
     std::error_code ignored;
@@ -205,6 +208,15 @@ void unmountLeftRepair() {
   }
 }
 
+/// An empty variable means that the image's policy is not wanted. A link that leads nowhere counts as a
+/// policy, so that the daemon reports it.
+void choosePolicy() {
+  std::error_code ignored;
+  if (fs::exists(fs::symlink_status(mountPolicy, ignored))) {
+    setenv("DOCKHAND_MOUNTS", mountPolicy, 0);
+  }
+}
+
 void chooseNamespace(const std::string& program) {
   const std::optional<std::string> reason = reasonForNamespace();
   if (reason) {
@@ -232,6 +244,7 @@ int main(int argc, char** argv) {
   // If the parent ignored SIGCHLD, waitpid would not get the status of a child.
   std::signal(SIGCHLD, SIG_DFL);
   unmountLeftRepair();
+  choosePolicy();
   try {
     chooseNamespace(argv[1]);
   } catch (const std::exception& error) {

@@ -84,6 +84,32 @@ TEST_F(LauncherTest, NamespaceIsChosenByTheTableAndByWhetherUsersMayMount) {
   }
 }
 
+TEST_F(LauncherTest, MountPolicyOfTheImageIsNamedUnlessTheVariableIsSet) {
+  struct Row {
+    const char* description;
+    const char* preparation;
+    const char* variable;
+  };
+  const std::vector<Row> rows = {
+      {"no policy", "", "(unset)"},
+      {"policy", "mkdir /etc/dockhand; touch /etc/dockhand/mounts", "/etc/dockhand/mounts"},
+      {"link that leads nowhere", "mkdir /etc/dockhand; ln -s nowhere /etc/dockhand/mounts",
+       "/etc/dockhand/mounts"},
+      {"turned off", "mkdir /etc/dockhand; touch /etc/dockhand/mounts; export DOCKHAND_MOUNTS=", ""},
+      {"another", "mkdir /etc/dockhand; touch /etc/dockhand/mounts; export DOCKHAND_MOUNTS=/a", "/a"},
+      {"another without a policy", "export DOCKHAND_MOUNTS=/a", "/a"},
+      {"policy on a mount of its own, from a namespace",
+       "long_table; stick /opt; echo kept >/opt/policy; export DOCKHAND_MOUNTS=/opt/policy",
+       "/opt/policy kept"},
+  };
+  for (const Row& row : rows) {
+    const std::string said =
+        inSystem(std::string(row.preparation) +
+                 "\nlaunch 'echo \"[${DOCKHAND_MOUNTS-(unset)}$(sed \"s/^/ /\" /opt/policy 2>/dev/null)]\"'");
+    EXPECT_THAT(said, EndsWith(std::string("\n[") + row.variable + "]\n")) << row.description;
+  }
+}
+
 TEST_F(LauncherTest, UsersMountsWithOddNamesNeitherKeepTheDaemonFromStartingNorTakeItsDirectories) {
   // A name that ends in a newline. Next to it, the same name without the newline links to a directory that
   // the daemon needs.
