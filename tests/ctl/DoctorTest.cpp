@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <set>
 
@@ -357,6 +358,107 @@ TEST_F(DoctorOnKernels, ReadsTheConfigurationInsideTheKernel) {
   write("/proc/config.gz", "compressed");
   results["gzip -d -c " + machine.root + "/proc/config.gz"] = {0, "CONFIG_A=y\nCONFIG_XFS_QUOTA=y\n"};
   EXPECT_THAT(fileSystem("xfs"), Is(State::ok, HasSubstr("prjquota")));
+}
+
+class DoctorOnMountPolicies : public DoctorOnKernels {
+ protected:
+  DoctorOnMountPolicies() { setFileSystems(all + "\texfat\n\text4\nnodev\ttmpfs\n"); }
+  void setPolicy(const std::string& text) const { write("/etc/dockhand/mounts", text); }
+};
+
+TEST_F(DoctorOnMountPolicies, SaysWhichPolicyTheDaemonFollows) {
+  EXPECT_THAT(checkMountPolicy(machine), Finds(State::ok, "there is no mount policy: sticks of other types"));
+  machine.mountPolicy = "";
+  EXPECT_THAT(checkMountPolicy(machine), Finds(State::ok, "there is no mount policy"));
+  setPolicy("* refuse -\n");
+  EXPECT_THAT(checkMountPolicy(machine), Finds(State::warning, "does not follow /etc/dockhand/mounts"));
+  machine.mountPolicy = "/etc/dockhand/mounts";
+  EXPECT_THAT(checkMountPolicy(machine), Finds(State::ok, "sticks of all other types are refused (line 1)"));
+  machine.mountPolicy.reset();
+  EXPECT_THAT(checkMountPolicy(machine), Finds(State::ok, "sticks of all other types are refused (line 1)"));
+  machine.mountPolicy = "/opt/mounts";
+  EXPECT_THAT(checkMountPolicy(machine), Finds(State::problem, "/opt/mounts: it is not a regular file"));
+  write("/opt/mounts", "* ext4 nosuid,nodev\n");
+  EXPECT_THAT(checkMountPolicy(machine),
+              Finds(State::ok, "sticks of all other types are mounted as ext4 (line 1)"));
+}
+
+TEST_F(DoctorOnMountPolicies, ChecksEachRowAndSaysWhatHappensToTheOtherTypes) {
+  setPolicy(
+      "exfat exfat nosuid,nodev\next3 ext4 nosuid\next4 ext4 nodev\nntfs ntfs3 nosuid,nodev\nvfat vfat ro\n"
+      "any tmpfs nosuid,nodev\nhfs refuse -\n");
+  EXPECT_THAT(
+      checkMountPolicy(machine),
+      ElementsAre(Is(State::ok, "exfat sticks are mounted as exfat (line 1)"),
+                  Is(State::warning, HasSubstr("ext3 sticks are mounted without nodev (line 2)")),
+                  Is(State::warning, HasSubstr("ext4 sticks are mounted without nosuid (line 3)")),
+                  Is(State::problem, "the kernel has no ntfs3: ntfs sticks cannot be opened (line 4)"),
+                  Is(State::warning, HasSubstr("vfat sticks are mounted without nosuid,nodev (line 5)")),
+                  Is(State::problem, "the kernel has no tmpfs: any sticks cannot be opened (line 6)"),
+                  Is(State::ok, "hfs sticks are refused (line 7)"),
+                  Is(State::ok, HasSubstr("/etc/dockhand/mounts has no row for sticks of other types"))));
+}
+
+TEST_F(DoctorOnMountPolicies, SaysWhyTheDaemonDoesNotStart) {
+  const std::string beginning = "the daemon does not start with the mount policy /etc/dockhand/mounts: ";
+  setPolicy("exfat exfat -\nvfat\n");
+  EXPECT_THAT(checkMountPolicy(machine),
+              Finds(State::problem, beginning + "line 2: a row has three columns"));
+  setPolicy("exfat exfat -\n");
+  const std::string file = machine.root + "/etc/dockhand/mounts";
+  for (const mode_t mode : {0664U, 0646U}) {
+    chmod(file.c_str(), mode);
+    EXPECT_THAT(checkMountPolicy(machine), Finds(State::problem, beginning + "it must be root's")) << mode;
+  }
+  chmod(file.c_str(), 0644);
+  machine.owner = getuid() + 1;
+  EXPECT_THAT(checkMountPolicy(machine), Finds(State::problem, beginning + "it must be root's"));
+  machine.owner = getuid();
+  filesystem::remove(file);
+  filesystem::create_symlink("nowhere", file);
+  EXPECT_THAT(checkMountPolicy(machine), Finds(State::problem, beginning + "it is not a regular file"));
+}
+
+TEST_F(DoctorOnMountPolicies, ChecksTheDaemonsOwnRowsOnlyIfThePolicyMountsAsTheyDo) {
+  struct Row {
+    const char* description;
+    const char* policy;
+    std::vector<std::string> checked;
+  };
+  const std::vector<Row> rows = {
+      {"no row", "exfat exfat -\n", {"vfat", "ntfs", "ext3", "hfs", "hfsplus", "xfs"}},
+      {"refused", "ntfs refuse -\n", {"vfat", "ext3", "hfs", "hfsplus", "xfs"}},
+      {"another driver", "ntfs ntfs3 nls=utf8\n", {"vfat", "ext3", "hfs", "hfsplus", "xfs"}},
+      {"other options", "xfs xfs quota\n* refuse -\n", {}},
+      {"its options", "xfs xfs ro,prjquota,quota\nvfat vfat utf8\n* refuse -\n", {"vfat", "xfs"}},
+      {"part of an option", "xfs xfs noprjquota\nvfat vfat utf88\n* refuse -\n", {}},
+      {"bad policy", "* refuse\n", {"vfat", "ntfs", "ext3", "hfs", "hfsplus", "xfs"}},
+  };
+  for (const Row& row : rows) {
+    setPolicy(row.policy);
+    std::vector<std::string> checked;
+    for (const Finding& finding : checkFileSystems(machine)) {
+      checked.push_back(finding.check);
+    }
+    EXPECT_EQ(checked, row.checked) << row.description;
+  }
+}
+
+TEST_F(DoctorOnMountPolicies, FindsNothingToSayAgainstTheExample) {
+  std::ifstream file(DOCKHAND_SOURCE_DIR "/integration/mounts/mounts.example");
+  std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  // The group need not exist here.
+  for (std::size_t at = 0; (at = text.find("gid=dockhand", at)) != std::string::npos;) {
+    text.replace(at, 12, "gid=root");
+  }
+  setPolicy(text);
+  setFileSystems(all + "\text4\n\texfat\n\tntfs3\n\tiso9660\n\tudf\n");
+  const Findings findings = checkMountPolicy(machine);
+  for (const Finding& finding : findings) {
+    EXPECT_EQ(finding.state, State::ok) << finding.message;
+  }
+  ASSERT_EQ(findings.size(), 11U);
+  EXPECT_THAT(findings.back().message, HasSubstr("sticks of all other types are refused"));
 }
 
 TEST_F(Doctor, LooksForTheUdevRules) {

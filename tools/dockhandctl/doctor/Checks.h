@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "Machine.h"
+#include "MountRules.h"
 
 /// Each check looks at one thing that the daemon needs, and changes nothing.
 namespace dockhandctl::doctor {
@@ -38,6 +39,11 @@ Findings checkFileSystems(const Machine& machine);
 Findings checkPartitionTables(const Machine& machine);
 Findings checkMountTable(const Machine& machine);
 Findings checkProtectedFiles(const Machine& machine);
+
+// The mount policy.
+Findings checkMountPolicy(const Machine& machine);
+/// Its rows; none if there is no policy, or the daemon would not start with it.
+Dockhand::MountRules rulesOfMountPolicy(const Machine& machine);
 
 // Files.
 Findings checkMedia(const Machine& machine);

@@ -31,8 +31,8 @@ Findings checkEverything(const Machine& machine) {
   Findings all;
   for (const auto check :
        {checkSocket, checkSocketMode, checkSocketDirectory, checkMedia, checkPath, checkTools, checkWrappers,
-        checkPartitioning, checkFormatting, checkFileSystems, checkPartitionTables, checkUdevRules,
-        checkNodes, checkMountTable, checkTmp, checkLogFile, checkProtectedFiles}) {
+        checkPartitioning, checkFormatting, checkFileSystems, checkMountPolicy, checkPartitionTables,
+        checkUdevRules, checkNodes, checkMountTable, checkTmp, checkLogFile, checkProtectedFiles}) {
     const Findings findings = check(machine);
     all.insert(all.end(), findings.begin(), findings.end());
   }

@@ -1,63 +1,16 @@
 #include <algorithm>
 #include <cstddef>
+#include <iterator>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "Checks.h"
+#include "Kernel.h"
+#include "MountTable.h"
 
 namespace dockhandctl::doctor {
 namespace {
-
-/// The kernel's configuration, if it can be read.
-class KernelConfiguration {
- public:
-  explicit KernelConfiguration(const Machine& machine) {
-    for (const std::string& file :
-         {"/boot/config-" + machine.kernelRelease, "/lib/modules/" + machine.kernelRelease + "/config"}) {
-      if ((text_ = machine.read(file))) {
-        return;
-      }
-    }
-    if (machine.read("/proc/config.gz")) {
-      const CommandResult result = machine.run({"gzip", "-d", "-c", machine.root + "/proc/config.gz"});
-      if (result.status == 0) {
-        text_ = result.output;
-      }
-    }
-  }
-
-  bool known() const { return text_.has_value(); }
-
-  /// True if an option is built in or a module; false also if the configuration is unknown.
-  bool has(const std::string& option) const {
-    return text_ && (("\n" + *text_).find("\nCONFIG_" + option + "=y\n") != std::string::npos ||
-                     ("\n" + *text_).find("\nCONFIG_" + option + "=m\n") != std::string::npos);
-  }
-
- private:
-  std::optional<std::string> text_;
-};
-
-bool isRegistered(const Machine& machine, const std::string& fileSystem) {
-  std::istringstream lines(machine.read("/proc/filesystems").value_or(""));
-  for (std::string line; std::getline(lines, line);) {
-    if (line == "\t" + fileSystem) {
-      return true;
-    }
-  }
-  return false;
-}
-
-/// Uses the modprobe that the kernel itself runs, whatever the PATH is.
-bool isLoadable(const Machine& machine, const std::string& module) {
-  return machine.run({"/sbin/modprobe", "-n", "-q", module}).status == 0;
-}
-
-bool kernelHas(const Machine& machine, const std::string& fileSystem) {
-  return isRegistered(machine, fileSystem) || isLoadable(machine, "fs-" + fileSystem);
-}
 
 Finding missing(const std::string& fileSystem, const std::string& option, const std::string& disks) {
   return {fileSystem, State::problem, "the kernel has no " + fileSystem + ": " + disks + " cannot be opened",
@@ -168,12 +121,25 @@ std::vector<MountLine> parseMountTable(const std::string& table) {
   return result;
 }
 
+/// True if a mount policy says nothing about the file system of a finding, or mounts it as the daemon itself
+/// does.
+bool isUnchanged(const Finding& finding, const Dockhand::MountRules& policy) {
+  const Dockhand::MountRule* const rule = findRule(policy, finding.check);
+  if (rule == nullptr) {
+    return true;
+  }
+  return std::any_of(std::begin(Dockhand::mountTable), std::end(Dockhand::mountTable), [&](const auto& row) {
+    return row.fileSystemType == finding.check && rule->mountAs == finding.check &&
+           ("," + rule->options + ",").find("," + std::string(row.options) + ",") != std::string::npos;
+  });
+}
+
 }  // namespace
 
 Findings checkFileSystems(const Machine& machine) {
   const KernelConfiguration configuration(machine);
   // clang-format off
-  return {
+  Findings findings = {
       checkVfat(machine, configuration),
       checkNtfs(machine, configuration),
       checkExt3(machine, configuration),
@@ -182,6 +148,10 @@ Findings checkFileSystems(const Machine& machine) {
       checkXfs(machine, configuration),
   };
   // clang-format on
+  const Dockhand::MountRules policy = rulesOfMountPolicy(machine);
+  const auto changed = [&policy](const Finding& finding) { return !isUnchanged(finding, policy); };
+  findings.erase(std::remove_if(findings.begin(), findings.end(), changed), findings.end());
+  return findings;
 }
 
 Findings checkPartitionTables(const Machine& machine) {

@@ -126,24 +126,28 @@ void findDaemon(Machine& machine) {
   }
 }
 
-std::optional<std::string> pathOf(const Machine& machine) {
+/// A variable of the daemon; no value if its environment cannot be read.
+std::optional<std::string> variableOf(const Machine& machine, const std::string& name,
+                                      const std::string& defaultValue) {
   const auto environment = machine.read("/proc/" + std::to_string(machine.daemon) + "/environ");
-  if (!environment || environment->empty()) {
+  if (machine.daemon == 0 || !environment || environment->empty()) {
     return std::nullopt;
   }
+  const std::string beginning = name + "=";
   std::istringstream variables(*environment);
   for (std::string variable; std::getline(variables, variable, '\0');) {
-    if (variable.rfind("PATH=", 0) == 0) {
-      return variable.substr(5);
+    if (variable.rfind(beginning, 0) == 0) {
+      return variable.substr(beginning.size());
     }
   }
-  // The default of the daemon's shell.
-  return "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+  return defaultValue;
 }
 
 void findPath(Machine& machine) {
   if (machine.daemon != 0) {
-    if (const auto path = pathOf(machine)) {
+    // The default of the daemon's shell.
+    const std::string defaultPath = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+    if (const auto path = variableOf(machine, "PATH", defaultPath)) {
       machine.path = splitPath(*path);
       return;
     }
@@ -195,6 +199,7 @@ Machine thisMachine() {
   machine.socket = ravel::rpc::localSocketPath(9020);
   findDaemon(machine);
   findPath(machine);
+  machine.mountPolicy = variableOf(machine, "DOCKHAND_MOUNTS", "");
   utsname names{};
   if (::uname(&names) == 0) {
     machine.kernelRelease = names.release;

@@ -33,6 +33,8 @@ struct Machine {
   /// Whether `path` is the daemon's own, and why not.
   bool pathIsDaemons = true;
   std::string reasonForOtherPath;
+  /// The daemon's DOCKHAND_MOUNTS: empty without it, no value if the daemon's environment cannot be read.
+  std::optional<std::string> mountPolicy;
   std::string kernelRelease;
 
   /// Looks a program up in `path` and runs it to its end, with an empty input.

@@ -67,6 +67,7 @@ FILES:${PN} += "\
     ${nonarch_libdir}/sysusers.d/dockhand.conf \
     ${nonarch_libdir}/tmpfiles.d/dockhand.conf \
     ${nonarch_base_libdir}/udev/rules.d/60-dockhand.rules \
+    ${datadir}/dockhand/mounts.example \
     ${systemd_system_unitdir}/dockhand-usb@.service \
     ${systemd_system_unitdir}/dockhand.service \
     ${systemd_system_unitdir}/dockhand.service.d \
