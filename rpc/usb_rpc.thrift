@@ -92,6 +92,9 @@ service usb_rpc_gen_ extends common_service_rpc_gen_ {
    * True if the device is mounted, and if the kernel's last error was "busy" or "invalid superblock". Some services
    * rely on the second; only a look at the mount table tells the two apart, IsDeviceOpen does not.
    *
+   * An image may have a mount policy (dockhand(8)). It says which types are mounted, as what and with which options,
+   * and which are refused. Then the reply is true only if the device is mounted, and false for a type that is refused.
+   *
    * False for an unknown or removed device, one under repair, one safely removed, a directory that cannot be created,
    * and a failed mount. If the mount or the directory failed, the path stays as the mount point: GetUsbMountPoint
    * returns it, and closing returns true, also for safe removal.
