@@ -2,9 +2,13 @@
 
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
+#include <cstdio>
 #include <cstring>
+#include <memory>
 
 #include "SystemTest.h"
 
@@ -28,8 +32,9 @@ bool isAcceptedError(int error) {
 class FileSystemsTest : public SystemTest {
  protected:
   /// Opens the stick, reads a file, and writes one if the stick is writable. `option` is in the mount table.
-  static void expectOpens(const Stick& stick, const std::string& type, const std::string& option) {
-    const Daemon daemon;
+  static void expectOpens(const Stick& stick, const std::string& type, const std::string& option,
+                          const Environment& environment = {}) {
+    const Daemon daemon(environment);
     UsbClient client;
     ASSERT_TRUE(client->OpenDevice(1));
     const std::vector<Mount> mounts = mountsAt("/media/disk_1");
@@ -131,6 +136,164 @@ TEST_F(FileSystemsTest, XfsMountsWithProjectQuota) {
     GTEST_SKIP() << "kernel has no xfs quota: it mounts this stick without quota, but not with prjquota";
   }
   expectOpens(stick, "xfs", "rw");
+}
+
+/// Sticks under a mount policy.
+class MountPolicyTest : public FileSystemsTest {
+ protected:
+  static Environment policy(const std::string& text) {
+    writeFile("/tmp/mounts", text);
+    return {{"DOCKHAND_MOUNTS", "/tmp/mounts"}};
+  }
+  /// Opening fails with this reason, and leaves nothing behind.
+  static void expectRefused(const Environment& environment, const std::string& reason) {
+    const Daemon daemon(environment);
+    UsbClient client;
+    EXPECT_FALSE(client->OpenDevice(1));
+    EXPECT_FALSE(client->IsDeviceOpen(1));
+    EXPECT_THAT(mountsAt("/media/disk_1"), IsEmpty());
+    EXPECT_THAT(namesIn("/media"), IsEmpty());
+    EXPECT_THAT(daemon.log(), HasSubstr(" 5 Dockhand.UsbClient Src/Dockhand/DockhandClient:781 " + reason));
+  }
+};
+
+struct PolicyRow {
+  using IsRow = void;
+  std::string name;
+  std::string policy;
+  std::vector<std::string> mkfs;
+  /// The type of its mount, and options of it.
+  std::string type;
+  std::vector<std::string> options;
+  bool readOnly = false;
+};
+
+class EachPolicyTest : public MountPolicyTest, public testing::WithParamInterface<PolicyRow> {};
+
+TEST_P(EachPolicyTest, Mounts) {
+  StickOptions options;
+  options.mkfs = GetParam().mkfs;
+  options.readOnly = GetParam().readOnly;
+  const Stick stick(options);
+  for (const std::string& option : GetParam().options) {
+    expectOpens(stick, GetParam().type, option, policy(GetParam().policy));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, EachPolicyTest,
+    testing::Values(
+        PolicyRow{
+            "Ext4", "ext4 ext4 nosuid,nodev\n", {"mkfs.ext4", "-q", "-F"}, "ext4", {"rw", "nosuid", "nodev"}},
+        PolicyRow{"Ext2AsExt4",
+                  "ext2 ext4 noatime,noexec\n",
+                  {"mkfs.ext2", "-q", "-F"},
+                  "ext4",
+                  {"rw", "noatime", "noexec"}},
+        PolicyRow{"Ext2AsRest",
+                  "ext3 refuse -\n* ext2 sync,dirsync\n",
+                  {"mkfs.ext2", "-q", "-F"},
+                  "ext2",
+                  {"rw", "sync", "dirsync"}},
+        PolicyRow{"Ext3ThatAsksForPanic",
+                  "ext3 ext4 errors=remount-ro\n",
+                  {"mkfs.ext3", "-q", "-F", "-e", "panic"},
+                  "ext4",
+                  {"rw", "errors=remount-ro"}},
+        PolicyRow{"WriteProtectedStickReadOnly",
+                  "ext3 ext3 nodev\n",
+                  StickOptions().mkfs,
+                  "ext3",
+                  {"ro", "nodev"},
+                  true},
+        PolicyRow{"ReadOnlyByItsRow", "ext3 ext3 ro\n", StickOptions().mkfs, "ext3", {"ro"}},
+        PolicyRow{"GroupThatTheFileSystemTakes",
+                  "ext4 ext4 resgid=0\n* ext4 -\n",
+                  StickOptions().mkfs,
+                  "ext4",
+                  {"rw"}},
+        PolicyRow{
+            "TypeWithoutARowByTheTable", "ext4 refuse -\n", StickOptions().mkfs, "ext3", {"rw", "nosuid"}}),
+    nameOf<PolicyRow>);
+
+TEST_F(MountPolicyTest, StickIsNotOpenWithNothingMounted) {
+  StickOptions options;
+  const std::string line = " by line 1 of the mount policy";
+  {
+    const Stick stick(options);
+    const std::string ext3 = stick.node() + " (ext3) is not mounted: ";
+    expectRefused(policy("ext3 refuse -\n"), ext3 + "refused" + line);
+    expectRefused(policy("* refuse -\n"), ext3 + "refused" + line);
+    expectRefused(policy("ext3 xfs -\n"), ext3 + "as xfs," + line + ": Invalid argument");
+    expectRefused(policy("ext3 nosuchfs -\n"), ext3 + "as nosuchfs," + line + ": No such device");
+    expectRefused(policy("ext3 ext3 no_such_option\n"), ext3 + "as ext3," + line + ": Invalid argument");
+  }
+  options.mkfs = {};
+  const Stick stick(options);
+  const std::string empty = stick.node() + " (unknown type) is not mounted: ";
+  expectRefused(policy("* refuse -\n"), empty + "refused" + line);
+  expectRefused(policy("ext3 ext3 -\n"), empty + "no row of the mount policy is for it; as xfs: ");
+}
+
+TEST_F(MountPolicyTest, StickThatIsMountedElsewhereInAnotherWayIsNotOpen) {
+  const Stick stick{StickOptions()};
+  mkdir("/tmp/elsewhere", 0755);
+  ASSERT_EQ(mount(stick.node().c_str(), "/tmp/elsewhere", "ext3", MS_RDONLY, ""), 0);
+  expectRefused(policy("ext3 ext3 -\n"), stick.node() + " (ext3) is not mounted: as ext3, by line 1 of the " +
+                                             "mount policy: Device or resource busy");
+  umount("/tmp/elsewhere");
+}
+
+TEST_F(MountPolicyTest, BusyStickThatStaysMountedAtItsDirectoryCountsAsOpen) {
+  const Stick stick{StickOptions()};
+  const Daemon daemon(policy("ext3 ext3 nodev\n"));
+  UsbClient client;
+  ASSERT_TRUE(client->OpenDevice(1));
+  const std::unique_ptr<FILE, int (*)(FILE*)> held(std::fopen("/media/disk_1/held", "we"), &std::fclose);
+  ASSERT_NE(held, nullptr);
+  EXPECT_TRUE(client->OpenDevice(1));
+  EXPECT_EQ(mountsAt("/media/disk_1").size(), 1U);
+  EXPECT_THAT(daemon.log(), Not(HasSubstr("DockhandClient:781 ")));
+}
+
+TEST_F(MountPolicyTest, ChangedStickIsMountedByTheRowOfItsNewType) {
+  const Stick stick{StickOptions()};
+  const Daemon daemon(policy("ext3 ext3 -\next4 ext4 nodev\n"));
+  UsbClient client;
+  ASSERT_TRUE(client->OpenDevice(1));
+  ASSERT_TRUE(client->CloseDevice(1));
+  run({"mkfs.ext4", "-q", "-F", stick.node()});
+  ASSERT_TRUE(client->OpenDevice(1));
+  ASSERT_EQ(mountsAt("/media/disk_1").size(), 1U);
+  EXPECT_EQ(mountsAt("/media/disk_1")[0].type, "ext4");
+}
+
+TEST_F(MountPolicyTest, DaemonDoesNotStartWithAPolicyThatItCannotFollow) {
+  struct BadPolicy {
+    const char* text;
+    mode_t mode;
+    uid_t owner;
+    const char* reason;
+  };
+  for (const BadPolicy& bad :
+       {BadPolicy{"ext4 ext4 -\nvfat\n", 0644, 0, "line 2: a row has three columns"},
+        BadPolicy{"ext4 ext4 -\n", 0664, 0, "only root may write to it"},
+        BadPolicy{"ext4 ext4 -\n", 0644, 1, "it must be root's"}, BadPolicy{"", 0644, 0, "no row"}}) {
+    const Environment environment = policy(bad.text);
+    ASSERT_EQ(chmod("/tmp/mounts", bad.mode), 0);
+    ASSERT_EQ(chown("/tmp/mounts", bad.owner, 0), 0);
+    const FailedStart end = startThatFails(environment);
+    EXPECT_EQ(end.status & 0x7f, SIGABRT) << bad.reason;
+    EXPECT_THAT(end.log, AllOf(HasSubstr("DockhandMain:17 mount policy \"/tmp/mounts\": "),
+                               HasSubstr("what():  mount policy \"/tmp/mounts\": "), HasSubstr(bad.reason)));
+    ASSERT_EQ(remove("/tmp/mounts"), 0);
+  }
+  const FailedStart noFile = startThatFails({{"DOCKHAND_MOUNTS", "/tmp/mounts"}});
+  EXPECT_THAT(noFile.log, HasSubstr("mount policy \"/tmp/mounts\": No such file or directory"));
+  mkfifo("/tmp/mounts", 0644);
+  const FailedStart fifo = startThatFails({{"DOCKHAND_MOUNTS", "/tmp/mounts"}});
+  EXPECT_THAT(fifo.log, HasSubstr("it is not a regular file"));
+  remove("/tmp/mounts");
 }
 
 }  // namespace
