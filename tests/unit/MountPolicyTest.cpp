@@ -411,6 +411,25 @@ TEST_F(MountPolicyTest, KeepsAnOpeningApartFromARepairThatMountsMeanwhile) {
   EXPECT_THAT(reports(), ElementsAre(HasSubstr(node + " (xfs) is not mounted: as xfs")));
 }
 
+TEST_F(MountPolicyTest, ChangesNoCallOfAnOperationThatMountsNothing) {
+  const auto eventsOf = [this](std::int16_t id) {
+    ravel::rpc::ReturnValueWithString text;
+    platform.files["/sys/block/sdb/removable"] = "1";
+    platform.files["/tmp/sdb_bcdUSB.txt"] = "2.00";
+    journal().clear();
+    handler->GetDeviceLabel(text, id);
+    handler->GetDeviceType(id);
+    handler->GetDeviceUsbVersion(text, id);
+    handler->GetDeviceCapacity(id);
+    handler->PrepareDeviceForPvr(id);
+    return journal().events();
+  };
+  const auto without = eventsOf(plugIn({"sdb"}, "vfat"));
+  EXPECT_THAT(without, Contains(HasSubstr("sleep")));
+  EXPECT_EQ(eventsOf(plugInUnder("* refuse -\n", "vfat")), without);
+  EXPECT_EQ(platform.liveProbes(), 0U);
+}
+
 TEST_F(MountPolicyTest, MountsByTheRulesAlsoWhereItSawNoDirectoryMade) {
   plugInUnder("one 1 -\ntwo 2 -\n", "one");
   platform.disks["/dev/usb_storage_sdc"].values["TYPE"] = "two";
