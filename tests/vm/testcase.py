@@ -59,7 +59,7 @@ def _boot(init, programs):
         return machine.Machine(init=init, programs=programs)
     except machine.MachineError as error:
         # Linux 7 patches its code during the boot, and QEMU may run the old instruction on its other processor. This
-        # was seen once in twelve boots of a machine with ten times as many processes as processors.
+        # was seen once in fourteen boots, on a host with ten times as much to do as it could.
         if "Oops: int3" not in str(error):
             raise
     return machine.Machine(init=init, programs=programs)
