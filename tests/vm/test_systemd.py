@@ -79,7 +79,8 @@ class Unit(daemon.DaemonTestCase):
         self.addCleanup(self.machine.check, "for n in 20 $(seq 20); do umount /mnt/filler-$n; done")
         self.machine.check(
             "for n in $(seq 20) 20; do mkdir -p /mnt/filler-$n && "
-            "mount -t tmpfs filler /mnt/filler-$n; done"
+            "mount -t tmpfs filler /mnt/filler-$n; done",
+            timeout=240,
         )
         self.assertGreater(len(self.machine.get("/proc/1/mounts")), 1024)
 
