@@ -54,7 +54,7 @@ std::string firstMib(const std::string& image) {
 
 /// Lets the node of the stick's partition name a partition that the kernel itself has made on the disk.
 void useKernelsPartition(const Stick& stick) {
-  run({"addpart", stick.diskNode(), "1", "2048", std::to_string(fs::file_size(stick.image()) / 512 - 2048)});
+  run({"partx", "--add", "--nr", "1", stick.diskNode()});
   const dev_t disk = numberOf(stick.diskNode());
   const std::string folder =
       "/sys/dev/block/" + std::to_string(major(disk)) + ":" + std::to_string(minor(disk));

@@ -203,6 +203,8 @@ TEST_F(MountPolicyTest, MountsATypeThatHasARowByThisRowOnly) {
   for (const Row& row : rows) {
     const auto id = plugInUnder(row.rules, row.type);
     setErrors(row.errors);
+    // An error of an earlier call.
+    platform.onCall = [](const std::string& /*event*/) { errno = EROFS; };
     EXPECT_EQ(handler->OpenDevice(id), row.opens) << row.rules << row.type;
     EXPECT_EQ(entry(id).deviceOpen, row.opens) << row.rules << row.type;
     EXPECT_EQ(mounts(), row.mounts) << row.rules << row.type;
@@ -294,6 +296,19 @@ TEST_F(MountPolicyTest, ReportsTheLastErrorIfOnlyAnEarlierRowFoundTheNodeMounted
   };
   EXPECT_FALSE(handler->OpenDevice(id));
   EXPECT_THAT(reports(), ElementsAre(HasSubstr("as xfs: Invalid argument")));
+
+  // The other way round the opening is done, and there is nothing to report when it is closed.
+  setErrors({EINVAL, EBUSY, EBUSY, EBUSY, EBUSY, EBUSY, EBUSY, EBUSY, EBUSY});
+  journal().clear();
+  EXPECT_TRUE(handler->OpenDevice(id));
+  EXPECT_TRUE(handler->CloseDevice(id));
+  EXPECT_THAT(reports(), IsEmpty());
+}
+
+TEST_F(MountPolicyTest, RefusesAsIfThereWereNoDevice) {
+  plugInUnder("* refuse -\n", "vfat");
+  EXPECT_EQ(policy->mount(node, directory, "vfat", 0, ""), -1);
+  EXPECT_EQ(errno, ENODEV);
 }
 
 TEST_F(MountPolicyTest, AsksForTheTypeInEachOpening) {
