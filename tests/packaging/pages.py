@@ -54,7 +54,7 @@ class PagesTest(unittest.TestCase):
 
     def test_2_debian_packages_are_built(self):
         self.run_inside(commands("PACKAGING.md", "Debian packages", "packaging/debian/build"))
-        found = {path.name.partition("_")[0] for path in (self.build / "debian/packages").iterdir()}
+        found = {path.name.partition("_")[0] for path in (self.build / "debian/packages").glob("*.deb")}
         self.assertEqual(found, set(NAMES))
 
     def test_3_image_gets_the_daemon_and_the_client(self):
