@@ -69,7 +69,7 @@ TEST(MountRulesTest, ReadsRows) {
       {"a refuse -\n", "1 a (refused) 0 \n"},
       {"* refuse -\n", "1 * (refused) 0 \n"},
       {"* ext4 ro\n", "1 * ext4 1 \n"},
-      {"hfs+ LVM2_member -\nx-1.2 z9 -\n", "1 hfs+ LVM2_member 0 \n2 x-1.2 z9 0 \n"},
+      {"hfs+ LVM2_member -\nx-1.2 AZaz09 -\n", "1 hfs+ LVM2_member 0 \n2 x-1.2 AZaz09 0 \n"},
       {"\t a \t\tb \t - \t\n", "1 a b 0 \n"},
       {"# a comment\n\n  \t\n #a b -\na b - # why, \x1b\xff\na b x#y\n", "5 a b 0 \n6 a b 0 x#y\n"},
   };
