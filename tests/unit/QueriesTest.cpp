@@ -556,11 +556,12 @@ TEST_F(Queries, NamesNoNodeOfAnUnknownDevice) {
   }
 }
 
-TEST_F(Queries, NamesANodeEvenWhileTheLockIsHeld) {
+TEST_F(Queries, NamesANodeUnderTheLockAndEvenWhileItIsHeld) {
   const auto id = plugIn({"sdb"});
   watchLock();
   EXPECT_EQ(handler->GetUsbMountDevice(id, false), "/dev/usb_storage_sdb");
   EXPECT_THAT(unlocked, ElementsAre("GetUsbMountDevice"));
+  EXPECT_TRUE(waitsForTheLock([&] { handler->GetUsbMountDevice(id, false); }));
   const Dockhand::HandlerLock lock(handler->handlerMutex);
   EXPECT_EQ(handler->GetUsbMountDevice(id, false), "/dev/usb_storage_sdb");
   EXPECT_TRUE(lockIsHeld());
