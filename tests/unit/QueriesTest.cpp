@@ -13,38 +13,28 @@ namespace {
 
 class Queries : public HandlerTest {
  protected:
-  /// A result that still has the values of an earlier call.
-  static ReturnValueWithString usedResult() {
+  using Query = void (Dockhand::DockhandClient::*)(ReturnValueWithString&, std::int16_t);
+  /// The reply in a result that still had the values of an earlier call.
+  ReturnValueWithString reply(Query query, std::int16_t id) {
     ReturnValueWithString result;
     result.success = true;
     result.text = "left over";
+    (*handler.*query)(result, id);
     return result;
   }
   FakePlatform::Disk& disk(const std::string& node) { return platform.disks["/dev/usb_storage_" + node]; }
-  ReturnValueWithString label(std::int16_t deviceId) {
-    ReturnValueWithString result = usedResult();
-    handler->GetDeviceLabel(result, deviceId);
-    return result;
+  ReturnValueWithString label(std::int16_t id) {
+    return reply(&Dockhand::DockhandClient::GetDeviceLabel, id);
   }
-  ReturnValueWithString uuid(std::int16_t deviceId) {
-    ReturnValueWithString result = usedResult();
-    handler->GetDeviceUuid(result, deviceId);
-    return result;
+  ReturnValueWithString uuid(std::int16_t id) { return reply(&Dockhand::DockhandClient::GetDeviceUuid, id); }
+  ReturnValueWithString usbVersion(std::int16_t id) {
+    return reply(&Dockhand::DockhandClient::GetDeviceUsbVersion, id);
   }
-  ReturnValueWithString usbVersion(std::int16_t deviceId) {
-    ReturnValueWithString result = usedResult();
-    handler->GetDeviceUsbVersion(result, deviceId);
-    return result;
+  ReturnValueWithString physicalDevice(std::int16_t id) {
+    return reply(&Dockhand::DockhandClient::GetUsbPhysicalDevice, id);
   }
-  ReturnValueWithString physicalDevice(std::int16_t deviceId) {
-    ReturnValueWithString result = usedResult();
-    handler->GetUsbPhysicalDevice(result, deviceId);
-    return result;
-  }
-  ReturnValueWithString mountPoint(std::int16_t deviceId) {
-    ReturnValueWithString result = usedResult();
-    handler->GetUsbMountPoint(result, deviceId);
-    return result;
+  ReturnValueWithString mountPoint(std::int16_t id) {
+    return reply(&Dockhand::DockhandClient::GetUsbMountPoint, id);
   }
 };
 
