@@ -161,7 +161,7 @@ void requireRootsFile(Platform& platform, int file) {
   }
 }
 
-/// Up to one byte more than a policy may have.
+/// The whole file, or its beginning if that is already more than a policy may have.
 std::string contentOf(Platform& platform, int file) {
   std::string text;
   std::array<char, 4096> block;
